@@ -1,0 +1,19 @@
+# What every target of the project is compiled and linked with: link to orv_options.
+add_library(orv_options INTERFACE)
+target_compile_features(orv_options INTERFACE cxx_std_17)
+target_compile_definitions(orv_options INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+target_compile_options(orv_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+  # Paths in the log are those of the source tree, whatever machine built the program.
+  -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
+  -ffunction-sections -fdata-sections)
+target_link_options(orv_options INTERFACE -Wl,--gc-sections -Wl,--as-needed)
+
+if(ORV_SANITIZE)
+  target_compile_options(orv_options INTERFACE
+    -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(orv_options INTERFACE -fsanitize=address,undefined)
+else()
+  target_compile_definitions(orv_options INTERFACE $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
+  target_compile_options(orv_options INTERFACE -fstack-protector-strong)
+endif()

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+/// One participant's end of the message exchange that links the agent's daemons: events, requests with
+/// answers, one-way messages. Results: 0 success, -1 failure, unless said otherwise. Nothing blocks but
+/// orvex_init_eventloop(). Not thread-safe; callbacks run only from inside orvex_read_fd().
+struct Orvex;
+
+/// What the exchange hands to every callback: an event, a request, a message or an answer. It and what it
+/// points to live until the callback returns. The layout is the exchange's own, fixed on 32-bit systems.
+struct Message {
+    std::uint32_t reserved0;
+    char type[128]; ///< NUL-terminated name of the event or request; an answer's result, "0" for success
+    char from[128]; ///< NUL-terminated name of the sender
+    std::uint32_t reserved1;
+    std::uint64_t request_id; ///< passed to orvex_send_response() to answer this message
+    std::uint64_t reserved2;
+    std::uint32_t datalen; ///< bytes of payload
+    const char* data;      ///< the payload, not NUL-terminated
+};
+
+static_assert(sizeof(void*) != 4 || (offsetof(Message, type) == 4 && offsetof(Message, from) == 132 &&
+                                     offsetof(Message, request_id) == 264 &&
+                                     offsetof(Message, datalen) == 280 && offsetof(Message, data) == 284),
+              "the record's layout is fixed on 32-bit systems");
+
+/// Names of participants, events and requests: at most this many bytes.
+constexpr std::size_t kOrvexMaxName = 127;
+/// Payloads: at most this many bytes.
+constexpr std::size_t kOrvexMaxPayload = 16 * 1024 * 1024;
+
+/// Connects as participant `name`; `event_callback` is called for every event, request and message that
+/// arrives. Null when the exchange cannot be reached or the name is taken. `flags` is 0; `auto_reconnect` is
+/// 1 for a participant that comes back by itself, name and subscriptions included, after the exchange was
+/// away.
+Orvex* orvex_init_eventloop(const char* name, void (*event_callback)(const Message*), int flags,
+                            int auto_reconnect);
+
+/// The one descriptor to watch for input, or -1.
+int orvex_get_fd(Orvex* orvex);
+
+/// Does what is to be done: reads, writes, times out, reconnects; calls the callbacks.
+int orvex_read_fd(Orvex* orvex);
+
+/// Replaces the events that this participant receives.
+int orvex_subscribe(Orvex* orvex, const char** names, int count);
+
+/// Sends a request to "participant:request", or with a bare request name to "orvagent". After 0,
+/// `response_callback(arg, answer)` is called exactly once, in the order of the answers: type "0" for
+/// success, type "2" with the error's text when there is no answer (not deliverable, receiver gone, timed
+/// out, exchange gone, orvex_uninit() excepted: it drops what is pending). After -1 it is never called.
+int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::size_t length,
+                       void (*response_callback)(void* arg, const Message* response), void* arg);
+
+/// Sends a one-way message; success says that it was handed over, not that anyone received it.
+int orvex_send_message(Orvex* orvex, const char* name, const char* data, std::size_t length);
+
+/// Answers the event or request whose identifier is `request_id`. `status` is 0.
+int orvex_send_response(Orvex* orvex, int status, std::uint64_t request_id, const char* data,
+                        std::size_t length);
+
+/// Leaves the exchange and frees the handle; what was sent before is written out as far as that does not
+/// block. Requests in flight are dropped: their callbacks are not called.
+void orvex_uninit(Orvex* orvex);

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstddef>
+
+namespace orv::log {
+
+/// Failures, warnings, normal operation, detail, traces.
+constexpr int kError = 0;
+constexpr int kWarning = 1;
+constexpr int kInfo = 2;
+constexpr int kDebug = 3;
+constexpr int kTrace = 4;
+
+constexpr int kDefaultChannel = 0;
+constexpr int kORVSetMgmtChannel = 1;
+
+/// What every line begins with. print() overwrites this area in place with the time stamp
+/// (local time, milliseconds), the process id and the level.
+constexpr char kPrefixArea[] = "yyyy-mm-dd HH:MM:SS.__m ____pid __lvl ";
+constexpr std::size_t kPrefixAreaSize = sizeof kPrefixArea - 1;
+
+namespace detail {
+/// The highest level that is written. Only the logging library changes it.
+extern int g_threshold;
+} // namespace detail
+
+/// Whether a line of this level would be written: ask before formatting one.
+inline bool can_log(int /*channel*/, int level)
+{
+    return level <= detail::g_threshold;
+}
+
+/// A finished line in the caller's memory: kPrefixArea, the message and a line feed.
+struct Text {
+    char* data;
+    std::size_t size;
+};
+
+/// Fills in the line's prefix area and writes it with one write: to standard error in the foreground,
+/// to syslog in the background. A line that cannot be written is lost; nothing is reported.
+void print(int channel, int level, Text line);
+
+/// Opens a channel. False when the channel does not exist or no more channels can be open at once
+/// (kMaxOpenChannels); opening an open channel succeeds.
+[[nodiscard]] bool open_channel(int channel);
+
+constexpr int kChannels = 8;
+constexpr int kMaxOpenChannels = 4;
+
+} // namespace orv::log

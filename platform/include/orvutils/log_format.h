@@ -1,0 +1,43 @@
+#pragma once
+
+#include <orvutils/log.h>
+
+#include <fmt/format.h>
+
+#include <string_view>
+#include <utility>
+
+namespace orv::log {
+
+/// Where a line was logged: file path in the source tree, line, function.
+struct Source {
+    const char* file;
+    int line;
+    const char* function;
+};
+
+/// Formats a line after the house's one template and prints it. Use ORV_LOG, which asks can_log() first.
+void vformat_and_print(int channel, int level, const Source& source, fmt::string_view format,
+                       fmt::format_args arguments);
+
+template <typename... Arguments>
+void format_and_print(int channel, int level, const Source& source, fmt::format_string<Arguments...> format,
+                      Arguments&&... arguments)
+{
+    vformat_and_print(channel, level, source, format, fmt::make_format_args(arguments...));
+}
+
+} // namespace orv::log
+
+/// Logs one line on a channel, when its level is wanted. The format is checked at compile time where the
+/// language allows it.
+// NOLINTNEXTLINE(cppcoreguidelines-macro-usage): __FILE__, __LINE__ and __func__ of the caller
+#define ORV_LOG_ON(channel, level, ...)                                                                      \
+    do {                                                                                                     \
+        if (::orv::log::can_log((channel), (level)))                                                         \
+            ::orv::log::format_and_print((channel), (level), {__FILE__, __LINE__, __func__}, __VA_ARGS__);   \
+    } while (false)
+
+/// The same on the default channel.
+// NOLINTNEXTLINE(cppcoreguidelines-macro-usage)
+#define ORV_LOG(level, ...) ORV_LOG_ON(::orv::log::kDefaultChannel, level, __VA_ARGS__)

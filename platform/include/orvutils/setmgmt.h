@@ -1,0 +1,83 @@
+#pragma once
+
+#include <orvutils/error.h>
+#include <orvutils/path.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+/// The settings store: a tree of keys named by paths ("/registration/device_id"), shared by all processes of
+/// the agent. Every node may have a value and children. Keys below /tmp do not survive a reboot; for all
+/// others, a returned setKey() is on disk. Keys are at most 511 bytes, values at most 1 MiB.
+///
+/// Failures are negative numbers: the negated error number (orv::Error), which orv::_get_orverrno() also
+/// gives. Not thread-safe.
+namespace orv::setMgmt {
+
+constexpr std::size_t kMaxKeySize = 511;
+constexpr std::size_t kMaxValueSize = 1024 * 1024;
+
+/// Opens the store, creating it when it is not there. 0, or below 0.
+[[nodiscard]] int init();
+/// Closes it. Key locks held and keys monitored stay as they are.
+void uninit();
+
+/// Reads a key's value; returns its length, 0 for an empty one. On failure `value` is untouched; a key that
+/// is not there is error 4, one that has only children error 5.
+[[nodiscard]] int getKey(const std::string& key, std::string& value);
+
+/// A key's value as a decimal integer; `fallback` when it cannot be read or is no such number.
+[[nodiscard]] int getKeyValue(const std::string& key, int fallback);
+/// A key's value; `fallback` when it cannot be read.
+[[nodiscard]] std::string getKeyValue(const std::string& key, const std::string& fallback);
+
+/// Writes a key. 0, or below 0: then nothing has changed.
+[[nodiscard]] int setKey(const std::string& key, const std::string& value);
+
+/// Removes a key with everything below it, all or nothing. 0, or below 0 (error 4 when there is nothing).
+[[nodiscard]] int deleteKey(const std::string& key);
+
+/// Fills in the names of a key's children, in lexical order. Returns their number (0 for a key that is not
+/// there), or below 0.
+int enumSubkeys(const std::string& key, std::vector<std::string>& names);
+
+/// Takes the lock named by a key (which need not exist) against other processes, waiting at most one second
+/// (then error 3). Within this process locks are counted. The lock falls with its holder.
+[[nodiscard]] int lockKey(const std::string& key);
+/// Gives one lockKey() back. Error 1 when this process does not hold the lock.
+[[nodiscard]] int unlockKey(const std::string& key);
+
+/// Watches one key. Its descriptor becomes readable after any process has committed a change to the key, a
+/// write of the same value included; several changes may arrive as one notice, none is missed.
+///
+/// All watches of a process share one descriptor (inotify); reading it through any of them serves all.
+class MonitoredKey {
+public:
+    /// Tells of a change of `key`; `user` is the constructor's. False cancels the watch.
+    using Callback = std::function<bool(const path& key, void* user)>;
+
+    /// With `notify_now` the first reading calls the callback even when nothing has changed. With `keep`, the
+    /// watch lives on after the store has been closed and opened again. Opens the log channel
+    /// kORVSetMgmtChannel, and logs when it cannot.
+    MonitoredKey(const char* key, Callback callback, bool notify_now, void* user, bool keep);
+    MonitoredKey(const MonitoredKey&) = delete;
+    MonitoredKey& operator=(const MonitoredKey&) = delete;
+    ~MonitoredKey();
+
+    /// The descriptor to watch for input, or below 0 when the watch could not be set up or was cancelled.
+    [[nodiscard]] int get_fd() const;
+
+    /// Consumes what is pending and calls the callback of every key that has changed. Never blocks.
+    void read_notifications();
+
+    /// Ends the watch; the callback is not called any more.
+    void cancel();
+
+private:
+    class Watch;
+    std::unique_ptr<Watch> m_watch;
+};
+
+} // namespace orv::setMgmt
