@@ -1,0 +1,436 @@
+// Client connections: framing, the command table, subscriptions and the fan-out of events.
+//
+// A request is one line of JSON, an answer or event is a 4-byte length and JSON. At most one request is taken
+// per readable event, and at most 16 KiB are written per writable one, so that no client can keep the loop
+// for itself. A connection that ends by itself is torn down here (teardown()); whatever else ends it goes
+// through forget_connection(), so that no table ever names a connection that is gone.
+
+#include "evhandler.h"
+
+#include "commandsproc.h"
+#include "orvbrokerd.h"
+#include "orvex.h"
+
+#include <orvkarma/orvkarma.h>
+#include <orvutils/io.h>
+#include <orvutils/log_format.h>
+
+#include <sys/epoll.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+namespace orv::brokerd {
+
+// ---- connections
+// -------------------------------------------------------------------------------------------
+
+Connection::Connection(int socket)
+    : fd(socket), rx(ConnectionBufferType::receive, fmt::format_int(socket).str()),
+      tx(ConnectionBufferType::send, fmt::format_int(socket).str())
+{
+}
+
+void Connection::put(const void* data, unsigned len)
+{
+    const char* rest = static_cast<const char*>(data);
+    while (len > 0) {
+        const unsigned taken = tx.put(rest, len);
+        if (taken == 0)
+            return;
+        rest += taken;
+        len -= taken;
+    }
+}
+
+void put_frame(Connection* conn, const char* text, std::uint32_t len)
+{
+    conn->put(&len, sizeof len);
+    conn->put(text, len);
+}
+
+void watch_for_output(const Connection* conn, int epfd)
+{
+    if (epfd != -1)
+        io::epoll_set_fd(epfd, conn->fd, EPOLLIN | EPOLLOUT);
+}
+
+void queue_frame(Connection* conn, const char* text, std::uint32_t len, int epfd)
+{
+    put_frame(conn, text, len);
+    watch_for_output(conn, epfd);
+}
+
+namespace {
+
+void unsubscribe(const Connection* conn);
+
+int teardown(const Connection* conn)
+{
+    if (conn->mode == kSubscriberMode)
+        unsubscribe(conn);
+    return -1;
+}
+
+/// False when the connection is to be torn down.
+bool read_input(Connection* conn, const int& epfd)
+{
+    if (conn->rx.recv(conn->fd, 0) < 1)
+        return false;
+    if (conn->mode == kSubscriberMode) {
+        conn->rx.reset(); // a subscriber's input is never interpreted
+        return true;
+    }
+    // One request only, however many are there: the next one waits for the next readable event.
+    const std::unique_ptr<char[]> line(conn->rx.get('\n'));
+    return !line || handle_command(conn, line.get(), epfd) == 0;
+}
+
+/// False when the connection is to be torn down.
+bool write_output(Connection* conn, const int& epfd)
+{
+    const int pending = conn->tx.send(conn->fd, kMaxSendPerEvent);
+    if (pending == -1)
+        return false;
+    if (pending > 0)
+        return true;
+    if (conn->close_after_send)
+        return false;
+    io::epoll_set_fd(epfd, conn->fd, EPOLLIN);
+    return true;
+}
+
+} // namespace
+
+int process_client_events(Connection* conn, unsigned events, const int& epfd)
+{
+    ORV_LOG(log::kTrace, "received event on client socket {:d}", conn->fd);
+    if ((events & EPOLLIN) != 0 && !read_input(conn, epfd))
+        return teardown(conn);
+    if ((events & EPOLLOUT) != 0 && !write_output(conn, epfd))
+        return teardown(conn);
+    return 0;
+}
+
+// ---- commands
+// ----------------------------------------------------------------------------------------------
+
+namespace {
+
+struct Request {
+    Connection* conn;
+    int epfd;
+    json_t* data;      ///< the request's argument, null without one
+    json_t*& response; ///< what becomes the answer's data
+};
+
+/// What a command needs as "data"; a request that has not got it fails before the handler runs.
+enum class Argument {
+    none,
+    optional,
+    required,
+    string,
+};
+
+/// How a handler's result becomes the answer's status.
+enum class Status {
+    as_returned,
+    zero_or_minus_one, ///< -1 stays, everything else is 0
+};
+
+struct Command {
+    std::string_view name;
+    Argument argument;
+    Status status;
+    Result (*process)(Request& request);
+};
+
+// Handlers have the parameters that they need; these call each shape.
+Result call(int (*handler)(), Request& /*request*/)
+{
+    return handler();
+}
+Result call(int (*handler)(json_t*&), Request& request)
+{
+    return handler(request.response);
+}
+Result call(int (*handler)(json_t*), Request& request)
+{
+    return handler(request.data);
+}
+Result call(int (*handler)(Connection*, int), Request& request)
+{
+    return handler(request.conn, request.epfd);
+}
+
+template <auto handler>
+Result process(Request& request)
+{
+    return call(handler, request);
+}
+
+constexpr std::array kCommands{
+    // clang-format off
+    Command{"start_cloud_registration", Argument::required, Status::as_returned, process<process_start_cloud_registration>},
+    Command{"enable_services",          Argument::none,     Status::as_returned, process<process_enable_services>},
+    Command{"disable_services",         Argument::none,     Status::as_returned, process<process_disable_services>},
+    Command{"get_services_status",      Argument::none,     Status::as_returned, process<process_get_services_status>},
+    Command{"va_start",                 Argument::none,     Status::as_returned, process<process_va_start>},
+    Command{"va_stop",                  Argument::none,     Status::as_returned, process<process_va_stop>},
+    Command{"va_status",                Argument::none,     Status::as_returned, process<process_va_status>},
+    Command{"va_self_scan_start",       Argument::none,     Status::as_returned, process<process_va_self_scan_start>},
+    Command{"pro_features_enable",      Argument::none,     Status::as_returned, process<process_pro_features_enable>},
+    Command{"pro_features_disable",     Argument::none,     Status::as_returned, process<process_pro_features_disable>},
+    Command{"set_va_cloud_trigger",     Argument::required, Status::as_returned, process<process_set_va_cloud_trigger>},
+    // clang-format on
+};
+
+constexpr bool names_are_unique()
+{
+    for (std::size_t i = 0; i < kCommands.size(); ++i)
+        for (std::size_t k = i + 1; k < kCommands.size(); ++k)
+            if (kCommands[i].name == kCommands[k].name)
+                return false;
+    return true;
+}
+static_assert(names_are_unique());
+
+bool has_argument(const Command& command, const json_t* data)
+{
+    switch (command.argument) {
+    case Argument::none:
+    case Argument::optional:
+        return true;
+    case Argument::required:
+        return data != nullptr;
+    case Argument::string:
+        return json_is_string(data);
+    }
+    return false;
+}
+
+Result run(const Command& command, Request& request)
+{
+    if (!has_argument(command, request.data))
+        return kFailed;
+    const Result result = command.process(request);
+    if (command.status == Status::zero_or_minus_one)
+        return result == kFailed ? kFailed : kDone;
+    return result;
+}
+
+Result process_command(const char* name, Request& request)
+{
+    ORV_LOG(log::kInfo, "process {:s} command", name);
+    const std::string_view wanted(name);
+    for (const Command& command : kCommands)
+        if (command.name == wanted)
+            return run(command, request);
+    return kDone; // unknown commands are not rejected, on purpose
+}
+
+void process_subscription(Connection* conn, const char* name)
+{
+    ORV_LOG(log::kInfo, "process {:s} subscription", name);
+    conn->subscription = name;
+    g_client_subscriptions[conn->subscription].push_back(conn);
+
+    const auto found = g_exchange_events.find(conn->subscription);
+    if (found == g_exchange_events.end())
+        return;
+    for (const auto& [event, callback] : found->second)
+        orvex_add_sub(event, conn, callback);
+    orvex_subscribe();
+}
+
+Result process_request(std::string_view type, const json_t* root, Request& request)
+{
+    const char* name = json_string_value(json_object_get(root, "name"));
+    if (!name)
+        return kFailed;
+    if (type == "command")
+        return process_command(name, request);
+    if (type == "subscribe") {
+        process_subscription(request.conn, name);
+        return kDone;
+    }
+    return kFailed;
+}
+
+} // namespace
+
+int handle_command(Connection* conn, const char* text, const int& epfd)
+{
+    const JsonPtr root(json_loads(text, 0, nullptr));
+    if (!root) {
+        ORV_LOG(log::kError, "failed to load json: {:s}", text);
+        return -1;
+    }
+    const json_t* type_value = json_object_get(root.get(), "type");
+    if (!type_value) {
+        ORV_LOG(log::kError, "no 'type' field in json: {:s}", text);
+        return -1;
+    }
+    const char* type = json_string_value(type_value);
+    if (!type) {
+        ORV_LOG(log::kError, "'type' is not a valid string in json: {:s}", text);
+        return -1;
+    }
+
+    json_t* response = json_null();
+    Request request{conn, epfd, json_object_get(root.get(), "data"), response};
+    const Result status = process_request(type, root.get(), request);
+    ORV_LOG(log::kInfo, "last operation status is {:d}", status);
+    if (status == kPending) {
+        json_decref(response);
+        return 0;
+    }
+
+    const TextPtr answer(build_response(status, response));
+    if (answer) {
+        queue_frame(conn, answer.get(), static_cast<std::uint32_t>(std::strlen(answer.get())), epfd);
+        if (status != kDone)
+            conn->close_after_send = true;
+    }
+    if (std::strcmp(type, "subscribe") == 0)
+        conn->mode = kSubscriberMode;
+    return 0;
+}
+
+char* build_response(int status, json_t* data)
+{
+    const JsonPtr envelope(json_pack("{s:o,s:i}", "data", data, "status", status));
+    return envelope ? json_dumps(envelope.get(), 0) : nullptr;
+}
+
+json_t* build_error_response(int code, const char* description)
+{
+    return json_pack("{s:i,s:s}", "code", code, "description", description);
+}
+
+// ---- subscriptions
+// -----------------------------------------------------------------------------------------
+
+std::unordered_map<std::string, std::vector<Connection*>> g_client_subscriptions;
+
+namespace {
+
+void unsubscribe(const Connection* conn)
+{
+    ORV_LOG(log::kInfo, "unsubscribe from {:s}", conn->subscription);
+    g_client_subscriptions.erase(conn->subscription); // all subscribers of this event, on purpose
+
+    const auto found = g_exchange_events.find(conn->subscription);
+    if (found == g_exchange_events.end())
+        return;
+    for (const auto& binding : found->second)
+        orvex_del_sub(binding.first, conn);
+    orvex_subscribe();
+}
+
+bool is_bound(const std::string& exchange_event, const Connection* conn)
+{
+    const auto found = g_exchange_subscriptions.find(exchange_event);
+    if (found == g_exchange_subscriptions.end())
+        return false;
+    for (const auto& [callback, connections] : found->second)
+        if (std::find(connections.begin(), connections.end(), conn) != connections.end())
+            return true;
+    return false;
+}
+
+void forget_subscription(const Connection* conn)
+{
+    const auto found = g_client_subscriptions.find(conn->subscription);
+    if (found == g_client_subscriptions.end())
+        return;
+    auto& connections = found->second;
+    connections.erase(std::remove(connections.begin(), connections.end(), conn), connections.end());
+    if (connections.empty())
+        g_client_subscriptions.erase(found);
+}
+
+void forget_bindings(const Connection* conn)
+{
+    const auto found = g_exchange_events.find(conn->subscription);
+    if (found == g_exchange_events.end())
+        return;
+    bool changed = false;
+    for (const auto& binding : found->second) {
+        if (!is_bound(binding.first, conn))
+            continue;
+        orvex_del_sub(binding.first, conn);
+        changed = true;
+    }
+    if (changed && orvex)
+        orvex_subscribe();
+}
+
+} // namespace
+
+void forget_connection(const Connection* conn)
+{
+    orvex_forget_waiting(conn);
+    if (conn->mode != kSubscriberMode)
+        return;
+    forget_subscription(conn);
+    forget_bindings(conn);
+}
+
+std::vector<Connection*> find_connections(const char* event)
+{
+    const auto found = g_client_subscriptions.find(event);
+    return found == g_client_subscriptions.end() ? std::vector<Connection*>() : found->second;
+}
+
+int send_json(const std::vector<Connection*>& connections, json_t* event)
+{
+    if (connections.empty())
+        return 0;
+    const TextPtr text(json_dumps(event, 0));
+    if (!text)
+        return -1;
+
+    const auto len = static_cast<std::uint32_t>(std::strlen(text.get()));
+    for (Connection* conn : connections)
+        queue_frame(conn, text.get(), len, epollfd);
+    ORV_LOG(log::kInfo, "send json: {:s}", text.get());
+    return 0;
+}
+
+// ---- the agent's status
+// ------------------------------------------------------------------------------------
+
+namespace {
+
+const char* agent_status_text(AgentStatus status)
+{
+    switch (status) {
+    case AgentStatus::deployed:
+        return "deployed";
+    case AgentStatus::registered:
+        return "registered";
+    case AgentStatus::activated:
+        return "activated";
+    case AgentStatus::deactivated:
+        return "deactivated";
+    }
+    return "(unknown)";
+}
+
+} // namespace
+
+void report_agent_status(AgentStatus status, TextPtr /*extra*/)
+{
+    const JsonPtr state(json_pack("{s:s}", "agent_state", agent_status_text(status)));
+    if (!state)
+        return;
+    const JsonPtr event(karma::build_karma_event_json("tuvo_agent_status", state.get()));
+    if (event)
+        karma::submit_karma_event(event.get(), orvex);
+}
+
+} // namespace orv::brokerd

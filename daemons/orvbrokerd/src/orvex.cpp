@@ -1,0 +1,205 @@
+// The daemon's side of the message exchange: who receives which event, and which client waits for which
+// answer.
+//
+// An answer can come long after its client has gone, and by then another client may have the same descriptor
+// or stand at the same address in memory. So every request in flight is in one list, and a connection that
+// ends is taken out of it: the answer's callback still runs for its effects, but nobody is answered.
+
+#include "orvex.h"
+
+#include "orvbrokerd.h"
+#include "orvexproc.h"
+
+#include <orvutils/log_format.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+
+namespace orv::brokerd {
+namespace {
+
+/// One request in flight. The library holds it between sending and answer; the trampoline frees it.
+struct AsyncContext {
+    ResponseCallback callback;
+    void* arg;
+    Connection* connection; ///< who waits for the answer; null when gone
+    int epoll_fd;
+
+    AsyncContext* next = nullptr; ///< links of the list of requests in flight
+    AsyncContext** link = nullptr;
+};
+
+AsyncContext* g_in_flight = nullptr;
+
+void add_in_flight(AsyncContext* context)
+{
+    context->next = g_in_flight;
+    context->link = &g_in_flight;
+    if (g_in_flight)
+        g_in_flight->link = &context->next;
+    g_in_flight = context;
+}
+
+void remove_in_flight(AsyncContext* context)
+{
+    *context->link = context->next;
+    if (context->next)
+        context->next->link = context->link;
+}
+
+void answer_connection(Connection* conn, const char* text, int epoll_fd)
+{
+    if (!text) {
+        conn->close_requested = true;
+        return;
+    }
+    queue_frame(conn, text, static_cast<std::uint32_t>(std::strlen(text)), epoll_fd);
+    conn->close_after_send = true;
+}
+
+/// The library calls this with every answer to a request that a client waits for.
+void orvex_response_trampoline(void* arg, const Message* response)
+{
+    const std::unique_ptr<AsyncContext> context(static_cast<AsyncContext*>(arg));
+    remove_in_flight(context.get());
+
+    json_t* out = json_null();
+    const Result result = context->callback(response, out, context->arg);
+    const TextPtr text(build_response(result, out));
+    if (context->connection)
+        answer_connection(context->connection, text.get(), context->epoll_fd);
+}
+
+} // namespace
+
+const std::unordered_map<std::string, LibraryCallback> g_request_callbacks{
+    {"start_cloud_registration", orvex_cloud_registration_status_cb},
+};
+
+std::unordered_map<std::string, std::unordered_map<EventCallback, std::vector<Connection*>>>
+    g_exchange_subscriptions;
+
+// ---- subscriptions
+// -----------------------------------------------------------------------------------------
+
+int orvex_subscribe()
+{
+    const std::size_t count = g_exchange_subscriptions.size() + 1;
+    const std::unique_ptr<const char*, PtrDeleter<const char*>> names(
+        static_cast<const char**>(std::malloc(count * sizeof(const char*))));
+    if (!names)
+        return -1;
+
+    const char** name = names.get();
+    for (const auto& subscription : g_exchange_subscriptions)
+        *name++ = subscription.first.c_str();
+    *name = "registration_status_changed"; // of interest whether or not a client listens
+
+    if (::orvex_subscribe(orvex, names.get(), static_cast<int>(count)) == -1)
+        ORV_LOG(log::kError, "orvex_subscribe() failed; auto-retrying...");
+    return 0;
+}
+
+void orvex_add_sub(const std::string& event, Connection* conn, EventCallback callback)
+{
+    g_exchange_subscriptions[event][callback].push_back(conn);
+}
+
+void orvex_del_sub(const std::string& event, const Connection* conn)
+{
+    auto& callbacks = g_exchange_subscriptions[event];
+    for (auto it = callbacks.begin(); it != callbacks.end();) {
+        auto& connections = it->second;
+        connections.erase(std::remove(connections.begin(), connections.end(), conn), connections.end());
+        it = connections.empty() ? callbacks.erase(it) : std::next(it);
+    }
+    if (callbacks.empty())
+        g_exchange_subscriptions.erase(event);
+}
+
+int orvex_process_event(const Message* msg, int epoll_fd)
+{
+    const auto found = g_exchange_subscriptions.find(msg->type);
+    if (found == g_exchange_subscriptions.end())
+        return -1;
+
+    ORV_LOG(log::kDebug, "{:s} event received", found->first);
+    for (const auto& [callback, connections] : found->second) {
+        if (callback(connections, msg) != 0)
+            continue;
+        for (const Connection* conn : connections)
+            watch_for_output(conn, epoll_fd);
+    }
+    return 0;
+}
+
+// ---- requests and messages
+// ---------------------------------------------------------------------------------
+
+int orvex_send_req(const std::string& name, const char* payload, ResponseCallback callback, void* arg,
+                   Connection* conn, int epoll_fd)
+{
+    std::unique_ptr<AsyncContext> context(new (std::nothrow) AsyncContext{callback, arg, conn, epoll_fd});
+    if (!context) {
+        conn->close_requested = true;
+        return 0;
+    }
+    if (orvex_send_request(orvex, name.c_str(), payload, std::strlen(payload), orvex_response_trampoline,
+                           context.get()) != 0) {
+        ORV_LOG(log::kError, "failed to send {:s} request: {:s}", name, payload);
+        return 0;
+    }
+    add_in_flight(context.release());
+    ORV_LOG(log::kInfo, "successfully sent {:s} request: {:s}", name, payload);
+    return 1;
+}
+
+void orvex_send_req(const std::string& name, const char* payload, const int& epoll_fd)
+{
+    const auto found = g_request_callbacks.find(name);
+    if (found == g_request_callbacks.end() || !found->second) {
+        ORV_LOG(log::kError, "failed to find orvex response callback for {:s} request", name);
+        return;
+    }
+    // The library hands the argument back as it is; the callback only reads the descriptor through it.
+    void* arg = const_cast<int*>(&epoll_fd); // NOLINT(cppcoreguidelines-pro-type-const-cast)
+    if (orvex_send_request(orvex, name.c_str(), payload, std::strlen(payload), found->second, arg) != 0) {
+        ORV_LOG(log::kError, "failed to send {:s} request: {:s}", name, payload);
+        return;
+    }
+    ORV_LOG(log::kInfo, "successfully sent {:s} request: {:s}", name, payload);
+}
+
+int orvex_send_msg(const std::string& name, const char* payload)
+{
+    const int result = orvex_send_message(orvex, name.c_str(), payload, std::strlen(payload));
+    if (result != 0)
+        ORV_LOG(log::kError, "failed to send {:s} message: {:s}", name, payload);
+    else
+        ORV_LOG(log::kInfo, "successfully sent {:s} message: {:s}", name, payload);
+    return result;
+}
+
+int orvex_cloud_message(Orvex* handle, const std::string& name, json_t* json)
+{
+    const TextPtr text(json_dumps(json, 0));
+    if (!text)
+        return 0;
+    if (orvex_send_message(handle, name.c_str(), text.get(), std::strlen(text.get())) != 0) {
+        ORV_LOG(log::kWarning, "Failed to send message to {:s}", name);
+        return 0;
+    }
+    return 1;
+}
+
+void orvex_forget_waiting(const Connection* conn)
+{
+    for (AsyncContext* context = g_in_flight; context; context = context->next)
+        if (context->connection == conn)
+            context->connection = nullptr;
+}
+
+} // namespace orv::brokerd

@@ -1,0 +1,12 @@
+#pragma once
+
+namespace orv::brokerd {
+
+/// Opens the socket that local clients connect to, in the abstract Unix-domain namespace, and listens on it.
+/// Returns its descriptor, or -1 after logging why; then nothing is left open.
+[[nodiscard]] int create_server_socket();
+
+/// Closes it. Returns 0, or -1 when close() failed.
+int close_server_socket(int fd);
+
+} // namespace orv::brokerd
