@@ -1,0 +1,561 @@
+#include "uwire.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <endian.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace uwire {
+
+uint64_t now_ns()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return uint64_t(ts.tv_sec) * 1000000000u + uint64_t(ts.tv_nsec);
+}
+
+void die(const char* fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    vfprintf(stderr, fmt, ap);
+    va_end(ap);
+    fputc('\n', stderr);
+    exit(1);
+}
+
+// ---- sockets ---------------------------------------------------------------
+
+namespace {
+
+struct Address {
+    sockaddr_storage storage{};
+    socklen_t size = 0;
+    int family = AF_UNIX;
+};
+
+Address parse_address(const std::string& text)
+{
+    Address a;
+    if (text.compare(0, 4, "tcp:") == 0) {
+        auto* in = reinterpret_cast<sockaddr_in*>(&a.storage);
+        in->sin_family = AF_INET;
+        in->sin_port = htons(uint16_t(atoi(text.c_str() + 4)));
+        in->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        a.size = sizeof *in;
+        a.family = AF_INET;
+        return a;
+    }
+    auto* un = reinterpret_cast<sockaddr_un*>(&a.storage);
+    un->sun_family = AF_UNIX;
+    if (text.empty() || text.size() >= sizeof un->sun_path)
+        die("bad address: %s", text.c_str());
+    memcpy(un->sun_path, text.data(), text.size());
+    a.size = socklen_t(offsetof(sockaddr_un, sun_path) + text.size());
+    if (text[0] == '@')
+        un->sun_path[0] = '\0';
+    else
+        a.size += 1;
+    return a;
+}
+
+} // namespace
+
+int connect_to(const std::string& address)
+{
+    Address a = parse_address(address);
+    int fd = socket(a.family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    if (connect(fd, reinterpret_cast<sockaddr*>(&a.storage), a.size) < 0) {
+        int saved = errno;
+        close(fd);
+        errno = saved;
+        return -1;
+    }
+    if (a.family == AF_INET) {
+        int one = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    }
+    return fd;
+}
+
+int must_connect(const std::string& address)
+{
+    int fd = connect_to(address);
+    if (fd < 0)
+        die("connect %s: %s", address.c_str(), strerror(errno));
+    return fd;
+}
+
+int listen_on(const std::string& address, int backlog)
+{
+    Address a = parse_address(address);
+    int fd = socket(a.family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (address[0] == '/')
+        unlink(address.c_str());
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&a.storage), a.size) < 0 || listen(fd, backlog) < 0)
+        die("listen %s: %s", address.c_str(), strerror(errno));
+    return fd;
+}
+
+void write_all(int fd, const char* data, size_t size)
+{
+    while (size > 0) {
+        ssize_t n = write(fd, data, size);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            die("write: %s", strerror(errno));
+        }
+        data += n;
+        size -= size_t(n);
+    }
+}
+
+void raise_fd_limit()
+{
+    rlimit r;
+    if (getrlimit(RLIMIT_NOFILE, &r) == 0) {
+        r.rlim_cur = r.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &r);
+    }
+}
+
+size_t read_frame(int fd, Framing& framing, std::vector<char>& buffer)
+{
+    if (buffer.size() < 4096)
+        buffer.resize(4096);
+    size_t have = 0;
+    for (;;) {
+        if (have == buffer.size())
+            buffer.resize(buffer.size() * 2);
+        ssize_t n = read(fd, buffer.data() + have, buffer.size() - have);
+        if (n == 0)
+            die("the peer closed the connection");
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            die("read: %s", strerror(errno));
+        }
+        have += size_t(n);
+        size_t size = framing.frame(buffer.data(), have);
+        if (size != 0 && size <= have)
+            return size;
+    }
+}
+
+// ---- framings --------------------------------------------------------------
+
+namespace {
+
+class Len32 : public Framing {
+public:
+    enum class Order { detect, little, big };
+    explicit Len32(Order order) : order_(order) {}
+    std::string encode(const std::string& text) override { return text + '\n'; }
+    size_t frame(const char* data, size_t size) override
+    {
+        if (size < 4)
+            return 0;
+        uint32_t raw;
+        memcpy(&raw, data, 4);
+        uint32_t little = le32toh(raw), big = be32toh(raw);
+        if (order_ == Order::detect)
+            order_ = little <= big ? Order::little : Order::big;
+        size_t total = 4 + size_t(order_ == Order::little ? little : big);
+        return size >= total ? total : 0;
+    }
+
+private:
+    Order order_;
+};
+
+class Echo : public Framing {
+public:
+    explicit Echo(size_t size) : size_(size) {}
+    std::string encode(const std::string& text) override { return text; }
+    size_t frame(const char*, size_t size) override { return size >= size_ ? size_ : 0; }
+
+private:
+    size_t size_;
+};
+
+class Delimited : public Framing {
+public:
+    explicit Delimited(char end) : end_(end) {}
+    std::string encode(const std::string& text) override { return text + end_; }
+    size_t frame(const char* data, size_t size) override
+    {
+        auto* p = static_cast<const char*>(memchr(data, end_, size));
+        return p ? size_t(p - data) + 1 : 0;
+    }
+
+private:
+    char end_;
+};
+
+// The first words of text, and the rest as the last element.
+std::vector<std::string> words(const std::string& text, size_t most)
+{
+    std::vector<std::string> out;
+    size_t at = 0;
+    while (at < text.size() && out.size() + 1 < most) {
+        size_t end = text.find(' ', at);
+        if (end == std::string::npos)
+            break;
+        out.push_back(text.substr(at, end - at));
+        at = end + 1;
+    }
+    out.push_back(text.substr(at));
+    return out;
+}
+
+class Resp : public Framing {
+public:
+    std::string encode(const std::string& text) override
+    {
+        auto parts = words(text, 3);
+        std::string out = "*" + std::to_string(parts.size()) + "\r\n";
+        for (auto& p : parts)
+            out += "$" + std::to_string(p.size()) + "\r\n" + p + "\r\n";
+        return out;
+    }
+    size_t frame(const char* data, size_t size) override
+    {
+        auto* p = static_cast<const char*>(memchr(data, '\n', size));
+        if (!p)
+            return 0;
+        size_t head = size_t(p - data) + 1;
+        if (data[0] == '$') {
+            long n = atol(data + 1);
+            size_t total = n < 0 ? head : head + size_t(n) + 2;
+            return size >= total ? total : 0;
+        }
+        if (data[0] != '*')
+            return head;
+        size_t total = head;
+        for (long n = atol(data + 1); n > 0; --n) {
+            size_t part = total < size ? frame(data + total, size - total) : 0;
+            if (part == 0)
+                return 0;
+            total += part;
+        }
+        return total;
+    }
+    int subscription_acks() const override { return 1; }
+};
+
+class Mqtt : public Framing {
+public:
+    void greet(int fd) override
+    {
+        static const char connect[] = "\x10\x0c\x00\x04MQTT\x04\x02\x00\x00\x00\x00"; // clean, no keepalive
+        write_all(fd, connect, 14);
+        std::vector<char> buffer;
+        read_frame(fd, *this, buffer);
+        if ((buffer[0] & 0xf0) != 0x20 || buffer[3] != 0)
+            die("mqtt: connection refused");
+    }
+    std::string encode(const std::string& text) override
+    {
+        auto parts = words(text, 3);
+        if (parts[0] == "ping")
+            return std::string("\xc0\x00", 2);
+        std::string body;
+        if (parts[0] == "sub") {
+            body = std::string("\x00\x01", 2) + field(parts.at(1)) + '\0';
+            return packet('\x82', body);
+        }
+        body = field(parts.at(1));
+        if (parts[0] == "pub1")
+            body += std::string("\x00\x02", 2);
+        body += parts.at(2);
+        return packet(parts[0] == "pub1" ? '\x32' : '\x30', body);
+    }
+    size_t frame(const char* data, size_t size) override
+    {
+        size_t value = 0, at = 1;
+        for (unsigned shift = 0;; shift += 7) {
+            if (at >= size)
+                return 0;
+            auto byte = uint8_t(data[at++]);
+            value |= size_t(byte & 0x7f) << shift;
+            if (!(byte & 0x80))
+                break;
+        }
+        return size >= at + value ? at + value : 0;
+    }
+    int subscription_acks() const override { return 1; }
+
+private:
+    static std::string field(const std::string& s)
+    {
+        return std::string{char(s.size() >> 8), char(s.size() & 0xff)} + s;
+    }
+    static std::string packet(char type, const std::string& body)
+    {
+        std::string out(1, type);
+        size_t n = body.size();
+        do {
+            out += char((n & 0x7f) | (n > 0x7f ? 0x80 : 0));
+            n >>= 7;
+        } while (n);
+        return out + body;
+    }
+};
+
+class Dbus : public Framing {
+public:
+    void greet(int fd) override
+    {
+        std::string hex;
+        for (char c : std::to_string(getuid())) {
+            char two[3];
+            snprintf(two, sizeof two, "%02x", unsigned(uint8_t(c)));
+            hex += two;
+        }
+        std::string auth = '\0' + ("AUTH EXTERNAL " + hex + "\r\n");
+        write_all(fd, auth.data(), auth.size());
+        Delimited line('\n');
+        std::vector<char> buffer;
+        read_frame(fd, line, buffer);
+        if (strncmp(buffer.data(), "OK ", 3) != 0)
+            die("dbus: authentication refused");
+        std::string hello = "BEGIN\r\n" + encode("call org.freedesktop.DBus "
+                                                 "/org/freedesktop/DBus org.freedesktop.DBus Hello");
+        write_all(fd, hello.data(), hello.size());
+        // The answer to Hello and the NameAcquired signal, in either order.
+        std::vector<char> in(4096);
+        size_t have = 0;
+        for (int frames = 0; frames < 2;) {
+            ssize_t n = read(fd, in.data() + have, in.size() - have);
+            if (n <= 0)
+                die("dbus: no answer to Hello");
+            have += size_t(n);
+            while (size_t size = frame(in.data(), have)) {
+                memmove(in.data(), in.data() + size, have - size);
+                have -= size;
+                ++frames;
+            }
+        }
+    }
+    std::string encode(const std::string& text) override
+    {
+        auto p = words(text, 5);
+        if (p[0] == "call")
+            return message(1, p.at(1), p.at(2), p.at(3), p.at(4), nullptr);
+        if (p[0] == "signal")
+            return message(4, "", p.at(1), p.at(2), p.at(3), &p.at(4));
+        auto rule = words(text, 2).at(1);
+        return message(1, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "AddMatch",
+                       &rule);
+    }
+    size_t frame(const char* data, size_t size) override
+    {
+        if (size < 16)
+            return 0;
+        uint32_t body, fields;
+        memcpy(&body, data + 4, 4);
+        memcpy(&fields, data + 12, 4);
+        if (data[0] == 'B') {
+            body = be32toh(body);
+            fields = be32toh(fields);
+        }
+        size_t total = 16 + ((size_t(fields) + 7) & ~size_t(7)) + body;
+        return size >= total ? total : 0;
+    }
+    int subscription_acks() const override { return 1; }
+
+private:
+    static void align(std::string& s, size_t to)
+    {
+        while (s.size() % to)
+            s += '\0';
+    }
+    static void put32(std::string& s, uint32_t v)
+    {
+        v = htole32(v);
+        s.append(reinterpret_cast<char*>(&v), 4);
+    }
+    static void header(std::string& s, char code, char type, const std::string& v)
+    {
+        align(s, 8);
+        s += code;
+        s += '\1';
+        s += type;
+        s += '\0';
+        if (type == 'g')
+            s += char(v.size());
+        else
+            put32(s, uint32_t(v.size()));
+        s += v;
+        s += '\0';
+    }
+    static std::string message(char type, const std::string& dest, const std::string& path,
+                               const std::string& iface, const std::string& member, const std::string* arg)
+    {
+        std::string body;
+        if (arg) {
+            put32(body, uint32_t(arg->size()));
+            body += *arg + '\0';
+        }
+        std::string fields; // starts at offset 16, so 8-aligned on its own
+        header(fields, 1, 'o', path);
+        header(fields, 2, 's', iface);
+        header(fields, 3, 's', member);
+        if (!dest.empty())
+            header(fields, 6, 's', dest);
+        if (arg)
+            header(fields, 8, 'g', "s");
+        std::string out{'l', type, '\0', '\1'};
+        put32(out, uint32_t(body.size()));
+        put32(out, 1);
+        put32(out, uint32_t(fields.size()));
+        out += fields;
+        align(out, 8);
+        return out + body;
+    }
+};
+
+} // namespace
+
+std::unique_ptr<Framing> make_framing(const std::string& name, size_t echo_size)
+{
+    using Order = Len32::Order;
+    if (name == "newline-len32")
+        return std::make_unique<Len32>(Order::detect);
+    if (name == "newline-len32le")
+        return std::make_unique<Len32>(Order::little);
+    if (name == "newline-len32be")
+        return std::make_unique<Len32>(Order::big);
+    if (name == "echo")
+        return std::make_unique<Echo>(echo_size);
+    if (name == "line")
+        return std::make_unique<Delimited>('\n');
+    if (name == "nul")
+        return std::make_unique<Delimited>('\0');
+    if (name == "resp")
+        return std::make_unique<Resp>();
+    if (name == "mqtt")
+        return std::make_unique<Mqtt>();
+    if (name == "dbus")
+        return std::make_unique<Dbus>();
+    die("no such framing: %s (there are: %s)", name.c_str(), framing_names());
+}
+
+const char* framing_names()
+{
+    return "newline-len32[le|be] echo line nul resp mqtt dbus";
+}
+
+// ---- numbers ---------------------------------------------------------------
+
+size_t Histogram::index(uint64_t ns)
+{
+    if (ns < kSub)
+        return size_t(ns);
+    unsigned shift = 63u - unsigned(__builtin_clzll(ns)) - (kSubBits - 1);
+    return size_t(shift) * (kSub / 2) + size_t(ns >> shift);
+}
+
+uint64_t Histogram::value(size_t index)
+{
+    if (index < kSub)
+        return index;
+    size_t shift = index / (kSub / 2) - 1;
+    return uint64_t(index - shift * (kSub / 2)) << shift;
+}
+
+void Histogram::add(uint64_t ns)
+{
+    buckets_[index(ns)]++;
+    count_++;
+    if (ns > max_)
+        max_ = ns;
+}
+
+void Histogram::merge(const Histogram& other)
+{
+    for (size_t i = 0; i < buckets_.size(); ++i)
+        buckets_[i] += other.buckets_[i];
+    count_ += other.count_;
+    if (other.max_ > max_)
+        max_ = other.max_;
+}
+
+double Histogram::percentile_us(double p) const
+{
+    if (count_ == 0)
+        return 0;
+    auto want = uint64_t(double(count_) * p / 100.0);
+    uint64_t seen = 0;
+    for (size_t i = 0; i < buckets_.size(); ++i) {
+        seen += buckets_[i];
+        if (seen > want)
+            return double(value(i)) / 1e3;
+    }
+    return max_us();
+}
+
+uint64_t cpu_ns(const std::vector<int>& pids)
+{
+    uint64_t total = 0;
+    for (int pid : pids) {
+        std::string dir = "/proc/" + std::to_string(pid) + "/task";
+        DIR* d = opendir(dir.c_str());
+        if (!d)
+            continue;
+        while (dirent* e = readdir(d)) {
+            if (e->d_name[0] == '.')
+                continue;
+            std::string file = dir + "/" + e->d_name + "/schedstat";
+            if (FILE* f = fopen(file.c_str(), "re")) {
+                unsigned long long ns = 0;
+                if (fscanf(f, "%llu", &ns) == 1)
+                    total += ns;
+                fclose(f);
+            }
+        }
+        closedir(d);
+    }
+    return total;
+}
+
+std::vector<int> parse_pids(const std::string& list)
+{
+    std::vector<int> out;
+    for (size_t at = 0; at < list.size();) {
+        out.push_back(atoi(list.c_str() + at));
+        size_t comma = list.find(',', at);
+        if (comma == std::string::npos)
+            break;
+        at = comma + 1;
+    }
+    return out;
+}
+
+uint64_t own_cpu_ns()
+{
+    timespec ts;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+    uint64_t ns = uint64_t(ts.tv_sec) * 1000000000u + uint64_t(ts.tv_nsec);
+    rusage r;
+    getrusage(RUSAGE_CHILDREN, &r);
+    ns += uint64_t(r.ru_utime.tv_sec + r.ru_stime.tv_sec) * 1000000000u;
+    return ns + uint64_t(r.ru_utime.tv_usec + r.ru_stime.tv_usec) * 1000u;
+}
+
+} // namespace uwire
