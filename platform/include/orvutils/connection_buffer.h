@@ -57,12 +57,13 @@ public:
 
 private:
     bool make_room(unsigned wanted);
-    void shrink_when_empty();
+    bool resize(unsigned capacity);
+    void drop(unsigned bytes);
 
     std::mutex m_mutex;
     char* m_storage = nullptr;
     char* m_read = nullptr;  ///< first pending byte
-    char* m_write = nullptr; ///< one past the last pending byte
+    char* m_write = nullptr; ///< where the next byte goes (the storage is a ring)
     unsigned m_length = 0;   ///< pending bytes
     unsigned m_searched = 0; ///< of these, already known to hold no delimiter
     unsigned m_capacity = 0;

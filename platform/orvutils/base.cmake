@@ -1,0 +1,9 @@
+add_library(orvutils_base STATIC
+  daemon.cpp
+  locking.cpp
+  log.cpp
+  root.cpp
+  script.cpp
+  time.cpp)
+target_compile_definitions(orvutils_base PRIVATE ORV_PROJECT_VERSION="${PROJECT_VERSION}")
+target_link_libraries(orvutils_base PUBLIC orvutils_values)

@@ -1,0 +1,8 @@
+add_library(orvutils_values STATIC
+  connection_buffer.cpp
+  error_state.cpp
+  io.cpp
+  log_format.cpp
+  path.cpp
+  sockutl.cpp)
+target_link_libraries(orvutils_values PUBLIC orv_platform_headers fmt::fmt)
