@@ -1,0 +1,185 @@
+// One command, or one subscription, on a connection of its own. Data is checked before it is sent: the daemon
+// only closes the connection on what it cannot parse, which says nothing about where the mistake is.
+#include "calling.h"
+
+#include "catalogue.h"
+#include "exit_status.h"
+#include "waiting.h"
+
+#include <jansson.h>
+#include <orvbroker/client.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+namespace orvctl {
+namespace {
+
+using orvbroker::Error;
+
+int report(Error error)
+{
+    const std::string reason =
+        error == Error::system ? std::string(": ") + std::strerror(errno) : std::string();
+    complain(orvbroker::message(error) + reason);
+    return error == Error::invalid_argument ? kUsage : kUnavailable;
+}
+
+/// Reads standard input to its end; false, after a complaint, when that fails or is too much for a request.
+bool read_standard_input(std::string& text)
+{
+    if (::isatty(STDIN_FILENO) == 1) {
+        complain("reading JSON from standard input, end it with Ctrl-D");
+    }
+    std::array<char, 16384> chunk{};
+    while (text.size() <= orvbroker::kMaxRequestSize) {
+        const ssize_t got = ::read(STDIN_FILENO, chunk.data(), chunk.size());
+        if (got == 0) {
+            return true;
+        }
+        if (got == -1 && errno != EINTR) {
+            complain(std::string("cannot read standard input: ") + std::strerror(errno));
+            return false;
+        }
+        text.append(chunk.data(), static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+    }
+    complain("standard input is longer than a request may be (4 MiB)");
+    return false;
+}
+
+bool is_json(const std::string& text)
+{
+    json_error_t error{};
+    json_t* value = json_loadb(text.data(), text.size(), JSON_DECODE_ANY, &error);
+    if (value == nullptr) {
+        complain("DATA is not JSON: " + std::string(error.text) + " (line " + std::to_string(error.line) +
+                 ", column " + std::to_string(error.column) +
+                 "); a string needs quotes of its own, as in '\"text\"'");
+        return false;
+    }
+    json_decref(value);
+    return true;
+}
+
+/// The daemon answers a name that it does not know as if all were well.
+void warn_of_unknown_name(const std::string& name, const orvbroker::Answer& answer)
+{
+    const bool known = std::any_of(commands().begin(), commands().end(),
+                                   [&name](const CommandInfo& row) { return row.name == name; });
+    if (!known && answer.status() == 0 && answer.data() == "null") {
+        complain("note: no command " + orvbroker::quote(name) +
+                 " is known, and the daemon ignores unknown names; see orvctl commands");
+    }
+}
+
+/// This moment in UTC, in ISO 8601 with milliseconds.
+std::string time_stamp()
+{
+    timespec now{};
+    (void)::clock_gettime(CLOCK_REALTIME, &now); // cannot fail for this clock
+    std::tm parts{};
+    std::array<char, 32> seconds{};
+    if (::gmtime_r(&now.tv_sec, &parts) == nullptr ||
+        std::strftime(seconds.data(), seconds.size(), "%Y-%m-%dT%H:%M:%S", &parts) == 0) {
+        return "-";
+    }
+    const std::string milliseconds = std::to_string(1000 + now.tv_nsec / 1000000);
+    return std::string(seconds.data()) + "." + milliseconds.substr(1) + "Z";
+}
+
+bool is_json_value(const std::string& text)
+{
+    json_t* value = json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr);
+    json_decref(value);
+    return value != nullptr;
+}
+
+void print_event(const std::string& event, const SubscribeOptions& subscribe, Output& output)
+{
+    if (!subscribe.timestamps) {
+        output.json(event);
+    } else if (output.is_for_people()) {
+        output.line(output.emphasized(time_stamp()));
+        output.json(event);
+    } else {
+        const std::string data = is_json_value(event) ? event : orvbroker::quote(event);
+        output.json(R"({"time": ")" + time_stamp() + R"(", "event": )" + orvbroker::quote(subscribe.event) +
+                    R"(, "data": )" + data + "}");
+    }
+}
+
+/// Prints events until there were enough, nobody reads them, or the time is over.
+int follow(orvbroker::Client& client, const SubscribeOptions& subscribe, const Options& options,
+           Output& output)
+{
+    const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kForever));
+    std::string event;
+    for (unsigned long seen = 0; subscribe.count == 0 || seen < subscribe.count;) {
+        const Wake wake = wait_for_input(client.fd(), deadline);
+        if (wake == Wake::output_closed) {
+            return kSuccess;
+        }
+        if (wake == Wake::timed_out) {
+            return subscribe.count == 0 ? kSuccess : kFailed;
+        }
+        const Error error = client.next_event(event, std::chrono::milliseconds{0});
+        if (error == Error::timed_out) {
+            continue; // a part of an event
+        }
+        if (error != Error::none) {
+            return report(error);
+        }
+        print_event(event, subscribe, output);
+        if (!output.is_open()) {
+            return kSuccess;
+        }
+        ++seen;
+    }
+    return kSuccess;
+}
+
+} // namespace
+
+int run_call(const CallOptions& call, const Options& options, Output& output)
+{
+    std::string data = call.data;
+    if (data == "-") {
+        data.clear();
+        if (!read_standard_input(data)) {
+            return kUsage;
+        }
+    }
+    if ((!data.empty() || call.data == "-") && !is_json(data)) {
+        return kUsage;
+    }
+    const auto timeout = options.timeout.value_or(orvbroker::kCallTimeout);
+    orvbroker::Client client;
+    orvbroker::Answer answer;
+    Error error = client.connect(std::min(timeout, orvbroker::kConnectTimeout));
+    if (error == Error::none) {
+        error = client.call(call.name, data, answer, timeout);
+    }
+    if (error != Error::none) {
+        return report(error);
+    }
+    output.json(answer.envelope());
+    warn_of_unknown_name(call.name, answer);
+    return answer.status() == 0 ? kSuccess : kFailed;
+}
+
+int run_subscribe(const SubscribeOptions& subscribe, const Options& options, Output& output)
+{
+    orvbroker::Client client;
+    Error error = client.connect();
+    if (error == Error::none) {
+        error = client.subscribe(subscribe.event);
+    }
+    return error == Error::none ? follow(client, subscribe, options, output) : report(error);
+}
+
+} // namespace orvctl

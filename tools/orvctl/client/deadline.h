@@ -1,0 +1,37 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+
+namespace orvbroker {
+
+/// A point in time by which something must have happened; time_point::max() for never.
+using Deadline = std::chrono::steady_clock::time_point;
+
+[[nodiscard]] inline Deadline deadline_after(std::chrono::milliseconds timeout)
+{
+    const auto now = std::chrono::steady_clock::now();
+    // Compared as milliseconds: the clock's own, finer unit would overflow.
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(Deadline::max() - now);
+    return timeout >= left ? Deadline::max() : now + std::max(timeout, std::chrono::milliseconds{0});
+}
+
+[[nodiscard]] inline bool is_over(Deadline deadline)
+{
+    return deadline != Deadline::max() && std::chrono::steady_clock::now() >= deadline;
+}
+
+/// The time until then for poll(): milliseconds, rounded up so that it does not wake too early, or -1.
+/// A far deadline is waited for in steps of an hour.
+[[nodiscard]] inline int poll_timeout(Deadline deadline)
+{
+    if (deadline == Deadline::max()) {
+        return -1;
+    }
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    constexpr std::chrono::milliseconds::rep kHour = 3'600'000;
+    return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, kHour));
+}
+
+} // namespace orvbroker

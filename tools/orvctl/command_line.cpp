@@ -1,0 +1,305 @@
+// The command line, declared sub-command by sub-command. A declaration binds the arguments to storage that
+// lives as long as the parser and names the work to run once everything has been parsed; work starts only
+// after the whole line has proved right. CLI11 throws for a wrong line and for --help, so this is the one
+// place with a try block: its own exit codes end here.
+#include "command_line.h"
+
+#include "calling.h"
+#include "catalogue.h"
+#include "exit_status.h"
+#include "settings.h"
+
+#include <CLI/CLI.hpp>
+#include <orvbroker/client.h>
+
+#include <cmath>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+
+namespace orvctl {
+namespace {
+
+constexpr const char* kVersion = "orvctl 1.3";
+constexpr const char* kExitStatuses =
+    "Exit status: 0 success, 1 the answer's status is not 0 (or what was asked for is not there),\n"
+    "2 usage, 3 no daemon, no bus, no store, or connection lost.\n";
+
+/// What the sub-command that was given does.
+using Work = std::function<int(const Options&, Output&)>;
+
+struct CommandLine {
+    CLI::App app{"Talks to the broker daemon and looks into the agent.", "orvctl"};
+    Options options;
+    double timeout_seconds = 0;
+    Work work;
+};
+
+/// Declares a sub-command together with the examples that end its help.
+CLI::App* add(CLI::App& parent, const std::string& name, const std::string& summary,
+              const std::string& examples)
+{
+    CLI::App* command = parent.add_subcommand(name, summary);
+    command->footer("\nExamples:\n" + examples);
+    return command;
+}
+
+std::string check_seconds(const std::string& text)
+{
+    constexpr double kLongest = 1e9;
+    double seconds = 0;
+    const bool usable = CLI::detail::lexical_cast(text, seconds) && seconds > 0 && seconds <= kLongest;
+    return usable ? "" : "'" + text + "' is not a number of seconds greater than 0";
+}
+
+std::string check_count(const std::string& text)
+{
+    const bool digits = text.find_first_not_of("0123456789") == std::string::npos;
+    unsigned long count = 0;
+    const bool usable = digits && CLI::detail::lexical_cast(text, count) && count > 0;
+    return usable ? "" : "'" + text + "' is not a whole number greater than 0";
+}
+
+const std::map<std::string, Color> kColors{
+    {"auto", Color::automatic}, {"always", Color::always}, {"never", Color::never}};
+
+std::string check_color(const std::string& text)
+{
+    return kColors.count(text) != 0 ? "" : "'" + text + "' is neither auto nor always nor never";
+}
+
+void add_global_options(CommandLine& line)
+{
+    line.app.add_flag("--json", line.options.json, "Print JSON lines, on a terminal too");
+    const auto set_color = [&line](const std::string& when) { line.options.color = kColors.at(when); };
+    line.app.add_option_function<std::string>("--color", set_color, "Colours: auto, always or never")
+        ->check(check_color)
+        ->type_name("WHEN");
+    line.app
+        .add_option("--timeout", line.timeout_seconds,
+                    "How long to wait at most: for an answer (65 unless given), in all when subscribing or "
+                    "watching (for ever unless given)")
+        ->check(check_seconds)
+        ->type_name("SECONDS");
+    line.app.set_version_flag("--version", kVersion);
+}
+
+void add_call(CommandLine& line)
+{
+    const auto call = std::make_shared<CallOptions>();
+    CLI::App* command =
+        add(line.app, "call", "Send one command and print the envelope of its answer",
+            "  orvctl call get_services_status\n"
+            "  orvctl call set_va_cloud_trigger true\n"
+            "  orvctl call start_cloud_registration '{\"router_id\": \"r1\"}'\n"
+            "  generate-json | orvctl call start_cloud_registration -\n"
+            "  orvctl call set_va_cloud_trigger -- -1       (-- comes before what begins with a dash)\n"
+            "\nThe daemon ignores a name that it does not know: null data and status 0.\n");
+    command->add_option("NAME", call->name, "The command, see orvctl commands")->required();
+    command->add_option("DATA", call->data, "Its data as JSON, - to read it from standard input");
+    command->callback([&line, call] {
+        line.work = [call](const Options& options, Output& output) {
+            return run_call(*call, options, output);
+        };
+    });
+}
+
+void add_subscribe(CommandLine& line)
+{
+    const auto subscribe = std::make_shared<SubscribeOptions>();
+    CLI::App* command = add(line.app, "subscribe", "Print each event as it arrives",
+                            "  orvctl subscribe devices_list_updated\n"
+                            "  orvctl subscribe va_status_changed --count 1 --timeout 60\n"
+                            "  orvctl subscribe device_discovery --timestamps | tee discoveries.jsonl\n"
+                            "\nWith --count, fewer events in the time given are exit status 1.\n");
+    command->add_option("EVENT", subscribe->event, "The event, see orvctl events")->required();
+    command->add_option("--count", subscribe->count, "End after N events")
+        ->check(check_count)
+        ->type_name("N");
+    command->add_flag("--timestamps", subscribe->timestamps, "Tell when each event arrived, in UTC");
+    command->callback([&line, subscribe] {
+        line.work = [subscribe](const Options& options, Output& output) {
+            return run_subscribe(*subscribe, options, output);
+        };
+    });
+}
+
+int print_commands(Output& output)
+{
+    if (output.is_for_people()) {
+        std::vector<std::vector<std::string>> rows;
+        for (const auto& row : commands()) {
+            rows.push_back({std::string(row.name), std::string(row.argument), std::string(row.answer),
+                            std::string(row.summary)});
+        }
+        output.table({"COMMAND", "DATA", "ANSWER", "WHAT"}, rows);
+        return kSuccess;
+    }
+    for (const auto& row : commands()) {
+        output.json(R"({"name": )" + orvbroker::quote(row.name) + R"(, "summary": )" +
+                    orvbroker::quote(row.summary) + R"(, "data": )" + orvbroker::quote(row.argument) +
+                    R"(, "answer": )" + orvbroker::quote(row.answer) + "}");
+    }
+    return kSuccess;
+}
+
+int print_events(Output& output)
+{
+    if (output.is_for_people()) {
+        std::vector<std::vector<std::string>> rows;
+        for (const auto& row : events()) {
+            rows.push_back({std::string(row.name), std::string(row.shape), std::string(row.summary)});
+        }
+        output.table({"EVENT", "DATA", "WHAT"}, rows);
+        return kSuccess;
+    }
+    for (const auto& row : events()) {
+        output.json(R"({"name": )" + orvbroker::quote(row.name) + R"(, "summary": )" +
+                    orvbroker::quote(row.summary) + R"(, "data": )" + orvbroker::quote(row.shape) + "}");
+    }
+    return kSuccess;
+}
+
+void add_catalogue(CommandLine& line)
+{
+    add(line.app, "commands", "List the commands that can be called",
+        "  orvctl commands\n"
+        "  orvctl commands --json\n")
+        ->callback(
+            [&line] { line.work = [](const Options&, Output& output) { return print_commands(output); }; });
+    add(line.app, "events", "List the events that can be subscribed to",
+        "  orvctl events\n"
+        "  orvctl events --json\n")
+        ->callback(
+            [&line] { line.work = [](const Options&, Output& output) { return print_events(output); }; });
+}
+
+/// A sub-command on one key of the settings store.
+CLI::App* add_on_key(CommandLine& line, CLI::App& parent, const std::string& name, const std::string& summary,
+                     const std::string& examples,
+                     std::function<int(const std::string&, const Options&, Output&)> work)
+{
+    const auto key = std::make_shared<std::string>("/");
+    CLI::App* command = add(parent, name, summary, examples);
+    command->add_option("KEY", *key, "The key, such as /protection/enabled");
+    command->callback([&line, key, work = std::move(work)] {
+        line.work = [key, work](const Options& options, Output& output) {
+            return work(*key, options, output);
+        };
+    });
+    return command;
+}
+
+void add_settings_changes(CommandLine& line, CLI::App& settings)
+{
+    const auto value = std::make_shared<std::string>();
+    CLI::App* set = add_on_key(
+        line, settings, "set", "Write a value",
+        "  orvctl settings set /protection/enabled 1\n"
+        "  orvctl settings set /exchange/request_timeout_ms -- -1\n",
+        [value](const std::string& key, const Options&, Output&) { return run_settings_set(key, *value); });
+    set->get_option("KEY")->required();
+    set->add_option("VALUE", *value, "The value, any text")->required();
+
+    const auto remove = [](const std::string& key, const Options&, Output&) {
+        return run_settings_delete(key);
+    };
+    add_on_key(line, settings, "delete", "Remove a key with everything below it",
+               "  orvctl settings delete /va/blacklist/exclusions\n", remove)
+        ->get_option("KEY")
+        ->required();
+
+    const auto count = std::make_shared<unsigned long>(0);
+    CLI::App* watch = add_on_key(line, settings, "watch", "Print a key's value after each change",
+                                 "  orvctl settings watch /protection/enabled\n"
+                                 "  orvctl settings watch /protection/enabled --count 1 --timeout 10\n",
+                                 [count](const std::string& key, const Options& options, Output& output) {
+                                     return run_settings_watch(key, *count, options, output);
+                                 });
+    watch->get_option("KEY")->required();
+    watch->add_option("--count", *count, "End after N changes")->check(check_count)->type_name("N");
+}
+
+void add_settings(CommandLine& line)
+{
+    CLI::App* settings = add(line.app, "settings", "Read, change and watch the settings store",
+                             "  orvctl settings get /protection/enabled\n"
+                             "  orvctl settings tree /registration\n");
+    settings->require_subcommand(1);
+    const auto get = [](const std::string& key, const Options&, Output& output) {
+        return run_settings_get(key, output);
+    };
+    add_on_key(line, *settings, "get", "Print a key's value", "  orvctl settings get /protection/enabled\n",
+               get)
+        ->get_option("KEY")
+        ->required();
+    add_settings_changes(line, *settings);
+    const auto list = [](const std::string& key, const Options&, Output& output) {
+        return run_settings_list(key, output);
+    };
+    add_on_key(line, *settings, "list", "Print the names of a key's children",
+               "  orvctl settings list\n"
+               "  orvctl settings list /features\n",
+               list);
+    const auto tree = [](const std::string& key, const Options&, Output& output) {
+        return run_settings_tree(key, output);
+    };
+    add_on_key(line, *settings, "tree", "Print all keys with their values",
+               "  orvctl settings tree\n"
+               "  orvctl settings tree /tmp --json\n",
+               tree);
+}
+
+void declare(CommandLine& line)
+{
+    line.app.require_subcommand(1);
+    line.app.fallthrough();
+    line.app.footer(std::string("\nExamples:\n"
+                                "  orvctl call get_services_status\n"
+                                "  orvctl subscribe devices_list_updated --timestamps\n"
+                                "  orvctl settings get /protection/enabled\n\n") +
+                    kExitStatuses);
+    add_global_options(line);
+    add_call(line);
+    add_catalogue(line);
+    add_subscribe(line);
+    add_settings(line);
+}
+
+/// Tells what is wrong with the line, or prints what --help and --version ask for.
+int end_without_work(const CommandLine& line, const CLI::ParseError& problem)
+{
+    if (problem.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+        (void)line.app.exit(problem);
+        return kSuccess;
+    }
+    // A misspelt sub-command shows as one that is missing; what is left over names the mistake.
+    const auto unknown = line.app.remaining(true);
+    const bool misspelt =
+        problem.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError) && !unknown.empty();
+    const std::string text = misspelt ? "not understood: " + unknown.front() : std::string(problem.what());
+    complain(text + " (see orvctl --help)");
+    return kUsage;
+}
+
+} // namespace
+
+int run_command_line(int argc, char** argv)
+{
+    CommandLine line;
+    declare(line);
+    try {
+        line.app.parse(argc, argv);
+    } catch (const CLI::ParseError& problem) {
+        return end_without_work(line, problem);
+    }
+    if (line.timeout_seconds > 0) {
+        line.options.timeout =
+            std::chrono::milliseconds{static_cast<long long>(std::ceil(line.timeout_seconds * 1000))};
+    }
+    Output output(line.options.json, line.options.color);
+    return output.finish(line.work(line.options, output));
+}
+
+} // namespace orvctl

@@ -1,0 +1,11 @@
+#pragma once
+
+/// What orvctl tells its caller.
+namespace orvctl {
+
+constexpr int kSuccess = 0;
+constexpr int kFailed = 1;      ///< the answer's status is not 0, or what was asked for is not there
+constexpr int kUsage = 2;       ///< the command line, or data in it, cannot be used
+constexpr int kUnavailable = 3; ///< no daemon, no bus, no store, connection lost or timed out
+
+} // namespace orvctl
