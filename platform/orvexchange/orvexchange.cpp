@@ -1,0 +1,112 @@
+// The interface: checks what comes from the caller, and hands it to the participant. A null handle fails like
+// any other.
+
+#include "exchange_publisher.h"
+#include "participant.h"
+
+#include <orvutils/log_format.h>
+
+#include <utility>
+
+using namespace orv::exchange;
+
+namespace {
+
+Orvex* started(std::unique_ptr<Orvex> orvex)
+{
+    return orvex->start() ? orvex.release() : nullptr;
+}
+
+} // namespace
+
+Orvex* orvex_init_eventloop(const char* name, void (*event_callback)(const Message*), int /*flags*/,
+                            int auto_reconnect)
+{
+    if (name == nullptr || event_callback == nullptr)
+        return nullptr;
+    return orvex_join(
+        name, [event_callback](OrvexKind, const Message& message) { event_callback(&message); },
+        auto_reconnect != 0);
+}
+
+Orvex* orvex_join(const char* name, OrvexHandler handler, bool auto_reconnect)
+{
+    if (!handler || (name != nullptr && !is_participant(name)))
+        return nullptr;
+    return started(
+        std::make_unique<Orvex>(name != nullptr ? name : "", std::move(handler), nullptr, auto_reconnect));
+}
+
+Orvex* orvex_monitor(OrvexObserver observer, bool auto_reconnect)
+{
+    if (!observer)
+        return nullptr;
+    return started(std::make_unique<Orvex>("", nullptr, std::move(observer), auto_reconnect));
+}
+
+int orvex_get_fd(Orvex* orvex)
+{
+    return orvex != nullptr ? orvex->fd() : -1;
+}
+
+int orvex_read_fd(Orvex* orvex)
+{
+    return orvex != nullptr ? orvex->process() : -1;
+}
+
+int orvex_subscribe(Orvex* orvex, const char** names, int count)
+{
+    if (orvex == nullptr || count < 0 || (names == nullptr && count > 0))
+        return -1;
+    std::set<std::string, std::less<>> events;
+    for (int i = 0; i < count; ++i) {
+        if (!is_name(names[i]))
+            return -1;
+        events.insert(names[i]);
+    }
+    return orvex->subscribe(std::move(events));
+}
+
+int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::size_t length,
+                       void (*response_callback)(void* arg, const Message* response), void* arg)
+{
+    const auto target = parse_target(name);
+    if (orvex == nullptr || !target || !is_payload(data, length) || response_callback == nullptr)
+        return -1;
+    return orvex->send_request(*target, {data, length}, response_callback, arg);
+}
+
+int orvex_send_message(Orvex* orvex, const char* name, const char* data, std::size_t length)
+{
+    const auto target = parse_target(name);
+    if (orvex == nullptr || !target || !is_payload(data, length))
+        return -1;
+    return orvex->send_one_way(*target, {data, length});
+}
+
+int orvex_send_response(Orvex* orvex, int status, std::uint64_t request_id, const char* data,
+                        std::size_t length)
+{
+    return orvex_send_response_typed(orvex, request_id, std::to_string(status).c_str(), data, length);
+}
+
+int orvex_send_response_typed(Orvex* orvex, std::uint64_t request_id, const char* type, const char* data,
+                              std::size_t length)
+{
+    if (orvex == nullptr || !is_name(type) || !is_payload(data, length))
+        return -1;
+    return orvex->respond(request_id, type, {data, length});
+}
+
+int orvex_publish(Orvex* orvex, const char* name, const char* data, std::size_t length,
+                  std::uint64_t* identifier)
+{
+    if (orvex == nullptr || !is_name(name) || !is_payload(data, length))
+        return -1;
+    return orvex->publish(name, {data, length}, identifier);
+}
+
+void orvex_uninit(Orvex* orvex)
+{
+    delete orvex;
+}

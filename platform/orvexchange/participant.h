@@ -1,0 +1,109 @@
+#pragma once
+
+#include "alarm.h"
+#include "exchange_publisher.h"
+#include "link.h"
+#include "origins.h"
+#include "requests.h"
+#include "wire.h"
+
+#include <memory>
+#include <set>
+#include <string>
+
+namespace orv::exchange {
+class TrafficReader;
+}
+
+/// One participant: the handle of the interface. Its functions answer to those of orvexchange.h and
+/// exchange_publisher.h, with arguments that have been checked.
+struct Orvex {
+public:
+    /// Exactly one of `handler` and `observer` is set; an observer only looks on.
+    Orvex(std::string name, OrvexHandler handler, OrvexObserver observer, bool auto_reconnect);
+    Orvex(const Orvex&) = delete;
+    Orvex& operator=(const Orvex&) = delete;
+    ~Orvex();
+
+    /// Joins the exchange, waiting for at most kJoinTime. False, with a log line, when that does not succeed.
+    [[nodiscard]] bool start();
+    [[nodiscard]] int fd() const { return m_epoll.get(); }
+    [[nodiscard]] int process();
+
+    [[nodiscard]] int subscribe(std::set<std::string, std::less<>> events);
+    [[nodiscard]] int send_request(const orv::exchange::Target& target, orv::exchange::Bytes data,
+                                   void (*callback)(void*, const Message*), void* arg);
+    [[nodiscard]] int send_one_way(const orv::exchange::Target& target, orv::exchange::Bytes data);
+    [[nodiscard]] int publish(const char* name, orv::exchange::Bytes data, std::uint64_t* identifier);
+    [[nodiscard]] int respond(std::uint64_t identifier, const char* type, orv::exchange::Bytes data);
+
+private:
+    enum class State { away, joining, joined };
+    struct Method;
+    static const Method kMethods[];
+
+    // Coming and going.
+    void join();
+    [[nodiscard]] bool send_join_calls();
+    [[nodiscard]] bool wait_until_joined();
+    void on_join_reply(DBusMessage& reply);
+    void on_joined();
+    void leave(const std::string& reason);
+    void complain(const std::string& text);
+
+    // One pass.
+    void wait(std::chrono::milliseconds time);
+    void deliver();
+    void expire();
+    void settle(); ///< at the end of all that sends: what is to be waited for now
+
+    // What arrives.
+    void dispatch(DBusMessage& message);
+    void on_reply(DBusMessage& reply);
+    void on_signal(DBusMessage& signal);
+    void on_call(DBusMessage& call);
+    void on_request(DBusMessage& call);
+    void on_message(DBusMessage& call);
+    void on_respond(DBusMessage& call);
+    void on_ping(DBusMessage& call);
+    void on_introspect(DBusMessage& call);
+    void refuse(DBusMessage& call, const char* error, const char* text);
+    void acknowledge(DBusMessage& call);
+    void hand_over(OrvexKind kind, const orv::exchange::Content& content, const char* from,
+                   std::uint64_t identifier);
+    static void answer(const orv::exchange::Request& request, const char* type, orv::exchange::Bytes data);
+    [[nodiscard]] std::uint64_t remember(orv::exchange::Origin origin);
+
+    // What is sent.
+    [[nodiscard]] bool may_send(std::size_t length) const;
+    int send(const orv::exchange::MessagePtr& message);
+    int send_tracked(const orv::exchange::MessagePtr& message, orv::exchange::Request request);
+    [[nodiscard]] bool change_match(const char* member, const std::string& event);
+
+    const std::string m_name; ///< empty: none
+    const OrvexHandler m_handler;
+    const OrvexObserver m_observer;
+    const bool m_auto_reconnect;
+
+    // The link refers to the epoll descriptor, so it is destroyed before it.
+    orv::exchange::Descriptor m_epoll;
+    orv::exchange::Alarm m_alarm;
+    bool m_alarm_rang = false;
+    std::unique_ptr<orv::exchange::Link> m_link; ///< null exactly while the state is away
+    State m_state = State::away;
+    bool m_processing = false;
+
+    std::uint32_t m_hello = 0; ///< serial of Hello
+    std::uint32_t m_claim = 0; ///< serial of the call whose answer completes joining
+    std::string m_unique_name;
+    std::chrono::milliseconds m_request_time{}; ///< how long an answer is waited for
+    std::chrono::milliseconds m_retry_delay;
+    std::optional<orv::exchange::TimePoint> m_retry_at;
+    std::string m_complaint; ///< the last one logged, so that an outage is one line
+
+    std::set<std::string, std::less<>> m_events; ///< subscribed to
+    orv::exchange::Requests m_requests;
+    orv::exchange::Origins m_origins;
+    std::uint64_t m_published = 0;
+    std::unique_ptr<orv::exchange::TrafficReader> m_traffic;
+};

@@ -1,0 +1,44 @@
+#include "requests.h"
+
+#include <utility>
+
+namespace orv::exchange {
+
+void Requests::add(Request request)
+{
+    const std::uint32_t serial = request.serial;
+    m_by_serial[serial] = m_requests.insert(m_requests.end(), std::move(request));
+}
+
+std::optional<Request> Requests::take(std::uint32_t serial)
+{
+    const auto found = m_by_serial.find(serial);
+    if (found == m_by_serial.end())
+        return std::nullopt;
+    Request request = std::move(*found->second);
+    m_requests.erase(found->second);
+    m_by_serial.erase(found);
+    return request;
+}
+
+std::optional<Request> Requests::take_expired(TimePoint now)
+{
+    if (m_requests.empty() || m_requests.front().deadline > now)
+        return std::nullopt;
+    return take(m_requests.front().serial);
+}
+
+std::list<Request> Requests::take_all()
+{
+    m_by_serial.clear();
+    return std::exchange(m_requests, {});
+}
+
+std::optional<TimePoint> Requests::next_deadline() const
+{
+    if (m_requests.empty())
+        return std::nullopt;
+    return m_requests.front().deadline;
+}
+
+} // namespace orv::exchange
