@@ -5,4 +5,4 @@ add_library(orvutils_values STATIC
   log_format.cpp
   path.cpp
   sockutl.cpp)
-target_link_libraries(orvutils_values PUBLIC orv_platform_headers fmt::fmt)
+target_link_libraries(orvutils_values PUBLIC orv_platform_headers)
