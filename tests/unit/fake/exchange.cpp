@@ -1,0 +1,148 @@
+// The message exchange: what the daemon sends is kept, what arrives is what the test delivers.
+
+#include "fake.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cstring>
+
+using orv::fake::Fake;
+
+namespace orv::fake {
+
+namespace {
+
+Orvex g_handle;
+
+} // namespace
+
+MessageRecord::MessageRecord(const std::string& type, const std::string& data, std::uint64_t id,
+                             const std::string& from)
+    : m_data(new char[data.size()])
+{
+    std::memcpy(m_data.get(), data.data(), data.size());
+    type.copy(m_message.type, kOrvexMaxName);
+    from.copy(m_message.from, kOrvexMaxName);
+    m_message.request_id = id;
+    m_message.datalen = static_cast<std::uint32_t>(data.size());
+    m_message.data = m_data.get();
+}
+
+Orvex* Fake::connect(void (*callback)(const Message*))
+{
+    Paused paused;
+    event_callback = callback;
+    g_handle.fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    name_fd(g_handle.fd, "exchange");
+    return &g_handle;
+}
+
+void Fake::deliver(std::function<void()> action)
+{
+    Paused paused;
+    m_incoming.push_back(std::move(action));
+    eventfd_write(g_handle.fd, 1);
+}
+
+void Fake::deliver(const std::string& type, const std::string& data, std::uint64_t id,
+                   const std::string& from)
+{
+    deliver([=] {
+        const MessageRecord message(type, data, id, from);
+        event_callback(message.get());
+    });
+}
+
+void Fake::answer(const std::string& data, const std::string& type)
+{
+    deliver([=] {
+        const Request request = requests.front();
+        requests.erase(requests.begin());
+        const MessageRecord message(type, data);
+        request.callback(request.arg, message.get());
+    });
+}
+
+void Fake::read_exchange()
+{
+    eventfd_t pending = 0;
+    (void)eventfd_read(g_handle.fd, &pending);
+    while (!m_incoming.empty()) {
+        const auto action = std::move(m_incoming.front());
+        m_incoming.pop_front();
+        action();
+    }
+}
+
+} // namespace orv::fake
+
+Orvex* orvex_init_eventloop(const char* name, void (*event_callback)(const Message*), int flags,
+                            int auto_reconnect)
+{
+    Fake* fake = Fake::current();
+    if (fake->fails("orvex_init_eventloop(" + std::string(name) + ", " + std::to_string(flags) + ", " +
+                    std::to_string(auto_reconnect) + ")"))
+        return nullptr;
+    return fake->connect(event_callback);
+}
+
+int orvex_get_fd(Orvex* orvex)
+{
+    return Fake::current()->fails("orvex_get_fd()") ? -1 : orvex->fd;
+}
+
+int orvex_read_fd(Orvex* /*orvex*/)
+{
+    Fake::current()->note("orvex_read_fd()");
+    Fake::current()->read_exchange();
+    return 0;
+}
+
+int orvex_subscribe(Orvex* /*orvex*/, const char** names, int count)
+{
+    Fake* fake = Fake::current();
+    fake->subscribed.assign(names, names + count);
+    std::string text;
+    for (const auto& name : fake->subscribed)
+        text += (text.empty() ? "" : ", ") + name;
+    return fake->fails("orvex_subscribe(" + text + ")") ? -1 : 0;
+}
+
+int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::size_t length,
+                       void (*response_callback)(void* arg, const Message* response), void* arg)
+{
+    Fake* fake = Fake::current();
+    const std::string payload(data, length);
+    if (fake->fails("orvex_send_request(" + std::string(name) + ", " + payload + ")") || !orvex)
+        return -1;
+    fake->requests.push_back({name, payload, response_callback, arg});
+    return 0;
+}
+
+int orvex_send_message(Orvex* orvex, const char* name, const char* data, std::size_t length)
+{
+    const std::string payload(data, length);
+    const bool failing =
+        Fake::current()->fails("orvex_send_message(" + std::string(name) + ", " + payload + ")");
+    return failing || !orvex ? -1 : 0;
+}
+
+int orvex_send_response(Orvex* orvex, int status, std::uint64_t request_id, const char* data,
+                        std::size_t length)
+{
+    const bool failing =
+        Fake::current()->fails("orvex_send_response(" + std::to_string(status) + ", " +
+                               std::to_string(request_id) + ", " + std::string(data, length) + ")");
+    return failing || !orvex ? -1 : 0;
+}
+
+void orvex_uninit(Orvex* orvex)
+{
+    Fake* fake = Fake::current();
+    fake->note("orvex_uninit()");
+    const Fake::Paused paused;
+    close(orvex->fd);
+    fake->forget_fd(orvex->fd);
+    orvex->fd = -1;
+}

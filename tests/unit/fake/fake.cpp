@@ -1,0 +1,272 @@
+#include "fake.h"
+
+#include "error_state.h"
+
+#include <orvutils/log.h>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <ostream>
+
+namespace orv::fake {
+
+namespace {
+
+Fake* g_current = nullptr;
+int g_pauses = 0;
+
+void* json_allocate(std::size_t size)
+{
+    Fake* fake = Fake::current();
+    if (fake && fake->json_allocation_fails())
+        return nullptr;
+    const Fake::Paused paused;
+    return std::malloc(size);
+}
+
+} // namespace
+
+std::ostream& operator<<(std::ostream& out, const LogLine& line)
+{
+    return out << "level " << line.level << ": " << line.text;
+}
+
+Fake::Fake() : m_previous(g_current)
+{
+    static int serial = 1 << 20;
+    serial += 1 << 10;
+    lock_serial = serial;
+    g_current = this;
+    json_set_alloc_funcs(json_allocate, std::free);
+
+    Paused paused;
+    name_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "stop");
+}
+
+Fake::~Fake()
+{
+    Paused paused;
+    // Timers and sockets are the daemon's to close. These are the platform's, the stop descriptor the
+    // caller's.
+    for (const char* mine : {"stop", "exchange", "watch"})
+        if (fd(mine) >= 0 && name(fd(mine)) == mine)
+            close(fd(mine));
+    g_current = m_previous;
+}
+
+Fake* Fake::current()
+{
+    return g_pauses == 0 ? g_current : nullptr;
+}
+
+Fake::Paused::Paused()
+{
+    ++g_pauses;
+}
+
+Fake::Paused::~Paused()
+{
+    --g_pauses;
+}
+
+// ---- records
+
+Calls Fake::take_calls()
+{
+    return std::exchange(m_calls, {});
+}
+
+Logs Fake::take_logs()
+{
+    return std::exchange(m_logs, {});
+}
+
+void Fake::note(std::string text)
+{
+    m_calls.push_back(std::move(text));
+}
+
+/// A line as print() gets it, from "[file:line][function()]: " on.
+void Fake::log(int level, const std::string& line)
+{
+    const std::string_view end_of_head = "()]: ";
+    const auto head = line.find(end_of_head);
+    const auto middle = line.find("][");
+    const auto colon = line.rfind(':', middle);
+    if (line.empty() || line.front() != '[' || head == std::string::npos || middle > head ||
+        line.back() != '\n') {
+        m_logs.push_back({level, "malformed line: " + line, {}, {}});
+        return;
+    }
+    const auto text = head + end_of_head.size();
+    m_logs.push_back({level, line.substr(text, line.size() - text - 1), line.substr(1, colon - 1),
+                      line.substr(middle + 2, head - middle - 2)});
+}
+
+int Fake::fd(const std::string& name) const
+{
+    const auto found = m_fds.find(name);
+    return found == m_fds.end() ? -1 : found->second;
+}
+
+std::string Fake::name(int fd) const
+{
+    const auto found = m_names.find(fd);
+    return found == m_names.end() ? "descriptor " + std::to_string(fd) : found->second;
+}
+
+void Fake::name_fd(int fd, const std::string& name)
+{
+    m_names[fd] = name;
+    m_fds[name] = fd;
+}
+
+void Fake::forget_fd(int fd)
+{
+    m_names.erase(fd);
+}
+
+std::string Fake::next_name(const std::string& kind)
+{
+    return kind + std::to_string(++m_counts[kind]);
+}
+
+// ---- failures
+
+void Fake::fail(std::string call, int occurrence, int error)
+{
+    m_failures.push_back({std::move(call), occurrence, false, error});
+}
+
+void Fake::fail_from(std::string call, int occurrence, int error)
+{
+    m_failures.push_back({std::move(call), occurrence, true, error});
+}
+
+bool Fake::is_planned(const std::string& text)
+{
+    bool planned = false;
+    for (Failure& failure : m_failures) {
+        if (text.compare(0, failure.call.size(), failure.call) != 0)
+            continue;
+        --failure.occurrence;
+        if (failure.occurrence != 0 && !(failure.onwards && failure.occurrence < 0))
+            continue;
+        planned = true;
+        m_error = failure.error;
+    }
+    return planned;
+}
+
+bool Fake::fails(std::string text)
+{
+    m_error = 0;
+    const bool planned = is_planned(text);
+    m_fallible_texts.push_back(text);
+    note(std::move(text));
+    if (++m_fallible != m_fail_nth && !planned)
+        return false;
+    errno = m_error != 0 ? m_error : EIO;
+    if (m_error == 0)
+        m_error = static_cast<int>(Error::input_output);
+    detail::set_orverrno(static_cast<Error>(m_error));
+    return true;
+}
+
+void Fake::fail_json_allocation(unsigned n, bool onwards)
+{
+    m_json_countdown = n;
+    m_json_onwards = onwards;
+    m_json_failed = false;
+}
+
+bool Fake::json_allocation_fails()
+{
+    if (m_json_countdown == 0)
+        return m_json_failed && m_json_onwards;
+    m_json_failed = --m_json_countdown == 0;
+    return m_json_failed;
+}
+
+bool Fake::memory_fails(const char* kind)
+{
+    const auto found = m_memory.find(std::string_view(kind));
+    return found != m_memory.end() && found->second != 0 && --found->second == 0;
+}
+
+// ---- waiting
+
+void Fake::on_wait(std::function<void()> action)
+{
+    m_script.emplace_back([action = std::move(action)](int epfd, epoll_event* events, int capacity) {
+        action();
+        return epoll_wait(epfd, events, capacity, 0);
+    });
+}
+
+void Fake::on_wait_give(std::vector<Ready> batch, std::function<void()> action)
+{
+    m_script.emplace_back(
+        [this, batch = std::move(batch), action = std::move(action)](int, epoll_event* events, int capacity) {
+            if (action)
+                action();
+            int count = 0;
+            for (const Ready& ready : batch) {
+                if (count == capacity)
+                    break;
+                events[count] = {};
+                events[count].events = ready.events;
+                events[count++].data.fd = ready.name.empty() ? ready.fd : fd(ready.name);
+            }
+            return count;
+        });
+}
+
+void Fake::on_wait_fail(int error)
+{
+    m_script.emplace_back([error](int, epoll_event*, int) {
+        errno = error;
+        return -1;
+    });
+}
+
+int Fake::wait(int epfd, epoll_event* events, int capacity, int timeout)
+{
+    note("epoll_wait(" + std::to_string(capacity) + ", " + std::to_string(timeout) + ")");
+    Paused paused;
+    if (!m_script.empty()) {
+        const Step step = std::move(m_script.front());
+        m_script.pop_front();
+        return step(epfd, events, capacity);
+    }
+    if (m_waits_after_stop++ > 0) {
+        std::fputs("the daemon goes on waiting after it was asked to stop\n", stderr);
+        std::abort();
+    }
+    raise_stop();
+    return epoll_wait(epfd, events, capacity, 0);
+}
+
+void Fake::raise_stop()
+{
+    Paused paused;
+    eventfd_write(fd("stop"), 1);
+}
+
+void Fake::expire(const std::string& timer)
+{
+    Paused paused;
+    eventfd_write(fd(timer), 1);
+}
+
+void Fake::notify_watch()
+{
+    Paused paused;
+    eventfd_write(fd("watch"), 1);
+}
+
+} // namespace orv::fake

@@ -1,0 +1,244 @@
+#pragma once
+
+#include <orvdevmgmt/orvdevmgmt.h>
+#include <orvexchange/orvexchange.h>
+#include <orvutils/setmgmt.h>
+
+#include <jansson.h>
+
+#include <sys/epoll.h>
+
+#include <cstdint>
+#include <ctime>
+#include <deque>
+#include <functional>
+#include <iosfwd>
+#include <list>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+// A platform that remembers what the daemon asked of it, in order, and does as a test tells it to.
+//
+// Every call of a platform function, and every system call that the daemon makes by itself, becomes one short
+// text: "setMgmt::init()", "epoll_ctl(ADD, stop, IN)". Descriptors stand there by the name of what they are
+// for. Any call can be made to fail, chosen by its text or by counting. Descriptors are real ones (eventfd in
+// place of timers, stop pipe, exchange and settings watch), so that epoll works as always; only waiting is
+// scripted: each epoll_wait() takes the next entry of a test's script, and when that is used up the daemon is
+// asked to stop.
+
+namespace orv::fake {
+
+using Calls = std::vector<std::string>;
+
+/// One line of the log, without its fixed-width area.
+struct LogLine {
+    int level = 0;
+    std::string text; ///< the message, without the line's own line feed
+    std::string file; ///< where it was logged
+    std::string function;
+
+    friend bool operator==(const LogLine& a, const LogLine& b)
+    {
+        return a.level == b.level && a.text == b.text;
+    }
+};
+using Logs = std::vector<LogLine>;
+std::ostream& operator<<(std::ostream& out, const LogLine& line);
+
+/// A ready descriptor of a scripted batch, by name or by number.
+struct Ready {
+    Ready(std::string descriptor, unsigned mask) : name(std::move(descriptor)), events(mask) {}
+    Ready(int number, unsigned mask) : fd(number), events(mask) {}
+
+    std::string name;
+    int fd = -1;
+    unsigned events;
+};
+
+/// A request that the daemon has sent and nobody has answered.
+struct Request {
+    std::string name;
+    std::string data;
+    void (*callback)(void*, const Message*) = nullptr;
+    void* arg = nullptr;
+};
+
+/// What on_dev_info_change callbacks are registered with.
+struct ChangeCallback {
+    std::vector<std::string> fields;
+    devMgmt::DevInfoChangeCallback callback;
+    int number; ///< in the order of registration, from 1
+};
+
+/// The platform of one test. The one that was made last is in force; without any, calls reach Linux
+/// unchanged.
+class Fake {
+public:
+    Fake();
+    Fake(const Fake&) = delete;
+    Fake& operator=(const Fake&) = delete;
+    ~Fake();
+
+    /// Null when none is in force, or while it is paused.
+    static Fake* current();
+
+    /// What is done while one of these lives is the test's own doing: neither recorded nor made to fail.
+    class Paused {
+    public:
+        Paused();
+        Paused(const Paused&) = delete;
+        Paused& operator=(const Paused&) = delete;
+        ~Paused();
+    };
+
+    // ---- what the daemon did
+
+    /// The calls since the last time.
+    Calls take_calls();
+    /// The lines logged since the last time.
+    Logs take_logs();
+    /// How many calls that can fail were made since the beginning.
+    [[nodiscard]] std::size_t fallible_calls() const { return m_fallible; }
+    /// The texts of these calls.
+    [[nodiscard]] const Calls& fallible() const { return m_fallible_texts; }
+
+    /// The descriptor of that name, also when it is closed by now; -1 for a name that was never given.
+    [[nodiscard]] int fd(const std::string& name) const;
+    [[nodiscard]] std::string name(int fd) const;
+    void name_fd(int fd, const std::string& name);
+
+    // ---- what fails
+
+    /// Calls whose text begins with `call` fail: only the `occurrence`-th from now on, or each from that one
+    /// on. `error` is errno and the platform's error number; 0 stands for EIO and 2.
+    void fail(std::string call, int occurrence = 1, int error = 0);
+    void fail_from(std::string call, int occurrence = 1, int error = 0);
+    /// The n-th call (from 1, since the beginning) fails of those that can.
+    void fail_nth(std::size_t n) { m_fail_nth = n; }
+    /// The n-th request for memory of a kind from now on gets none: "malloc", "new" or "new[]" (those without
+    /// exceptions). Only the code of the daemon and of the platform's values is meant, not that of libraries.
+    void fail_memory(const std::string& kind, unsigned n = 1) { m_memory[kind] = n; }
+    /// The n-th memory request of jansson (from 1) from now on gets none; 0 for never. `onwards`: all later
+    /// ones too.
+    void fail_json_allocation(unsigned n, bool onwards = false);
+    /// Whether that has happened.
+    [[nodiscard]] bool json_allocation_failed() const { return m_json_failed; }
+
+    // ---- the script of waiting; entries run with the fake paused
+
+    /// At the next wait: does that, then gives what is ready, without waiting.
+    void on_wait(std::function<void()> action);
+    /// At the next wait: gives exactly this batch, after doing that.
+    void on_wait_give(std::vector<Ready> batch, std::function<void()> action = nullptr);
+    /// At the next wait: fails with that errno.
+    void on_wait_fail(int error);
+
+    // ---- descriptors that become readable
+
+    void raise_stop();
+    void expire(const std::string& timer);
+    void notify_watch();
+
+    // ---- the stores
+
+    std::map<std::string, std::string> settings;
+    std::map<std::string, int> setting_errors; ///< keys whose every use fails with that error number
+    std::map<std::string, devMgmt::Device> devices;
+    std::list<ChangeCallback> change_callbacks;
+    std::vector<std::string> outbox; ///< telemetry events as JSON texts
+    std::optional<std::string> release_version = "1.2.3";
+    std::string patch_version = "4";
+    std::string root;             ///< directory of the common paths, which have their numbers as names
+    std::time_t now = 1700000000; ///< what time() gives
+
+    /// Tells the registered callbacks of a change, as the device library would.
+    void change_device(devMgmt::DevInfoChangeType type, const devMgmt::Device& device,
+                       const std::string& field);
+
+    // ---- the exchange
+
+    std::vector<Request> requests; ///< in flight
+    std::vector<std::string> subscribed;
+
+    /// A handle without start-up.
+    Orvex* connect(void (*callback)(const Message*));
+    /// An event, which arrives with the next reading of the exchange.
+    void deliver(const std::string& type, const std::string& data, std::uint64_t id = 0,
+                 const std::string& from = "orvagent");
+    /// Something that happens during the next reading of the exchange.
+    void deliver(std::function<void()> action);
+    /// The answer to the oldest request in flight, which arrives with the next reading of the exchange.
+    void answer(const std::string& data, const std::string& type = "0");
+
+    // ---- for the parts of the fake
+
+    void note(std::string text);
+    /// Records a call that can fail; true when it has to, with errno and error number set.
+    bool fails(std::string text);
+    [[nodiscard]] int error() const { return m_error; }
+    int wait(int epfd, epoll_event* events, int capacity, int timeout);
+    void log(int level, const std::string& line);
+    std::string next_name(const std::string& kind);
+    void forget_fd(int fd);
+    void read_exchange();
+    [[nodiscard]] bool json_allocation_fails();
+    [[nodiscard]] bool memory_fails(const char* kind);
+
+    void (*event_callback)(const Message*) = nullptr;
+    setMgmt::MonitoredKey::Callback watch_callback;
+    int lock_serial = 0; ///< descriptor number of the version lock, none of the kernel's
+
+private:
+    struct Failure {
+        std::string call;
+        int occurrence;
+        bool onwards;
+        int error;
+    };
+    using Step = std::function<int(int epfd, epoll_event*, int capacity)>;
+
+    bool is_planned(const std::string& text);
+
+    Calls m_calls;
+    Calls m_fallible_texts;
+    Logs m_logs;
+    std::map<int, std::string> m_names;
+    std::map<std::string, int> m_fds;
+    std::map<std::string, int> m_counts;
+    std::list<Failure> m_failures;
+    std::size_t m_fallible = 0;
+    std::size_t m_fail_nth = 0;
+    int m_error = 0;
+    std::map<std::string, unsigned, std::less<>> m_memory;
+    unsigned m_json_countdown = 0;
+    bool m_json_onwards = false;
+    bool m_json_failed = false;
+    std::deque<Step> m_script;
+    std::deque<std::function<void()>> m_incoming;
+    int m_waits_after_stop = 0;
+    Fake* m_previous;
+};
+
+/// A message record as the exchange hands it out: the payload is not NUL-terminated, and ends with its
+/// memory.
+class MessageRecord {
+public:
+    MessageRecord(const std::string& type, const std::string& data, std::uint64_t id = 0,
+                  const std::string& from = "orvagent");
+    [[nodiscard]] const Message* get() const { return &m_message; }
+
+private:
+    Message m_message{};
+    std::unique_ptr<char[]> m_data;
+};
+
+} // namespace orv::fake
+
+/// The exchange's handle.
+struct Orvex {
+    int fd = -1;
+};

@@ -1,0 +1,243 @@
+// System calls that the daemon makes by itself. The linker leads calls of NAME to __wrap_NAME, and
+// __real_NAME is the original one.
+
+#include "fake.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+using orv::fake::Fake;
+
+namespace {
+
+const char* operation_name(int operation)
+{
+    switch (operation) {
+    case EPOLL_CTL_ADD:
+        return "ADD";
+    case EPOLL_CTL_MOD:
+        return "MOD";
+    case EPOLL_CTL_DEL:
+        return "DEL";
+    default:
+        return "?";
+    }
+}
+
+std::string mask_name(unsigned mask)
+{
+    switch (mask) {
+    case EPOLLIN:
+        return "IN";
+    case EPOLLIN | EPOLLOUT:
+        return "IN|OUT";
+    default:
+        return std::to_string(mask);
+    }
+}
+
+std::string file_name(const char* path)
+{
+    const char* slash = std::strrchr(path, '/');
+    return slash ? slash + 1 : path;
+}
+
+/// Memory is asked for by everybody, so requests are no calls of the record: they only can be made to fail.
+bool no_memory(const char* what)
+{
+    Fake* fake = Fake::current();
+    return fake && fake->memory_fails(what);
+}
+
+} // namespace
+
+extern "C" {
+
+int __real_epoll_create(int size);
+int __real_epoll_ctl(int epfd, int operation, int fd, epoll_event* event);
+int __real_epoll_wait(int epfd, epoll_event* events, int capacity, int timeout);
+int __real_socket(int domain, int type, int protocol);
+int __real_bind(int fd, const sockaddr* address, socklen_t length);
+int __real_listen(int fd, int backlog);
+int __real_accept(int fd, sockaddr* address, socklen_t* length);
+int __real_close(int fd);
+ssize_t __real_recv(int fd, void* data, std::size_t size, int flags);
+ssize_t __real_send(int fd, const void* data, std::size_t size, int flags);
+FILE* __real_fopen(const char* path, const char* mode);
+int __real_fclose(FILE* file);
+void* __real_malloc(std::size_t size);
+
+int __wrap_epoll_create(int size)
+{
+    Fake* fake = Fake::current();
+    if (fake && fake->fails("epoll_create(" + std::to_string(size) + ")"))
+        return -1;
+    const int fd = __real_epoll_create(size);
+    if (fake)
+        fake->name_fd(fd, "epoll");
+    return fd;
+}
+
+int __wrap_epoll_ctl(int epfd, int operation, int fd, epoll_event* event)
+{
+    Fake* fake = Fake::current();
+    if (!fake)
+        return __real_epoll_ctl(epfd, operation, fd, event);
+    std::string text = std::string("epoll_ctl(") + operation_name(operation) + ", " + fake->name(fd);
+    if (event)
+        text += ", " + mask_name(event->events);
+    if (event && event->data.fd != fd)
+        text += ", other data";
+    return fake->fails(text + ")") ? -1 : __real_epoll_ctl(epfd, operation, fd, event);
+}
+
+int __wrap_epoll_wait(int epfd, epoll_event* events, int capacity, int timeout)
+{
+    Fake* fake = Fake::current();
+    return fake ? fake->wait(epfd, events, capacity, timeout)
+                : __real_epoll_wait(epfd, events, capacity, timeout);
+}
+
+int __wrap_socket(int domain, int type, int protocol)
+{
+    Fake* fake = Fake::current();
+    const bool expected = domain == AF_UNIX && type == SOCK_STREAM && protocol == 0;
+    if (fake && fake->fails(expected ? "socket(UNIX, STREAM, 0)" : "socket(of another kind)"))
+        return -1;
+    const int fd = __real_socket(domain, type, protocol);
+    if (fake)
+        fake->name_fd(fd, "server");
+    return fd;
+}
+
+int __wrap_bind(int fd, const sockaddr* address, socklen_t length)
+{
+    Fake* fake = Fake::current();
+    return fake && fake->fails("bind(" + fake->name(fd) + ")") ? -1 : __real_bind(fd, address, length);
+}
+
+int __wrap_listen(int fd, int backlog)
+{
+    Fake* fake = Fake::current();
+    if (fake && fake->fails("listen(" + fake->name(fd) + ", " + std::to_string(backlog) + ")"))
+        return -1;
+    return __real_listen(fd, backlog);
+}
+
+int __wrap_accept(int fd, sockaddr* address, socklen_t* length)
+{
+    Fake* fake = Fake::current();
+    if (!fake)
+        return __real_accept(fd, address, length);
+    if (fake->fails("accept(" + fake->name(fd) + (address || length ? ", address)" : ")")))
+        return -1;
+    const int client = __real_accept(fd, address, length);
+    if (client >= 0)
+        fake->name_fd(client, fake->next_name("client"));
+    return client;
+}
+
+int __wrap_close(int fd)
+{
+    Fake* fake = Fake::current();
+    if (!fake)
+        return __real_close(fd);
+    const bool failing = fake->fails("close(" + fake->name(fd) + ")");
+    fake->forget_fd(fd);
+    const int result = __real_close(fd); // a failed close has closed all the same
+    return failing ? -1 : result;
+}
+
+ssize_t __wrap_recv(int fd, void* data, std::size_t size, int flags)
+{
+    Fake* fake = Fake::current();
+    if (fake && fake->fails("recv(" + fake->name(fd) + ")"))
+        return -1;
+    return __real_recv(fd, data, size, flags);
+}
+
+ssize_t __wrap_send(int fd, const void* data, std::size_t size, int flags)
+{
+    Fake* fake = Fake::current();
+    if (fake && fake->fails("send(" + fake->name(fd) + ", " + std::to_string(size) + ")"))
+        return -1;
+    return __real_send(fd, data, size, flags);
+}
+
+static FILE* open_file(const char* path, const char* mode, FILE* (*open)(const char*, const char*))
+{
+    Fake* fake = Fake::current();
+    if (fake && fake->fails("fopen(" + file_name(path) + ", " + mode + ")"))
+        return nullptr;
+    return open(path, mode);
+}
+
+FILE* __wrap_fopen(const char* path, const char* mode)
+{
+    return open_file(path, mode, __real_fopen);
+}
+
+#ifdef __GLIBC__ // other C libraries have one name for it, whatever the size of a file's offset
+FILE* __real_fopen64(const char* path, const char* mode);
+
+FILE* __wrap_fopen64(const char* path, const char* mode)
+{
+    return open_file(path, mode, __real_fopen64);
+}
+#endif
+
+int __wrap_fclose(FILE* file)
+{
+    Fake* fake = Fake::current();
+    const bool failing = fake && fake->fails("fclose()");
+    const int result = __real_fclose(file);
+    return failing ? EOF : result;
+}
+
+void* __wrap_malloc(std::size_t size)
+{
+    return no_memory("malloc") ? nullptr : __real_malloc(size);
+}
+
+// operator new and new[] without exceptions; their names hold what std::size_t is.
+#if __SIZEOF_SIZE_T__ == 8
+#define NEW_OBJECT(prefix) prefix##_ZnwmRKSt9nothrow_t
+#define NEW_ARRAY(prefix) prefix##_ZnamRKSt9nothrow_t
+#else
+#define NEW_OBJECT(prefix) prefix##_ZnwjRKSt9nothrow_t
+#define NEW_ARRAY(prefix) prefix##_ZnajRKSt9nothrow_t
+#endif
+
+void* NEW_OBJECT(__real_)(std::size_t size, const std::nothrow_t& tag);
+void* NEW_ARRAY(__real_)(std::size_t size, const std::nothrow_t& tag);
+
+void* NEW_OBJECT(__wrap_)(std::size_t size, const std::nothrow_t& tag)
+{
+    return no_memory("new") ? nullptr : NEW_OBJECT(__real_)(size, tag);
+}
+
+void* NEW_ARRAY(__wrap_)(std::size_t size, const std::nothrow_t& tag)
+{
+    return no_memory("new[]") ? nullptr : NEW_ARRAY(__real_)(size, tag);
+}
+
+// time(), whose name depends on the size of time_t.
+#if __SIZEOF_LONG__ == 8
+#define TIME(prefix) prefix##time
+#else
+#define TIME(prefix) prefix##__time64
+#endif
+
+std::time_t TIME(__real_)(std::time_t* result);
+
+std::time_t TIME(__wrap_)(std::time_t* result)
+{
+    Fake* fake = Fake::current();
+    return fake ? fake->now : TIME(__real_)(result);
+}
+
+} // extern "C"

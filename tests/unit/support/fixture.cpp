@@ -1,0 +1,213 @@
+#include "fixture.h"
+
+#include "orvbrokerd.h"
+#include "orvex.h"
+#include "orvexproc.h"
+#include "subevhandlers.h"
+
+#include <dirent.h>
+#include <ftw.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+
+namespace orv::test {
+
+using brokerd::Connection;
+using fake::Fake;
+
+std::set<int> open_descriptors()
+{
+    const Fake::Paused paused;
+    std::set<int> descriptors;
+    DIR* directory = opendir("/proc/self/fd");
+    while (const dirent* entry = readdir(directory))
+        if (entry->d_name[0] != '.')
+            descriptors.insert(std::atoi(entry->d_name));
+    descriptors.erase(dirfd(directory));
+    closedir(directory);
+    return descriptors;
+}
+
+fake::Logs lines(std::initializer_list<std::pair<int, std::string>> list)
+{
+    fake::Logs logs;
+    for (const auto& line : list)
+        logs.push_back({line.first, line.second, {}, {}});
+    return logs;
+}
+
+// ---- PlatformTest
+
+PlatformTest::PlatformTest()
+{
+    char root[] = "/tmp/orvbrokerd-unit-XXXXXX";
+    m_root = mkdtemp(root);
+    mkdir((m_root + "/6").c_str(), 0700);
+    m_descriptors = open_descriptors();
+    renew_platform();
+}
+
+PlatformTest::~PlatformTest()
+{
+    expect_tables_empty();
+    platform.reset();
+    EXPECT_EQ(open_descriptors(), m_descriptors);
+    const auto remove_entry = [](const char* path, const struct stat*, int, FTW*) {
+        return std::remove(path);
+    };
+    nftw(m_root.c_str(), remove_entry, 8, FTW_DEPTH | FTW_PHYS);
+}
+
+void PlatformTest::renew_platform()
+{
+    platform.reset();
+    platform = std::make_unique<Fake>();
+    platform->root = m_root;
+}
+
+int PlatformTest::run_daemon()
+{
+    char name[] = "orvbrokerd";
+    char* arguments[] = {name, nullptr};
+    return brokerd::daemon_main(1, arguments);
+}
+
+void PlatformTest::expect_tables_empty()
+{
+    EXPECT_TRUE(brokerd::g_connections.empty());
+    for (const auto& [event, connections] : brokerd::g_client_subscriptions)
+        ADD_FAILURE() << connections.size() << " connections are left as subscribers of " << event;
+    for (const auto& subscription : brokerd::g_exchange_subscriptions)
+        ADD_FAILURE() << "connections are left as receivers of " << subscription.first;
+    brokerd::g_client_subscriptions.clear();
+    brokerd::g_exchange_subscriptions.clear();
+    brokerd::g_events_cache.clear();
+}
+
+// ---- ServiceTest
+
+ServiceTest::ServiceTest()
+{
+    const Fake::Paused paused;
+    brokerd::epollfd = epoll_create1(EPOLL_CLOEXEC);
+    platform->name_fd(brokerd::epollfd, "epoll");
+    brokerd::orvex = platform->connect(brokerd::orvex_callback);
+}
+
+ServiceTest::~ServiceTest()
+{
+    while (!platform->requests.empty()) { // who still waits gets an answer, so that what it owns is freed
+        platform->answer("{}");
+        read_exchange();
+    }
+    while (!brokerd::g_connections.empty()) {
+        brokerd::destroy_connection(brokerd::g_connections.begin()->second);
+        brokerd::g_connections.erase(brokerd::g_connections.begin());
+    }
+    const Fake::Paused paused;
+    close(brokerd::epollfd);
+    brokerd::epollfd = -1;
+    brokerd::orvex = nullptr;
+}
+
+ServiceTest::Peer ServiceTest::connect()
+{
+    const Fake::Paused paused;
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    auto* conn = new Connection(ends[0]);
+    EXPECT_TRUE(conn->tx.init(brokerd::kBufferInitialSize, brokerd::kBufferMaximumSize));
+    EXPECT_TRUE(conn->rx.init(brokerd::kBufferInitialSize, brokerd::kBufferMaximumSize));
+    brokerd::g_connections[ends[0]] = conn;
+    platform->name_fd(ends[0], platform->next_name("client"));
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.fd = ends[0];
+    EXPECT_EQ(epoll_ctl(brokerd::epollfd, EPOLL_CTL_ADD, ends[0], &event), 0);
+    return {conn, Client(ends[1])};
+}
+
+ServiceTest::Peer ServiceTest::subscribe(const std::string& event)
+{
+    Peer peer = connect();
+    EXPECT_EQ(ask(peer, R"({"type":"subscribe","name":")" + event + R"("})"),
+              R"({"data": null, "status": 0})");
+    forget_records();
+    return peer;
+}
+
+bool ServiceTest::receive(Peer& peer, const std::string& bytes)
+{
+    peer.client.send(bytes);
+    return handle(peer, EPOLLIN);
+}
+
+bool ServiceTest::handle(Peer& peer, unsigned events)
+{
+    const int result = brokerd::process_client_events(peer.conn, events, brokerd::epollfd);
+    EXPECT_TRUE(result == 0 || result == -1) << result;
+    if (result >= 0)
+        return true;
+    destroy(peer);
+    return false;
+}
+
+bool ServiceTest::drain(Peer& peer)
+{
+    while (watched_for(peer) & EPOLLOUT)
+        if (!handle(peer, EPOLLOUT))
+            return false;
+    return true;
+}
+
+std::optional<std::string> ServiceTest::ask(Peer& peer, const std::string& line)
+{
+    if (receive(peer, line + "\n"))
+        drain(peer);
+    return peer.client.frame();
+}
+
+void ServiceTest::read_exchange()
+{
+    orvex_read_fd(brokerd::orvex);
+}
+
+void ServiceTest::destroy(Peer& peer)
+{
+    const int fd = peer.conn->fd;
+    brokerd::destroy_connection(peer.conn);
+    brokerd::g_connections.erase(fd);
+    peer.conn = nullptr;
+}
+
+bool ServiceTest::is_connected(const Peer& peer) const
+{
+    return peer.conn != nullptr;
+}
+
+unsigned ServiceTest::watched_for(const Peer& peer)
+{
+    const Fake::Paused paused;
+    std::ifstream info("/proc/self/fdinfo/" + std::to_string(brokerd::epollfd));
+    std::string word;
+    while (info >> word) {
+        int fd = -1;
+        unsigned events = 0;
+        if (word == "tfd:" && info >> fd >> word >> std::hex >> events >> std::dec && fd == peer.conn->fd)
+            return events & (EPOLLIN | EPOLLOUT);
+    }
+    return 0;
+}
+
+void ServiceTest::forget_records()
+{
+    platform->take_calls();
+    platform->take_logs();
+}
+
+} // namespace orv::test

@@ -1,0 +1,83 @@
+#pragma once
+
+#include "client.h"
+#include "fake/fake.h"
+
+#include "evhandler.h"
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+
+namespace orv::test {
+
+/// Descriptors open in this process.
+std::set<int> open_descriptors();
+
+/// A test with a platform and a root directory of its own. At its end, the daemon's tables must be empty and
+/// the same descriptors open as at its beginning.
+class PlatformTest : public testing::Test {
+protected:
+    PlatformTest();
+    ~PlatformTest() override;
+
+    /// The whole life of the daemon, with the fake's script of waiting; its exit status.
+    int run_daemon();
+
+    [[nodiscard]] std::string version_file() const { return m_root + "/6/orvbrokerd.version"; }
+
+    /// Puts a new platform in place of the used one.
+    void renew_platform();
+
+    std::unique_ptr<fake::Fake> platform;
+
+private:
+    void expect_tables_empty();
+
+    std::string m_root;
+    std::set<int> m_descriptors;
+};
+
+/// A test of the code below the main loop: epoll, the exchange's handle and client connections are there
+/// without start-up.
+class ServiceTest : public PlatformTest {
+protected:
+    ServiceTest();
+    ~ServiceTest() override;
+
+    /// A connection that is watched for input, and in the table of connections; the client has its other end.
+    struct Peer {
+        brokerd::Connection* conn;
+        Client client;
+    };
+    Peer connect();
+    /// A connection that has subscribed, with the answer taken and all records of it dropped.
+    Peer subscribe(const std::string& event);
+
+    /// Lets the client send that and the daemon handle it. False when the connection has ended by it; it is
+    /// then destroyed.
+    bool receive(Peer& peer, const std::string& bytes);
+    /// Hands an event mask to the connection; the same.
+    bool handle(Peer& peer, unsigned events);
+    /// Lets the daemon write until nothing is pending. False when the connection has ended by it.
+    bool drain(Peer& peer);
+    /// A request line and what the client then receives: the frame, or nothing.
+    std::optional<std::string> ask(Peer& peer, const std::string& line);
+    /// Reads the exchange as the main loop does.
+    void read_exchange();
+    /// Destroys a connection the way the main loop does.
+    void destroy(Peer& peer);
+    [[nodiscard]] bool is_connected(const Peer& peer) const;
+    /// What epoll watches a connection for.
+    [[nodiscard]] static unsigned watched_for(const Peer& peer);
+
+    /// Drops what was recorded so far.
+    void forget_records();
+};
+
+fake::Logs lines(std::initializer_list<std::pair<int, std::string>> list);
+
+} // namespace orv::test
