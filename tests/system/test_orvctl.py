@@ -1,0 +1,431 @@
+"""The command-line client: what it prints, where, and how it ends."""
+
+import ctypes
+import json
+import os
+import platform
+import pty
+import re
+import select
+import signal
+import socket
+import struct
+import subprocess
+import threading
+
+import world
+
+OK, FAILED, USAGE, UNAVAILABLE = 0, 1, 2, 3
+DONE = '{"data": null, "status": 0}'
+
+
+def frame(text):
+    data = text.encode() if isinstance(text, str) else text
+    return struct.pack("=I", len(data)) + data
+
+
+class FakeDaemon:
+    """Listens in the daemon's place and answers the first client's first line with given bytes."""
+
+    def __init__(self, *pieces, close=False):
+        self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.listener.bind(world.SOCKET_NAME)
+        self.listener.listen(8)
+        self.pieces = pieces
+        self.close = close
+        self.client = None
+        self.request = None
+        self.thread = threading.Thread(target=self.serve, daemon=True)
+        self.thread.start()
+
+    def serve(self):
+        try:
+            self.client, _ = self.listener.accept()
+            self.client.settimeout(world.DEADLINE)
+            with self.client.makefile("rb") as lines:
+                self.request = lines.readline()
+            for piece in self.pieces:
+                self.client.sendall(piece)
+            if self.close:
+                self.client.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass  # the client has gone, or none came before the end
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.listener.shutdown(socket.SHUT_RDWR)  # which ends a waiting accept, too
+        self.thread.join(world.DEADLINE)
+        self.listener.close()
+        if self.client is not None:
+            self.client.close()
+
+
+def forbid_connecting():
+    """Has the kernel refuse connect() to this process and its children, as a security policy would."""
+    number = {"x86_64": 42, "aarch64": 203, "armv7l": 283, "riscv64": 203}[platform.machine()]
+    load_number, return_allow, return_eperm = 0x20, 0x7fff0000, 0x00050001
+    program = b"".join(struct.pack("=HBBI", *instruction) for instruction in (
+        (load_number, 0, 0, 0), (0x15, 0, 1, number), (0x06, 0, 0, return_eperm), (0x06, 0, 0, return_allow)))
+    buffer = ctypes.create_string_buffer(program)
+    filter_program = struct.pack("@HP", len(program) // 8, ctypes.addressof(buffer))
+    libc = ctypes.CDLL(None, use_errno=True)
+    no_new_privileges, set_filter, filter_mode = 38, 22, 2
+    if libc.prctl(no_new_privileges, 1, 0, 0, 0) != 0 or libc.prctl(set_filter, filter_mode, filter_program) != 0:
+        raise OSError(ctypes.get_errno(), "seccomp")
+
+
+class WithoutDaemon(world.TestCase):
+    def setUp(self):
+        super().setUp()
+        self.one = self.world()
+
+    def check(self, arguments, status, stdout=None, stderr=None, **options):
+        result = self.one.orvctl(*arguments, **options)
+        self.assertEqual(result.returncode, status, (arguments, result))
+        if stdout is not None:
+            self.assertEqual(result.stdout, stdout)
+        if stderr is not None:
+            self.assertRegex(result.stderr, stderr)
+        return result
+
+    def test_wrong_command_lines_are_usage_errors_on_standard_error(self):
+        for line in ("", "nonsense", "call", "call a b c", "call a --nonsense", "call a --timeout", "subscribe",
+                     "call a --timeout 0", "call a --timeout -1", "call a --timeout nan", "call a --timeout x",
+                     "subscribe a --count 0", "subscribe a --count -1", "subscribe a --count x",
+                     "--color blue commands", "settings", "settings nonsense", "settings get", "settings set /a",
+                     "settings set /a b c", "settings delete", "settings watch", "commands extra"):
+            self.check(line.split(), USAGE, stdout="", stderr=r"^orvctl: .+\(see orvctl --help\)\n$")
+
+    def test_data_that_is_not_json_is_a_usage_error(self):
+        for data in ("nonsense", "{", "{'a': 1}", "[1,]", '"\\u0000"', "1 2"):
+            self.check(["call", "x", data], USAGE, stdout="", stderr="^orvctl: DATA is not JSON: .+ \\(line 1, column")
+        self.check(["call", "x", "-"], USAGE, stdout="", stderr="DATA is not JSON", input="")
+        self.check(["call", "x", "-"], USAGE, stdout="", stderr="DATA is not JSON", input="{}{}")
+        self.check(["call", "x", "-"], USAGE, stdout="", stderr="4 MiB", input=" " * (5 << 20))
+
+    def test_help_and_version_succeed_and_end_with_examples(self):
+        for line in ("", "call", "commands", "events", "subscribe", "settings", "settings get", "settings set",
+                     "settings delete", "settings list", "settings tree", "settings watch"):
+            result = self.check([*line.split(), "--help"], OK, stderr="^$")
+            self.assertRegex(result.stdout, r"\nExamples:\n  orvctl ")
+        self.check(["--version"], OK, stdout="orvctl 1.3\n", stderr="^$")
+        self.assertIn("Exit status: 0 success, 1", self.one.orvctl("--help").stdout)
+
+    def test_the_catalogue_is_printed_without_a_daemon(self):
+        commands = [json.loads(line) for line in self.check(["commands"], OK).stdout.splitlines()]
+        self.assertIn("get_services_status", [row["name"] for row in commands])
+        for row in commands:
+            self.assertEqual(list(row), ["name", "summary", "data", "answer"])
+            self.assertTrue(all(row.values()), row)
+        events = [json.loads(line)["name"] for line in self.check(["events"], OK).stdout.splitlines()]
+        self.assertEqual(events, ["devices_list_updated", "device_discovery", "subscription_changed",
+                                  "cloud_registration_status", "orvagent_started", "va_status_changed"])
+
+    def test_an_absent_daemon_is_not_running(self):
+        for arguments in (["call", "x"], ["subscribe", "x"]):
+            self.check(arguments, UNAVAILABLE, stdout="", stderr="^orvctl: the broker daemon is not running")
+
+    def test_a_forbidden_connection_is_not_permitted(self):
+        with FakeDaemon():
+            for arguments in (["call", "x"], ["subscribe", "x"]):
+                self.check(arguments, UNAVAILABLE, stdout="", stderr="^orvctl: not permitted",
+                           preexec_fn=forbid_connecting)
+
+    def test_a_daemon_that_closes_is_a_lost_connection(self):
+        for pieces in ((), (b"\x10\0",), (frame(DONE)[:-1],)):
+            with FakeDaemon(*pieces, close=True):
+                self.check(["call", "x"], UNAVAILABLE, stdout="", stderr="^orvctl: connection lost")
+        with FakeDaemon(frame(DONE), close=True):
+            self.check(["subscribe", "x"], UNAVAILABLE, stdout="", stderr="^orvctl: connection lost")
+
+    def test_a_daemon_that_does_not_answer_is_timed_out(self):
+        for pieces in ((), (frame(DONE)[:-1],)):
+            with FakeDaemon(*pieces):
+                self.check(["call", "x", "--timeout", "0.05"], UNAVAILABLE, stdout="", stderr="^orvctl: timed out")
+
+    def test_a_wrong_answer_is_malformed(self):
+        for piece in (frame("{}"), frame(""), frame("\xff\xfe"), b"\xff\xff\xff\xff"):
+            with FakeDaemon(piece):
+                self.check(["call", "x"], UNAVAILABLE, stdout="", stderr="^orvctl: malformed answer")
+
+    def test_an_answer_is_printed_exactly_as_received(self):
+        for text in (DONE, '{"data":  {"b":1,"a":[1.0, 1e3]}, "status": 0}', '{"data": "\\u00e9\u00e9", "status": 0}'):
+            with FakeDaemon(frame(text)):
+                self.check(["call", "get_services_status"], OK, stdout=text + "\n", stderr="^$")
+
+    def test_any_status_but_zero_is_a_failure(self):
+        for status in (-1, 1, 2, 255, 256):
+            text = '{"data": {"error": "busy"}, "status": %d}' % status
+            with FakeDaemon(frame(text)):
+                self.check(["call", "get_services_status"], FAILED, stdout=text + "\n", stderr="^$")
+
+    def test_name_and_data_go_out_as_given_on_one_line(self):
+        for arguments, data, request in (
+                (["call", 'a"b'], None, b'{"type": "command", "name": "a\\"b"}\n'),
+                (["call", "x", "[1,2]"], None, b'{"type": "command", "name": "x", "data": [1,2]}\n'),
+                (["call", "x", "--", "-1"], None, b'{"type": "command", "name": "x", "data": -1}\n'),
+                (["call", "x", "-"], '{"a":\n "b"}', b'{"type": "command", "name": "x", "data": {"a":  "b"}}\n'),
+                (["call", "commands"], None, b'{"type": "command", "name": "commands"}\n')):
+            with FakeDaemon(frame('{"data": 1, "status": 0}')) as daemon:
+                options = {"input": data} if data else {}
+                self.check(arguments, OK, stdout='{"data": 1, "status": 0}\n', stderr="^$", **options)
+                self.assertEqual(daemon.request, request)
+
+    def test_events_are_printed_exactly_as_received_until_there_were_enough(self):
+        events = ['[{"device_id": "d1",  "status": "new"}]', "{}", "not JSON at all"]
+        with FakeDaemon(frame(DONE), *(frame(text) for text in events), frame("one more")) as daemon:
+            self.check(["subscribe", "x", "--count", "3"], OK, stdout="\n".join(events) + "\n", stderr="^$")
+            self.assertEqual(daemon.request, b'{"type": "subscribe", "name": "x"}\n')
+
+    def test_timestamps_wrap_each_event(self):
+        with FakeDaemon(frame(DONE), frame('{"a": 1}'), frame("no\nJSON")):
+            result = self.check(["subscribe", "x", "--count", "2", "--timestamps"], OK, stderr="^$")
+        first, second = (json.loads(line) for line in result.stdout.splitlines())
+        self.assertRegex(first.pop("time"), r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
+        self.assertEqual(first, {"event": "x", "data": {"a": 1}})
+        self.assertEqual(second["data"], "no\nJSON")
+
+    def test_a_subscription_ends_with_its_time(self):
+        with FakeDaemon(frame(DONE), frame("{}")):
+            self.check(["subscribe", "x", "--timeout", "0.3"], OK, stdout="{}\n", stderr="^$")
+        with FakeDaemon(frame(DONE), frame("{}")):
+            self.check(["subscribe", "x", "--timeout", "0.3", "--count", "2"], FAILED, stdout="{}\n", stderr="^$")
+
+    def test_a_refused_subscription_is_told(self):
+        with FakeDaemon(frame('{"data": null, "status": -1}')):
+            self.check(["subscribe", "x"], UNAVAILABLE, stdout="", stderr="refused")
+
+
+class ClosedPipes(world.TestCase):
+    def start(self, *arguments):
+        one = self.world()
+        return subprocess.Popen([world.program("orvctl"), *arguments], env=one.environment(),
+                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+    def check_quiet_end(self, process):
+        self.assertEqual(process.stderr.read(), b"")
+        self.assertEqual(process.wait(world.DEADLINE), OK)
+        process.stderr.close()
+
+    def test_a_subscription_ends_at_once_when_nobody_reads_any_more(self):
+        with FakeDaemon(frame(DONE), frame("{}")):
+            process = self.start("subscribe", "x")
+            self.assertEqual(process.stdout.readline(), b"{}\n")
+            process.stdout.close()
+            self.check_quiet_end(process)  # though no further event comes
+
+    def test_a_flood_of_events_ends_when_nobody_reads_any_more(self):
+        with FakeDaemon(frame(DONE), frame("{}") * 20000):
+            process = self.start("subscribe", "x")
+            process.stdout.close()
+            self.check_quiet_end(process)
+
+    def test_a_list_into_a_closed_pipe_ends_quietly(self):
+        process = self.start("commands")
+        process.stdout.close()
+        self.check_quiet_end(process)
+
+    def test_output_that_cannot_be_written_is_a_failure(self):
+        one = self.world()
+        with open("/dev/full", "w") as full:
+            result = subprocess.run([world.program("orvctl"), "commands"], env=one.environment(), stdout=full,
+                                    stderr=subprocess.PIPE, text=True, timeout=world.DEADLINE, check=False)
+        self.assertEqual(result.returncode, FAILED)
+        self.assertEqual(result.stderr, "orvctl: cannot write: No space left on device\n")
+
+    def test_an_interrupt_ends_a_subscription(self):
+        with FakeDaemon(frame(DONE), frame("{}")):
+            process = self.start("subscribe", "x")
+            self.assertEqual(process.stdout.readline(), b"{}\n")
+            process.send_signal(signal.SIGINT)
+            self.assertEqual(process.wait(world.DEADLINE), -signal.SIGINT)
+            process.stdout.close()
+            process.stderr.close()
+
+
+class OnATerminal(world.TestCase):
+    def run_on_terminal(self, *arguments, typed=None, prompt=None):
+        """Runs orvctl on a terminal of its own; returns its exit status and what the terminal showed."""
+        one = self.world()
+        master, slave = pty.openpty()
+        environment = one.environment(TERM="xterm")
+        environment.pop("NO_COLOR", None)
+        process = subprocess.Popen([world.program("orvctl"), *arguments], env=environment, stdin=slave,
+                                   stdout=slave, stderr=slave, close_fds=True)
+        os.close(slave)
+        shown = b""
+        while True:
+            self.assertTrue(select.select([master], [], [], world.DEADLINE)[0], shown)
+            try:
+                piece = os.read(master, 65536)
+            except OSError:
+                break  # the last process has left the terminal
+            if not piece:
+                break
+            shown += piece
+            if typed is not None and prompt in shown:
+                os.write(master, typed)
+                typed = None
+        os.close(master)
+        return process.wait(world.DEADLINE), shown.decode().replace("\r\n", "\n")
+
+    def test_an_answer_is_indented_and_coloured(self):
+        text = '{"data": {"name": "a:\\"b\\"", "n": -1.5}, "status": 0}'
+        with FakeDaemon(frame(text)):
+            status, shown = self.run_on_terminal("call", "x")
+        self.assertEqual(status, OK)
+        self.assertIn('  "data": {\n    "name": "a:\\"b\\"",\n    "n": -1.5\n  },\n', re.sub("\033\\[\\d*m", "", shown))
+        self.assertIn("\033[34m\"name\"\033[0m: \033[32m", shown)
+        with FakeDaemon(frame(text)):
+            self.assertEqual(self.run_on_terminal("call", "x", "--json", "--color", "never"), (OK, text + "\n"))
+
+    def test_an_event_that_is_not_json_cannot_steer_the_terminal(self):
+        with FakeDaemon(frame(DONE), frame("\033[2Jx")):
+            status, shown = self.run_on_terminal("subscribe", "x", "--count", "1", "--color", "never")
+        self.assertEqual((status, shown), (OK, '"\\u001b[2Jx"\n'))
+
+    def test_reading_standard_input_is_announced(self):
+        with FakeDaemon(frame(DONE)) as daemon:
+            status, _ = self.run_on_terminal("call", "set_va_cloud_trigger", "-", typed=b"true\n\x04",
+                                             prompt=b"reading JSON from standard input")
+            self.assertEqual(status, OK)
+            self.assertEqual(daemon.request, b'{"type": "command", "name": "set_va_cloud_trigger", "data": true }\n')
+
+    def test_the_catalogue_is_a_table(self):
+        status, shown = self.run_on_terminal("commands", "--color", "never")
+        self.assertEqual(status, OK)
+        lines = shown.splitlines()
+        column = lines[0].index("DATA")
+        self.assertTrue(lines[0].startswith("COMMAND "))
+        for line in lines[1:]:
+            self.assertEqual(line[column - 1], " ")
+            self.assertNotEqual(line[column], " ")
+
+
+class WithDaemon(world.ServedTestCase):
+    def orvctl(self, *arguments, **options):
+        result = self.served.orvctl(*arguments, **options)
+        self.assertEqual(result.stderr, "", (arguments, result))
+        return result.returncode, result.stdout
+
+    def test_commands_are_called(self):
+        self.assertEqual(self.orvctl("call", "get_services_status"), (OK, '{"data": {"status": 1}, "status": 0}\n'))
+        self.assertEqual(self.orvctl("call", "set_va_cloud_trigger", "true"), (OK, DONE + "\n"))
+        self.assertEqual(self.orvctl("settings", "get", "/va/cloud_trigger"), (OK, "1\n"))
+        self.assertEqual(self.orvctl("call", "set_va_cloud_trigger", "-", input="false"), (OK, DONE + "\n"))
+        self.assertEqual(self.orvctl("settings", "get", "/va/cloud_trigger"), (OK, "0\n"))
+        self.assertEqual(self.orvctl("call", "set_va_cloud_trigger"), (FAILED, '{"data": null, "status": -1}\n'))
+
+    def test_an_unknown_name_is_noted(self):
+        result = self.served.orvctl("call", "get_service_status")
+        self.assertEqual((result.returncode, result.stdout), (OK, DONE + "\n"))
+        self.assertRegex(result.stderr, '^orvctl: note: no command "get_service_status" is known')
+
+    def test_every_listed_command_is_one_of_the_daemon(self):
+        """An unknown one would be answered with null and success, without a word about a handler in the log."""
+        for line in self.orvctl("commands")[1].splitlines():
+            row = json.loads(line)
+            if row["data"] != "none":
+                # Every command that needs data refuses to be called without.
+                self.assertEqual(self.orvctl("call", row["name"])[0], FAILED, row)
+            elif row["answer"] != "none":
+                self.assertNotEqual(self.orvctl("call", row["name"])[1], DONE + "\n", row)
+
+    def test_events_are_printed_as_they_arrive(self):
+        process = subprocess.Popen([world.program("orvctl"), "subscribe", "subscription_changed", "--count", "1"],
+                                   env=self.served.environment(), stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.served.wait_for_log("process subscription_changed subscription")
+        self.served.set_setting("/tmp/subscription/global/status", "1")
+        self.served.set_setting("/tmp/subscription/global/expiry", "5")
+        self.served.set_setting("/tmp/subscription/refresh", "1")
+        self.assertEqual(process.communicate(timeout=world.DEADLINE),
+                         ('{"status": "expired", "expiry": 5}\n', ""))
+        self.assertEqual(process.returncode, OK)
+
+
+class Settings(world.TestCase):
+    """The settings store, with no daemon anywhere."""
+
+    def setUp(self):
+        super().setUp()
+        self.one = self.world()
+
+    def orvctl(self, *arguments, **options):
+        result = self.one.orvctl("settings", *arguments, **options)
+        return result.returncode, result.stdout, result.stderr
+
+    def test_values_are_raw_text(self):
+        for value in ("1", "", "two words", "line\nfeed", "\u00e9 \u20ac", '{"json": [1]}', "[a,b]", "'quoted'"):
+            self.assertEqual(self.orvctl("set", "/test/key", value), (OK, "", ""))
+            self.assertEqual(self.orvctl("get", "/test/key"), (OK, value + "\n", ""))
+            self.assertEqual(json.loads(self.orvctl("get", "/test/key", "--json")[1]),
+                             {"key": "/test/key", "value": value})
+        self.assertEqual(self.orvctl("set", "/test/key", "--", "-1"), (OK, "", ""))
+        self.assertEqual(self.orvctl("get", "/test/key"), (OK, "-1\n", ""))
+
+    def test_an_absent_key_is_a_message_and_a_failure(self):
+        for verb in ("get", "delete", "list", "tree"):
+            self.assertEqual(self.orvctl(verb, "/no/such"), (FAILED, "", "orvctl: no such key: /no/such\n"))
+        self.orvctl("set", "/a/b", "1")
+        self.assertEqual(self.orvctl("get", "/a"), (FAILED, "", "orvctl: the key has children but no value: /a\n"))
+
+    def test_a_key_beyond_its_bound_is_a_usage_error(self):
+        status, stdout, stderr = self.orvctl("set", "/" + "k" * 600, "1")
+        self.assertEqual((status, stdout), (USAGE, ""))
+        self.assertIn("511 bytes", stderr)
+
+    def test_keys_are_listed_and_shown_as_a_tree(self):
+        for key, value in (("/a/y", "2"), ("/a/x/deep", "1"), ("/b", "3")):
+            self.orvctl("set", key, value)
+        self.assertEqual(self.orvctl("list", "/a"), (OK, "x\ny\n", ""))
+        self.assertEqual(self.orvctl("list", "/a", "--json")[1],
+                         '{"key": "/a/x", "value": null}\n{"key": "/a/y", "value": "2"}\n')
+        self.assertEqual(self.orvctl("tree", "/a")[1],
+                         '{"key": "/a/x/deep", "value": "1"}\n{"key": "/a/y", "value": "2"}\n')
+        self.assertEqual(self.orvctl("list"), (OK, "a\nb\n", ""))
+        self.assertEqual(self.orvctl("tree")[1],
+                         '{"key": "/a/x/deep", "value": "1"}\n{"key": "/a/y", "value": "2"}\n'
+                         '{"key": "/b", "value": "3"}\n')
+
+    def test_a_key_is_removed_with_everything_below_it(self):
+        for key in ("/a", "/a/b", "/a/b/c", "/ab"):
+            self.orvctl("set", key, "1")
+        self.assertEqual(self.orvctl("delete", "/a"), (OK, "", ""))
+        self.assertEqual(self.orvctl("list"), (OK, "ab\n", ""))
+
+    def test_a_watch_prints_each_change(self):
+        self.orvctl("set", "/w", "before")
+        process = subprocess.Popen([world.program("orvctl"), "settings", "watch", "/w", "--count", "2"],
+                                   env=self.one.environment(), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, text=True)
+        # The watch begins at some moment: change the key until it has told of a change.
+        number = 0
+        while not select.select([process.stdout], [], [], 0.01)[0]:
+            self.orvctl("set", "/w", str(number))
+            number += 1
+        first = json.loads(process.stdout.readline())
+        self.assertEqual(first["key"], "/w")
+        self.assertRegex(first["value"], r"^\d+$")
+        self.orvctl("delete", "/w")
+        rest, errors = process.communicate(timeout=world.DEADLINE)
+        self.assertEqual(errors, "")
+        self.assertIn(json.loads(rest)["value"], [None, str(number - 1)])
+        self.assertEqual(process.returncode, OK)
+
+    def test_a_watch_ends_with_its_time(self):
+        self.assertEqual(self.orvctl("watch", "/w", "--timeout", "0.1"), (OK, "", ""))
+        self.assertEqual(self.orvctl("watch", "/w", "--timeout", "0.1", "--count", "1"), (FAILED, "", ""))
+
+    def test_a_store_that_cannot_be_opened_is_unavailable(self):
+        with open(os.path.join(self.one.root, "var"), "w") as file:
+            file.write("in the way")
+        status, stdout, stderr = self.orvctl("get", "/a")
+        self.assertEqual((status, stdout), (UNAVAILABLE, ""))
+        self.assertIn("orvctl: cannot open the settings store", stderr)
+
+
+if __name__ == "__main__":
+    world.main()

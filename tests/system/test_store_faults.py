@@ -1,0 +1,200 @@
+"""A settings store that is missing, read-only, full or damaged, and a daemon killed while it writes."""
+
+import os
+import random
+import shutil
+import subprocess
+
+import world
+from world import Client
+
+
+def mount(*arguments):
+    subprocess.run(["mount", *arguments], check=True)
+
+
+class Faults(world.TestCase):
+    def setUp(self):
+        super().setUp()
+        self.mounts = []
+        self.one = self.world()
+
+    def run(self, result=None):
+        try:
+            return super().run(result)
+        finally:
+            for path in self.mounts:
+                subprocess.run(["umount", "-l", path], check=False)
+                shutil.rmtree(os.path.dirname(path), ignore_errors=True)
+
+    def mount_on(self, path, *arguments):
+        os.makedirs(path, exist_ok=True)
+        mount(*arguments, path)
+        self.mounts.append(path)
+
+    def start_must_fail_with_the_store(self):
+        self.assertEqual(self.one.launch().wait(world.DEADLINE), 1)
+        messages = self.one.messages()
+        errors = [text for text in messages if text.startswith("orvsetmgmt error: ")]
+        self.assertEqual(errors, ["orvsetmgmt error: 2"], messages)
+        self.assertEqual(messages[-1], "stop orv broker daemon")
+
+    def test_a_missing_store_is_created(self):
+        self.one.start()
+        self.assertTrue(os.path.isdir(os.path.join(self.one.root, "var", "settings")))
+        with Client() as client:
+            self.assertEqual(client.call("enable_services"), (None, 0))
+
+    def test_a_store_that_cannot_be_created_ends_the_start(self):
+        self.one.start_bus()
+        with open(os.path.join(self.one.root, "var"), "w") as file:
+            file.write("in the way")
+        self.start_must_fail_with_the_store()
+
+    def test_a_read_only_store_ends_the_start_or_fails_each_write(self):
+        self.one.start()
+        self.one.stop_daemon()
+        var = os.path.join(self.one.root, "var")
+        self.mount_on(var, "--bind", var)
+        mount("-o", "remount,bind,ro", var)
+        self.start_must_fail_with_the_store()
+        subprocess.run(["umount", var], check=True)
+        self.mounts.remove(var)
+        self.one.start_daemon()
+        with Client() as client:
+            self.assertEqual(client.call("get_services_status"), ({"status": 1}, 0))
+
+    def test_a_full_store_fails_writes_and_recovers_with_the_space(self):
+        var = os.path.join(self.one.root, "var")
+        self.mount_on(var, "-t", "tmpfs", "-o", "size=8m,mode=700", "tmpfs")
+        self.one.start()
+        filler = os.path.join(var, "filler")
+        with open(filler, "wb", buffering=0) as file:
+            try:
+                while True:
+                    file.write(b"x" * 4096)
+            except OSError:
+                pass
+        # The store reuses pages that it has freed before, so a few writes may still find room.
+        confirmed = {"status": 1}
+        failures = 0
+        for number in range(40):
+            on = number % 2
+            with Client() as client:
+                data, status = client.call("enable_services" if on else "disable_services")
+            self.assertIsNone(data)
+            if status == 0:
+                confirmed = {"status": on}
+            else:
+                self.assertEqual(status, -1)
+                failures += 1
+            with Client() as client:
+                self.assertEqual(client.call("get_services_status"), (confirmed, 0))
+        self.assertGreater(failures, 0)
+        logged = [text for text in self.one.messages(level=0) if text.startswith("failed to set protection_enabled key")]
+        self.assertEqual(len(logged), failures)
+
+        os.unlink(filler)
+        with Client() as client:
+            self.assertEqual(client.call("disable_services"), (None, 0))
+            self.assertEqual(client.call("get_services_status"), ({"status": 0}, 0))
+        self.one.stop_daemon()
+
+    def test_a_damaged_store_never_ends_the_daemon_by_a_signal(self):
+        self.one.start()
+        for number in range(30):
+            self.one.set_setting("/filling/%d" % number, "x" * 500)
+        self.one.stop_daemon()
+        directory = os.path.join(self.one.root, "var", "settings")
+        kept = directory + ".kept"
+        shutil.copytree(directory, kept)
+        chance = random.Random(1)
+        for damage in (self.overwrite_head, self.truncate, self.empty, self.scatter, self.scatter, self.scatter):
+            shutil.rmtree(directory)
+            shutil.copytree(kept, directory)
+            damage(os.path.join(directory, "data.mdb"), chance)
+            self.check_no_signal(damage.__name__)
+
+    def check_no_signal(self, what):
+        """The daemon gives up in good order, or serves; it may then fail commands, and stops in good order."""
+        process = self.one.daemon = self.one.launch()
+
+        def ended_or_serves():
+            if process.poll() is not None:
+                return True
+            try:
+                with Client() as client:
+                    client.call("no_such_command")
+                    return True
+            except (ConnectionError, EOFError):
+                return False
+
+        world.wait_until(ended_or_serves, "the daemon ends or serves")
+        if process.poll() is None:
+            for name in ("disable_services", "enable_services", "get_services_status"):
+                with Client() as client:
+                    self.assertIn(client.call(name)[1], (0, -1), what)
+            self.one.stop_daemon()
+        else:
+            self.assertEqual(process.returncode, 1, what)
+
+    def overwrite_head(self, path, chance):
+        with open(path, "r+b") as file:
+            file.write(chance.randbytes(8192))
+
+    def truncate(self, path, _):
+        os.truncate(path, os.path.getsize(path) // 2)
+
+    def empty(self, path, _):
+        os.truncate(path, 0)
+
+    def scatter(self, path, chance):
+        size = os.path.getsize(path)
+        with open(path, "r+b") as file:
+            for _ in range(20):
+                file.seek(chance.randrange(8192, size))
+                file.write(chance.randbytes(64))
+
+
+class Kills(world.TestCase):
+    """What was confirmed is there after kill -9, and what was under way is there whole or not at all."""
+
+    COMMANDS = {"/protection/enabled": ("disable_services", "enable_services"),
+                "/protection/pro_features_enabled": ("pro_features_disable", "pro_features_enable")}
+
+    def test_confirmed_writes_survive_kills_in_the_middle_of_writing(self):
+        one = self.world()
+        one.log_level = "1"
+        one.start()
+        chance = random.Random(7)
+        confirmed = {}
+        for _ in range(25):
+            under_way = self.write_and_kill(one, confirmed, chance)
+            one.start_daemon()
+            for key, value in confirmed.items():
+                allowed = {value, under_way[1]} if key == under_way[0] else {value}
+                stored = one.setting(key)
+                self.assertIn(stored, allowed)
+                confirmed[key] = stored
+        one.stop_daemon()
+
+    def write_and_kill(self, one, confirmed, chance):
+        """Some confirmed writes, and one whose answer is not waited for; returns that one's key and value."""
+        with Client() as client:
+            for _ in range(chance.randrange(1, 20)):
+                key, value = self.choose(chance)
+                self.assertEqual(client.call(self.COMMANDS[key][value]), (None, 0))
+                confirmed[key] = str(value)
+            key, value = self.choose(chance)
+            client.send('{"type": "command", "name": "%s"}\n' % self.COMMANDS[key][value])
+            if chance.random() < 0.5:
+                os.sched_yield()
+            one.kill_daemon()
+        return key, str(value)
+
+    def choose(self, chance):
+        return chance.choice(list(self.COMMANDS)), chance.randrange(2)
+
+
+if __name__ == "__main__":
+    world.main()

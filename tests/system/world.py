@@ -1,0 +1,296 @@
+"""A private world for each test: a network namespace, an agent's root directory, a bus and a daemon.
+
+Abstract socket names belong to the network namespace, so worlds of different test programs do not meet. Nothing
+here waits for time to pass: every wait is for something that can be observed, with a deadline.
+"""
+
+import json
+import os
+import re
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+BIN = os.environ.get("ORV_BIN", "")
+SOCKET_NAME = "\0orvbrokerd-1.3.skt"
+DEADLINE = 30  # seconds; generous, since machines that test are busy
+_IN_NAMESPACE = "ORV_TEST_IN_NAMESPACE"
+
+# What the log library puts in front of a message, with the source's place after it.
+_LOG_LINE = re.compile(
+    r"^(?P<area>\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +\d+ +(?P<level>\d+) )"
+    r"\[(?P<file>[^\]:]*):(?P<line>\d+)\]\[(?P<function>[^\]]*)\(\)\]: (?P<text>.*)$")
+
+
+def main():
+    """Runs the tests of the calling program, in namespaces of its own."""
+    if not BIN:
+        sys.exit("ORV_BIN must name the directory of the programs under test")
+    if os.environ.get(_IN_NAMESPACE) != "1":
+        os.environ[_IN_NAMESPACE] = "1"
+        identity = [] if os.geteuid() == 0 else ["-r"]
+        os.execvp("unshare", ["unshare", *identity, "-n", "-m", sys.executable, *sys.argv])
+    unittest.main()
+
+
+def program(name):
+    return os.path.join(BIN, name)
+
+
+def wait_until(condition, what, deadline=DEADLINE):
+    """Calls condition until it gives something true, and returns that."""
+    end = time.monotonic() + deadline
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > end:
+            raise AssertionError("not within %d s: %s" % (deadline, what))
+        time.sleep(0.005)
+
+
+class Client:
+    """A client at the level of bytes."""
+
+    def __init__(self, deadline=DEADLINE):
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.socket.settimeout(deadline)
+        try:
+            self.socket.connect(SOCKET_NAME)
+        except OSError:
+            self.socket.close()
+            raise
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def close(self):
+        self.socket.close()
+
+    def send(self, data):
+        self.socket.sendall(data.encode() if isinstance(data, str) else data)
+
+    def _receive(self, size):
+        data = b""
+        while len(data) < size:
+            piece = self.socket.recv(size - len(data))
+            if not piece:
+                raise EOFError("closed after %d of %d bytes" % (len(data), size))
+            data += piece
+        return data
+
+    def frame(self):
+        """The text of the next answer or event."""
+        (length,) = struct.unpack("=I", self._receive(4))
+        return self._receive(length).decode()
+
+    def ask(self, request):
+        """Sends a request line and returns the text of its answer."""
+        self.send(request + "\n")
+        return self.frame()
+
+    def call(self, name, *data):
+        """Calls a command; returns its answer as (data, status)."""
+        request = {"type": "command", "name": name}
+        if data:
+            request["data"] = data[0]
+        answer = json.loads(self.ask(json.dumps(request)))
+        return answer["data"], answer["status"]
+
+    def subscribe(self, event):
+        answer = self.ask(json.dumps({"type": "subscribe", "name": event}))
+        if answer != '{"data": null, "status": 0}':
+            raise AssertionError("subscription answered with " + answer)
+
+    def expect_close(self):
+        """The daemon has closed the connection without sending anything more."""
+        try:
+            data = self.socket.recv(64)
+        except ConnectionResetError:
+            return  # it closed before it had read everything
+        if data:
+            raise AssertionError("data instead of the end: %r" % data)
+
+    def has_input(self):
+        """Whether something, an answer or the end, is there to be read right now."""
+        try:
+            self.socket.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT)
+        except BlockingIOError:
+            return False
+        return True
+
+
+class World:
+    """An agent's root directory with its bus and its daemon."""
+
+    def __init__(self, root=None):
+        self.root = root or tempfile.mkdtemp(prefix="orv-system-", dir="/tmp")
+        self.log_path = os.path.join(self.root, "daemon.log")
+        self.bus = None
+        self.daemon = None
+        self.log_level = "4"
+
+    # -- processes
+
+    def environment(self, **extra):
+        environment = dict(os.environ, ORV_ROOT=self.root, ORV_LOG_LEVEL=self.log_level)
+        environment.pop("ORVEX_ADDRESS", None)
+        environment.update(extra)
+        return environment
+
+    def start_bus(self):
+        with open(os.path.join(self.root, "bus.log"), "ab") as log:
+            self.bus = subprocess.Popen([program("orvexchanged")], env=self.environment(), stdout=log, stderr=log)
+        path = os.path.join(self.root, "run", "exchange.skt")
+
+        def accepts():
+            with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as probe:
+                return probe.connect_ex(path) == 0
+
+        wait_until(accepts, "the bus accepts connections")
+
+    def kill_bus(self):
+        self.bus.kill()
+        self.bus.wait(DEADLINE)
+        self.bus = None
+
+    def launch(self, log=None, **extra):
+        """Starts a daemon without waiting for it."""
+        with open(log or self.log_path, "ab") as stderr:
+            return subprocess.Popen([program("orvbrokerd")], env=self.environment(**extra),
+                                    stdin=subprocess.DEVNULL, stdout=stderr, stderr=stderr)
+
+    def start_daemon(self, **extra):
+        """Starts the daemon and waits until it answers."""
+        self.daemon = self.launch(**extra)
+        wait_until(self._answers, "the daemon answers")
+
+    def _answers(self):
+        if self.daemon.poll() is not None:
+            raise AssertionError("the daemon ended with %d" % self.daemon.returncode)
+        try:
+            with Client() as client:
+                client.call("no_such_command")
+                return True
+        except (ConnectionRefusedError, ConnectionResetError, EOFError):
+            return False
+
+    def start(self):
+        self.start_bus()
+        self.start_daemon()
+        return self
+
+    def stop_daemon(self):
+        """Stops the daemon in the orderly way and expects success."""
+        self.daemon.send_signal(signal.SIGTERM)
+        status = self.daemon.wait(DEADLINE)
+        self.daemon = None
+        if status != 0:
+            raise AssertionError("the daemon ended with %d" % status)
+
+    def kill_daemon(self):
+        self.daemon.kill()
+        self.daemon.wait(DEADLINE)
+        self.daemon = None
+
+    def restart_daemon(self):
+        self.stop_daemon()
+        self.start_daemon()
+
+    def close(self):
+        for process in (self.daemon, self.bus):
+            if process is not None and process.poll() is None:
+                process.kill()
+                process.wait(DEADLINE)
+        self.daemon = self.bus = None
+        shutil.rmtree(self.root, ignore_errors=True)
+
+    # -- what can be seen from outside
+
+    def descriptors(self):
+        return len(os.listdir("/proc/%d/fd" % self.daemon.pid))
+
+    def resident_kib(self):
+        with open("/proc/%d/status" % self.daemon.pid) as status:
+            return int(re.search(r"VmRSS:\s+(\d+)", status.read()).group(1))
+
+    def log(self, path=None):
+        try:
+            with open(path or self.log_path, encoding="utf-8", errors="replace") as log:
+                return log.read()
+        except FileNotFoundError:
+            return ""
+
+    def messages(self, path=None, level=4):
+        """The messages up to a level, without what the log library and the place put in front."""
+        found = (_LOG_LINE.match(line) for line in self.log(path).splitlines())
+        return [match["text"] for match in found if match and int(match["level"]) <= level]
+
+    def wait_for_log(self, text, count=1, path=None, deadline=DEADLINE):
+        """Waits until some line's message is exactly this text, `count` times over."""
+        wait_until(lambda: self.messages(path).count(text) >= count, "log line: " + text, deadline)
+
+    def orvctl(self, *arguments, **options):
+        """Runs orvctl to its end."""
+        options.setdefault("stdin", subprocess.DEVNULL)
+        if "input" in options:
+            del options["stdin"]
+        environment = self.environment(**options.pop("env", {}))
+        return subprocess.run([program("orvctl"), *arguments], env=environment, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, timeout=DEADLINE * 3, text=True, check=False, **options)
+
+    def setting(self, key):
+        """A key's value, None when it is not there."""
+        result = self.orvctl("settings", "get", key)
+        return result.stdout[:-1] if result.returncode == 0 else None
+
+    def set_setting(self, key, value):
+        result = self.orvctl("settings", "set", key, value)
+        if result.returncode != 0:
+            raise AssertionError("settings set: " + result.stderr)
+
+
+class TestCase(unittest.TestCase):
+    """A test whose worlds end with it, and whose failure comes with the daemon's log."""
+
+    def setUp(self):
+        self.worlds = []
+
+    def run(self, result=None):
+        problems = _problems(result)
+        try:
+            return super().run(result)
+        finally:
+            if _problems(result) > problems:
+                for world in self.worlds:
+                    sys.stderr.write("--- log of %s in %s\n%s---\n" % (self.id(), world.root, world.log()[-20000:]))
+            for world in self.worlds:
+                world.close()
+
+    def world(self, root=None):
+        """A world with nothing started."""
+        world = World(root)
+        self.worlds.append(world)
+        return world
+
+
+def _problems(result):
+    return len(result.failures) + len(result.errors) if result is not None else 0
+
+
+class ServedTestCase(TestCase):
+    """Tests on one world with a running daemon, started anew for each."""
+
+    def setUp(self):
+        super().setUp()
+        self.served = self.world()
+        self.served.start()
