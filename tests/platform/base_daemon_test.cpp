@@ -1,0 +1,203 @@
+// The daemon framework, seen from outside: the probe's options, exit statuses, signals and its way to the
+// background.
+
+#include "base_support.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+std::string value_of(const std::string& text, const std::string& name)
+{
+    const auto begin = text.find(name + "=");
+    if (begin == std::string::npos)
+        return {};
+    const auto from = begin + name.size() + 1;
+    return text.substr(from, text.find_first_of(" \n", from) - from);
+}
+
+bool contains(const std::string& text, const std::string& part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+/// The levels of the lines that the probe logged for its five levels.
+std::string levels_logged(const std::vector<std::string>& options,
+                          const std::vector<std::string>& environment = {})
+{
+    auto all = environment;
+    all.emplace_back("PROBE_RUN=0");
+    const Outcome outcome = run_probe(options, all);
+    std::string levels;
+    for (const auto& line : lines_of(outcome.err))
+        if (contains(line, "]: level "))
+            levels.push_back(line.back());
+    return levels;
+}
+
+TEST(DaemonOptions, VersionIsPrintedWithTheProgramsName)
+{
+    const Outcome outcome = run_probe({"--version"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out, "base_probe 1.3\n");
+    EXPECT_EQ(outcome.err, "");
+}
+
+TEST(DaemonOptions, HelpNamesEveryOptionAndEnvironmentVariable)
+{
+    const Outcome outcome = run_probe({"--help"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out.rfind("Usage: base_probe [OPTION]", 0), 0U);
+    for (const char* part : {"-f, --foreground", "-d, --daemonize", "-l, --log-level=N", "--version",
+                             "--help", "ORV_ROOT", "ORV_LOG_LEVEL", "Exit status"})
+        EXPECT_TRUE(contains(outcome.out, part)) << part;
+}
+
+TEST(DaemonOptions, WrongCommandLineIsToldAndEndsWithStatusTwo)
+{
+    const struct {
+        std::vector<std::string> options;
+        const char* message;
+    } table[] = {
+        {{"--unknown"}, "invalid option '--unknown'"},
+        {{"-x"}, "invalid option '-x'"},
+        {{"-fx"}, "invalid option '-x'"},
+        {{"--foreground=yes"}, "invalid option '--foreground=yes'"},
+        {{"stray"}, "unexpected argument 'stray'"},
+        {{"-f", "stray"}, "unexpected argument 'stray'"},
+        {{"--", "--version"}, "unexpected argument '--version'"},
+        {{"-l"}, "option '-l' needs a value"},
+        {{"--log-level"}, "option '--log-level' needs a value"},
+        {{"-l", "5"}, "invalid log level '5': must be a number from 0 to 4"},
+        {{"-l", "-1"}, "invalid log level '-1': must be a number from 0 to 4"},
+        {{"--log-level="}, "invalid log level '': must be a number from 0 to 4"},
+        {{"--log-level=02"}, "invalid log level '02': must be a number from 0 to 4"},
+        {{"--log-level=2x"}, "invalid log level '2x': must be a number from 0 to 4"},
+    };
+    for (const auto& row : table) {
+        const Outcome outcome = run_probe(row.options);
+        EXPECT_EQ(outcome.status, 2) << row.message;
+        EXPECT_EQ(outcome.out, "") << row.message;
+        EXPECT_EQ(outcome.err, std::string("base_probe: ") + row.message + "\nTry 'base_probe --help'.\n");
+    }
+}
+
+TEST(DaemonOptions, LogLevelTwoIsTheDefault)
+{
+    EXPECT_EQ(levels_logged({}), "012");
+}
+
+TEST(DaemonOptions, LogLevelComesFromTheCommandLine)
+{
+    EXPECT_EQ(levels_logged({"-l", "0"}), "0");
+    EXPECT_EQ(levels_logged({"-l4"}), "01234");
+    EXPECT_EQ(levels_logged({"--log-level=3"}), "0123");
+    EXPECT_EQ(levels_logged({"--log-level", "1"}), "01");
+}
+
+TEST(DaemonOptions, LogLevelComesFromTheEnvironmentUnlessTheCommandLineHasOne)
+{
+    EXPECT_EQ(levels_logged({}, {"ORV_LOG_LEVEL=4"}), "01234");
+    EXPECT_EQ(levels_logged({"-l", "1"}, {"ORV_LOG_LEVEL=4"}), "01");
+}
+
+TEST(DaemonOptions, WrongLogLevelInTheEnvironmentIsToldAndIgnored)
+{
+    const Outcome outcome = run_probe({}, {"ORV_LOG_LEVEL=loud", "PROBE_RUN=0"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_TRUE(contains(outcome.err, "ORV_LOG_LEVEL 'loud' is not a number from 0 to 4, ignoring"));
+    EXPECT_EQ(levels_logged({}, {"ORV_LOG_LEVEL=loud"}), "012");
+}
+
+TEST(DaemonHooks, FailedInitIsStatusOneAndNothingRuns)
+{
+    const Outcome outcome = run_probe({}, {"PROBE_INIT=fail"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.out, "init\n");
+}
+
+TEST(DaemonHooks, RunsResultIsTheExitStatus)
+{
+    const Outcome outcome = run_probe({}, {"PROBE_RUN=7"});
+    EXPECT_EQ(outcome.status, 7);
+    EXPECT_EQ(value_of(outcome.out, "pid"), std::to_string(outcome.process))
+        << "the foreground is the same process";
+}
+
+void expect_orderly_stop(int signal)
+{
+    const Running probe = start_probe({});
+    const std::string before = read_until(probe.out, "waiting\n");
+    EXPECT_TRUE(contains(before, "pipe broken\n"));
+    ASSERT_EQ(kill(probe.process, signal), 0);
+    EXPECT_EQ(read_until(probe.out, ""), "stop is readable\nstop stays readable\n");
+    EXPECT_EQ(wait_for(probe.process), 0);
+}
+
+TEST(DaemonSignals, SigtermMakesTheStopDescriptorReadableWithoutInterruptingAWait)
+{
+    expect_orderly_stop(SIGTERM);
+}
+
+TEST(DaemonSignals, SigintMakesTheStopDescriptorReadableWithoutInterruptingAWait)
+{
+    expect_orderly_stop(SIGINT);
+}
+
+/// A probe in the background, which tells what it sees through a pipe.
+struct Background {
+    Outcome started;
+    Fd told;
+};
+
+Background start_in_background(std::vector<std::string> environment)
+{
+    Ends ends = make_pipe();
+    const int told = dup(ends.second); // inherited: not close-on-exec
+    environment.push_back("PROBE_FD=" + std::to_string(told));
+    Background background = {run_probe({"--daemonize"}, environment), std::move(ends.first)};
+    close(told);
+    return background;
+}
+
+TEST(DaemonBackground, TheStarterEndsOnceTheDaemonIsUp)
+{
+    Background background = start_in_background({});
+    EXPECT_EQ(background.started.status, 0);
+    EXPECT_EQ(background.started.out + background.started.err, "") << "the daemon logs to syslog";
+    const std::string told = read_until(background.told, "waiting\n");
+    const std::string process = value_of(told, "pid");
+    EXPECT_NE(process, std::to_string(background.started.process));
+    EXPECT_EQ(value_of(told, "leader"), "true");
+    EXPECT_EQ(value_of(told, "directory"), "/");
+    for (const char* stream : {"in", "out", "err"})
+        EXPECT_EQ(value_of(told, stream), "/dev/null");
+    ASSERT_EQ(kill(std::stoi(process), SIGTERM), 0);
+    EXPECT_EQ(read_until(background.told, ""), "stop is readable\nstop stays readable\n");
+}
+
+TEST(DaemonBackground, TheStarterEndsWithStatusOneWhenInitFails)
+{
+    Background background = start_in_background({"PROBE_INIT=fail"});
+    EXPECT_EQ(background.started.status, 1);
+    EXPECT_EQ(background.started.err, "base_probe: failed to start, see the system log\n");
+    EXPECT_EQ(read_until(background.told, ""), "init\n");
+}
+
+TEST(DaemonBackground, ARelativeRootStaysTheSameDirectory)
+{
+    Background background = start_in_background({"ORV_ROOT=some/where", "PROBE_RUN=0"});
+    EXPECT_EQ(background.started.status, 0);
+    const std::string here = std::filesystem::current_path().string();
+    EXPECT_EQ(value_of(read_until(background.told, ""), "root"), here + "/some/where");
+}
+
+} // namespace

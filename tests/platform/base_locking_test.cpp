@@ -1,0 +1,159 @@
+// File locks between processes.
+
+#include "base_support.h"
+
+#include <orvutils/error.h>
+#include <orvutils/locking.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <string>
+#include <utility>
+
+namespace {
+
+using namespace orv::locking;
+
+constexpr int kNotMade = 9;
+
+/// The result of trying to lock the file, as an exit status.
+int try_lock(const std::string& file, type which)
+{
+    auto lock = plock::make(file, flags::none);
+    return lock ? static_cast<int>(lock->lock(which)) : kNotMade;
+}
+
+int try_lock_elsewhere(const std::string& file, type which)
+{
+    return in_child([&] { return try_lock(file, which); }).status;
+}
+
+plock locked(const std::string& file, type which)
+{
+    auto lock = plock::make(file, flags::create);
+    EXPECT_TRUE(lock);
+    EXPECT_EQ(lock->lock(which), result::locked);
+    return std::move(*lock);
+}
+
+constexpr int kBusy = static_cast<int>(result::busy);
+constexpr int kLocked = static_cast<int>(result::locked);
+
+TEST(Lock, ExclusiveKeepsOtherProcessesOut)
+{
+    const TemporaryRoot root;
+    const std::string file = root.path() + "/lock";
+    const plock lock = locked(file, type::exclusive);
+    EXPECT_TRUE(lock.owns_lock());
+    EXPECT_EQ(try_lock_elsewhere(file, type::exclusive), kBusy);
+    EXPECT_EQ(try_lock_elsewhere(file, type::shared), kBusy);
+}
+
+TEST(Lock, SharedAdmitsOtherSharedOnes)
+{
+    const TemporaryRoot root;
+    const std::string file = root.path() + "/lock";
+    const plock lock = locked(file, type::shared);
+    EXPECT_EQ(try_lock_elsewhere(file, type::shared), kLocked);
+    EXPECT_EQ(try_lock_elsewhere(file, type::exclusive), kBusy);
+}
+
+TEST(Lock, OfTheSameProcessStaysWhenAnotherDescriptorOfTheFileIsClosed)
+{
+    const TemporaryRoot root;
+    const std::string file = root.path() + "/lock";
+    const plock lock = locked(file, type::exclusive);
+    EXPECT_EQ(try_lock(file, type::exclusive), kBusy);
+    spill(file, "1.3");
+    EXPECT_EQ(try_lock_elsewhere(file, type::exclusive), kBusy);
+}
+
+TEST(Lock, EndsWithItsOwnerObject)
+{
+    const TemporaryRoot root;
+    const std::string file = root.path() + "/lock";
+    {
+        const plock lock = locked(file, type::exclusive);
+    }
+    EXPECT_EQ(try_lock_elsewhere(file, type::exclusive), kLocked);
+}
+
+TEST(Lock, EndsWithItsOwnersDeath)
+{
+    const TemporaryRoot root;
+    const std::string file = root.path() + "/lock";
+    Ends ends = make_pipe();
+    const pid_t owner = fork();
+    ASSERT_NE(owner, -1);
+    if (owner == 0) {
+        const plock lock = locked(file, type::exclusive);
+        (void)!write(ends.second, "L", 1);
+        for (;;)
+            pause();
+    }
+    ASSERT_EQ(read_until(ends.first, "L"), "L");
+    EXPECT_EQ(try_lock_elsewhere(file, type::exclusive), kBusy);
+    kill(owner, SIGKILL);
+    EXPECT_EQ(wait_for(owner), 1000 + SIGKILL);
+    EXPECT_EQ(try_lock_elsewhere(file, type::exclusive), kLocked);
+}
+
+TEST(Lock, MovesWithItsObject)
+{
+    const TemporaryRoot root;
+    const std::string file = root.path() + "/lock";
+    plock global;
+    EXPECT_FALSE(global.owns_lock());
+    EXPECT_EQ(global.lock(type::exclusive), result::failed) << "there is no file";
+    {
+        plock lock = locked(file, type::exclusive);
+        global = std::move(lock);
+    }
+    EXPECT_TRUE(global.owns_lock());
+    EXPECT_EQ(try_lock_elsewhere(file, type::exclusive), kBusy);
+    const plock last = std::move(global);
+    EXPECT_TRUE(last.owns_lock());
+    EXPECT_EQ(try_lock_elsewhere(file, type::exclusive), kBusy);
+}
+
+TEST(Lock, FileIsMadeOnlyWhenAskedFor)
+{
+    const TemporaryRoot root;
+    const std::string file = root.path() + "/tmp/locks/key";
+    EXPECT_FALSE(plock::make(file, flags::none));
+    EXPECT_EQ(orv::_get_orverrno(), static_cast<int>(orv::Error::input_output));
+    const mode_t before = umask(022);
+    EXPECT_TRUE(plock::make(file, flags::create)) << "with its directories, below the root";
+    umask(before);
+    struct stat status = {};
+    ASSERT_EQ(stat(file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0644U);
+}
+
+TEST(Lock, DirectoriesOutsideTheRootAreNotMade)
+{
+    const TemporaryRoot outside;
+    const TemporaryRoot root; // the one in force
+    EXPECT_FALSE(plock::make(outside.path() + "/new/lock", flags::create));
+    EXPECT_FALSE(plock::make(root.path() + "-beside/lock", flags::create));
+    EXPECT_FALSE(std::filesystem::exists(root.path() + "-beside"));
+    EXPECT_FALSE(plock::make("", flags::create));
+    EXPECT_EQ(orv::_get_orverrno(), static_cast<int>(orv::Error::invalid_argument));
+}
+
+TEST(Lock, LeavesTheFilesContentAlone)
+{
+    const TemporaryRoot root;
+    const std::string file = root.path() + "/orvbrokerd.version";
+    spill(file, "1.3");
+    const plock lock = locked(file, type::exclusive);
+    EXPECT_EQ(slurp(file), "1.3");
+}
+
+} // namespace
