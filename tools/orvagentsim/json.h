@@ -1,0 +1,27 @@
+#pragma once
+
+#include <jansson.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace orvagentsim {
+
+struct JsonDeleter {
+    void operator()(json_t* value) const { json_decref(value); }
+};
+
+/// One owned reference on a JSON value.
+using JsonPtr = std::unique_ptr<json_t, JsonDeleter>;
+
+/// Any JSON value; null when the text is none.
+[[nodiscard]] JsonPtr parse_json(std::string_view text);
+
+/// A value's text in one line, empty on failure.
+[[nodiscard]] std::string to_text(const JsonPtr& value);
+
+/// A member that is a string; null when there is none. It lives as long as the object.
+[[nodiscard]] const char* string_member(const json_t* object, const char* name);
+
+} // namespace orvagentsim

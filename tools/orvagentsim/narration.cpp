@@ -1,0 +1,44 @@
+#include "narration.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <iterator>
+#include <string>
+
+namespace orvagentsim {
+namespace {
+
+std::string time_of_day()
+{
+    using std::chrono::milliseconds;
+    const auto now = std::chrono::system_clock::now();
+    const auto since = std::chrono::duration_cast<milliseconds>(now.time_since_epoch()).count();
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    return fmt::format("{:02d}:{:02d}:{:02d}.{:03d}", local.tm_hour, local.tm_min, local.tm_sec,
+                       since % 1000);
+}
+
+/// What others wrote must not begin a line of its own or steer a terminal.
+bool is_control(char c)
+{
+    return static_cast<unsigned char>(c) < ' ' || c == '\x7f';
+}
+
+} // namespace
+
+void vnarrate(std::string_view who, fmt::string_view format, fmt::format_args arguments)
+{
+    std::string line = fmt::format("{} {:<15} ", time_of_day(), who);
+    fmt::vformat_to(std::back_inserter(line), format, arguments);
+    std::replace_if(line.begin(), line.end(), is_control, '?');
+    line += '\n';
+    // A line that cannot be written is lost: there is nobody to tell.
+    (void)!write(STDERR_FILENO, line.data(), line.size());
+}
+
+} // namespace orvagentsim

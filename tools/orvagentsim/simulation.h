@@ -1,0 +1,35 @@
+#pragma once
+
+#include "exchange.h"
+#include "loop.h"
+#include "options.h"
+#include "scanner.h"
+
+#include <cstdint>
+
+namespace orvagentsim {
+
+/// The four participants at work. What they share are the loop, the exchange and the stores.
+class Simulation {
+public:
+    explicit Simulation(Options options);
+    Simulation(const Simulation&) = delete;
+    Simulation& operator=(const Simulation&) = delete;
+    ~Simulation() = default;
+
+    /// Plays until a signal asks for the end; returns the program's exit status.
+    [[nodiscard]] int run();
+
+    const Options options;
+    Loop loop;
+    Exchange exchange;
+    Scanner scanner;
+    std::uint64_t telemetry_events = 0; ///< received since the start
+
+private:
+    [[nodiscard]] bool start();
+    void receive(Participant to, OrvexKind kind, const Message& message);
+    void process(Participant to, const Message& message);
+};
+
+} // namespace orvagentsim
