@@ -3,6 +3,8 @@
 
 #include <gmock/gmock.h>
 
+#include <jansson.h>
+
 #include <sched.h>
 
 #include <csignal>
@@ -15,6 +17,7 @@ int main(int argc, char** argv)
         std::perror("cannot enter a network namespace of its own");
         return 1;
     }
+    json_object_seed(1);           // else the first object reads its seed from a file
     std::signal(SIGPIPE, SIG_IGN); // as the daemon framework does
     return RUN_ALL_TESTS();
 }

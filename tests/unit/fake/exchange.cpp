@@ -38,6 +38,16 @@ Orvex* Fake::connect(void (*callback)(const Message*))
     return &g_handle;
 }
 
+void Fake::renew_exchange_fd()
+{
+    Paused paused;
+    const int old = g_handle.fd;
+    g_handle.fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    close(old);
+    forget_fd(old);
+    name_fd(g_handle.fd, "exchange");
+}
+
 void Fake::deliver(std::function<void()> action)
 {
     Paused paused;
@@ -141,6 +151,7 @@ void orvex_uninit(Orvex* orvex)
 {
     Fake* fake = Fake::current();
     fake->note("orvex_uninit()");
+    fake->requests.clear(); // what is in flight is dropped
     const Fake::Paused paused;
     close(orvex->fd);
     fake->forget_fd(orvex->fd);

@@ -243,7 +243,8 @@ int Fake::wait(int epfd, epoll_event* events, int capacity, int timeout)
         m_script.pop_front();
         return step(epfd, events, capacity);
     }
-    if (m_waits_after_stop++ > 0) {
+    if (m_waits_after_stop++ >
+        16) { // with many ready descriptors the stop descriptor can be in a later batch
         std::fputs("the daemon goes on waiting after it was asked to stop\n", stderr);
         std::abort();
     }

@@ -169,6 +169,8 @@ public:
     /// An event, which arrives with the next reading of the exchange.
     void deliver(const std::string& type, const std::string& data, std::uint64_t id = 0,
                  const std::string& from = "orvagent");
+    /// As after a reconnection: the exchange's descriptor is another one, under the same name.
+    void renew_exchange_fd();
     /// Something that happens during the next reading of the exchange.
     void deliver(std::function<void()> action);
     /// The answer to the oldest request in flight, which arrives with the next reading of the exchange.

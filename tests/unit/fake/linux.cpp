@@ -203,14 +203,25 @@ void* __wrap_malloc(std::size_t size)
     return no_memory("malloc") ? nullptr : __real_malloc(size);
 }
 
-// operator new and new[] without exceptions; their names hold what std::size_t is.
+// operator new and new[]; their names hold what std::size_t is. Where the C++ runtime is linked statically
+// they end up in malloc(), which then is not asked for by the code that is tested.
 #if __SIZEOF_SIZE_T__ == 8
+#define THROWING_NEW(prefix) prefix##_Znwm
 #define NEW_OBJECT(prefix) prefix##_ZnwmRKSt9nothrow_t
 #define NEW_ARRAY(prefix) prefix##_ZnamRKSt9nothrow_t
 #else
+#define THROWING_NEW(prefix) prefix##_Znwj
 #define NEW_OBJECT(prefix) prefix##_ZnwjRKSt9nothrow_t
 #define NEW_ARRAY(prefix) prefix##_ZnajRKSt9nothrow_t
 #endif
+
+void* THROWING_NEW(__real_)(std::size_t size);
+
+void* THROWING_NEW(__wrap_)(std::size_t size)
+{
+    const Fake::Paused paused;
+    return THROWING_NEW(__real_)(size);
+}
 
 void* NEW_OBJECT(__real_)(std::size_t size, const std::nothrow_t& tag);
 void* NEW_ARRAY(__real_)(std::size_t size, const std::nothrow_t& tag);

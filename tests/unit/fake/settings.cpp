@@ -180,8 +180,10 @@ void MonitoredKey::read_notifications()
 {
     platform().note("MonitoredKey::read_notifications()");
     eventfd_t pending = 0;
-    if (eventfd_read(platform().fd("watch"), &pending) == 0 && platform().watch_callback)
-        platform().watch_callback(m_watch->m_key, m_watch->m_user);
+    if (eventfd_read(platform().fd("watch"), &pending) != 0 || !platform().watch_callback)
+        return;
+    const bool goes_on = platform().watch_callback(m_watch->m_key, m_watch->m_user);
+    platform().note(goes_on ? "the watch's callback returned true" : "the watch's callback returned false");
 }
 
 void MonitoredKey::cancel()

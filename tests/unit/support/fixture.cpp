@@ -7,6 +7,7 @@
 
 #include <dirent.h>
 #include <ftw.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -43,8 +44,15 @@ fake::Logs lines(std::initializer_list<std::pair<int, std::string>> list)
 
 // ---- PlatformTest
 
+namespace {
+
+constexpr unsigned kDeadline = 60; ///< seconds, for one test
+
+} // namespace
+
 PlatformTest::PlatformTest()
 {
+    alarm(kDeadline); // a daemon that blocks is a failure, not a wait
     char root[] = "/tmp/orvbrokerd-unit-XXXXXX";
     m_root = mkdtemp(root);
     mkdir((m_root + "/6").c_str(), 0700);
@@ -54,6 +62,7 @@ PlatformTest::PlatformTest()
 
 PlatformTest::~PlatformTest()
 {
+    alarm(0);
     expect_tables_empty();
     platform.reset();
     EXPECT_EQ(open_descriptors(), m_descriptors);
@@ -145,6 +154,17 @@ bool ServiceTest::receive(Peer& peer, const std::string& bytes)
 {
     peer.client.send(bytes);
     return handle(peer, EPOLLIN);
+}
+
+bool ServiceTest::receive_all(Peer& peer, const std::string& bytes)
+{
+    if (!receive(peer, bytes))
+        return false;
+    int unread = 0;
+    while (ioctl(peer.conn->fd, FIONREAD, &unread) == 0 && unread > 0)
+        if (!handle(peer, EPOLLIN))
+            return false;
+    return true;
 }
 
 bool ServiceTest::handle(Peer& peer, unsigned events)

@@ -60,6 +60,8 @@ protected:
     /// Lets the client send that and the daemon handle it. False when the connection has ended by it; it is
     /// then destroyed.
     bool receive(Peer& peer, const std::string& bytes);
+    /// The same, with as many readable events as there are bytes left.
+    bool receive_all(Peer& peer, const std::string& bytes);
     /// Hands an event mask to the connection; the same.
     bool handle(Peer& peer, unsigned events);
     /// Lets the daemon write until nothing is pending. False when the connection has ended by it.

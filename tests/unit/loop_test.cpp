@@ -1,0 +1,633 @@
+// The main loop: what one pass asks of the system, who is served in which order, and what ends it.
+
+#include "support/fixture.h"
+
+#include "orvbrokerd.h"
+
+#include <algorithm>
+#include <cerrno>
+
+namespace orv::test {
+namespace {
+
+using brokerd::g_connections;
+using fake::Calls;
+using fake::LogLine;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsSupersetOf;
+using testing::Not;
+
+const std::string kWait = "epoll_wait(8, 1000)";
+const std::string kStatusRequest = "{\"type\":\"command\",\"name\":\"get_services_status\"}\n";
+
+Calls operator+(Calls first, const Calls& second)
+{
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+/// What a pass does before waiting, when both descriptors are watched already.
+const Calls kWatchAgain{"orvex_get_fd()", "epoll_ctl(MOD, exchange, IN)", "MonitoredKey::get_fd()",
+                        "epoll_ctl(MOD, watch, IN)", kWait};
+/// The same after a pass that handled something, and so has taken the settings watch out.
+const Calls kWatchAfterEvents{"orvex_get_fd()",
+                              "epoll_ctl(MOD, exchange, IN)",
+                              "MonitoredKey::get_fd()",
+                              "epoll_ctl(MOD, watch, IN)",
+                              "epoll_ctl(ADD, watch, IN)",
+                              kWait};
+const Calls kEndOfPass{"epoll_ctl(DEL, watch)"};
+
+class MainLoop : public PlatformTest {
+protected:
+    /// Runs the daemon to its end and splits what it did: before the loop, then one list per pass.
+    void run()
+    {
+        EXPECT_EQ(run_daemon(), 0);
+        m_passes.clear();
+        m_passes.emplace_back();
+        for (std::string& call : platform->take_calls()) {
+            if (call == "orvex_get_fd()")
+                m_passes.emplace_back();
+            m_passes.back().push_back(std::move(call));
+        }
+        m_logs = platform->take_logs();
+    }
+
+    [[nodiscard]] const Calls& pass(std::size_t n) const { return m_passes.at(n); }
+
+    /// What the n-th pass did after waiting.
+    [[nodiscard]] Calls events_of(std::size_t n) const
+    {
+        const Calls& calls = m_passes.at(n);
+        return {std::find(calls.begin(), calls.end(), kWait) + 1, calls.end()};
+    }
+
+    /// The lines between the start-up's and the shutdown's.
+    [[nodiscard]] fake::Logs logs() const { return {m_logs.begin() + 2, m_logs.end() - 2}; }
+
+    void connect(Client& client)
+    {
+        platform->on_wait([&] { client.connect(); });
+    }
+
+    [[nodiscard]] std::string number(const std::string& name) const
+    {
+        return std::to_string(platform->fd(name));
+    }
+
+    [[nodiscard]] brokerd::Connection* connection(const std::string& name) const
+    {
+        return g_connections.at(platform->fd(name));
+    }
+
+private:
+    std::vector<Calls> m_passes;
+    fake::Logs m_logs;
+};
+
+// ---- passes
+
+TEST_F(MainLoop, WatchesTheExchangeAndTheSettingsAnewInEachPassAndIsSilentWhenIdle)
+{
+    for (int i = 0; i < 3; ++i)
+        platform->on_wait([] {});
+    run();
+
+    EXPECT_THAT(pass(1), ElementsAre("orvex_get_fd()", "epoll_ctl(MOD, exchange, IN)",
+                                     "epoll_ctl(ADD, exchange, IN)", "MonitoredKey::get_fd()",
+                                     "epoll_ctl(MOD, watch, IN)", "epoll_ctl(ADD, watch, IN)", kWait));
+    EXPECT_EQ(pass(2), kWatchAgain);
+    EXPECT_EQ(pass(3), kWatchAgain);
+    EXPECT_TRUE(logs().empty());
+}
+
+TEST_F(MainLoop, ServesARequestWithExactlyTheseCalls)
+{
+    Client client;
+    connect(client);
+    platform->on_wait([&] { client.send(kStatusRequest); });
+    platform->on_wait([] {});
+    platform->on_wait([&] { EXPECT_EQ(client.frame(), R"({"data": {"status": 1}, "status": 0})"); });
+    run();
+
+    EXPECT_EQ(
+        events_of(1),
+        (Calls{"accept(server)", "epoll_ctl(MOD, client1, IN)", "epoll_ctl(ADD, client1, IN)"} + kEndOfPass));
+    const Calls request{"recv(client1)", "setMgmt::getKeyValue(/protection/enabled, \"1\")",
+                        "epoll_ctl(MOD, client1, IN|OUT)"};
+    const Calls answer{"send(client1, 40)", "epoll_ctl(MOD, client1, IN)"};
+    EXPECT_EQ(pass(2), kWatchAfterEvents + request + kEndOfPass);
+    EXPECT_EQ(pass(3), kWatchAfterEvents + answer + kEndOfPass);
+    EXPECT_EQ(pass(4), kWatchAfterEvents);
+    EXPECT_EQ(logs(), lines({{4, "new client socket " + number("client1") + " is connected"},
+                             {4, "received event on client socket " + number("client1")},
+                             {2, "process get_services_status command"},
+                             {2, "last operation status is 0"},
+                             {4, "received event on client socket " + number("client1")}}));
+}
+
+TEST_F(MainLoop, OnlyWarnsWhenASignalInterruptsTheWait)
+{
+    platform->on_wait_fail(EINTR);
+    platform->on_wait([] {});
+    run();
+
+    EXPECT_TRUE(events_of(1).empty());
+    EXPECT_EQ(pass(2), kWatchAgain);
+    EXPECT_EQ(logs(), lines({{1, "waiting on epoll was interrupted by a signal"}}));
+}
+
+TEST_F(MainLoop, ShutsDownWhenWaitingFails)
+{
+    platform->on_wait_fail(EBADF);
+    run();
+
+    EXPECT_EQ(events_of(1).front(), "orvex_uninit()");
+    EXPECT_EQ(events_of(1).back(), "MonitoredKey::cancel()");
+    EXPECT_EQ(logs(), lines({{0, "failed to wait on epoll"}}));
+}
+
+TEST_F(MainLoop, GoesOnWithoutTheExchangesDescriptor)
+{
+    Client client;
+    platform->fail("orvex_get_fd()");
+    connect(client);
+    run();
+
+    EXPECT_THAT(pass(1), ElementsAre("orvex_get_fd()", "MonitoredKey::get_fd()", "epoll_ctl(MOD, watch, IN)",
+                                     "epoll_ctl(ADD, watch, IN)", kWait, "accept(server)",
+                                     "epoll_ctl(MOD, client1, IN)", "epoll_ctl(ADD, client1, IN)",
+                                     "epoll_ctl(DEL, watch)"));
+    EXPECT_EQ(logs(), lines({{1, "failed to get orvex fd"},
+                             {4, "new client socket " + number("client1") + " is connected"}}));
+}
+
+TEST_F(MainLoop, GoesOnWhenTheExchangesDescriptorCannotBeWatched)
+{
+    platform->fail("epoll_ctl(ADD, exchange");
+    platform->on_wait([] {});
+    platform->on_wait([] {});
+    run();
+
+    EXPECT_EQ(logs(), lines({{0, "failed to add orvex fd to epoll"}}));
+    EXPECT_THAT(pass(2), Contains("epoll_ctl(ADD, exchange, IN)"));
+}
+
+TEST_F(MainLoop, WatchesTheExchangesNewDescriptorAfterAReconnection)
+{
+    platform->on_wait([&] { platform->renew_exchange_fd(); });
+    platform->on_wait([&] { platform->deliver([] {}); });
+    run();
+
+    EXPECT_THAT(pass(2), IsSupersetOf({"epoll_ctl(ADD, exchange, IN)", "orvex_read_fd()"}));
+}
+
+TEST_F(MainLoop, GoesOnWithoutTheSettingsWatch)
+{
+    platform->fail_from("MonitoredKey::get_fd()");
+    Client client;
+    connect(client);
+    run();
+
+    EXPECT_THAT(pass(1), Not(Contains("epoll_ctl(MOD, watch, IN)")));
+    EXPECT_THAT(pass(1), Not(Contains("epoll_ctl(DEL, watch)")));
+    EXPECT_THAT(pass(1), Contains("accept(server)"));
+}
+
+TEST_F(MainLoop, SaysNothingWhenTheSettingsWatchCannotBeWatched)
+{
+    platform->fail_from("epoll_ctl(MOD, watch");
+    platform->fail_from("epoll_ctl(DEL, watch");
+    platform->on_wait([] {});
+    run();
+    EXPECT_TRUE(logs().empty());
+}
+
+TEST_F(MainLoop, IgnoresADescriptorThatNobodyOwns)
+{
+    platform->on_wait_give({{12345, EPOLLIN}});
+    run();
+    EXPECT_EQ(events_of(1), kEndOfPass);
+    EXPECT_TRUE(logs().empty());
+}
+
+TEST_F(MainLoop, HandlesTheRestOfABatchBeforeItStops)
+{
+    Client client;
+    connect(client);
+    platform->on_wait_give({{"stop", EPOLLIN}, {"client1", EPOLLIN}},
+                           [&] { client.send("{\"type\":\"command\",\"name\":\"pro_features_enable\"}\n"); });
+    run();
+
+    EXPECT_EQ(platform->settings["/protection/pro_features_enabled"], "1");
+    EXPECT_THAT(events_of(2), Contains("orvex_uninit()"));
+}
+
+TEST_F(MainLoop, TakesNoMoreThanEightDescriptorsPerWaitAndTheOthersInTheNextPass)
+{
+    constexpr int kClients = 12;
+    Client clients[kClients];
+    for (Client& client : clients)
+        connect(client);
+    platform->on_wait([&] {
+        for (Client& client : clients)
+            client.send(kStatusRequest);
+    });
+    platform->on_wait([] {});
+    run();
+
+    const auto served = [this](std::size_t n) {
+        const Calls calls = events_of(n);
+        return std::count_if(calls.begin(), calls.end(),
+                             [](const std::string& call) { return call.rfind("recv(", 0) == 0; });
+    };
+    EXPECT_EQ(served(kClients + 1), 8);
+    EXPECT_GE(served(kClients + 2), kClients - 8);
+}
+
+// ---- accepting
+
+TEST_F(MainLoop, WarnsWhenAcceptFailsAndServesTheNextEntry)
+{
+    Client first;
+    Client second;
+    connect(first);
+    platform->on_wait_give({{"server", EPOLLIN}, {"client1", EPOLLIN}}, [&] {
+        platform->fail("accept(server)", 1, EMFILE);
+        second.connect();
+        first.send(kStatusRequest);
+    });
+    run();
+
+    EXPECT_EQ(events_of(2).front(), "accept(server)");
+    EXPECT_EQ(events_of(2).at(1), "recv(client1)");
+    EXPECT_THAT(logs(), Contains(LogLine{1, "failed to accept client", {}, {}}));
+}
+
+struct AcceptFailure {
+    const char* name;
+    const char* kind; ///< of memory
+    unsigned n;
+    const char* logged;
+};
+
+TEST_F(MainLoop, ClosesAClientThatItHasNoMemoryForAndServesTheNextOne)
+{
+    const AcceptFailure failures[] = {
+        {"the connection", "new", 1, "failed to create new connection"},
+        {"the send buffer", "malloc", 1, "failed to init new connection"},
+        {"the receive buffer", "malloc", 2, "failed to init new connection"},
+    };
+    for (const AcceptFailure& failure : failures) {
+        SCOPED_TRACE(failure.name);
+        renew_platform();
+        Client first;
+        Client second;
+        platform->on_wait([&] {
+            first.connect();
+            platform->fail_memory(failure.kind, failure.n);
+        });
+        connect(second);
+        platform->on_wait([&] {
+            EXPECT_TRUE(first.is_closed());
+            EXPECT_EQ(g_connections.size(), 1U);
+        });
+        run();
+
+        const bool was_made = failure.kind != std::string("new");
+        EXPECT_EQ(events_of(1), Calls{"accept(server)"} +
+                                    (was_made ? Calls{"epoll_ctl(DEL, client1)", "close(client1)"}
+                                              : Calls{"close(client1)"}) +
+                                    kEndOfPass);
+        EXPECT_EQ(logs(), lines({{0, failure.logged},
+                                 {4, "new client socket " + number("client2") + " is connected"}}));
+    }
+}
+
+TEST_F(MainLoop, ClosesAClientThatCannotBeWatched)
+{
+    for (const char* call : {"epoll_ctl(MOD, client1", "epoll_ctl(ADD, client1"}) {
+        SCOPED_TRACE(call);
+        renew_platform();
+        Client client;
+        platform->fail(call);
+        connect(client);
+        platform->on_wait([&] {
+            EXPECT_TRUE(client.is_closed());
+            EXPECT_TRUE(g_connections.empty());
+        });
+        run();
+
+        const Calls calls = events_of(1);
+        EXPECT_THAT(Calls(calls.end() - 3, calls.end()),
+                    ElementsAre("epoll_ctl(DEL, client1)", "close(client1)", "epoll_ctl(DEL, watch)"));
+        EXPECT_EQ(logs(), lines({{0, "failed to add client socket to epoll"}}));
+    }
+}
+
+TEST_F(MainLoop, DestroysAConnectionWhoseClientHasGone)
+{
+    Client client;
+    connect(client);
+    platform->on_wait([&] { client.close(); });
+    platform->on_wait([] { EXPECT_TRUE(g_connections.empty()); });
+    run();
+
+    EXPECT_EQ(events_of(2),
+              (Calls{"recv(client1)", "epoll_ctl(DEL, client1)", "close(client1)"} + kEndOfPass));
+    EXPECT_EQ(logs(), lines({{4, "new client socket " + number("client1") + " is connected"},
+                             {4, "received event on client socket " + number("client1")}}));
+}
+
+// ---- timers
+
+const std::string kFirstEvent = R"({"id": 1, "type": "a"})";
+const std::string kSecondEvent = R"({"id": 2, "type": "b"})";
+
+TEST_F(MainLoop, SubmitsTheStoredTelemetryInItsOrderWhenItsTimerExpires)
+{
+    platform->outbox = {kFirstEvent, kSecondEvent};
+    platform->on_wait([&] { platform->expire("timer1"); });
+    run();
+
+    EXPECT_EQ(events_of(1), (Calls{"timer_tick(timer1)", "karma::read_events()",
+                                   "karma::submit_karma_event(" + kFirstEvent + ")",
+                                   "karma::submit_karma_event(" + kSecondEvent + ")"} +
+                             kEndOfPass));
+    EXPECT_TRUE(logs().empty());
+}
+
+TEST_F(MainLoop, SubmitsTheOtherTelemetryWhenOneCannotBeSubmitted)
+{
+    platform->outbox = {kFirstEvent, kSecondEvent};
+    platform->on_wait([&] {
+        platform->expire("timer1");
+        platform->fail("karma::submit_karma_event");
+    });
+    run();
+    EXPECT_THAT(events_of(1), Contains("karma::submit_karma_event(" + kSecondEvent + ")"));
+    EXPECT_TRUE(logs().empty());
+}
+
+TEST_F(MainLoop, SubmitsNoTelemetryWhenItCannotBeRead)
+{
+    platform->outbox = {kFirstEvent};
+    platform->fail("karma::read_events()");
+    platform->on_wait([&] { platform->expire("timer1"); });
+    run();
+
+    EXPECT_EQ(events_of(1), (Calls{"timer_tick(timer1)", "karma::read_events()"} + kEndOfPass));
+    EXPECT_EQ(logs(), lines({{0, "Could not read old events from file"}}));
+}
+
+TEST_F(MainLoop, DoesNothingForATimerThatHasNotExpired)
+{
+    platform->on_wait_give({{"timer1", EPOLLIN}, {"timer2", EPOLLIN}});
+    run();
+    EXPECT_EQ(events_of(1), (Calls{"timer_tick(timer1)", "timer_tick(timer2)"} + kEndOfPass));
+    EXPECT_TRUE(logs().empty());
+}
+
+TEST_F(MainLoop, SendsTheChangedDevicesWhenTheirTimerExpires)
+{
+    Client client;
+    connect(client);
+    platform->on_wait([&] { client.send("{\"type\":\"subscribe\",\"name\":\"devices_list_updated\"}\n"); });
+    platform->on_wait([&] {
+        platform->deliver([&] {
+            devMgmt::Device device;
+            device.did = "d1";
+            platform->change_device(devMgmt::DevInfoChangeType::added, device, "");
+        });
+    });
+    platform->on_wait([&] { platform->expire("timer2"); });
+    platform->on_wait([] {});
+    platform->on_wait([&] {
+        EXPECT_EQ(client.frame(), R"({"data": null, "status": 0})");
+        EXPECT_EQ(client.frame(), R"([{"device_id": "d1", "status": "new"}])");
+    });
+    run();
+    EXPECT_THAT(events_of(4), ElementsAre("timer_tick(timer2)", "epoll_ctl(MOD, client1, IN|OUT)",
+                                          "epoll_ctl(DEL, watch)"));
+}
+
+// ---- the report of the first start
+
+TEST_F(MainLoop, ReportsDeployedOnceBeforeItsFirstPass)
+{
+    const std::string report =
+        R"(karma::submit_karma_event({"type": "tuvo_agent_status", "data": {"agent_state": "deployed"}}))";
+    run();
+    const Calls start = pass(0);
+    const auto begin =
+        std::find(start.begin(), start.end(), "setMgmt::getKeyValue(/karma/tuvo_agent_status/deployed, 0)");
+    EXPECT_THAT(
+        Calls(begin, start.end()),
+        ElementsAre("setMgmt::getKeyValue(/karma/tuvo_agent_status/deployed, 0)",
+                    R"(karma::build_karma_event_json(tuvo_agent_status, {"agent_state": "deployed"}))",
+                    report, "setMgmt::setKey(/karma/tuvo_agent_status/deployed, 1)",
+                    "MonitoredKey(/tmp/subscription/refresh, false, null, true)"));
+}
+
+TEST_F(MainLoop, ReportsDeployedWhenItsKeyIsUnsetOrZeroOrNoNumber)
+{
+    struct Case {
+        std::optional<std::string> value;
+        bool reports;
+    };
+    for (const Case& c : {Case{std::nullopt, true}, Case{"0", true}, Case{"", true}, Case{"yes", true},
+                          Case{"1", false}, Case{"2", false}, Case{"-1", false}}) {
+        SCOPED_TRACE(c.value.value_or("unset"));
+        renew_platform();
+        if (c.value)
+            platform->settings["/karma/tuvo_agent_status/deployed"] = *c.value;
+        run();
+        EXPECT_EQ(testing::Value(pass(0), Contains("setMgmt::setKey(/karma/tuvo_agent_status/deployed, 1)")),
+                  c.reports);
+        EXPECT_EQ(platform->settings["/karma/tuvo_agent_status/deployed"], c.reports ? "1" : *c.value);
+    }
+}
+
+TEST_F(MainLoop, RemembersTheDeployedReportAlsoWhenItFailed)
+{
+    for (const char* call : {"karma::build_karma_event_json", "karma::submit_karma_event"}) {
+        SCOPED_TRACE(call);
+        renew_platform();
+        platform->fail(call);
+        run();
+        EXPECT_EQ(platform->settings["/karma/tuvo_agent_status/deployed"], "1");
+    }
+}
+
+TEST_F(MainLoop, StartsAlsoWhenTheDeployedReportCannotBeRemembered)
+{
+    platform->fail("setMgmt::setKey(/karma");
+    platform->on_wait([] {});
+    platform->on_wait([] {});
+    run();
+    EXPECT_EQ(pass(2), kWatchAgain);
+}
+
+// ---- the watched key
+
+TEST_F(MainLoop, TellsAChangedSubscriptionWhenTheWatchedKeyChanges)
+{
+    platform->settings["/tmp/subscription/global/status"] = "valid";
+    platform->settings["/tmp/subscription/global/expiry"] = "4102444800";
+    Client client;
+    connect(client);
+    platform->on_wait([&] { client.send("{\"type\":\"subscribe\",\"name\":\"subscription_changed\"}\n"); });
+    platform->on_wait([&] { platform->notify_watch(); });
+    platform->on_wait([] {});
+    platform->on_wait([&] {
+        EXPECT_EQ(client.frame(), R"({"data": null, "status": 0})");
+        EXPECT_EQ(client.frame(), R"({"status": "valid", "expiry": 4102444800})");
+    });
+    run();
+
+    EXPECT_THAT(events_of(3),
+                IsSupersetOf({"MonitoredKey::read_notifications()", "the watch's callback returned true"}));
+}
+
+TEST_F(MainLoop, KeepsWatchingTheKeyWhenTheSubscriptionCannotBeRead)
+{
+    platform->fail("subs::load()");
+    platform->on_wait([&] { platform->notify_watch(); });
+    run();
+    EXPECT_THAT(events_of(1), Contains("the watch's callback returned true"));
+    EXPECT_THAT(logs(), Contains(LogLine{0, "failed to load subscription data", {}, {}}));
+}
+
+// ---- connections that end during exchange input
+
+TEST_F(MainLoop, DestroysMarkedConnectionsRightAfterExchangeInputBeforeTheNextEntry)
+{
+    Client clients[3];
+    for (Client& client : clients)
+        connect(client);
+    platform->on_wait_give(
+        {{"exchange", EPOLLIN}, {"client1", EPOLLIN}, {"client2", EPOLLIN}, {"client3", EPOLLIN}}, [&] {
+            for (Client& client : clients)
+                client.send(kStatusRequest);
+            platform->deliver([this] {
+                connection("client1")->close_requested = true;
+                connection("client3")->close_requested = true;
+            });
+        });
+    platform->on_wait([&] {
+        EXPECT_TRUE(clients[0].is_closed());
+        EXPECT_FALSE(clients[1].is_closed());
+        EXPECT_TRUE(clients[2].is_closed());
+        EXPECT_EQ(g_connections.size(), 1U);
+    });
+    run();
+
+    const Calls calls = events_of(4);
+    ASSERT_GE(calls.size(), 6U);
+    EXPECT_EQ(calls[0], "orvex_read_fd()");
+    EXPECT_THAT(Calls(calls.begin() + 1, calls.begin() + 5),
+                testing::UnorderedElementsAre("epoll_ctl(DEL, client1)", "close(client1)",
+                                              "epoll_ctl(DEL, client3)", "close(client3)"));
+    EXPECT_EQ(calls[5], "recv(client2)");
+    EXPECT_THAT(calls, Not(Contains("recv(client1)")));
+    EXPECT_THAT(calls, Not(Contains("recv(client3)")));
+}
+
+TEST_F(MainLoop, LooksAtTheMarkOnlyAfterExchangeInput)
+{
+    Client client;
+    connect(client);
+    platform->on_wait([&] {
+        connection("client1")->close_requested = true;
+        client.send(kStatusRequest);
+    });
+    platform->on_wait([] {});
+    platform->on_wait([&] {
+        EXPECT_TRUE(client.frame());
+        EXPECT_FALSE(client.is_closed());
+        platform->deliver([] {});
+    });
+    platform->on_wait([&] { EXPECT_TRUE(client.is_closed()); });
+    run();
+}
+
+TEST_F(MainLoop, DoesNotBlockOnAnEventForADescriptorThatAnotherClientHasGotMeanwhile)
+{
+    Client old_client;
+    Client new_client;
+    connect(old_client);
+    int number = -1;
+    platform->on_wait([&] { number = platform->fd("client1"); });
+    // One batch: the connection ends, the next client gets the same descriptor, an old event for it follows.
+    platform->on_wait_give({{"exchange", EPOLLIN}, {"server", EPOLLIN}, {"client1", EPOLLIN | EPOLLOUT}},
+                           [&] {
+                               new_client.connect();
+                               platform->deliver([this] { connection("client1")->close_requested = true; });
+                           });
+    platform->on_wait([&] { new_client.send(kStatusRequest); });
+    platform->on_wait([] {});
+    platform->on_wait([&] {
+        EXPECT_TRUE(old_client.is_closed());
+        EXPECT_EQ(new_client.frame(), R"({"data": {"status": 1}, "status": 0})");
+    });
+    run();
+    EXPECT_EQ(platform->fd("client2"), number);
+}
+
+TEST_F(MainLoop, AnswersNobodyWhenTheAnswerComesAfterAnotherClientHasGotTheDescriptor)
+{
+    Client old_client;
+    Client new_client;
+    connect(old_client);
+    platform->on_wait([&] { old_client.send("{\"type\":\"command\",\"name\":\"va_status\"}\n"); });
+    platform->on_wait([&] { old_client.close(); });
+    connect(new_client);
+    platform->on_wait([&] {
+        EXPECT_EQ(platform->fd("client2"), platform->fd("client1"));
+        platform->answer(R"({"state": "idle"})");
+    });
+    platform->on_wait([] {});
+    platform->on_wait([&] { new_client.send(kStatusRequest); });
+    platform->on_wait([] {});
+    platform->on_wait([&] {
+        EXPECT_EQ(new_client.frame(), R"({"data": {"status": 1}, "status": 0})");
+        EXPECT_EQ(new_client.bytes(), "");
+        EXPECT_FALSE(new_client.is_closed());
+    });
+    run();
+}
+
+TEST_F(MainLoop, AnswersAWaitingClientAndThenClosesItsConnection)
+{
+    Client client;
+    connect(client);
+    platform->on_wait([&] { client.send("{\"type\":\"command\",\"name\":\"va_status\"}\n"); });
+    platform->on_wait([&] { platform->answer(R"({"state": "idle"})"); });
+    platform->on_wait([] {});
+    platform->on_wait([&] {
+        EXPECT_EQ(client.frame(), R"({"data": {"state": "idle"}, "status": 0})");
+        EXPECT_TRUE(client.is_closed());
+    });
+    run();
+
+    EXPECT_EQ(events_of(2),
+              (Calls{"recv(client1)", "orvex_send_request(orvvad:va_scan_status, {})"} + kEndOfPass));
+    EXPECT_EQ(events_of(3), (Calls{"orvex_read_fd()", "epoll_ctl(MOD, client1, IN|OUT)"} + kEndOfPass));
+    EXPECT_THAT(events_of(4), ElementsAre(testing::StartsWith("send(client1"), "epoll_ctl(DEL, client1)",
+                                          "close(client1)", "epoll_ctl(DEL, watch)"));
+}
+
+TEST_F(MainLoop, EndsWithARequestInFlight)
+{
+    Client client;
+    connect(client);
+    platform->on_wait([&] { client.send("{\"type\":\"command\",\"name\":\"va_status\"}\n"); });
+    platform->on_wait([&] { EXPECT_EQ(platform->requests.size(), 1U); });
+    run();
+    EXPECT_TRUE(client.is_closed());
+}
+
+} // namespace
+} // namespace orv::test
