@@ -331,18 +331,19 @@ class WithDaemon(world.ServedTestCase):
                 # Every command that needs data refuses to be called without.
                 self.assertEqual(self.orvctl("call", row["name"])[0], FAILED, row)
             elif row["answer"] != "none":
-                self.assertNotEqual(self.orvctl("call", row["name"])[1], DONE + "\n", row)
+                self.assertNotEqual(self.served.orvctl("call", row["name"]).stdout, DONE + "\n", row)
 
     def test_events_are_printed_as_they_arrive(self):
         process = subprocess.Popen([world.program("orvctl"), "subscribe", "subscription_changed", "--count", "1"],
                                    env=self.served.environment(), stdin=subprocess.DEVNULL,
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.served.wait_for_log("process subscription_changed subscription")
-        self.served.set_setting("/tmp/subscription/global/status", "1")
+        self.served.set_setting("/tmp/subscription/global/status", "expired")
         self.served.set_setting("/tmp/subscription/global/expiry", "5")
         self.served.set_setting("/tmp/subscription/refresh", "1")
-        self.assertEqual(process.communicate(timeout=world.DEADLINE),
-                         ('{"status": "expired", "expiry": 5}\n', ""))
+        with process:
+            self.assertEqual(process.communicate(timeout=world.DEADLINE),
+                             ('{"status": "expired", "expiry": 5}\n', ""))
         self.assertEqual(process.returncode, OK)
 
 

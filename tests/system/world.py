@@ -7,6 +7,7 @@ here waits for time to pass: every wait is for something that can be observed, w
 import json
 import os
 import re
+import select
 import shutil
 import signal
 import socket
@@ -60,12 +61,14 @@ class Client:
 
     def __init__(self, deadline=DEADLINE):
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self.socket.settimeout(deadline)
+        # A full backlog is waited for by a blocking connect only, whose bound is the kernel's.
+        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_SNDTIMEO, struct.pack("@ll", deadline, 0))
         try:
             self.socket.connect(SOCKET_NAME)
         except OSError:
             self.socket.close()
             raise
+        self.socket.settimeout(deadline)
 
     def __enter__(self):
         return self
@@ -122,11 +125,7 @@ class Client:
 
     def has_input(self):
         """Whether something, an answer or the end, is there to be read right now."""
-        try:
-            self.socket.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT)
-        except BlockingIOError:
-            return False
-        return True
+        return bool(select.select([self.socket], [], [], 0)[0])
 
 
 class World:
@@ -137,6 +136,7 @@ class World:
         self.log_path = os.path.join(self.root, "daemon.log")
         self.bus = None
         self.daemon = None
+        self.launched = []
         self.log_level = "4"
 
     # -- processes
@@ -166,8 +166,10 @@ class World:
     def launch(self, log=None, **extra):
         """Starts a daemon without waiting for it."""
         with open(log or self.log_path, "ab") as stderr:
-            return subprocess.Popen([program("orvbrokerd")], env=self.environment(**extra),
-                                    stdin=subprocess.DEVNULL, stdout=stderr, stderr=stderr)
+            process = subprocess.Popen([program("orvbrokerd")], env=self.environment(**extra),
+                                       stdin=subprocess.DEVNULL, stdout=stderr, stderr=stderr)
+        self.launched.append(process)
+        return process
 
     def start_daemon(self, **extra):
         """Starts the daemon and waits until it answers."""
@@ -207,11 +209,12 @@ class World:
         self.start_daemon()
 
     def close(self):
-        for process in (self.daemon, self.bus):
+        for process in (*self.launched, self.bus):
             if process is not None and process.poll() is None:
                 process.kill()
                 process.wait(DEADLINE)
         self.daemon = self.bus = None
+        self.launched.clear()
         shutil.rmtree(self.root, ignore_errors=True)
 
     # -- what can be seen from outside

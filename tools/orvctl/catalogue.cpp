@@ -9,7 +9,7 @@ const std::vector<CommandInfo>& commands()
     static const std::vector<CommandInfo> rows{
         {"start_cloud_registration",
          "Register the router with the cloud; the outcome is the event cloud_registration_status",
-         "any JSON, passed on to the agent", "none"},
+         "object or array, passed on to the agent", "none"},
         {"enable_services", "Switch the protection on", "none", "none"},
         {"disable_services", "Switch the protection off", "none", "none"},
         {"get_services_status", "Tell whether the protection is on", "none", R"({"status": 0|1})"},
