@@ -15,5 +15,6 @@ add_executable(platform_base_tests
 target_include_directories(platform_base_tests PRIVATE ${CMAKE_SOURCE_DIR}/platform/orvutils)
 target_compile_definitions(platform_base_tests PRIVATE BASE_PROBE="$<TARGET_FILE:base_probe>")
 target_link_libraries(platform_base_tests PRIVATE orvutils_base GTest::gtest_main)
+target_link_options(platform_base_tests PRIVATE -Wl,--wrap=realloc)
 add_dependencies(platform_base_tests base_probe)
 gtest_discover_tests(platform_base_tests PROPERTIES TIMEOUT 60)

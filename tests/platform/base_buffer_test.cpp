@@ -11,12 +11,26 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <ctime>
 #include <memory>
 #include <random>
 #include <string>
 #include <string_view>
+
+namespace {
+bool g_memory_is_short = false;
+} // namespace
+
+// The linker sends every call of realloc() here.
+extern "C" {
+void* __real_realloc(void* old, std::size_t size);
+void* __wrap_realloc(void* old, std::size_t size)
+{
+    return g_memory_is_short ? nullptr : __real_realloc(old, size);
+}
+}
 
 namespace {
 
@@ -274,6 +288,57 @@ TEST(BufferMemory, AboveTheInitialSizeIsGivenBackWhenEmpty)
 TEST(BufferMemory, OfAnIdleConnectionStaysBelowItsBudget)
 {
     EXPECT_LE(2 * (sizeof(ConnectionBuffer) + kInitial), 9000U);
+}
+
+/// While it lives, no storage grows or shrinks.
+struct MemoryShortage {
+    MemoryShortage() { g_memory_is_short = true; }
+    MemoryShortage(const MemoryShortage&) = delete;
+    MemoryShortage& operator=(const MemoryShortage&) = delete;
+    ~MemoryShortage() { g_memory_is_short = false; }
+};
+
+TEST(BufferMemory, ThatIsShortLimitsABufferToWhatItHas)
+{
+    const Ends ends = make_sockets(SOCK_STREAM);
+    write_all(ends.second, "efgh\n");
+    Ready buffer(4, 100);
+    {
+        const MemoryShortage shortage;
+        EXPECT_EQ(put(buffer, "abcdef"), 4U);
+        EXPECT_EQ(put(buffer, "ef"), 0U);
+        EXPECT_EQ(buffer.recv(ends.first, 0), -1);
+        EXPECT_EQ(buffer.capacity(), 4U);
+    }
+    EXPECT_GT(buffer.recv(ends.first, 0), 0) << "and goes on when there is some again";
+    EXPECT_EQ(buffer.recv(ends.first, 0), 1);
+    EXPECT_EQ(get(buffer), "abcdefgh");
+}
+
+TEST(BufferMemory, ThatIsShortIsToldWithTheBuffersName)
+{
+    const Outcome outcome = in_child([] {
+        Ready buffer(4, 100);
+        const MemoryShortage shortage;
+        return static_cast<int>(put(buffer, "abcdef"));
+    });
+    EXPECT_EQ(outcome.status, 4);
+    EXPECT_NE(outcome.err.find("no memory for 8 bytes in the receive buffer of 7\n"), std::string::npos)
+        << outcome.err;
+}
+
+TEST(BufferMemory, ThatCannotBeGivenBackIsKeptAndUsable)
+{
+    Ready buffer(4, 100);
+    put(buffer, "abcdefghi\n");
+    {
+        const MemoryShortage shortage;
+        EXPECT_EQ(get(buffer), "abcdefghi");
+    }
+    EXPECT_EQ(buffer.capacity(), 16U);
+    EXPECT_EQ(put(buffer, "jkl\n"), 4U);
+    EXPECT_EQ(get(buffer), "jkl");
+    EXPECT_EQ(buffer.capacity(), 4U) << "given back the next time";
 }
 
 TEST(BufferSend, WritesAtMostWhatItIsToldAndCountsTheRest)

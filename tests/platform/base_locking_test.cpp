@@ -93,7 +93,8 @@ TEST(Lock, EndsWithItsOwnersDeath)
     ASSERT_NE(owner, -1);
     if (owner == 0) {
         const plock lock = locked(file, type::exclusive);
-        (void)!write(ends.second, "L", 1);
+        if (!lock.owns_lock() || write(ends.second, "L", 1) != 1)
+            _exit(1);
         for (;;)
             pause();
     }
