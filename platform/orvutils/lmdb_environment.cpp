@@ -9,6 +9,9 @@
 // full file system cannot provide would be a SIGBUS. Opening is done under a lock on the directory, so that
 // nobody examines a file that another process is just creating.
 //
+// Forking: a child would share its parent's place in the reader table. It therefore opens the store anew on
+// its first use.
+//
 // Recovery: a store may be deleted, moved away or replaced under the running process. A write compares the
 // open file with the one that has its name now; a reading does so when a tenth of a second has passed since
 // the last time. What cannot be opened is tried again as soon as the data file has changed, else once a
@@ -24,6 +27,7 @@
 #include <lmdb.h>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -43,6 +47,16 @@ constexpr std::int64_t kCheckIntervalMs = 100;
 constexpr std::int64_t kRetryIntervalMs = 1000;
 /// LMDB's reader table: a cache line for each of its two locks and for each reader.
 constexpr off_t kLockFileSize = (kReaders + 2) * 64;
+
+/// How many forks lie between this process and the first one.
+unsigned g_forks = 0;
+
+void watch_for_forks()
+{
+    // Out of memory is the only possible failure; forking is then no option either.
+    static const int registered = pthread_atfork(nullptr, nullptr, [] { ++g_forks; });
+    (void)registered;
+}
 
 class Descriptor {
 public:
@@ -178,6 +192,7 @@ Error LmdbEnvironment::report_open_failure(const char* doing, const char* reason
 Error LmdbEnvironment::open()
 {
     close();
+    watch_for_forks();
     m_directory = root_path(m_layout.directory);
     m_data_file = m_directory + "/data.mdb";
     m_failure.clear();
@@ -227,7 +242,7 @@ Error LmdbEnvironment::ready(bool for_writing)
         return Error::input_output;
     if (m_readings > 0)
         return Error::none; // what is being read must stay
-    if (m_env != nullptr && !m_broken) {
+    if (m_env != nullptr && !m_broken && m_forks == g_forks) {
         if (!for_writing && !check_is_due())
             return Error::none;
         const bool writable_again = for_writing && m_read_only && access(m_data_file.c_str(), W_OK) == 0;
@@ -259,6 +274,7 @@ Error LmdbEnvironment::reopen()
     if (!m_failure.empty() && unchanged && milliseconds_between(m_failed_at, now()) < kRetryIntervalMs)
         return Error::input_output;
     shut();
+    m_forks = g_forks;
     const FileState before = m_opened;
     const Error error = open_store();
     if (error != Error::none) {
@@ -278,8 +294,8 @@ Error LmdbEnvironment::reopen()
 
 void LmdbEnvironment::shut()
 {
-    if (m_reader != nullptr)
-        mdb_txn_abort(m_reader);
+    if (m_reader != nullptr && m_forks == g_forks)
+        mdb_txn_abort(m_reader); // in a fork's child that would give the parent's place away
     if (m_env != nullptr)
         mdb_env_close(m_env);
     m_reader = nullptr;

@@ -31,7 +31,7 @@ struct FileState {
 };
 
 /// One LMDB environment: a directory with a data file that holds some named trees of byte strings, shared by
-/// all processes that open it. A process opens a directory at most once, and not across a fork.
+/// all processes that open it. A process opens a directory at most once.
 ///
 /// Between open() and close() the environment looks after itself: one that was deleted, replaced or broken by
 /// an input/output error is opened again as soon as it is there, on the next use. Each failure is logged
@@ -102,6 +102,7 @@ private:
     std::vector<unsigned> m_trees;
     unsigned m_readings = 0; ///< readings that are going on, nested ones included
     unsigned m_generation = 0;
+    unsigned m_forks = 0; ///< when it was opened
     bool m_wanted = false;
     bool m_broken = false; ///< to be closed and opened again
     bool m_read_only = false;

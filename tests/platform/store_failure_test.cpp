@@ -1,0 +1,256 @@
+// Stores that are full, read-only, missing or damaged: an error return and a log line, and recovery without a
+// restart.
+
+#include "store_support.h"
+
+#include <orvutils/error.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+
+using namespace orv::setMgmt;
+namespace fs = std::filesystem;
+
+namespace {
+
+class StoreFailureTest : public testing::Test {
+protected:
+    StoreFailureTest() { fs::create_directories(m_root.path() + "/tmp"); }
+    ~StoreFailureTest() override { uninit(); }
+
+    [[nodiscard]] std::string tmp() const { return m_root.path() + "/tmp"; }
+
+    TemporaryRoot m_root;
+};
+
+/// Whether something holds within the time that a store may take to notice.
+bool comes_true(const std::function<bool()>& condition)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!condition())
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+    return true;
+}
+
+} // namespace
+
+TEST_F(StoreFailureTest, A_full_disk_fails_writes_only_and_only_while_it_is_full)
+{
+    const Outcome outcome = on_small_disk(tmp(), "400k", [&]() -> int {
+        REQUIRE(init() == 0);
+        REQUIRE(setKey("/tmp/first", "kept") == 0);
+        fill_disk(tmp() + "/filler");
+        int written = 0;
+        while (setKey("/tmp/k" + std::to_string(written), std::string(3000, 'v')) == 0)
+            REQUIRE(++written < 1000);
+        REQUIRE(orv::_get_orverrno() == 2);
+        std::fprintf(stderr, "]: ---\n");
+        REQUIRE(setKey("/tmp/again", std::string(3000, 'v')) == -2);
+        REQUIRE(value_of("/tmp/first") == "kept");
+        REQUIRE(value_of("/tmp/again") == "error 4");
+        REQUIRE(lockKey("/tmp/first") == 0 || orv::_get_orverrno() == 2);
+        fs::remove(tmp() + "/filler");
+        REQUIRE(setKey("/tmp/again", std::string(3000, 'v')) == 0);
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    const std::string second = outcome.err.substr(outcome.err.find("---"));
+    EXPECT_LE(count_log_lines(second), 2U) << second;
+    EXPECT_GE(count_log_lines(second), 1U) << second;
+}
+
+TEST_F(StoreFailureTest, A_store_that_has_reached_its_size_limit_still_reads_and_deletes)
+{
+    ASSERT_EQ(init(), 0);
+    const std::string value(kMaxValueSize, 'v');
+    int written = 0;
+    while (setKey("/tmp/big/" + std::to_string(written), value) == 0)
+        ASSERT_LT(++written, 1000);
+    EXPECT_EQ(orv::_get_orverrno(), 2);
+    EXPECT_EQ(value_of("/tmp/big/0"), value);
+    EXPECT_EQ(deleteKey("/tmp/big"), 0);
+    EXPECT_EQ(setKey("/tmp/small", "x"), 0) << "the room is free one commit after the removal";
+    EXPECT_EQ(setKey("/tmp/big/0", value), 0);
+}
+
+TEST_F(StoreFailureTest, A_store_cannot_be_created_on_a_full_disk_but_later)
+{
+    const Outcome outcome = on_small_disk(tmp(), "64k", [&]() -> int {
+        for (int left = 0; left < 10; ++left) {
+            fill_disk(tmp() + "/filler");
+            fs::resize_file(tmp() + "/filler", fs::file_size(tmp() + "/filler") - 4096U * left);
+            std::fprintf(stderr, "]: ---\n");
+            if (init() == 0)
+                uninit();
+            else
+                REQUIRE(orv::_get_orverrno() == 2);
+            fs::remove(tmp() + "/filler");
+            REQUIRE(init() == 0);
+            REQUIRE(setKey("/tmp/a", "x") == 0);
+            uninit();
+            fs::remove_all(tmp() + "/settings");
+        }
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_GT(count_log_lines(outcome.err), 10U);
+    EXPECT_LE(count_log_lines(outcome.err), 20U) << outcome.err;
+}
+
+TEST_F(StoreFailureTest, A_lock_file_without_blocks_on_a_full_disk_is_an_error_and_no_crash)
+{
+    const Outcome outcome = on_small_disk(tmp(), "256k", [&]() -> int {
+        REQUIRE(init() == 0);
+        REQUIRE(setKey("/tmp/a", "x") == 0);
+        uninit();
+        fs::resize_file(tmp() + "/settings/lock.mdb", 0);
+        fs::resize_file(tmp() + "/settings/lock.mdb", 65536); // a hole
+        fill_disk(tmp() + "/filler");
+        REQUIRE(init() == -2);
+        fs::remove(tmp() + "/filler");
+        REQUIRE(init() == 0);
+        REQUIRE(value_of("/tmp/a") == "x");
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(count_log_lines(outcome.err), 1U) << outcome.err;
+}
+
+TEST_F(StoreFailureTest, A_read_only_store_can_be_read_and_becomes_writable_again)
+{
+    const Outcome outcome = on_small_disk(tmp(), "1m", [&]() -> int {
+        REQUIRE(init() == 0);
+        REQUIRE(setKey("/tmp/a", "x") == 0);
+        uninit();
+        REQUIRE(make_read_only(tmp(), true));
+        REQUIRE(init() == 0);
+        REQUIRE(value_of("/tmp/a") == "x");
+        std::vector<std::string> names;
+        REQUIRE(enumSubkeys("/tmp", names) == 1);
+        REQUIRE(setKey("/tmp/a", "y") == -2);
+        REQUIRE(deleteKey("/tmp/a") == -2);
+        REQUIRE(lockKey("/tmp/a") == -2);
+        REQUIRE(value_of("/tmp/a") == "x");
+        REQUIRE(make_read_only(tmp(), false));
+        REQUIRE(setKey("/tmp/a", "y") == 0);
+        REQUIRE(value_of("/tmp/a") == "y");
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+}
+
+TEST_F(StoreFailureTest, A_missing_store_cannot_be_created_on_a_read_only_disk)
+{
+    const Outcome outcome = on_small_disk(tmp(), "1m", [&]() -> int {
+        REQUIRE(make_read_only(tmp(), true));
+        REQUIRE(init() == -2);
+        REQUIRE(value_of("/tmp/a") == "error 2");
+        REQUIRE(make_read_only(tmp(), false));
+        REQUIRE(init() == 0);
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(count_log_lines(outcome.err), 1U) << outcome.err;
+}
+
+TEST_F(StoreFailureTest, A_damaged_or_impossible_data_file_is_refused_with_one_log_line)
+{
+    const std::string directory = m_root.path() + "/var/settings";
+    const std::string file = directory + "/data.mdb";
+    fs::create_directories(directory);
+    const std::function<void()> damages[] = {
+        [&] { spill(file, "garbage"); },
+        [&] { spill(file, std::string(65536, '\0')); },
+        [&] { fs::create_directory(file); },
+        [&] { ASSERT_EQ(mkfifo(file.c_str(), 0600), 0); },
+    };
+    for (const auto& damage : damages) {
+        fs::remove_all(file);
+        damage();
+        const Outcome outcome = in_child([]() -> int {
+            REQUIRE(init() == -2);
+            REQUIRE(orv::_get_orverrno() == 2);
+            REQUIRE(value_of("/a") == "error 2");
+            REQUIRE(setKey("/a", "x") == -2);
+            return 0;
+        });
+        EXPECT_EQ(outcome.status, 0) << outcome.err;
+        EXPECT_EQ(count_log_lines(outcome.err), 1U) << outcome.err;
+    }
+}
+
+TEST_F(StoreFailureTest, A_garbage_lock_file_that_nobody_uses_does_no_harm)
+{
+    ASSERT_EQ(init(), 0);
+    ASSERT_EQ(setKey("/a", "x"), 0);
+    uninit();
+    for (const std::size_t size : {1U, 100U, 8192U, 100000U}) {
+        spill(m_root.path() + "/var/settings/lock.mdb", std::string(size, '\xa5'));
+        ASSERT_EQ(init(), 0);
+        EXPECT_EQ(value_of("/a"), "x");
+        EXPECT_EQ(setKey("/a", "x"), 0);
+        uninit();
+    }
+}
+
+TEST_F(StoreFailureTest, A_deleted_store_is_created_again_on_the_next_write)
+{
+    ASSERT_EQ(init(), 0);
+    for (const char* key : {"/a", "/tmp/a"}) {
+        ASSERT_EQ(setKey(key, "x"), 0);
+        ASSERT_EQ(setKey(std::string(key) + "/b", "x"), 0);
+    }
+    fs::remove_all(m_root.path() + "/var");
+    fs::remove_all(tmp());
+    for (const char* key : {"/a", "/tmp/a"}) {
+        EXPECT_EQ(setKey(key, "y"), 0);
+        EXPECT_EQ(value_of(key), "y");
+        EXPECT_EQ(value_of(std::string(key) + "/b"), "error 4");
+    }
+    const Outcome other = in_process_with_store([]() -> int {
+        REQUIRE(value_of("/a") == "y");
+        REQUIRE(value_of("/tmp/a") == "y");
+        return 0;
+    });
+    EXPECT_EQ(other.status, 0) << other.err;
+}
+
+TEST_F(StoreFailureTest, A_store_that_was_moved_away_and_back_is_found_again)
+{
+    ASSERT_EQ(init(), 0);
+    ASSERT_EQ(setKey("/a", "x"), 0);
+    const std::string directory = m_root.path() + "/var/settings";
+    fs::rename(directory, directory + ".away");
+    spill(directory, "in the way");
+    EXPECT_EQ(setKey("/a", "y"), -2);
+    EXPECT_TRUE(comes_true([] { return value_of("/a") == "error 2"; }));
+    fs::remove(directory);
+    fs::rename(directory + ".away", directory);
+    EXPECT_TRUE(comes_true([] { return value_of("/a") == "x"; }));
+    EXPECT_EQ(setKey("/a", "y"), 0);
+}
+
+TEST_F(StoreFailureTest, A_store_that_was_replaced_by_garbage_is_refused_until_it_is_repaired)
+{
+    ASSERT_EQ(init(), 0);
+    ASSERT_EQ(setKey("/a", "x"), 0);
+    const std::string file = m_root.path() + "/var/settings/data.mdb";
+    fs::copy_file(file, file + ".backup");
+    const Outcome outcome = in_process_with_store([&]() -> int {
+        fs::remove(file);
+        spill(file, "garbage");
+        for (int i = 0; i < 1000; ++i)
+            REQUIRE(setKey("/a", "y") == -2);
+        REQUIRE(value_of("/a") == "error 2");
+        fs::rename(file + ".backup", file);
+        REQUIRE(comes_true([] { return value_of("/a") == "x"; }));
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(count_log_lines(outcome.err), 2U) << "damaged, and back\n" << outcome.err;
+}

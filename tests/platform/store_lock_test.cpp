@@ -1,0 +1,124 @@
+// Key locks between processes and within one.
+
+#include "store_support.h"
+
+#include <orvutils/error.h>
+
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+
+using namespace orv::setMgmt;
+
+namespace {
+
+class KeyLockTest : public StoreTest {
+protected:
+    /// lockKey() as another process gets it.
+    static int lock_elsewhere(const std::string& key)
+    {
+        return in_child([&] { return -lockKey(key); }).status;
+    }
+};
+
+/// Takes the lock, says "l", and gives it back when it is spoken to; then says "u" and waits to be killed.
+int hold_lock(Companion::Ends ends, const char* key)
+{
+    char byte = 0;
+    REQUIRE(lockKey(key) == 0);
+    REQUIRE(write(ends.out, "l", 1) == 1);
+    REQUIRE(read(ends.in, &byte, 1) == 1);
+    REQUIRE(unlockKey(key) == 0);
+    REQUIRE(write(ends.out, "u", 1) == 1);
+    return static_cast<int>(read(ends.in, &byte, 1));
+}
+
+} // namespace
+
+TEST_F(KeyLockTest, A_lock_is_exclusive_between_processes_until_it_is_given_back)
+{
+    Companion holder([](Companion::Ends ends) { return hold_lock(ends, "/l"); });
+    ASSERT_EQ(holder.hear(), 'l');
+    EXPECT_EQ(lockKey("/l"), -3);
+    EXPECT_EQ(orv::_get_orverrno(), 3);
+    EXPECT_EQ(unlockKey("/l"), -1) << "it is not held here";
+    holder.say('u');
+    ASSERT_EQ(holder.hear(), 'u');
+    EXPECT_EQ(lockKey("/l"), 0);
+    EXPECT_EQ(unlockKey("/l"), 0);
+}
+
+TEST_F(KeyLockTest, Waiting_ends_after_one_second)
+{
+    Companion holder([](Companion::Ends ends) { return hold_lock(ends, "/l"); });
+    ASSERT_EQ(holder.hear(), 'l');
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(lockKey("/l"), -3);
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(990));
+    EXPECT_LE(waited, std::chrono::milliseconds(3000));
+}
+
+TEST_F(KeyLockTest, A_waiting_process_gets_the_lock_when_it_is_given_back)
+{
+    ASSERT_EQ(lockKey("/l"), 0);
+    Companion waiter([](Companion::Ends ends) -> int {
+        REQUIRE(unlockKey("/l") == 0); // the copy of the parent's descriptor does not count
+        REQUIRE(write(ends.out, "w", 1) == 1);
+        return -lockKey("/l");
+    });
+    ASSERT_EQ(waiter.hear(), 'w');
+    ASSERT_EQ(unlockKey("/l"), 0);
+    EXPECT_EQ(waiter.join(), 0);
+}
+
+TEST_F(KeyLockTest, Locks_are_counted_within_a_process)
+{
+    ASSERT_EQ(lockKey("/l"), 0);
+    ASSERT_EQ(lockKey("//l/"), 0) << "the same key";
+    ASSERT_EQ(unlockKey("/l"), 0);
+    Companion other([](Companion::Ends) -> int {
+        // Its share of the lock's descriptor must not stay open: it would hold the lock, too.
+        REQUIRE(unlockKey("/l") == 0);
+        return -lockKey("/l");
+    });
+    EXPECT_EQ(other.join(), 3);
+    EXPECT_EQ(unlockKey("/l"), 0);
+    EXPECT_EQ(unlockKey("/l"), -1);
+    EXPECT_EQ(lock_elsewhere("/l"), 0);
+}
+
+TEST_F(KeyLockTest, A_lock_falls_when_its_holder_is_killed)
+{
+    Companion holder([](Companion::Ends ends) { return hold_lock(ends, "/l"); });
+    ASSERT_EQ(holder.hear(), 'l');
+    holder.kill();
+    ASSERT_EQ(holder.join(), 1000 + SIGKILL);
+    EXPECT_EQ(lockKey("/l"), 0);
+}
+
+TEST_F(KeyLockTest, Locks_of_different_keys_do_not_meet)
+{
+    Companion holder([](Companion::Ends ends) { return hold_lock(ends, "/l"); });
+    ASSERT_EQ(holder.hear(), 'l');
+    for (const char* key : {"/l/l", "/", "/m", "/tmp/l"})
+        EXPECT_EQ(lockKey(key), 0);
+}
+
+TEST_F(KeyLockTest, The_key_need_not_exist_and_the_store_need_not_be_open)
+{
+    uninit();
+    EXPECT_EQ(lockKey("/never/written"), 0);
+    EXPECT_EQ(unlockKey("/never/written"), 0);
+}
+
+TEST_F(KeyLockTest, The_lock_directory_may_go_and_comes_back)
+{
+    ASSERT_EQ(lockKey("/l"), 0);
+    std::filesystem::remove_all(m_root.path() + "/tmp/locks");
+    ASSERT_EQ(lockKey("/m"), 0);
+    EXPECT_EQ(unlockKey("/l"), 0);
+    EXPECT_EQ(lock_elsewhere("/l"), 0);
+}
