@@ -39,6 +39,8 @@ unsigned int watch_flags(std::uint32_t events)
 std::unique_ptr<Link> Link::open(const std::string& address, int epoll, std::uint32_t tag, std::string& error)
 {
     DBusError failure = DBUS_ERROR_INIT;
+    // libdbus writes with MSG_NOSIGNAL and need not change what SIGPIPE does to the whole program.
+    dbus_connection_set_change_sigpipe(FALSE);
     DBusConnection* const connection = dbus_connection_open_private(address.c_str(), &failure);
     if (connection == nullptr) {
         error = failure.message;

@@ -13,9 +13,9 @@ struct Orvex;
 struct Message {
     std::uint32_t reserved0;
     char type[128]; ///< NUL-terminated name of the event or request; an answer's result, "0" for success
-    char from[128]; ///< NUL-terminated name of the sender
+    char from[128]; ///< NUL-terminated name of the sender; of a request or message, its unique bus name
     std::uint32_t reserved1;
-    std::uint64_t request_id; ///< passed to orvex_send_response() to answer this message
+    std::uint64_t request_id; ///< passed to orvex_send_response() to answer this message; 0: wants no answer
     std::uint64_t reserved2;
     std::uint32_t datalen; ///< bytes of payload
     const char* data;      ///< the payload, not NUL-terminated
@@ -29,7 +29,7 @@ static_assert(sizeof(void*) != 4 || (offsetof(Message, type) == 4 && offsetof(Me
 /// Names of participants, events and requests: at most this many bytes.
 constexpr std::size_t kOrvexMaxName = 127;
 /// Payloads: at most this many bytes.
-constexpr std::size_t kOrvexMaxPayload = 16 * 1024 * 1024;
+constexpr std::size_t kOrvexMaxPayload = std::size_t{16} * 1024 * 1024;
 
 /// Connects as participant `name`; `event_callback` is called for every event, request and message that
 /// arrives. Null when the exchange cannot be reached or the name is taken. `flags` is 0; `auto_reconnect` is
@@ -41,10 +41,12 @@ Orvex* orvex_init_eventloop(const char* name, void (*event_callback)(const Messa
 /// The one descriptor to watch for input, or -1.
 int orvex_get_fd(Orvex* orvex);
 
-/// Does what is to be done: reads, writes, times out, reconnects; calls the callbacks.
+/// Does what is to be done: reads, writes, times out, reconnects; calls the callbacks. -1 when called from a
+/// callback, and when the exchange is gone for good (without auto_reconnect).
 int orvex_read_fd(Orvex* orvex);
 
-/// Replaces the events that this participant receives.
+/// Replaces the events that this participant receives. -1 as well while the exchange is away; the list is
+/// kept even so, and renewed by itself when the exchange is back. A bad name changes nothing.
 int orvex_subscribe(Orvex* orvex, const char** names, int count);
 
 /// Sends a request to "participant:request", or with a bare request name to "orvagent". After 0,
@@ -57,7 +59,8 @@ int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::si
 /// Sends a one-way message; success says that it was handed over, not that anyone received it.
 int orvex_send_message(Orvex* orvex, const char* name, const char* data, std::size_t length);
 
-/// Answers the event or request whose identifier is `request_id`. `status` is 0.
+/// Answers the event or request whose identifier is `request_id`, once. `status` is 0. The identifiers of the
+/// last 1024 events and requests are known; a request that is older and has no answer is refused by itself.
 int orvex_send_response(Orvex* orvex, int status, std::uint64_t request_id, const char* data,
                         std::size_t length);
 

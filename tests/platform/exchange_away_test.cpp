@@ -1,0 +1,341 @@
+// Joining, leaving, and an exchange that is away, comes back, or hangs.
+
+#include "exchange_support.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+namespace {
+
+class ExchangeAway : public ExchangeTest {
+protected:
+    /// Sending is refused exactly while the exchange is away.
+    bool can_send() { return orvex_send_message(m_broker.get(), "nobody:ping", "", 0) == 0; }
+    bool serve_until_away()
+    {
+        return serve_until([this] { return !can_send(); });
+    }
+    bool serve_until_back()
+    {
+        return serve_until([this] { return can_send(); });
+    }
+};
+
+/// A listening socket in the bus's place that says nothing.
+class MuteBus {
+public:
+    explicit MuteBus(const std::string& path) : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        ::unlink(path.c_str());
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        EXPECT_EQ(::bind(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(::listen(m_socket, 10), 0);
+    }
+    MuteBus(const MuteBus&) = delete;
+    MuteBus& operator=(const MuteBus&) = delete;
+    ~MuteBus() { ::close(m_socket); }
+    [[nodiscard]] bool someone_connects(milliseconds within) const { return is_readable(m_socket, within); }
+    [[nodiscard]] int accept() const { return ::accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC); }
+
+private:
+    int m_socket;
+};
+
+TEST_F(ExchangeAway, JoiningFailsWithoutABus)
+{
+    m_bus.kill();
+    EXPECT_EQ(join("other"), nullptr);
+}
+
+TEST_F(ExchangeAway, JoiningABusThatDoesNotAnswerFailsInTime)
+{
+    m_broker.reset();
+    m_bus.kill();
+    const MuteBus mute(m_bus.socket());
+    const auto start = steady_clock::now();
+    EXPECT_EQ(join("other"), nullptr);
+    EXPECT_GE(steady_clock::now() - start, seconds{4});
+    EXPECT_LT(steady_clock::now() - start, seconds{10});
+}
+
+TEST_F(ExchangeAway, ANameHasOneOwner)
+{
+    EXPECT_EQ(join("broker"), nullptr);
+    m_broker.reset();
+    EXPECT_NE(join("broker"), nullptr);
+}
+
+TEST_F(ExchangeAway, BadNamesAreRefused)
+{
+    for (const char* const name : {"", "a b", "1a", "a..b", "\xff"})
+        EXPECT_EQ(join(name), nullptr) << name;
+    EXPECT_EQ(join(std::string(128, 'n').c_str()), nullptr);
+    EXPECT_EQ(join(nullptr), nullptr);
+    EXPECT_EQ(orvex_init_eventloop("x", nullptr, 0, 0), nullptr);
+    EXPECT_NE(join("broker-devmgmt"), nullptr);
+    EXPECT_NE(join(std::string(127, 'n').c_str()), nullptr);
+}
+
+TEST_F(ExchangeAway, ANullHandleFailsEverywhere)
+{
+    EXPECT_EQ(orvex_get_fd(nullptr), -1);
+    EXPECT_EQ(orvex_read_fd(nullptr), -1);
+    EXPECT_EQ(orvex_subscribe(nullptr, nullptr, 0), -1);
+    EXPECT_EQ(orvex_send_request(nullptr, "x", "", 0, Answers::take, nullptr), -1);
+    EXPECT_EQ(orvex_send_message(nullptr, "x", "", 0), -1);
+    EXPECT_EQ(orvex_send_response(nullptr, 0, 1, "", 0), -1);
+    orvex_uninit(nullptr);
+}
+
+TEST_F(ExchangeAway, TheAddressCanBeGivenByTheEnvironment)
+{
+    const std::string address = m_bus.address();
+    setenv("ORV_ROOT", "/nowhere", 1);
+    EXPECT_EQ(join("other"), nullptr);
+    setenv("ORVEX_ADDRESS", address.c_str(), 1);
+    EXPECT_NE(join("other"), nullptr);
+    setenv("ORVEX_ADDRESS", "this is no address", 1);
+    EXPECT_EQ(join("other"), nullptr);
+}
+
+TEST_F(ExchangeAway, NothingIsLeftOpen)
+{
+    const int before = open_descriptors();
+    for (int i = 0; i < 10; ++i) {
+        const OrvexPtr other = join("other");
+        ASSERT_NE(other, nullptr);
+        const char* name = "event";
+        EXPECT_EQ(orvex_subscribe(other.get(), &name, 1), 0);
+        EXPECT_EQ(join("other"), nullptr);
+    }
+    m_bus.kill();
+    EXPECT_EQ(join("other"), nullptr);
+    EXPECT_EQ(open_descriptors(), before);
+    ASSERT_TRUE(serve_until_away());
+    EXPECT_EQ(open_descriptors(), before - 1) << "the socket of the lost connection";
+}
+
+TEST_F(ExchangeAway, RequestsInFlightAreAnsweredInTheNextPass)
+{
+    RawPeer agent(m_bus.address(), "orvagent");
+    for (int i = 0; i < 5; ++i)
+        ASSERT_EQ(request("x"), 0);
+    agent.answer(*agent.receive(), "0", "");
+    agent.sync();
+    m_bus.kill();
+    EXPECT_TRUE(m_answers.all.empty());
+    ASSERT_TRUE(is_readable(orvex_get_fd(m_broker.get()), seconds{10}));
+    (void)orvex_read_fd(m_broker.get());
+    ASSERT_EQ(m_answers.all.size(), 5U);
+    EXPECT_EQ(m_answers.all[0].type, "0") << "what the bus had delivered comes first";
+    for (std::size_t i = 1; i < 5; ++i) {
+        EXPECT_EQ(m_answers.all[i].type, "2");
+        EXPECT_EQ(m_answers.all[i].from, "orvagent");
+        EXPECT_EQ(m_answers.all[i].data, "the exchange is gone");
+    }
+}
+
+TEST_F(ExchangeAway, ARequestSentIntoABrokenConnectionIsAnsweredOrRefused)
+{
+    m_bus.kill();
+    std::size_t accepted = 0;
+    for (int i = 0; i < 3; ++i)
+        accepted += request("x") == 0 ? 1 : 0;
+    EXPECT_TRUE(m_answers.all.empty());
+    ASSERT_TRUE(serve_until_away());
+    EXPECT_EQ(m_answers.all.size(), accepted);
+    for (const Received& answer : m_answers.all)
+        EXPECT_EQ(answer.type, "2");
+}
+
+TEST_F(ExchangeAway, SendingIsRefusedWhileTheExchangeIsAway)
+{
+    m_bus.kill();
+    ASSERT_TRUE(serve_until_away());
+    EXPECT_EQ(request("x"), -1);
+    EXPECT_EQ(orvex_send_message(m_broker.get(), "x", "", 0), -1);
+    EXPECT_EQ(orvex_send_response(m_broker.get(), 0, 1, "", 0), -1);
+    EXPECT_EQ(subscribe({"x"}), -1);
+    EXPECT_GE(orvex_get_fd(m_broker.get()), 0);
+    EXPECT_TRUE(m_answers.all.empty());
+}
+
+TEST_F(ExchangeAway, NameAndSubscriptionsAreRenewed)
+{
+    ASSERT_EQ(subscribe({"kept"}), 0);
+    for (int i = 0; i < 3; ++i) {
+        m_bus.kill();
+        ASSERT_TRUE(serve_until_away());
+        ASSERT_TRUE(m_bus.start());
+        ASSERT_TRUE(serve_until_back());
+        RawPeer peer(m_bus.address());
+        EXPECT_TRUE(peer.is_there("broker"));
+        peer.emit("kept", "back");
+        s_received.clear();
+        ASSERT_TRUE(serve_until([] { return !s_received.empty(); }));
+        EXPECT_EQ(s_received[0].data, "back");
+    }
+}
+
+TEST_F(ExchangeAway, AListGivenMeanwhileTakesEffectAfterwards)
+{
+    ASSERT_EQ(subscribe({"before"}), 0);
+    m_bus.kill();
+    ASSERT_TRUE(serve_until_away());
+    EXPECT_EQ(subscribe({"meanwhile"}), -1);
+    ASSERT_TRUE(m_bus.start());
+    ASSERT_TRUE(serve_until_back());
+    RawPeer peer(m_bus.address());
+    peer.emit("before", "");
+    peer.emit("meanwhile", "");
+    ASSERT_TRUE(serve_until([] { return !s_received.empty(); }));
+    EXPECT_EQ(s_received[0].type, "meanwhile");
+}
+
+TEST_F(ExchangeAway, OldIdentifiersCannotBeAnsweredAfterwards)
+{
+    ASSERT_TRUE(subscribe_and_wait({"asks"}));
+    RawPeer(m_bus.address()).emit("asks", "");
+    ASSERT_TRUE(serve_until([] { return !s_received.empty(); }));
+    m_bus.kill();
+    ASSERT_TRUE(serve_until_away());
+    ASSERT_TRUE(m_bus.start());
+    ASSERT_TRUE(serve_until_back());
+    EXPECT_EQ(orvex_send_response(m_broker.get(), 0, s_received[0].id, "", 0), -1);
+}
+
+TEST_F(ExchangeAway, ANameTakenMeanwhileIsWaitedFor)
+{
+    m_bus.kill();
+    ASSERT_TRUE(serve_until_away());
+    ASSERT_TRUE(m_bus.start());
+    auto usurper = std::make_unique<RawPeer>(m_bus.address(), "broker");
+    testing::internal::CaptureStderr();
+    std::string log;
+    ASSERT_TRUE(serve_until([&] {
+        log += testing::internal::GetCapturedStderr();
+        testing::internal::CaptureStderr();
+        return log.find("is taken") != std::string::npos;
+    }));
+    testing::internal::GetCapturedStderr();
+    EXPECT_FALSE(can_send());
+    usurper.reset();
+    ASSERT_TRUE(serve_until_back());
+    EXPECT_TRUE(RawPeer(m_bus.address()).is_there("broker"));
+}
+
+TEST_F(ExchangeAway, AnOutageIsTwoLinesInTheLog)
+{
+    testing::internal::CaptureStderr();
+    m_bus.kill();
+    ASSERT_TRUE(serve_until_away());
+    const auto end = steady_clock::now() + milliseconds{800}; // three attempts or so
+    ASSERT_TRUE(serve_until([end] { return steady_clock::now() > end; }));
+    ASSERT_TRUE(m_bus.start());
+    ASSERT_TRUE(serve_until_back());
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_LE(std::count(log.begin(), log.end(), '\n'), 3) << log;
+    EXPECT_NE(log.find("the exchange is gone"), std::string::npos);
+    EXPECT_NE(log.find("back on the exchange"), std::string::npos);
+}
+
+TEST_F(ExchangeAway, AMuteBusIsWaitedForWithoutNewConnections)
+{
+    m_bus.kill();
+    const MuteBus mute(m_bus.socket());
+    ASSERT_TRUE(serve_until([&] { return mute.someone_connects(milliseconds{0}); }));
+    const int connection = mute.accept();
+    ASSERT_GE(connection, 0);
+    const auto end = steady_clock::now() + milliseconds{1500};
+    ASSERT_TRUE(serve_until([end] { return steady_clock::now() > end; }));
+    EXPECT_FALSE(mute.someone_connects(milliseconds{0}));
+    EXPECT_FALSE(can_send());
+    ::close(connection);
+    ASSERT_TRUE(serve_until([&] { return mute.someone_connects(milliseconds{0}); }))
+        << "tried again when that fails";
+}
+
+TEST_F(ExchangeAway, WithoutReconnectionTheEndIsReported)
+{
+    m_broker.reset();
+    m_broker = join("broker", 0);
+    ASSERT_NE(m_broker, nullptr);
+    RawPeer agent(m_bus.address(), "orvagent");
+    ASSERT_EQ(request("x"), 0);
+    m_bus.kill();
+    ASSERT_TRUE(is_readable(orvex_get_fd(m_broker.get()), seconds{10}));
+    EXPECT_EQ(orvex_read_fd(m_broker.get()), -1);
+    EXPECT_EQ(m_answers.all.size(), 1U);
+    ASSERT_TRUE(m_bus.start());
+    EXPECT_FALSE(is_readable(orvex_get_fd(m_broker.get()), milliseconds{500}));
+    EXPECT_EQ(orvex_read_fd(m_broker.get()), -1);
+}
+
+TEST_F(ExchangeAway, NoCallBlocksOnABusThatHangs)
+{
+    m_broker.reset();
+    set_request_time(milliseconds{300});
+    m_broker = join("broker");
+    ASSERT_NE(m_broker, nullptr);
+    m_bus.suspend();
+    const auto start = steady_clock::now();
+    const std::string data(kOrvexMaxPayload / 16, 'x');
+    std::size_t accepted = 0;
+    while (accepted < 1000 && request("x", data) == 0)
+        ++accepted;
+    EXPECT_GE(accepted, 31U) << "32 MiB are held";
+    EXPECT_LT(accepted, 40U) << "and not much more";
+    EXPECT_EQ(orvex_send_message(m_broker.get(), "x", data.data(), data.size()), -1);
+    EXPECT_EQ(subscribe({"a", "b"}), 0);
+    EXPECT_EQ(orvex_read_fd(m_broker.get()), 0);
+    EXPECT_LT(steady_clock::now() - start, seconds{5});
+    ASSERT_TRUE(serve_until([&] { return m_answers.all.size() == accepted; })) << "they time out";
+    EXPECT_EQ(m_answers.all[0].data, "timed out");
+
+    m_bus.resume();
+    RawPeer peer(m_bus.address());
+    ASSERT_TRUE(serve_until([&] { return can_send(); }));
+    m_broker.reset();
+}
+
+TEST_F(ExchangeAway, LeavingABusThatHangsDoesNotBlock)
+{
+    m_bus.suspend();
+    ASSERT_EQ(request("x", std::string(kOrvexMaxPayload, 'x')), 0);
+    const auto start = steady_clock::now();
+    m_broker.reset();
+    EXPECT_LT(steady_clock::now() - start, seconds{2});
+}
+
+TEST_F(ExchangeAway, ReconnectingToABusThatHangsDoesNotBlock)
+{
+    m_bus.kill();
+    ASSERT_TRUE(serve_until_away());
+    ASSERT_TRUE(m_bus.start());
+    m_bus.suspend();
+    const auto start = steady_clock::now();
+    auto longest = steady_clock::duration::zero();
+    while (steady_clock::now() - start < milliseconds{1000}) {
+        (void)is_readable(orvex_get_fd(m_broker.get()), milliseconds{50});
+        const auto before = steady_clock::now();
+        EXPECT_EQ(orvex_read_fd(m_broker.get()), 0);
+        EXPECT_FALSE(can_send());
+        longest = std::max(longest, steady_clock::now() - before);
+    }
+    EXPECT_LT(longest, milliseconds{500});
+    m_bus.resume();
+    EXPECT_TRUE(serve_until_back());
+}
+
+} // namespace

@@ -1,0 +1,98 @@
+// orvexchanged, the script that serves the bus.
+
+#include "exchange_support.h"
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+namespace {
+
+struct Outcome {
+    int status = -1;
+    std::string output;
+};
+
+Outcome run(const std::string& arguments)
+{
+    FILE* const pipe = popen((std::string{ORVEXCHANGED} + " " + arguments + " 2>&1").c_str(), "re");
+    if (pipe == nullptr)
+        return {};
+    Outcome outcome;
+    std::array<char, 512> piece{};
+    while (std::fgets(piece.data(), static_cast<int>(piece.size()), pipe) != nullptr)
+        outcome.output += piece.data();
+    const int status = pclose(pipe);
+    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return outcome;
+}
+
+TEST(ExchangeScript, HelpsAndRefusesUnknownArguments)
+{
+    EXPECT_EQ(run("--help").status, 0);
+    EXPECT_NE(run("--help").output.find("Usage:"), std::string::npos);
+    EXPECT_EQ(run("--unknown").status, 2);
+    EXPECT_NE(run("--unknown").output.find("'--unknown'"), std::string::npos);
+}
+
+TEST(ExchangeScript, ARootIsServedOnlyOnce)
+{
+    Bus bus;
+    ASSERT_TRUE(bus.start());
+    const Outcome second = run("");
+    EXPECT_EQ(second.status, 1);
+    EXPECT_NE(second.output.find("served already"), std::string::npos);
+    RawPeer(bus.address()).sync(); // and the first one is none the worse
+}
+
+TEST(ExchangeScript, AStaleSocketIsReplaced)
+{
+    Bus bus;
+    ASSERT_TRUE(bus.start());
+    bus.kill();
+    ASSERT_TRUE(std::filesystem::exists(bus.socket()));
+    ASSERT_TRUE(bus.start());
+    RawPeer(bus.address()).sync();
+}
+
+TEST(ExchangeScript, AnUnusualRootIsServedToo)
+{
+    Bus outer;
+    const std::string root = outer.root() + "/a <b>&'c\" \xc3\xa9%";
+    setenv("ORV_ROOT", root.c_str(), 1);
+    ASSERT_TRUE(outer.start());
+    const OrvexPtr orvex{orvex_init_eventloop(
+        "x", [](const Message*) {}, 0, 0)};
+    EXPECT_NE(orvex, nullptr);
+}
+
+TEST(ExchangeScript, AnInstalledConfigurationIsUsed)
+{
+    Bus bus;
+    std::filesystem::create_directories(bus.root() + "/etc");
+    std::ofstream{bus.root() + "/etc/exchange.conf"}
+        << "<busconfig><type>session</type><listen>unix:path=" << bus.root()
+        << "/other.skt</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow "
+           "send_destination=\"*\"/></policy></busconfig>\n";
+    ASSERT_TRUE(bus.start());
+    EXPECT_FALSE(std::filesystem::exists(bus.socket()));
+    EXPECT_FALSE(std::filesystem::exists(bus.root() + "/run/exchange-private.conf"));
+    RawPeer("unix:path=" + bus.root() + "/other.skt").sync();
+}
+
+TEST(ExchangeScript, OnlyNamesOfTheExchangeCanBeOwned)
+{
+    Bus bus;
+    ASSERT_TRUE(bus.start());
+    RawPeer peer(bus.address(), "anyone");
+    EXPECT_TRUE(peer.is_there("anyone"));
+    EXPECT_FALSE(peer.claim("com.example.Elsewhere"));
+}
+
+} // namespace
