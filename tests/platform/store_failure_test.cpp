@@ -81,7 +81,7 @@ TEST_F(StoreFailureTest, A_store_that_has_reached_its_size_limit_still_reads_and
 TEST_F(StoreFailureTest, A_store_cannot_be_created_on_a_full_disk_but_later)
 {
     const Outcome outcome = on_small_disk(tmp(), "64k", [&]() -> int {
-        for (int left = 0; left < 10; ++left) {
+        for (unsigned left = 0; left < 10; ++left) {
             fill_disk(tmp() + "/filler");
             fs::resize_file(tmp() + "/filler", fs::file_size(tmp() + "/filler") - 4096U * left);
             std::fprintf(stderr, "]: ---\n");
