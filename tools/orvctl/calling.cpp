@@ -4,18 +4,15 @@
 
 #include "catalogue.h"
 #include "exit_status.h"
+#include "texts.h"
 #include "waiting.h"
 
 #include <jansson.h>
 #include <orvbroker/client.h>
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 
 namespace orvctl {
 namespace {
@@ -30,29 +27,8 @@ int report(Error error)
     return error == Error::invalid_argument ? kUsage : kUnavailable;
 }
 
-/// Reads standard input to its end; false, after a complaint, when that fails or is too much for a request.
-bool read_standard_input(std::string& text)
-{
-    if (::isatty(STDIN_FILENO) == 1) {
-        complain("reading JSON from standard input, end it with Ctrl-D");
-    }
-    std::array<char, 16384> chunk{};
-    while (text.size() <= orvbroker::kMaxRequestSize) {
-        const ssize_t got = ::read(STDIN_FILENO, chunk.data(), chunk.size());
-        if (got == 0) {
-            return true;
-        }
-        if (got == -1 && errno != EINTR) {
-            complain(std::string("cannot read standard input: ") + std::strerror(errno));
-            return false;
-        }
-        text.append(chunk.data(), static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-    }
-    complain("standard input is longer than a request may be (4 MiB)");
-    return false;
-}
-
-bool is_json(const std::string& text)
+/// Whether data can be sent; complains when not.
+bool check_json(const std::string& text)
 {
     json_error_t error{};
     json_t* value = json_loadb(text.data(), text.size(), JSON_DECODE_ANY, &error);
@@ -77,28 +53,6 @@ void warn_of_unknown_name(const std::string& name, const orvbroker::Answer& answ
     }
 }
 
-/// This moment in UTC, in ISO 8601 with milliseconds.
-std::string time_stamp()
-{
-    timespec now{};
-    (void)::clock_gettime(CLOCK_REALTIME, &now); // cannot fail for this clock
-    std::tm parts{};
-    std::array<char, 32> seconds{};
-    if (::gmtime_r(&now.tv_sec, &parts) == nullptr ||
-        std::strftime(seconds.data(), seconds.size(), "%Y-%m-%dT%H:%M:%S", &parts) == 0) {
-        return "-";
-    }
-    const std::string milliseconds = std::to_string(1000 + now.tv_nsec / 1000000);
-    return std::string(seconds.data()) + "." + milliseconds.substr(1) + "Z";
-}
-
-bool is_json_value(const std::string& text)
-{
-    json_t* value = json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr);
-    json_decref(value);
-    return value != nullptr;
-}
-
 void print_event(const std::string& event, const SubscribeOptions& subscribe, Output& output)
 {
     if (!subscribe.timestamps) {
@@ -107,9 +61,8 @@ void print_event(const std::string& event, const SubscribeOptions& subscribe, Ou
         output.line(output.emphasized(time_stamp()));
         output.json(event);
     } else {
-        const std::string data = is_json_value(event) ? event : orvbroker::quote(event);
         output.json(R"({"time": ")" + time_stamp() + R"(", "event": )" + orvbroker::quote(subscribe.event) +
-                    R"(, "data": )" + data + "}");
+                    R"(, "data": )" + as_json(event) + "}");
     }
 }
 
@@ -150,11 +103,11 @@ int run_call(const CallOptions& call, const Options& options, Output& output)
     std::string data = call.data;
     if (data == "-") {
         data.clear();
-        if (!read_standard_input(data)) {
+        if (!read_standard_input(data, orvbroker::kMaxRequestSize, "JSON")) {
             return kUsage;
         }
     }
-    if ((!data.empty() || call.data == "-") && !is_json(data)) {
+    if ((!data.empty() || call.data == "-") && !check_json(data)) {
         return kUsage;
     }
     const auto timeout = options.timeout.value_or(orvbroker::kCallTimeout);

@@ -6,6 +6,7 @@
 
 #include "calling.h"
 #include "catalogue.h"
+#include "exchange.h"
 #include "exit_status.h"
 #include "settings.h"
 
@@ -251,6 +252,64 @@ void add_settings(CommandLine& line)
                tree);
 }
 
+/// A sub-command that sends something into the exchange.
+void add_sending(CommandLine& line, CLI::App& parent, const std::string& name, const std::string& summary,
+                 const std::string& target, const std::string& examples,
+                 std::function<int(const SendOptions&, const Options&, Output&)> work)
+{
+    const auto send = std::make_shared<SendOptions>();
+    CLI::App* command = add(parent, name, summary, examples);
+    command->add_option("NAME", send->name, target)->required();
+    command->add_option("DATA", send->data, "Its payload, {} unless given, - to read it from standard input");
+    command->callback([&line, send, work = std::move(work)] {
+        line.work = [send, work](const Options& options, Output& output) {
+            return work(*send, options, output);
+        };
+    });
+}
+
+void add_exchange_monitor(CommandLine& line, CLI::App& exchange)
+{
+    const auto monitor = std::make_shared<MonitorOptions>();
+    CLI::App* command = add(exchange, "monitor", "Print what happens on the exchange",
+                            "  orvctl exchange monitor\n"
+                            "  orvctl exchange monitor va_status_changed orvvad\n"
+                            "  orvctl exchange monitor broker-devmgmt:set_friendly_name --json\n");
+    command->add_option("NAME", monitor->names,
+                        "Only what has one of these names or goes to one of these participants");
+    command->add_option("--count", monitor->count, "End after N lines")->check(check_count)->type_name("N");
+    command->callback([&line, monitor] {
+        line.work = [monitor](const Options& options, Output& output) {
+            return run_exchange_monitor(*monitor, options, output);
+        };
+    });
+}
+
+void add_exchange(CommandLine& line)
+{
+    CLI::App* exchange = add(line.app, "exchange", "Take part in the message exchange between the daemons",
+                             "  orvctl exchange request orvvad:va_scan_status\n"
+                             "  orvctl exchange monitor\n");
+    exchange->require_subcommand(1);
+    const std::string target = "PARTICIPANT:NAME, or a bare name for the participant orvagent";
+    add_sending(line, *exchange, "request", "Send a request and print its answer", target,
+                "  orvctl exchange request orvvad:va_scan_status\n"
+                "  orvctl exchange request update_subscription '{}'\n",
+                run_exchange_request);
+    add_sending(line, *exchange, "message", "Send a one-way message", target,
+                "  orvctl exchange message orvvad:va_scan_stop\n",
+                [](const SendOptions& send, const Options& options, Output&) {
+                    return run_exchange_message(send, options);
+                });
+    add_sending(line, *exchange, "publish", "Publish an event", "The event",
+                "  orvctl exchange publish va_status_changed '{\"state\": \"running\"}'\n"
+                "  orvctl exchange publish orvagent_started\n",
+                [](const SendOptions& send, const Options& options, Output&) {
+                    return run_exchange_publish(send, options);
+                });
+    add_exchange_monitor(line, *exchange);
+}
+
 void declare(CommandLine& line)
 {
     line.app.require_subcommand(1);
@@ -265,6 +324,7 @@ void declare(CommandLine& line)
     add_catalogue(line);
     add_subscribe(line);
     add_settings(line);
+    add_exchange(line);
 }
 
 /// Tells what is wrong with the line, or prints what --help and --version ask for.
