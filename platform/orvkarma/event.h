@@ -1,0 +1,28 @@
+#pragma once
+
+#include <jansson.h>
+
+#include <memory>
+#include <string>
+
+namespace orv::karma {
+
+struct DropReference {
+    void operator()(json_t* json) const { json_decref(json); }
+};
+using Json = std::unique_ptr<json_t, DropReference>;
+
+/// A new identifier, higher than every one made by this process before and than `last`. Empty when the system
+/// has no random numbers.
+[[nodiscard]] std::string make_event_id(const std::string& last);
+
+/// The event's identifier; null when it is no event.
+[[nodiscard]] const char* event_id(const json_t* event);
+
+/// The event as JSON text in one line; empty on failure.
+[[nodiscard]] std::string event_text(const json_t* event);
+
+/// The event that a text holds, null when it holds none.
+[[nodiscard]] Json parse_event(const std::string& text);
+
+} // namespace orv::karma

@@ -1,0 +1,142 @@
+// One LMDB tree: from the event's id to its text.
+
+#include "karma_outbox.h"
+
+#include "lmdb_environment.h"
+
+#include <orvutils/log_format.h>
+
+namespace orv::karma::outbox {
+
+namespace {
+
+using detail::LmdbCursor;
+using detail::LmdbEnvironment;
+using detail::LmdbRead;
+using detail::LmdbWrite;
+
+constexpr std::size_t kEvents = 0; ///< the tree
+constexpr std::size_t kMapSize = 16 * 1024 * 1024;
+/// What events may take up together: they may be spread badly, and LMDB writes a changed page to another
+/// place.
+constexpr std::size_t kMaxTotalSize = kMapSize / 2;
+
+/// Lives as long as the process: it holds what the operating system releases anyhow.
+LmdbEnvironment& environment()
+{
+    static auto* const instance = new LmdbEnvironment({"var/telemetry", {"events"}, kMapSize, true});
+    return *instance;
+}
+
+std::size_t total_size(LmdbWrite& transaction)
+{
+    std::size_t size = 0;
+    LmdbCursor cursor(transaction, kEvents);
+    for (bool found = cursor.first(); found; found = cursor.next())
+        size += cursor.key().size() + cursor.value().size();
+    return size;
+}
+
+Error remove_first(LmdbWrite& transaction, std::size_t& size)
+{
+    LmdbCursor cursor(transaction, kEvents);
+    if (!cursor.first())
+        return cursor.error() != Error::none ? cursor.error() : Error::input_output;
+    ORV_LOG(log::kWarning, "telemetry: the outbox is full, dropping event {}", cursor.key());
+    size -= cursor.key().size() + cursor.value().size();
+    return cursor.remove();
+}
+
+Error make_room(LmdbWrite& transaction, std::size_t needed)
+{
+    std::size_t size = total_size(transaction);
+    std::size_t count = transaction.entries(kEvents);
+    while (count >= kMaxEvents || (count > 0 && size + needed > kMaxTotalSize)) {
+        if (const Error error = remove_first(transaction, size); error != Error::none)
+            return error;
+        --count;
+    }
+    return Error::none;
+}
+
+} // namespace
+
+Error open()
+{
+    return environment().open();
+}
+
+void close()
+{
+    environment().close();
+}
+
+Error read(std::vector<Entry>& entries)
+{
+    LmdbRead transaction(environment());
+    if (transaction.error() != Error::none)
+        return transaction.error();
+    LmdbCursor cursor(transaction, kEvents);
+    for (bool found = cursor.first(); found; found = cursor.next())
+        entries.push_back({std::string(cursor.key()), std::string(cursor.value())});
+    return cursor.error();
+}
+
+Error last_id(std::string& id)
+{
+    LmdbRead transaction(environment());
+    if (transaction.error() != Error::none)
+        return transaction.error();
+    LmdbCursor cursor(transaction, kEvents);
+    if (!cursor.last())
+        return cursor.error() != Error::none ? cursor.error() : Error::no_such_key;
+    id = cursor.key();
+    return Error::none;
+}
+
+Error put(std::string_view id, std::string_view text)
+{
+    if (id.empty() || id.size() > kMaxIdSize || text.size() > kMaxEventSize)
+        return Error::invalid_argument;
+    std::string_view present;
+    if (LmdbRead snapshot(environment());
+        snapshot.error() == Error::none && snapshot.get(kEvents, id, present) == Error::none)
+        return Error::none;
+    LmdbWrite transaction(environment());
+    if (transaction.error() != Error::none)
+        return transaction.error();
+    if (const Error error = make_room(transaction, id.size() + text.size()); error != Error::none)
+        return error;
+    if (const Error error = transaction.put(kEvents, id, text); error != Error::none)
+        return error;
+    return transaction.commit();
+}
+
+Error remove(std::string_view id)
+{
+    LmdbWrite transaction(environment());
+    if (transaction.error() != Error::none)
+        return transaction.error();
+    const Error error = transaction.remove(kEvents, id);
+    if (error == Error::no_such_key)
+        return Error::none;
+    return error == Error::none ? transaction.commit() : error;
+}
+
+Error clear()
+{
+    LmdbWrite transaction(environment());
+    if (transaction.error() != Error::none)
+        return transaction.error();
+    {
+        LmdbCursor cursor(transaction, kEvents);
+        for (bool found = cursor.first(); found; found = cursor.next())
+            if (const Error error = cursor.remove(); error != Error::none)
+                return error;
+        if (cursor.error() != Error::none)
+            return cursor.error();
+    }
+    return transaction.commit();
+}
+
+} // namespace orv::karma::outbox

@@ -1,0 +1,324 @@
+// Telemetry events: kept until the agent confirms them.
+
+#include "base_support.h"
+
+#include <karma_outbox.h>
+#include <orvkarma/orvkarma.h>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <regex>
+
+using namespace orv::karma;
+
+/// The exchange as the test plays it.
+struct Orvex {
+    struct Request {
+        std::string name;
+        std::string data;
+        void (*callback)(void* arg, const Message* response);
+        void* argument;
+    };
+    std::vector<Request> requests;
+    int result = 0;
+
+    void answer(std::size_t index, const char* type) const
+    {
+        Message message{};
+        std::snprintf(message.type, sizeof message.type, "%s", type);
+        requests.at(index).callback(requests.at(index).argument, &message);
+    }
+};
+
+int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::size_t length,
+                       void (*response_callback)(void* arg, const Message* response), void* arg)
+{
+    if (orvex->result == 0)
+        orvex->requests.push_back({name, std::string(data, length), response_callback, arg});
+    return orvex->result;
+}
+
+namespace {
+
+struct DropReference {
+    void operator()(json_t* json) const { json_decref(json); }
+};
+using Json = std::unique_ptr<json_t, DropReference>;
+
+class KarmaTest : public testing::Test {
+protected:
+    KarmaTest() { EXPECT_EQ(init(), 0); }
+    ~KarmaTest() override { uninit(); }
+
+    static Json event(const char* type = "test", const char* data = R"({"a": 1})")
+    {
+        const Json json(json_loads(data, 0, nullptr));
+        return Json(build_karma_event_json(type, json.get()));
+    }
+
+    static std::string id_of(const Json& event)
+    {
+        return json_string_value(json_object_get(event.get(), "id"));
+    }
+
+    /// The ids of the events in the outbox.
+    static std::vector<std::string> stored()
+    {
+        std::vector<json_t*> events;
+        EXPECT_EQ(read_events(events), 0);
+        std::vector<std::string> ids;
+        for (json_t* json : events)
+            ids.push_back(id_of(Json(json)));
+        return ids;
+    }
+
+    TemporaryRoot m_root;
+    Orvex m_exchange;
+};
+
+using Ids = std::vector<std::string>;
+
+} // namespace
+
+TEST_F(KarmaTest, An_event_has_an_id_its_type_the_time_and_the_data)
+{
+    const Json json = event("tuvo_agent_status", R"({"agent_state": "deployed"})");
+    ASSERT_NE(json, nullptr);
+    EXPECT_TRUE(std::regex_match(id_of(json), std::regex("[0-9a-f]{16}-[0-9a-f]{16}")));
+    EXPECT_STREQ(json_string_value(json_object_get(json.get(), "type")), "tuvo_agent_status");
+    EXPECT_NEAR(static_cast<double>(json_integer_value(json_object_get(json.get(), "timestamp"))),
+                static_cast<double>(std::time(nullptr)), 5);
+    const Json data(json_pack("{s:s}", "agent_state", "deployed"));
+    EXPECT_TRUE(json_equal(json_object_get(json.get(), "data"), data.get()));
+    EXPECT_EQ(json_object_size(json.get()), 4U);
+}
+
+TEST_F(KarmaTest, Building_takes_a_reference_of_its_own_on_the_data)
+{
+    const Json data(json_object());
+    const Json json(build_karma_event_json("test", data.get()));
+    EXPECT_EQ(data->refcount, 2U);
+    EXPECT_EQ(build_karma_event_json("test", nullptr), nullptr);
+    EXPECT_EQ(build_karma_event_json(nullptr, data.get()), nullptr);
+    EXPECT_EQ(build_karma_event_json("\xff", data.get()), nullptr) << "no UTF-8";
+    EXPECT_EQ(data->refcount, 2U);
+}
+
+TEST_F(KarmaTest, Ids_are_unique_and_rise_in_the_order_of_building)
+{
+    std::string last;
+    for (int i = 0; i < 2000; ++i) {
+        const std::string id = id_of(event());
+        ASSERT_LT(last, id);
+        last = id;
+    }
+}
+
+TEST_F(KarmaTest, Ids_rise_beyond_those_in_the_outbox_even_when_the_clock_went_back)
+{
+    ASSERT_EQ(
+        outbox::put("00ffffffffffff00-0000000000000000", R"({"id": "00ffffffffffff00-0000000000000000"})"),
+        orv::Error::none);
+    const Json json = event();
+    EXPECT_GT(id_of(json), "00ffffffffffff00-ffffffffffffffff");
+    EXPECT_EQ(submit_karma_event(json.get(), nullptr), -1);
+    EXPECT_EQ(stored().back(), id_of(json));
+}
+
+TEST_F(KarmaTest, A_submitted_event_is_sent_as_a_request_and_stays_until_it_is_confirmed)
+{
+    const Json json = event();
+    ASSERT_EQ(submit_karma_event(json.get(), &m_exchange), 0);
+    ASSERT_EQ(m_exchange.requests.size(), 1U);
+    EXPECT_EQ(m_exchange.requests[0].name, "telemetry_event");
+    const Json sent(json_loads(m_exchange.requests[0].data.c_str(), 0, nullptr));
+    EXPECT_TRUE(json_equal(sent.get(), json.get()));
+    EXPECT_EQ(stored(), Ids{id_of(json)});
+    m_exchange.answer(0, "0");
+    EXPECT_EQ(stored(), Ids{});
+    EXPECT_EQ(json->refcount, 1U);
+}
+
+TEST_F(KarmaTest, Any_other_answer_leaves_it_in_the_outbox)
+{
+    for (const char* type : {"2", "1", "", "00", "zero"}) {
+        const Json json = event();
+        ASSERT_EQ(submit_karma_event(json.get(), &m_exchange), 0);
+        m_exchange.answer(m_exchange.requests.size() - 1, type);
+    }
+    EXPECT_EQ(stored().size(), 5U);
+}
+
+TEST_F(KarmaTest, Without_an_exchange_an_event_is_kept_and_can_be_submitted_again)
+{
+    const Json json = event();
+    EXPECT_EQ(submit_karma_event(json.get(), nullptr), -1);
+    m_exchange.result = -1;
+    EXPECT_EQ(submit_karma_event(json.get(), &m_exchange), -1);
+    EXPECT_EQ(stored(), Ids{id_of(json)});
+    m_exchange.result = 0;
+    std::vector<json_t*> events;
+    ASSERT_EQ(read_events(events), 0);
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_TRUE(json_equal(events[0], json.get()));
+    EXPECT_EQ(submit_karma_event(events[0], &m_exchange), 0);
+    json_decref(events[0]);
+    m_exchange.answer(0, "0");
+    EXPECT_EQ(stored(), Ids{});
+}
+
+TEST_F(KarmaTest, Events_come_back_oldest_first)
+{
+    Ids ids;
+    for (int i = 0; i < 50; ++i) {
+        const Json json = event();
+        ids.push_back(id_of(json));
+        (void)submit_karma_event(json.get(), nullptr);
+    }
+    EXPECT_EQ(stored(), ids);
+}
+
+TEST_F(KarmaTest, An_event_submitted_twice_is_kept_once_and_either_answer_confirms_it)
+{
+    const Json json = event();
+    ASSERT_EQ(submit_karma_event(json.get(), &m_exchange), 0);
+    ASSERT_EQ(submit_karma_event(json.get(), &m_exchange), 0);
+    EXPECT_EQ(stored().size(), 1U);
+    m_exchange.answer(1, "0");
+    EXPECT_EQ(stored().size(), 0U);
+    m_exchange.answer(0, "0");
+    EXPECT_EQ(stored().size(), 0U);
+}
+
+TEST_F(KarmaTest, An_answer_after_the_end_does_no_harm)
+{
+    const Json json = event();
+    ASSERT_EQ(submit_karma_event(json.get(), &m_exchange), 0);
+    uninit();
+    m_exchange.answer(0, "0");
+    ASSERT_EQ(init(), 0);
+    const Json other = event();
+    ASSERT_EQ(submit_karma_event(other.get(), &m_exchange), 0);
+    m_exchange.answer(0, "0");
+    EXPECT_EQ(stored(), (Ids{id_of(json), id_of(other)}));
+}
+
+TEST_F(KarmaTest, What_is_no_event_is_refused)
+{
+    for (const char* text : {"{}", R"({"id": 1})", R"({"id": ""})", "[]"}) {
+        const Json json(json_loads(text, 0, nullptr));
+        EXPECT_EQ(submit_karma_event(json.get(), &m_exchange), -1) << text;
+        EXPECT_EQ(orv::_get_orverrno(), 1);
+    }
+    EXPECT_EQ(submit_karma_event(nullptr, &m_exchange), -1);
+    EXPECT_TRUE(m_exchange.requests.empty());
+}
+
+TEST_F(KarmaTest, The_outbox_holds_1000_events_and_the_oldest_go_first_with_a_log_line)
+{
+    Ids ids;
+    const Outcome outcome = in_child([&] {
+        for (int i = 0; i < 1003; ++i) {
+            const std::string id = "id" + std::to_string(10000 + i);
+            if (outbox::put(id, "{\"id\": \"" + id + "\"}") != orv::Error::none)
+                return 1;
+        }
+        return 0;
+    });
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(lines_of(outcome.err).size(), 3U);
+    EXPECT_NE(outcome.err.find("dropping event id10000"), std::string::npos) << outcome.err;
+    ids = stored();
+    EXPECT_EQ(ids.size(), 1000U);
+    EXPECT_EQ(ids.front(), "id10003");
+    EXPECT_EQ(ids.back(), "id11002");
+}
+
+TEST_F(KarmaTest, Large_events_displace_the_oldest_ones_too)
+{
+    const std::string data = "\"" + std::string(200 * 1024, 'd') + "\"";
+    const std::string event_data = "{\"d\": " + data + "}";
+    std::string last;
+    for (int i = 0; i < 100; ++i) {
+        const Json json = event("large", event_data.c_str());
+        ASSERT_EQ(submit_karma_event(json.get(), &m_exchange), 0);
+        last = id_of(json);
+    }
+    const Ids ids = stored();
+    EXPECT_GT(ids.size(), 20U);
+    EXPECT_LT(ids.size(), 100U);
+    EXPECT_EQ(ids.back(), last);
+}
+
+TEST_F(KarmaTest, An_event_too_large_to_keep_is_sent_but_not_reported_as_kept)
+{
+    const std::string data = "{\"d\": \"" + std::string(outbox::kMaxEventSize, 'd') + "\"}";
+    const Json json = event("huge", data.c_str());
+    EXPECT_EQ(submit_karma_event(json.get(), &m_exchange), -1);
+    EXPECT_EQ(m_exchange.requests.size(), 1U);
+    EXPECT_EQ(stored(), Ids{});
+}
+
+TEST_F(KarmaTest, A_malformed_event_in_the_outbox_is_dropped_with_one_log_line)
+{
+    ASSERT_EQ(outbox::put("a", "no json"), orv::Error::none);
+    ASSERT_EQ(outbox::put("b", R"({"id": "b"})"), orv::Error::none);
+    const Outcome outcome = in_child([] {
+        std::vector<json_t*> events;
+        if (read_events(events) != 0 || events.size() != 1)
+            return 1;
+        json_decref(events[0]);
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(lines_of(outcome.err).size(), 1U) << outcome.err;
+    EXPECT_EQ(stored(), Ids{"b"});
+}
+
+TEST_F(KarmaTest, Events_outlive_the_kill_of_the_process_that_submitted_them)
+{
+    Ids expected;
+    for (int i = 0; i < 10; ++i) {
+        const Outcome outcome = in_child([]() -> int {
+            const Json json = event();
+            (void)submit_karma_event(json.get(), nullptr);
+            (void)write(STDOUT_FILENO, id_of(json).c_str(), id_of(json).size());
+            return raise(SIGKILL);
+        });
+        ASSERT_EQ(outcome.status, 1000 + SIGKILL);
+        expected.push_back(outcome.out);
+        EXPECT_EQ(stored(), expected);
+    }
+}
+
+TEST_F(KarmaTest, Without_an_outbox_events_are_sent_but_not_kept)
+{
+    uninit();
+    const Json json = event();
+    ASSERT_NE(json, nullptr);
+    EXPECT_EQ(submit_karma_event(json.get(), &m_exchange), -1);
+    EXPECT_EQ(m_exchange.requests.size(), 1U);
+    std::vector<json_t*> events;
+    EXPECT_EQ(read_events(events), -1);
+    EXPECT_EQ(orv::_get_orverrno(), 2);
+    std::filesystem::remove_all(m_root.path() + "/var");
+    spill(m_root.path() + "/var", "in the way");
+    EXPECT_EQ(init(), -1);
+    std::filesystem::remove(m_root.path() + "/var");
+}
+
+TEST_F(KarmaTest, Clearing_removes_everything)
+{
+    for (int i = 0; i < 3; ++i)
+        (void)submit_karma_event(event().get(), nullptr);
+    EXPECT_EQ(outbox::clear(), orv::Error::none);
+    EXPECT_EQ(stored(), Ids{});
+    EXPECT_EQ(outbox::clear(), orv::Error::none);
+}
