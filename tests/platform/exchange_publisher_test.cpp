@@ -132,6 +132,7 @@ TEST_F(ExchangePublisher, AnOnlookerSeesAllTraffic)
     ASSERT_EQ(subscribe({"event"}), 0);
     ASSERT_EQ(request("ask", "question"), 0);
     agent.answer(*agent.receive(), "0", "reply");
+    ASSERT_TRUE(serve_until([this] { return m_answers.all.size() == 1; }));
     ASSERT_EQ(orvex_send_message(m_broker.get(), "orvagent:tell", "news", 4), 0);
     (void)agent.receive();
     ASSERT_EQ(request("nobody:x"), 0);

@@ -77,9 +77,9 @@ TEST(ExchangeScript, AnInstalledConfigurationIsUsed)
     Bus bus;
     std::filesystem::create_directories(bus.root() + "/etc");
     std::ofstream{bus.root() + "/etc/exchange.conf"}
-        << "<busconfig><type>session</type><listen>unix:path=" << bus.root()
-        << "/other.skt</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow "
-           "send_destination=\"*\"/></policy></busconfig>\n";
+        << "<busconfig><type>session</type><auth>EXTERNAL</auth><listen>unix:path=" << bus.root()
+        << "/other.skt</listen>"
+        << R"(<policy context="default"><allow send_destination="*"/><allow receive_sender="*"/></policy></busconfig>)";
     ASSERT_TRUE(bus.start());
     EXPECT_FALSE(std::filesystem::exists(bus.socket()));
     EXPECT_FALSE(std::filesystem::exists(bus.root() + "/run/exchange-private.conf"));

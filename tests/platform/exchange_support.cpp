@@ -86,7 +86,7 @@ void Bus::kill()
 {
     if (m_process <= 0)
         return;
-    send_signal(m_process, SIGKILL);
+    (void)::kill(m_process, SIGKILL);
     waitpid(m_process, nullptr, 0);
     m_process = -1;
 }
