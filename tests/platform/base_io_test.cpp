@@ -55,6 +55,15 @@ TEST(EpollSet, FailureIsMinusOneWithErrno)
     EXPECT_EQ(orv::io::epoll_set_fd(-1, STDIN_FILENO, EPOLLIN), -1);
 }
 
+TEST(EpollSet, AddsOnlyWhatIsNotWatchedYet)
+{
+    const Fd epoll(epoll_create1(EPOLL_CLOEXEC));
+    const Ends ends = make_sockets(SOCK_STREAM);
+    // This flag can be added but not changed, so the failure is another one than "not watched".
+    EXPECT_EQ(orv::io::epoll_set_fd(epoll, ends.first, EPOLLIN | EPOLLEXCLUSIVE), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
 bool expires_within_ms(int timer, int limit)
 {
     pollfd watched = {timer, POLLIN, 0};

@@ -154,6 +154,7 @@ TEST(LogLine, TimeMovesOnFromSecondToSecond)
     for (const auto& line : lines_of(outcome.err)) {
         const std::string stamp = line.substr(0, 23);
         EXPECT_LE(previous, stamp);
+        EXPECT_EQ(stamp.find(' ', 11), std::string::npos) << "milliseconds have leading zeros";
         seconds += previous.substr(0, previous.find('.')) != stamp.substr(0, 19) ? 1U : 0U;
         previous = stamp;
     }
