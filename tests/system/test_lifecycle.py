@@ -1,6 +1,7 @@
 """Starting, stopping, being alone, and surviving its surroundings."""
 
 import os
+import re
 import signal
 
 import world
@@ -138,12 +139,29 @@ class State(world.TestCase):
         with Client() as client:
             self.assertEqual(client.call("get_services_status"), (DISABLED, 0))
 
-    def test_the_deployment_is_noted_at_the_first_start(self):
+    def test_the_deployment_is_reported_at_the_first_start_only(self):
         one = self.world()
         one.start()
         self.assertEqual(one.setting("/karma/tuvo_agent_status/deployed"), "1")
+        self.assertEqual(self.reported_states(one), ["deployed"])
         one.restart_daemon()
+        one.kill_daemon()
+        one.start_daemon()
         self.assertEqual(one.setting("/karma/tuvo_agent_status/deployed"), "1")
+        self.assertEqual(self.reported_states(one), ["deployed"])
+
+    def test_switching_the_services_is_reported(self):
+        one = self.world()
+        one.start()
+        with Client() as client:
+            for name in ("disable_services", "enable_services", "enable_services"):
+                self.assertEqual(client.call(name), (None, 0))
+        self.assertEqual(self.reported_states(one), ["deployed", "deactivated", "activated", "activated"])
+
+    def reported_states(self, one):
+        """The agent states that the outbox holds, since no agent is there to confirm them."""
+        lines = one.orvctl("telemetry", "list").stdout.splitlines()
+        return [re.search(r'"agent_state": "(\w+)"', line)[1] for line in lines]
 
     def test_a_bus_that_goes_and_comes_back_is_missed_by_exchange_commands_only(self):
         one = self.world()

@@ -95,7 +95,9 @@ class WithoutDaemon(world.TestCase):
                      "call a --timeout 0", "call a --timeout -1", "call a --timeout nan", "call a --timeout x",
                      "subscribe a --count 0", "subscribe a --count -1", "subscribe a --count x",
                      "--color blue commands", "settings", "settings nonsense", "settings get", "settings set /a",
-                     "settings set /a b c", "settings delete", "settings watch", "commands extra"):
+                     "settings set /a b c", "settings delete", "settings watch", "commands extra", "exchange", "exchange request",
+                     "exchange request a b c", "exchange publish", "exchange monitor --count 0", "telemetry",
+                     "telemetry nonsense", "telemetry clear all"):
             self.check(line.split(), USAGE, stdout="", stderr=r"^orvctl: .+\(see orvctl --help\)\n$")
 
     def test_data_that_is_not_json_is_a_usage_error(self):
@@ -107,7 +109,9 @@ class WithoutDaemon(world.TestCase):
 
     def test_help_and_version_succeed_and_end_with_examples(self):
         for line in ("", "call", "commands", "events", "subscribe", "settings", "settings get", "settings set",
-                     "settings delete", "settings list", "settings tree", "settings watch"):
+                     "settings delete", "settings list", "settings tree", "settings watch", "exchange",
+                     "exchange request", "exchange message", "exchange publish", "exchange monitor", "telemetry",
+                     "telemetry list", "telemetry clear"):
             result = self.check([*line.split(), "--help"], OK, stderr="^$")
             self.assertRegex(result.stdout, r"\nExamples:\n  orvctl ")
         self.check(["--version"], OK, stdout="orvctl 1.3\n", stderr="^$")
@@ -345,6 +349,30 @@ class WithDaemon(world.ServedTestCase):
             self.assertEqual(process.communicate(timeout=world.DEADLINE),
                              ('{"status": "expired", "expiry": 5}\n', ""))
         self.assertEqual(process.returncode, OK)
+
+
+class Telemetry(world.ServedTestCase):
+    def orvctl(self, *arguments):
+        result = self.served.orvctl("telemetry", *arguments)
+        return result.returncode, result.stdout, result.stderr
+
+    def test_the_outbox_is_listed_and_emptied(self):
+        status, stdout, stderr = self.orvctl("list")
+        self.assertEqual((status, stderr), (OK, ""))
+        (event,) = (json.loads(line) for line in stdout.splitlines())
+        self.assertIn("tuvo_agent_status", json.dumps(event))
+        self.assertEqual(self.orvctl("clear"), (OK, "", ""))
+        self.assertEqual(self.orvctl("list"), (OK, "", ""))
+        self.assertEqual(self.orvctl("clear"), (OK, "", ""))
+
+    def test_an_outbox_that_cannot_be_opened_is_unavailable(self):
+        self.served.stop_daemon()
+        other = self.world()
+        with open(os.path.join(other.root, "var"), "w") as file:
+            file.write("in the way")
+        result = other.orvctl("telemetry", "list")
+        self.assertEqual((result.returncode, result.stdout), (UNAVAILABLE, ""))
+        self.assertIn("orvctl: the telemetry outbox", result.stderr)
 
 
 class Settings(world.TestCase):

@@ -9,6 +9,7 @@
 #include "exchange.h"
 #include "exit_status.h"
 #include "settings.h"
+#include "telemetry.h"
 
 #include <CLI/CLI.hpp>
 #include <orvbroker/client.h>
@@ -310,6 +311,22 @@ void add_exchange(CommandLine& line)
     add_exchange_monitor(line, *exchange);
 }
 
+void add_telemetry(CommandLine& line)
+{
+    CLI::App* telemetry = add(line.app, "telemetry", "See and empty the outbox of telemetry events",
+                              "  orvctl telemetry list\n"
+                              "  orvctl telemetry clear\n");
+    telemetry->require_subcommand(1);
+    add(*telemetry, "list", "Print the events that the agent has not confirmed yet",
+        "  orvctl telemetry list\n")
+        ->callback([&line] {
+            line.work = [](const Options&, Output& output) { return run_telemetry_list(output); };
+        });
+    add(*telemetry, "clear", "Remove them all", "  orvctl telemetry clear\n")->callback([&line] {
+        line.work = [](const Options&, Output&) { return run_telemetry_clear(); };
+    });
+}
+
 void declare(CommandLine& line)
 {
     line.app.require_subcommand(1);
@@ -325,6 +342,7 @@ void declare(CommandLine& line)
     add_subscribe(line);
     add_settings(line);
     add_exchange(line);
+    add_telemetry(line);
 }
 
 /// Tells what is wrong with the line, or prints what --help and --version ask for.
