@@ -9,6 +9,9 @@ target_compile_options(orv_options INTERFACE
   -ffunction-sections -fdata-sections)
 target_link_options(orv_options INTERFACE -Wl,--gc-sections -Wl,--as-needed)
 
+if(ORV_FUZZ)
+  target_compile_options(orv_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 if(ORV_SANITIZE)
   target_compile_options(orv_options INTERFACE
     -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)

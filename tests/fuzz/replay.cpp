@@ -1,0 +1,98 @@
+// Runs a fuzz target over the files of a directory and over variations of them, always the same ones: what
+// libFuzzer does, without its search, for builds that have no libFuzzer.
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+namespace {
+
+constexpr int kVariations = 2000; ///< per file
+
+using Input = std::vector<std::uint8_t>;
+using Random = std::mt19937;
+
+void run(const Input& input)
+{
+    LLVMFuzzerTestOneInput(input.data(), input.size());
+}
+
+std::size_t below(Random& random, std::size_t limit)
+{
+    return static_cast<std::size_t>(random()) % limit;
+}
+
+void change_once(Input& input, Random& random)
+{
+    const std::size_t at = below(random, input.size());
+    const auto place = input.begin() + static_cast<std::ptrdiff_t>(at);
+    switch (below(random, 4)) {
+    case 0:
+        *place = static_cast<std::uint8_t>(random());
+        return;
+    case 1:
+        *place = static_cast<std::uint8_t>(*place ^ (1U << below(random, 8)));
+        return;
+    case 2:
+        input.insert(place, static_cast<std::uint8_t>(random()));
+        return;
+    default: // a stretch from elsewhere
+        const std::size_t from = below(random, input.size());
+        const std::size_t length = std::min(below(random, 16), input.size() - std::max(at, from));
+        std::copy_n(Input(input).begin() + static_cast<std::ptrdiff_t>(from), length, place);
+    }
+}
+
+void run_variations(const Input& seed, Random& random)
+{
+    for (int i = 0; i < kVariations; ++i) {
+        Input input = seed;
+        for (std::size_t changes = 1 + below(random, 8); changes > 0 && !input.empty(); --changes)
+            change_once(input, random);
+        if (below(random, 8) == 0)
+            input.resize(below(random, input.size() + 1));
+        run(input);
+    }
+}
+
+Input read_file(const std::filesystem::path& name)
+{
+    std::ifstream file(name, std::ios::binary);
+    return Input(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: %s DIRECTORY\n", argv[0]);
+        return 2;
+    }
+    std::vector<std::filesystem::path> names;
+    for (const auto& entry : std::filesystem::directory_iterator(argv[1]))
+        names.push_back(entry.path());
+    std::sort(names.begin(), names.end());
+    if (names.empty()) {
+        std::fprintf(stderr, "no inputs in %s\n", argv[1]);
+        return 1;
+    }
+
+    Random random(1); // NOLINT(cert-msc51-cpp): the same variations each time
+    run({});
+    for (const auto& name : names) {
+        const Input seed = read_file(name);
+        run(seed);
+        run_variations(seed, random);
+    }
+    std::printf("%zu inputs, %d variations each\n", names.size(), kVariations);
+    return 0;
+}

@@ -1,0 +1,115 @@
+#include "stage.h"
+
+#include "orvbrokerd.h"
+#include "orvex.h"
+#include "orvexproc.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+namespace orv::fuzz {
+
+using brokerd::Connection;
+using fake::Fake;
+
+void require(bool holds, const char* rule)
+{
+    if (holds)
+        return;
+    std::fprintf(stderr, "does not hold: %s\n", rule);
+    std::abort();
+}
+
+Stage::Stage()
+{
+    const Fake::Paused paused;
+    brokerd::epollfd = epoll_create1(EPOLL_CLOEXEC);
+    brokerd::orvex = platform.connect(brokerd::orvex_callback);
+}
+
+Stage::~Stage()
+{
+    while (!platform.requests.empty()) {
+        platform.answer("{}");
+        read_exchange();
+    }
+    auto& connections = brokerd::g_connections;
+    for (auto it = connections.begin(); it != connections.end(); it = connections.erase(it))
+        brokerd::destroy_connection(it->second);
+    require(brokerd::g_client_subscriptions.empty(), "no table names a connection that is gone");
+    require(brokerd::g_exchange_subscriptions.empty(), "no table names a connection that is gone");
+    const Fake::Paused paused;
+    close(brokerd::epollfd);
+    brokerd::epollfd = -1;
+    brokerd::orvex = nullptr;
+}
+
+Stage::Peer Stage::connect()
+{
+    const Fake::Paused paused;
+    int ends[2] = {-1, -1};
+    require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "sockets can be made");
+    auto* conn = new Connection(ends[0]);
+    require(conn->tx.init(brokerd::kBufferInitialSize, brokerd::kBufferMaximumSize) &&
+                conn->rx.init(brokerd::kBufferInitialSize, brokerd::kBufferMaximumSize),
+            "buffers can be made");
+    brokerd::g_connections[ends[0]] = conn;
+    return {conn, ends[1]};
+}
+
+Stage::Peer Stage::subscribe(const std::string& event)
+{
+    Peer peer = connect();
+    require(receive(peer, R"({"type":"subscribe","name":")" + event + "\"}\n") && drain(peer),
+            "a client can subscribe");
+    return peer;
+}
+
+bool Stage::receive(Peer& peer, std::string_view bytes)
+{
+    {
+        const Fake::Paused paused;
+        if (send(peer.client, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0)
+            return true; // the daemon has not taken the earlier ones yet
+    }
+    return handle(peer, EPOLLIN);
+}
+
+bool Stage::drain(Peer& peer)
+{
+    std::vector<char> taken(65536);
+    while (peer.conn->tx.pending() > 0) {
+        if (!handle(peer, EPOLLOUT))
+            return false;
+        const Fake::Paused paused;
+        while (recv(peer.client, taken.data(), taken.size(), MSG_DONTWAIT) > 0) {
+        }
+    }
+    return true;
+}
+
+bool Stage::handle(Peer& peer, unsigned events)
+{
+    if (brokerd::process_client_events(peer.conn, events, brokerd::epollfd) >= 0)
+        return true;
+    brokerd::g_connections.erase(peer.conn->fd);
+    brokerd::destroy_connection(peer.conn);
+    const Fake::Paused paused;
+    close(peer.client);
+    peer = {nullptr, -1};
+    return false;
+}
+
+void Stage::read_exchange()
+{
+    orvex_read_fd(brokerd::orvex);
+    platform.take_calls();
+    platform.take_logs();
+}
+
+} // namespace orv::fuzz
