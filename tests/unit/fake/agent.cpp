@@ -33,6 +33,7 @@ Fake& platform()
 
 std::string dump(const json_t* value)
 {
+    const Fake::Paused paused;
     char* text = json_dumps(value, JSON_ENCODE_ANY);
     std::string result = text ? text : "(none)";
     std::free(text);

@@ -1,0 +1,478 @@
+// Requests and the command table: which argument each command needs, what it does, how its result becomes an
+// answer.
+
+#include "support/fixture.h"
+
+#include "orvbrokerd.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace orv::test {
+namespace {
+
+using brokerd::build_error_response;
+using brokerd::build_response;
+using brokerd::JsonPtr;
+using brokerd::TextPtr;
+using fake::Calls;
+using fake::Logs;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::Not;
+
+const std::string kDone = R"({"data": null, "status": 0})";
+const std::string kFailed = R"({"data": null, "status": -1})";
+
+std::string command(const std::string& name, const std::string& data = {})
+{
+    return R"({"type":"command","name":")" + name + "\"" + (data.empty() ? "" : ",\"data\":" + data) + "}";
+}
+
+class Commands : public ServiceTest {
+protected:
+    /// What a request made the daemon do, and how it was answered.
+    struct Outcome {
+        std::optional<std::string> answer; ///< none when it is still to come, or never does
+        Calls calls;                       ///< between reading the request and queuing the answer
+        Logs logs;                         ///< between the event's line and the status
+        int status = 0;                    ///< as logged
+        bool stays_open = false;
+    };
+
+    Outcome run(const std::string& line)
+    {
+        Peer peer = connect();
+        return run(peer, line);
+    }
+
+    Outcome run(Peer& peer, const std::string& line)
+    {
+        forget_records();
+        Outcome outcome;
+        EXPECT_TRUE(receive(peer, line + "\n"));
+        for (const std::string& call : platform->take_calls())
+            if (call.rfind("recv(", 0) != 0 && call.rfind("epoll_ctl(MOD, client", 0) != 0)
+                outcome.calls.push_back(call);
+        outcome.logs = platform->take_logs();
+        outcome.logs.erase(outcome.logs.begin());
+        EXPECT_EQ(outcome.logs.back().level, 2);
+        EXPECT_EQ(sscanf(outcome.logs.back().text.c_str(), "last operation status is %d", &outcome.status),
+                  1);
+        outcome.logs.pop_back();
+        outcome.stays_open = drain(peer);
+        outcome.answer = peer.client.frame();
+        EXPECT_EQ(peer.client.bytes(), "");
+        return outcome;
+    }
+};
+
+// ---- the table
+
+enum class Argument { none, optional, required, string };
+
+struct Row {
+    const char* name;
+    Argument argument;
+    const char* without_argument; ///< the answer to a request without the argument that it needs
+};
+
+const char* const kPlainFailure = R"({"data": null, "status": -1})";
+
+const Row kRows[] = {
+    {"start_cloud_registration", Argument::required, kPlainFailure},
+    {"enable_services", Argument::none, nullptr},
+    {"disable_services", Argument::none, nullptr},
+    {"get_services_status", Argument::none, nullptr},
+    {"va_start", Argument::none, nullptr},
+    {"va_stop", Argument::none, nullptr},
+    {"va_status", Argument::none, nullptr},
+    {"va_self_scan_start", Argument::none, nullptr},
+    {"pro_features_enable", Argument::none, nullptr},
+    {"pro_features_disable", Argument::none, nullptr},
+    {"set_va_cloud_trigger", Argument::required, kPlainFailure},
+};
+
+TEST_F(Commands, WithoutTheArgumentThatTheyNeedFailBeforeAnythingIsDone)
+{
+    for (const Row& row : kRows) {
+        if (row.argument != Argument::required && row.argument != Argument::string)
+            continue;
+        SCOPED_TRACE(row.name);
+        const Outcome outcome = run(command(row.name));
+        EXPECT_EQ(outcome.answer, row.without_argument);
+        EXPECT_EQ(outcome.status, -1);
+        EXPECT_FALSE(outcome.stays_open);
+        EXPECT_TRUE(outcome.calls.empty());
+        EXPECT_EQ(outcome.logs, lines({{2, "process " + std::string(row.name) + " command"}}));
+    }
+}
+
+TEST_F(Commands, ThatNeedAStringFailOnEverythingElseBeforeAnythingIsDone)
+{
+    for (const Row& row : kRows)
+        for (const char* data : {"null", "true", "5", "1.5", "{}", "[]", "[\"text\"]"}) {
+            if (row.argument != Argument::string)
+                continue;
+            SCOPED_TRACE(std::string(row.name) + ", " + data);
+            const Outcome outcome = run(command(row.name, data));
+            EXPECT_EQ(outcome.answer, kFailed);
+            EXPECT_FALSE(outcome.stays_open);
+            EXPECT_TRUE(outcome.calls.empty());
+        }
+}
+
+TEST_F(Commands, AreLoggedAndRunWithoutAnArgumentWhereTheyNeedNone)
+{
+    for (const Row& row : kRows) {
+        if (row.argument != Argument::none)
+            continue;
+        SCOPED_TRACE(row.name);
+        const Outcome outcome = run(command(row.name));
+        EXPECT_EQ(outcome.logs.front(),
+                  (fake::LogLine{2, "process " + std::string(row.name) + " command", {}, {}}));
+        EXPECT_FALSE(outcome.calls.empty());
+    }
+}
+
+TEST_F(Commands, AreFoundByTheirExactNameOnly)
+{
+    for (const Row& row : kRows) {
+        const std::string name = row.name;
+        std::string upper = name;
+        std::transform(upper.begin(), upper.end(), upper.begin(),
+                       [](unsigned char c) { return std::toupper(c); });
+        for (const std::string& other :
+             {upper, name + " ", " " + name, name + "2", name.substr(0, name.size() - 1)}) {
+            SCOPED_TRACE(other);
+            const Outcome outcome = run(command(other));
+            EXPECT_EQ(outcome.answer, kDone);
+            EXPECT_TRUE(outcome.stays_open);
+            EXPECT_TRUE(outcome.calls.empty());
+        }
+    }
+}
+
+TEST_F(Commands, ThatNobodyKnowsSucceedAndLeaveTheConnectionOpen)
+{
+    for (const char* name : {"no_such_command", "", "subscribe", "{}", "%s%n"}) {
+        SCOPED_TRACE(name);
+        const Outcome outcome = run(command(name));
+        EXPECT_EQ(outcome.answer, kDone);
+        EXPECT_EQ(outcome.status, 0);
+        EXPECT_TRUE(outcome.stays_open);
+        EXPECT_EQ(outcome.logs, lines({{2, "process " + std::string(name) + " command"}}));
+    }
+}
+
+// ---- conversations
+
+/// A command, what it finds, and what must come of it.
+struct Conversation {
+    std::string request;
+    std::map<std::string, std::string> settings;
+    const char* failing; ///< the call that fails, null for none
+    std::string answer;
+    Calls calls;
+    Logs logged; ///< after the line that names the command
+    bool stays_open;
+};
+
+std::string state(const std::string& status)
+{
+    return R"({"agent_state": ")" + status + R"("})";
+}
+
+Calls set_and_report(const std::string& value, const std::string& status)
+{
+    return {"setMgmt::setKey(/protection/enabled, " + value + ")",
+            "karma::build_karma_event_json(tuvo_agent_status, " + state(status) + ")",
+            R"(karma::submit_karma_event({"type": "tuvo_agent_status", "data": )" + state(status) + "})"};
+}
+
+const Calls kReadProtection{"setMgmt::getKeyValue(/protection/enabled, \"1\")"};
+constexpr char kProtection[] = "/protection/enabled";
+
+Conversation set_trigger(const std::string& data, const std::string& value)
+{
+    return {command("set_va_cloud_trigger", data),
+            {},
+            nullptr,
+            kDone,
+            {"setMgmt::setKey(/va/cloud_trigger, " + value + ")"},
+            {},
+            true};
+}
+
+Conversation refused_trigger(const std::string& data)
+{
+    return {command("set_va_cloud_trigger", data), {}, nullptr, kFailed, {}, {}, false};
+}
+
+Conversation message(const std::string& name, const std::string& sent)
+{
+    return {command(name),
+            {},
+            nullptr,
+            kDone,
+            {"orvex_send_message(" + sent + ", {})"},
+            lines({{2, "successfully sent " + sent + " message: {}"}}),
+            true};
+}
+
+Conversation failing_message(const std::string& name, const std::string& sent)
+{
+    return {command(name),
+            {},
+            "orvex_send_message(",
+            kFailed,
+            {"orvex_send_message(" + sent + ", {})"},
+            lines({{0, "failed to send " + sent + " message: {}"}}),
+            false};
+}
+
+Conversation failing_set(const std::string& request, const std::string& call, const std::string& logged)
+{
+    return {request, {}, "setMgmt::setKey(", kFailed, {call}, lines({{0, logged}}), false};
+}
+
+Conversation services_status(const std::string& value, const std::string& answer)
+{
+    return {command("get_services_status"),
+            {{kProtection, value}},
+            nullptr,
+            answer,
+            kReadProtection,
+            {},
+            answer != kFailed};
+}
+
+const std::string kOn = R"({"data": {"status": 1}, "status": 0})";
+const std::string kOff = R"({"data": {"status": 0}, "status": 0})";
+
+const std::vector<Conversation> kConversations{
+    // protection
+    {command("enable_services"), {}, nullptr, kDone, set_and_report("1", "activated"), {}, true},
+    {command("disable_services"), {}, nullptr, kDone, set_and_report("0", "deactivated"), {}, true},
+    {command("enable_services"), {}, "karma::submit", kDone, set_and_report("1", "activated"), {}, true},
+    failing_set(command("enable_services"), "setMgmt::setKey(/protection/enabled, 1)",
+                "failed to set protection_enabled key to 1"),
+    failing_set(command("disable_services"), "setMgmt::setKey(/protection/enabled, 0)",
+                "failed to set protection_enabled key to 0"),
+    {command("get_services_status"), {}, nullptr, kOn, kReadProtection, {}, true},
+    {command("get_services_status"), {}, "setMgmt::getKeyValue(", kOn, kReadProtection, {}, true},
+    services_status("1", kOn),
+    services_status("0", kOff),
+    services_status("2", kFailed),
+    services_status("", kFailed),
+    services_status("01", kFailed),
+    services_status("-1", kFailed),
+    services_status("1 ", kFailed),
+    services_status("true", kFailed),
+    // pro features
+    {command("pro_features_enable"),
+     {},
+     nullptr,
+     kDone,
+     {"setMgmt::setKey(/protection/pro_features_enabled, 1)"},
+     {},
+     true},
+    {command("pro_features_disable"),
+     {},
+     nullptr,
+     kDone,
+     {"setMgmt::setKey(/protection/pro_features_enabled, 0)"},
+     {},
+     true},
+    failing_set(command("pro_features_enable"), "setMgmt::setKey(/protection/pro_features_enabled, 1)",
+                "failed to set kProFeaturesEnabledKey key to 1"),
+    failing_set(command("pro_features_disable"), "setMgmt::setKey(/protection/pro_features_enabled, 0)",
+                "failed to set kProFeaturesEnabledKey key to 0"),
+    // scans
+    message("va_start", "orvvad:va_network_scan_start"),
+    message("va_stop", "orvvad:va_scan_stop"),
+    message("va_self_scan_start", "orvvad:va_self_scan_start"),
+    failing_message("va_start", "orvvad:va_network_scan_start"),
+    failing_message("va_stop", "orvvad:va_scan_stop"),
+    failing_message("va_self_scan_start", "orvvad:va_self_scan_start"),
+    // the cloud trigger
+    set_trigger("true", "1"),
+    set_trigger("false", "0"),
+    set_trigger("0", "0"),
+    set_trigger("1", "1"),
+    set_trigger("5", "1"),
+    set_trigger("-1", "1"),
+    set_trigger("9223372036854775807", "1"),
+    set_trigger("4294967296", "1"),
+    refused_trigger("null"),
+    refused_trigger("\"1\""),
+    refused_trigger("1.0"),
+    refused_trigger("{}"),
+    refused_trigger("[true]"),
+    failing_set(command("set_va_cloud_trigger", "true"), "setMgmt::setKey(/va/cloud_trigger, 1)",
+                "failed to set kVaCloudTriggerKey key"),
+    // registration: its outcome is an event
+    {command("start_cloud_registration", R"({"b":1,"a":[ "x" ]})"),
+     {},
+     nullptr,
+     kDone,
+     {R"(orvex_send_request(start_cloud_registration, {"b": 1, "a": ["x"]}))"},
+     lines({{2, R"(successfully sent start_cloud_registration request: {"b": 1, "a": ["x"]})"}}),
+     true},
+    {command("start_cloud_registration", "{}"),
+     {},
+     "orvex_send_request(",
+     kDone,
+     {"orvex_send_request(start_cloud_registration, {})"},
+     lines({{0, "failed to send start_cloud_registration request: {}"}}),
+     true},
+    {command("start_cloud_registration", "\"text\""), {}, nullptr, kFailed, {}, {}, false},
+    {command("start_cloud_registration", "null"), {}, nullptr, kFailed, {}, {}, false},
+};
+
+TEST_F(Commands, DoAndAnswerWhatTheyShould)
+{
+    for (const Conversation& c : kConversations) {
+        SCOPED_TRACE(c.request + (c.failing ? std::string(" with failing ") + c.failing : ""));
+        platform->settings = c.settings;
+        if (c.failing)
+            platform->fail(c.failing);
+        Outcome outcome = run(c.request);
+        EXPECT_EQ(outcome.answer, c.answer);
+        EXPECT_EQ(outcome.calls, c.calls);
+        outcome.logs.erase(outcome.logs.begin());
+        EXPECT_EQ(outcome.logs, c.logged);
+        EXPECT_EQ(outcome.stays_open, c.stays_open);
+        platform->requests.clear(); // of the registration: they own nothing
+    }
+}
+
+TEST_F(Commands, CanFollowOneAnotherOnOneConnection)
+{
+    Peer peer = connect();
+    EXPECT_EQ(ask(peer, command("disable_services")), kDone);
+    EXPECT_EQ(ask(peer, command("get_services_status")), kOff);
+    EXPECT_EQ(ask(peer, command("enable_services")), kDone);
+    EXPECT_EQ(ask(peer, command("get_services_status")), kOn);
+}
+
+TEST_F(Commands, IgnoreOtherMembersOfTheRequest)
+{
+    EXPECT_EQ(
+        run(R"({"id":7,"name":"get_services_status","more":{"type":1},"type":"command","data":5})").answer,
+        kOn);
+}
+
+// ---- answers that come later
+
+TEST_F(Commands, ThatAskAnotherDaemonAreAnsweredWhenItAnswers)
+{
+    Peer peer = connect();
+    const Outcome outcome = run(peer, command("va_status"));
+    EXPECT_EQ(outcome.answer, std::nullopt);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_TRUE(outcome.stays_open);
+    EXPECT_THAT(outcome.calls, ElementsAre("orvex_send_request(orvvad:va_scan_status, {})"));
+    EXPECT_FALSE(peer.conn->close_after_send);
+
+    platform->answer(R"({"state":"running","progress":5})");
+    read_exchange();
+    EXPECT_FALSE(drain(peer));
+    EXPECT_EQ(peer.client.frame(), R"({"data": {"state": "running", "progress": 5}, "status": 0})");
+    EXPECT_TRUE(peer.client.is_closed());
+}
+
+TEST_F(Commands, ThatCannotAskAnotherDaemonFail)
+{
+    platform->fail("orvex_send_request(");
+    const Outcome outcome = run(command("va_status"));
+    EXPECT_EQ(outcome.answer, kFailed);
+    EXPECT_EQ(outcome.status, -1);
+    EXPECT_FALSE(outcome.stays_open);
+}
+
+TEST_F(Commands, ServeOthersWhileAnAnswerIsOutstanding)
+{
+    Peer waiting = connect();
+    ASSERT_TRUE(receive(waiting, command("va_status") + "\n"));
+    EXPECT_EQ(run(command("get_services_status")).answer, kOn);
+    EXPECT_EQ(ask(waiting, command("get_services_status")), kOn) << "also on the same connection";
+}
+
+// ---- the envelope
+
+TEST(ResponseEnvelope, HasTheDataFirstAndTheStatusSecond)
+{
+    struct Case {
+        int status;
+        const char* data;
+        const char* envelope;
+    };
+    for (const Case& c :
+         {Case{0, "null", R"({"data": null, "status": 0})"},
+          Case{-1, "{\"a\":[1,2]}", R"({"data": {"a": [1, 2]}, "status": -1})"},
+          Case{2147483647, "\"x\\u00e9\"", "{\"data\": \"x\xc3\xa9\", \"status\": 2147483647}"}}) {
+        const TextPtr text(build_response(c.status, json_loads(c.data, JSON_DECODE_ANY, nullptr)));
+        EXPECT_STREQ(text.get(), c.envelope);
+    }
+}
+
+TEST(ResponseEnvelope, TakesTheDatasOwnership)
+{
+    json_t* data = json_object();
+    json_incref(data);
+    const TextPtr text(build_response(0, data));
+    EXPECT_EQ(data->refcount, 1U);
+    json_decref(data);
+}
+
+TEST(ResponseEnvelope, CannotBeBuiltWithoutAValue)
+{
+    EXPECT_EQ(build_response(0, nullptr), nullptr);
+}
+
+TEST(ErrorObject, HasACodeAndADescription)
+{
+    const JsonPtr error(build_error_response(3, "daemon received invalid command"));
+    ASSERT_TRUE(error);
+    const TextPtr text(json_dumps(error.get(), 0));
+    EXPECT_STREQ(text.get(), R"({"code": 3, "description": "daemon received invalid command"})");
+    EXPECT_EQ(error->refcount, 1U);
+}
+
+TEST_F(Commands, WhoseEnvelopeCannotBeBuiltGetNoAnswerAndStayOpen)
+{
+    platform->fail_json_allocation(1, true);
+    EXPECT_EQ(build_response(0, json_null()), nullptr);
+    EXPECT_EQ(build_error_response(3, "text"), nullptr);
+    platform->fail_json_allocation(0);
+}
+
+TEST_F(Commands, SurviveShortMemoryWithOneFrameAtMost)
+{
+    for (const std::string& line :
+         {command("get_services_status"), command("enable_services"), command("set_va_cloud_trigger", "true"),
+          command("start_cloud_registration", R"({"a":{"b":[1,2,3]}})"),
+          std::string(R"({"type":"subscribe","name":"x"})")})
+        for (const bool onwards : {false, true}) {
+            bool failed = true;
+            for (unsigned n = 1; failed; ++n) {
+                SCOPED_TRACE(line + ", " + std::to_string(n) + (onwards ? " and all later ones" : ""));
+                Peer peer = connect();
+                platform->fail_json_allocation(n, onwards);
+                const bool is_request = receive(peer, line + "\n");
+                failed = platform->json_allocation_failed();
+                platform->fail_json_allocation(0);
+                const bool is_open = is_request && drain(peer);
+                const auto frame = peer.client.frame();
+                EXPECT_EQ(peer.client.bytes(), "");
+                EXPECT_TRUE(failed || frame);
+                EXPECT_EQ(peer.client.is_closed(), !is_open);
+                if (is_open)
+                    destroy(peer);
+            }
+        }
+}
+
+} // namespace
+} // namespace orv::test
