@@ -1,0 +1,24 @@
+#include "device_fields.h"
+
+namespace orv::devMgmt {
+
+std::vector<std::string> changed_fields(const Device& before, const Device& after)
+{
+    std::vector<std::string> names;
+    for (const TextField& field : kTextFields)
+        if (before.*field.member != after.*field.member)
+            names.emplace_back(field.name);
+    if (before.macs != after.macs)
+        names.emplace_back(kMacsField);
+    if (before.traffic_blocked != after.traffic_blocked)
+        names.emplace_back(kTrafficBlockedField);
+    return names;
+}
+
+bool is_ip_address(sockutl::address address)
+{
+    const sockaddr* const any = address;
+    return address.is_valid() && (any->sa_family == AF_INET || any->sa_family == AF_INET6);
+}
+
+} // namespace orv::devMgmt

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <orvdevmgmt/orvdevmgmt.h>
+
+#include <array>
+#include <string>
+#include <vector>
+
+/// The fields of a device: the one place that knows them all.
+namespace orv::devMgmt {
+
+/// A field that is a text.
+struct TextField {
+    const char* name;
+    std::string Device::*member;
+};
+
+/// All texts, in the order in which they are stored and shown.
+inline constexpr std::array<TextField, 9> kTextFields = {{
+    {"did", &Device::did},
+    {"owner", &Device::owner},
+    {"display_name", &Device::display_name},
+    {"friendly_name", &Device::friendly_name},
+    {"device_type", &Device::device_type},
+    {"device_os", &Device::device_os},
+    {"device_os_version", &Device::device_os_version},
+    {"device_manufacturer", &Device::device_manufacturer},
+    {"last_va_scan_ts", &Device::last_va_scan_ts},
+}};
+
+constexpr const char* kMacsField = "macs";
+constexpr const char* kTrafficBlockedField = "traffic_blocked";
+
+/// The names of the fields in which two records of a device differ.
+[[nodiscard]] std::vector<std::string> changed_fields(const Device& before, const Device& after);
+
+/// Whether an address can be a device's: IPv4 or IPv6.
+[[nodiscard]] bool is_ip_address(sockutl::address address);
+
+} // namespace orv::devMgmt

@@ -1,0 +1,197 @@
+// Record, index and journal change in one transaction, so they cannot disagree.
+
+#include "device_store.h"
+
+#include "device_fields.h"
+#include "device_record.h"
+#include "device_writer.h"
+#include "error_state.h"
+
+#include <orvutils/log_format.h>
+
+namespace orv::devMgmt {
+
+namespace {
+
+using detail::LmdbCursor;
+using detail::LmdbEnvironment;
+using detail::LmdbTransaction;
+using detail::LmdbWrite;
+
+constexpr std::size_t kMapSize = 64 * 1024 * 1024;
+constexpr std::size_t kMacSize = 6;
+
+std::string mac_prefix(const sockutl::macaddr& mac)
+{
+    return {mac.bytes().begin(), mac.bytes().end()};
+}
+
+bool is_possible(const Device& device)
+{
+    if (device.did.empty() || device.did.size() > kMaxDeviceIdSize)
+        return false;
+    if (device.traffic_blocked != 0 && device.traffic_blocked != 1)
+        return false;
+    for (const auto& [mac, addresses] : device.macs) {
+        if (!mac.is_valid())
+            return false;
+        for (const sockutl::address& address : addresses)
+            if (!is_ip_address(address))
+                return false;
+    }
+    return true;
+}
+
+/// Removes a device from the index. Looks through all of it, so that not even a malformed record leaves
+/// traces.
+Error clear_index(LmdbWrite& transaction, std::string_view did)
+{
+    LmdbCursor cursor(transaction, kMacIndex);
+    for (bool found = cursor.first(); found; found = cursor.next()) {
+        if (cursor.key().size() < kMacSize || cursor.key().substr(kMacSize) != did)
+            continue;
+        if (const Error error = cursor.remove(); error != Error::none)
+            return error;
+    }
+    return cursor.error();
+}
+
+Error write_index(LmdbWrite& transaction, const Device& device)
+{
+    if (const Error error = clear_index(transaction, device.did); error != Error::none)
+        return error;
+    for (const auto& entry : device.macs)
+        if (const Error error = transaction.put(kMacIndex, mac_prefix(entry.first) + device.did, {});
+            error != Error::none)
+            return error;
+    return Error::none;
+}
+
+Error append_change(LmdbWrite& transaction, const Change& change)
+{
+    return kChangeJournal.append(transaction, encode_change(change));
+}
+
+/// Tells the journal what a new record means for its device. A malformed old one counts as none.
+Error log_put(LmdbWrite& transaction, std::string_view old_record, const Device& device)
+{
+    Device before;
+    if (!decode_device(old_record, before))
+        return append_change(transaction, {DevInfoChangeType::added, device.did, {}, {}});
+    for (const std::string& field : changed_fields(before, device))
+        if (const Error error =
+                append_change(transaction, {DevInfoChangeType::updated, device.did, field, {}});
+            error != Error::none)
+            return error;
+    return Error::none;
+}
+
+Error put(const Device& device)
+{
+    const std::string record = encode_device(device);
+    if (!is_possible(device) || record.size() > kMaxRecordSize)
+        return Error::invalid_argument;
+    LmdbWrite transaction(device_environment());
+    if (transaction.error() != Error::none)
+        return transaction.error();
+    std::string_view found;
+    const Error looked_up = transaction.get(kDevices, device.did, found);
+    if (looked_up != Error::none && looked_up != Error::no_such_key)
+        return looked_up;
+    if (found == record)
+        return Error::none;
+    const std::string old_record(found);
+    Error error = transaction.put(kDevices, device.did, record);
+    if (error == Error::none)
+        error = write_index(transaction, device);
+    if (error == Error::none)
+        error = log_put(transaction, old_record, device);
+    return error == Error::none ? transaction.commit() : error;
+}
+
+Error remove(const std::string& did)
+{
+    if (did.empty() || did.size() > kMaxDeviceIdSize)
+        return Error::no_such_key;
+    LmdbWrite transaction(device_environment());
+    if (transaction.error() != Error::none)
+        return transaction.error();
+    std::string_view record;
+    Error error = transaction.get(kDevices, did, record);
+    if (error != Error::none)
+        return error;
+    const Change change{DevInfoChangeType::removed, did, {}, std::string(record)};
+    error = transaction.remove(kDevices, did);
+    if (error == Error::none)
+        error = clear_index(transaction, did);
+    if (error == Error::none)
+        error = append_change(transaction, change);
+    return error == Error::none ? transaction.commit() : error;
+}
+
+int result(Error error)
+{
+    return error == Error::none ? 0 : detail::fail(error);
+}
+
+bool decode_stored(std::string_view did, std::string_view record, Device& device)
+{
+    if (decode_device(record, device) && device.did == did)
+        return true;
+    ORV_LOG(log::kError, "device store: skipping device {}, its record is malformed", did);
+    return false;
+}
+
+} // namespace
+
+detail::LmdbEnvironment& device_environment()
+{
+    // Lives as long as the process: it holds what the operating system releases anyhow.
+    static auto* const instance =
+        new LmdbEnvironment({"var/devices", {"devices", "macs", "changes"}, kMapSize, true});
+    return *instance;
+}
+
+Error read_device(LmdbTransaction& transaction, std::string_view did, Device& device)
+{
+    std::string_view record;
+    if (did.empty() || did.size() > kMaxDeviceIdSize)
+        return Error::no_such_key;
+    if (const Error error = transaction.get(kDevices, did, record); error != Error::none)
+        return error;
+    return decode_stored(did, record, device) ? Error::none : Error::input_output;
+}
+
+Error read_devices(LmdbTransaction& transaction, std::vector<Device>& devices)
+{
+    devices.reserve(devices.size() + transaction.entries(kDevices));
+    LmdbCursor cursor(transaction, kDevices);
+    for (bool found = cursor.first(); found; found = cursor.next()) {
+        devices.emplace_back();
+        if (!decode_stored(cursor.key(), cursor.value(), devices.back()))
+            devices.pop_back();
+    }
+    return cursor.error();
+}
+
+Error find_by_mac(LmdbTransaction& transaction, const sockutl::macaddr& mac, std::string& did)
+{
+    const std::string prefix = mac_prefix(mac);
+    LmdbCursor cursor(transaction, kMacIndex);
+    if (!cursor.seek(prefix) || cursor.key().substr(0, kMacSize) != prefix)
+        return cursor.error() != Error::none ? cursor.error() : Error::no_such_key;
+    did = cursor.key().substr(kMacSize);
+    return Error::none;
+}
+
+int put_device(const Device& device)
+{
+    return result(put(device));
+}
+
+int remove_device(const std::string& did)
+{
+    return result(remove(did));
+}
+
+} // namespace orv::devMgmt

@@ -1,0 +1,81 @@
+// The JSON form of a device.
+
+#include "devmgmt_support.h"
+
+using namespace orv::devMgmt;
+
+namespace {
+
+constexpr const char* kFullText =
+    R"({"did": "d1", "owner": "router", "macs": {"aa:bb:cc:00:00:01": ["192.168.1.20", "fe80::1"], )"
+    R"("aa:bb:cc:00:00:02": []}, "display_name": "TV", "friendly_name": "Big \"TV\"", "device_type": "tv", )"
+    R"("device_os": "tvos", "device_os_version": "1.2", "device_manufacturer": "ACME", )"
+    R"("last_va_scan_ts": "1700000000", "traffic_blocked": 1})";
+
+/// The device's JSON text, or the error.
+std::string convert(const char* text)
+{
+    const Json json(json_loads(text, JSON_DECODE_ANY, nullptr));
+    Device device;
+    device.did = "untouched";
+    std::string error;
+    if (device_from_json(json.get(), "me", device, error))
+        return text_of(device);
+    EXPECT_EQ(device.did, "untouched");
+    return "error: " + error;
+}
+
+} // namespace
+
+TEST(DeviceJsonTest, A_device_is_shown_with_all_members_in_their_order)
+{
+    EXPECT_EQ(text_of(make_device("d1")), kFullText);
+}
+
+TEST(DeviceJsonTest, A_device_comes_back_from_its_JSON)
+{
+    EXPECT_EQ(convert(kFullText), kFullText);
+}
+
+TEST(DeviceJsonTest, Absent_members_are_empty_and_the_owner_is_the_default)
+{
+    EXPECT_EQ(convert(R"({"did": "x"})"),
+              R"({"did": "x", "owner": "me", "macs": {}, "display_name": "", "friendly_name": "", )"
+              R"("device_type": "", "device_os": "", "device_os_version": "", "device_manufacturer": "", )"
+              R"("last_va_scan_ts": "", "traffic_blocked": 0})");
+}
+
+TEST(DeviceJsonTest, What_is_not_of_the_shape_is_refused_with_the_members_name)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"[]", "error: a device must be an object"},
+        {"{}", "error: did: must be a text of 1 to 255 bytes"},
+        {R"({"did": ""})", "error: did: must be a text of 1 to 255 bytes"},
+        {R"({"did": 1})", "error: did: must be a text"},
+        {R"({"did": "x", "owner": null})", "error: owner: must be a text"},
+        {R"({"did": "x", "display_name": 1})", "error: display_name: must be a text"},
+        {R"({"did": "x", "colour": "red"})", "error: colour: is no member of a device"},
+        {R"({"did": "x", "traffic_blocked": 2})", "error: traffic_blocked: must be 0 or 1"},
+        {R"({"did": "x", "traffic_blocked": -1})", "error: traffic_blocked: must be 0 or 1"},
+        {R"({"did": "x", "traffic_blocked": true})", "error: traffic_blocked: must be 0 or 1"},
+        {R"({"did": "x", "traffic_blocked": 4294967296})", "error: traffic_blocked: must be 0 or 1"},
+        {R"({"did": "x", "macs": []})", "error: macs: must be an object of MAC addresses"},
+        {R"({"did": "x", "macs": {"zz": []}})", "error: macs: \"zz\" is no MAC address"},
+        {R"({"did": "x", "macs": {"aa:bb:cc:00:00:01": "1.2.3.4"}})",
+         "error: macs: must hold lists of IP addresses"},
+        {R"({"did": "x", "macs": {"aa:bb:cc:00:00:01": [1]}})",
+         "error: macs: must hold lists of IP addresses"},
+        {R"({"did": "x", "macs": {"aa:bb:cc:00:00:01": ["1.2.3"]}})",
+         "error: macs: \"1.2.3\" is no IP address"},
+        {R"({"did": "x", "macs": {"aa:bb:cc:00:00:01": [":name"]}})",
+         "error: macs: \":name\" is no IP address"},
+        {R"({"did": "x", "macs": {"aa:bb:cc:00:00:01": ["/file"]}})",
+         "error: macs: \"/file\" is no IP address"},
+        {R"({"did": "x", "macs": {"aa:bb:cc:00:00:01": [], "AA:BB:CC:00:00:01": []}})",
+         "error: macs: \"AA:BB:CC:00:00:01\" is there twice"},
+    };
+    for (const auto& [text, expected] : cases)
+        EXPECT_EQ(convert(text), expected) << text;
+    EXPECT_EQ(convert(("{\"did\": \"" + std::string(256, 'd') + "\"}").c_str()),
+              "error: did: must be a text of 1 to 255 bytes");
+}

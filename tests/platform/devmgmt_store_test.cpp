@@ -1,0 +1,212 @@
+// Storing, finding and removing devices.
+
+#include "devmgmt_support.h"
+
+#include "device_store.h"
+
+#include <orvutils/error.h>
+
+#include <csignal>
+#include <filesystem>
+
+using namespace orv::devMgmt;
+using orv::sockutl::macaddr;
+
+namespace {
+
+std::vector<std::string> all_ids()
+{
+    std::vector<Device> devices;
+    EXPECT_EQ(get_devices(devices), 0);
+    std::vector<std::string> ids;
+    ids.reserve(devices.size());
+    for (const Device& device : devices)
+        ids.push_back(device.did);
+    return ids;
+}
+
+std::string owner_of(const char* mac)
+{
+    std::string did;
+    return get_device_id_by_mac(macaddr(mac), did) == 0 ? did : "none";
+}
+
+Device device_with(const char* did, const char* mac)
+{
+    Device device;
+    device.did = did;
+    device.macs[macaddr(mac)];
+    return device;
+}
+
+constexpr const char* kMac1 = "aa:bb:cc:00:00:01";
+constexpr const char* kMac2 = "aa:bb:cc:00:00:02";
+constexpr const char* kMac3 = "aa:bb:cc:00:00:03";
+using Ids = std::vector<std::string>;
+
+/// Puts bytes where a device's record is expected.
+void plant_record(const std::string& did, std::string_view record)
+{
+    orv::detail::LmdbWrite transaction(device_environment());
+    ASSERT_EQ(transaction.put(kDevices, did, record), orv::Error::none);
+    ASSERT_EQ(transaction.commit(), orv::Error::none);
+}
+
+} // namespace
+
+TEST_F(DeviceStoreTest, A_device_comes_back_as_it_was_stored)
+{
+    const Device device = make_device("d1");
+    ASSERT_EQ(put_device(device), 0);
+    Device found;
+    ASSERT_NE(get_device("d1", found), 0);
+    EXPECT_EQ(text_of(found), text_of(device));
+    EXPECT_EQ(found.macs, device.macs);
+    EXPECT_EQ(found.owner, "router");
+    EXPECT_EQ(found.traffic_blocked, 1);
+}
+
+TEST_F(DeviceStoreTest, An_unknown_device_is_not_found_and_nothing_is_filled_in)
+{
+    Device device = make_device("before");
+    for (const std::string& id : {std::string("d1"), std::string(), std::string(600, 'd')}) {
+        EXPECT_EQ(get_device(id, device), 0);
+        EXPECT_EQ(orv::_get_orverrno(), 4);
+    }
+    EXPECT_EQ(text_of(device), text_of(make_device("before")));
+}
+
+TEST_F(DeviceStoreTest, All_devices_come_in_the_order_of_their_ids)
+{
+    std::vector<Device> devices(3);
+    EXPECT_EQ(get_devices(devices), 0);
+    EXPECT_TRUE(devices.empty());
+    for (const char* id : {"d10", "d2", "a", "d1"})
+        ASSERT_EQ(put_device(make_device(id)), 0);
+    EXPECT_EQ(all_ids(), (Ids{"a", "d1", "d10", "d2"}));
+}
+
+TEST_F(DeviceStoreTest, A_device_is_found_by_each_of_its_MAC_addresses)
+{
+    ASSERT_EQ(put_device(make_device("d1")), 0);
+    EXPECT_EQ(owner_of(kMac1), "d1");
+    EXPECT_EQ(owner_of(kMac2), "d1");
+    EXPECT_EQ(owner_of(kMac3), "none");
+    EXPECT_EQ(orv::_get_orverrno(), 4);
+    EXPECT_EQ(owner_of("no mac"), "none");
+    EXPECT_EQ(orv::_get_orverrno(), 1);
+}
+
+TEST_F(DeviceStoreTest, The_index_follows_changes_and_removals)
+{
+    ASSERT_EQ(put_device(device_with("d1", kMac1)), 0);
+    ASSERT_EQ(put_device(device_with("d1", kMac2)), 0);
+    EXPECT_EQ(owner_of(kMac1), "none");
+    EXPECT_EQ(owner_of(kMac2), "d1");
+    ASSERT_EQ(put_device(device_with("d2", kMac2)), 0);
+    EXPECT_EQ(owner_of(kMac2), "d1") << "the lowest id of two";
+    ASSERT_EQ(remove_device("d1"), 0);
+    EXPECT_EQ(owner_of(kMac2), "d2");
+    ASSERT_EQ(remove_device("d2"), 0);
+    EXPECT_EQ(owner_of(kMac2), "none");
+    EXPECT_EQ(remove_device("d2"), -4);
+    EXPECT_EQ(remove_device(""), -4);
+}
+
+TEST_F(DeviceStoreTest, Impossible_devices_are_error_1_and_change_nothing)
+{
+    ASSERT_EQ(put_device(make_device("d1")), 0);
+    std::vector<Device> impossible(6, make_device("d1"));
+    impossible[0].did = "";
+    impossible[1].did = std::string(256, 'd');
+    impossible[2].traffic_blocked = 2;
+    impossible[3].macs[macaddr("no mac")];
+    impossible[4].macs[macaddr(kMac3)].insert(orv::sockutl::address(":abstract"));
+    impossible[5].display_name = std::string(kMaxRecordSize, 'n');
+    for (const Device& device : impossible) {
+        EXPECT_EQ(put_device(device), -1);
+        EXPECT_EQ(orv::_get_orverrno(), 1);
+    }
+    EXPECT_EQ(all_ids(), Ids{"d1"});
+    EXPECT_EQ(stored("d1"), text_of(make_device("d1")));
+}
+
+TEST_F(DeviceStoreTest, A_closed_store_is_an_error)
+{
+    uninit();
+    std::vector<Device> devices(1);
+    Device device;
+    std::string id = "before";
+    EXPECT_EQ(put_device(make_device("d1")), -2);
+    EXPECT_EQ(remove_device("d1"), -2);
+    EXPECT_EQ(get_device("d1", device), 0);
+    EXPECT_EQ(orv::_get_orverrno(), 2);
+    EXPECT_EQ(get_devices(devices), -1);
+    EXPECT_EQ(devices.size(), 1U);
+    EXPECT_EQ(get_device_id_by_mac(macaddr(kMac1), id), -1);
+    EXPECT_EQ(set_on_dev_info_change({}, [](DevInfoChangeType, const Device&, const std::string&) {}), -1);
+    ASSERT_EQ(init(), 0);
+    ASSERT_EQ(init(), 0) << "opening an open store does nothing";
+}
+
+TEST_F(DeviceStoreTest, A_store_that_cannot_be_opened_fails_the_start)
+{
+    uninit();
+    std::filesystem::remove_all(m_root.path() + "/var/devices");
+    std::filesystem::create_directories(m_root.path() + "/var/devices");
+    spill(m_root.path() + "/var/devices/data.mdb", "garbage");
+    EXPECT_EQ(init(), -1);
+    EXPECT_EQ(orv::_get_orverrno(), 2);
+}
+
+TEST_F(DeviceStoreTest, Malformed_records_are_skipped_with_one_log_line_each)
+{
+    ASSERT_EQ(put_device(make_device("d1")), 0);
+    const std::string sound = [] {
+        orv::detail::LmdbRead transaction(device_environment());
+        std::string_view record;
+        EXPECT_EQ(transaction.get(kDevices, "d1", record), orv::Error::none);
+        return std::string(record);
+    }();
+    std::vector<std::string> records = {"", "x", sound + "x", sound /* of another id */};
+    for (std::size_t size = 1; size < sound.size(); size += 7)
+        records.push_back(sound.substr(0, size));
+    for (std::size_t at = 0; at < sound.size(); at += 5) {
+        records.push_back(sound);
+        records.back()[at] = '\xff';
+    }
+    for (const std::string& record : records) {
+        plant_record("d0", record);
+        const Outcome outcome = in_child([] {
+            std::vector<Device> devices;
+            return get_devices(devices) == 0 ? static_cast<int>(devices.size()) : 100;
+        });
+        ASSERT_EQ(outcome.status, 1);
+        EXPECT_EQ(lines_of(outcome.err).size(), 1U) << outcome.err;
+        Device device;
+        EXPECT_EQ(get_device("d0", device), 0);
+        EXPECT_EQ(orv::_get_orverrno(), 2);
+    }
+    EXPECT_EQ(put_device(device_with("d0", kMac3)), 0) << "it can be replaced";
+    EXPECT_EQ(owner_of(kMac3), "d0");
+}
+
+TEST_F(DeviceStoreTest, Record_and_index_agree_after_writers_were_killed)
+{
+    for (int round = 0; round < 20; ++round) {
+        const Outcome outcome = in_child([&] {
+            for (int i = 0;; ++i) {
+                if (put_device(device_with("d", i % 2 == 0 ? kMac1 : kMac2)) != 0)
+                    return 1;
+                if (i == round)
+                    return raise(SIGKILL);
+            }
+        });
+        ASSERT_EQ(outcome.status, 1000 + SIGKILL) << outcome.err;
+        Device device;
+        ASSERT_NE(get_device("d", device), 0);
+        EXPECT_EQ(owner_of(round % 2 == 0 ? kMac1 : kMac2), "d");
+        EXPECT_EQ(owner_of(round % 2 == 0 ? kMac2 : kMac1), "none");
+        EXPECT_EQ(device.macs.count(macaddr(round % 2 == 0 ? kMac1 : kMac2)), 1U);
+    }
+}

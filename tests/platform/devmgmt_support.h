@@ -1,0 +1,33 @@
+#pragma once
+
+#include "base_support.h"
+
+#include <device_writer.h>
+#include <orvdevmgmt/orvdevmgmt.h>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+/// An open device store under a root of its own.
+class DeviceStoreTest : public testing::Test {
+protected:
+    DeviceStoreTest() { EXPECT_EQ(orv::devMgmt::init(), 0); }
+    ~DeviceStoreTest() override { orv::devMgmt::uninit(); }
+
+    TemporaryRoot m_root;
+};
+
+struct DropReference {
+    void operator()(json_t* json) const { json_decref(json); }
+};
+using Json = std::unique_ptr<json_t, DropReference>;
+
+/// A device with all fields set.
+orv::devMgmt::Device make_device(const std::string& did);
+
+/// The device's JSON text; the way to compare two.
+std::string text_of(const orv::devMgmt::Device& device);
+/// The same of a stored device; "none" when there is none.
+std::string stored(const std::string& did);
