@@ -80,13 +80,15 @@ bool read_input(Connection* conn, const int& epfd)
 {
     if (conn->rx.recv(conn->fd, 0) < 1)
         return false;
-    if (conn->mode == kSubscriberMode) {
-        conn->rx.reset(); // a subscriber's input is never interpreted
-        return true;
+    if (conn->mode == kCommandMode) {
+        // One request only, however many are there: the next one waits for the next readable event.
+        const std::unique_ptr<char[]> line(conn->rx.get('\n'));
+        if (line && handle_command(conn, line.get(), epfd) != 0)
+            return false;
     }
-    // One request only, however many are there: the next one waits for the next readable event.
-    const std::unique_ptr<char[]> line(conn->rx.get('\n'));
-    return !line || handle_command(conn, line.get(), epfd) == 0;
+    if (conn->mode == kSubscriberMode) // from this very request on, too
+        conn->rx.reset();
+    return true;
 }
 
 /// False when the connection is to be torn down.

@@ -152,8 +152,9 @@ int process_cached_events(int epfd)
 
     std::unique_lock<std::mutex> lock(g_events_cache_mutex);
     for (const auto& [did, kind] : g_events_cache) {
-        json_array_append_new(events.get(),
-                              json_pack("{s:s,s:s}", "device_id", did.c_str(), "status", kind.c_str()));
+        json_t* event = json_pack("{s:s,s:s}", "device_id", did.c_str(), "status", kind.c_str());
+        if (json_array_append_new(events.get(), event) != 0)
+            return -1;
         ORV_LOG(log::kTrace, "Attached device_id={:s} status={:s}", did, kind);
     }
     const auto conns = find_connections("devices_list_updated");
