@@ -4,16 +4,22 @@
 #include "narration.h"
 #include "registration.h"
 #include "simulation.h"
+#include "subscription.h"
+
+#include <ctime>
 
 namespace orvagentsim {
 namespace {
 
 constexpr char kName[] = "orvagent";
+constexpr char kNotWritable[] = "settings store not writable";
+constexpr std::int64_t kSubscriptionSeconds = 365LL * 24 * 3600;
+constexpr char kCloudRefused[] = "refused by the cloud";
 
 std::string error_result(const std::string& reason)
 {
     const JsonPtr result{json_pack("{s:s,s:s}", "result", "error", "reason", reason.c_str())};
-    return to_text(result);
+    return to_text(result.get());
 }
 
 /// The cloud has decided: the outcome goes to whoever asked and to all who listen.
@@ -51,14 +57,15 @@ std::optional<Reply> start_cloud_registration(Simulation& simulation, const Call
     }
     narrate(kName, "registration of {} begins", registration->device_id);
     simulation.loop.after(simulation.options.delay, [&simulation, id = call.id, wanted = *registration] {
-        end_registration(simulation, id, store_registration(wanted) ? "" : "settings store not writable");
+        const bool is_stored = store_registration(wanted) && simulation.home.adopt();
+        end_registration(simulation, id, is_stored ? "" : kNotWritable);
     });
     return std::nullopt;
 }
 
 std::optional<Reply> fail_cloud_registration(Simulation& simulation, const Call& call)
 {
-    end_later(simulation, call.id, "refused by the cloud");
+    end_later(simulation, call.id, kCloudRefused);
     return std::nullopt;
 }
 
@@ -70,6 +77,22 @@ std::optional<Reply> telemetry_event(Simulation& simulation, const Call& call)
     narrate(kName, "telemetry event {}: {}", ++simulation.telemetry_events,
             type != nullptr ? type : "(no type)");
     return success("{}");
+}
+
+std::optional<Reply> update_subscription(Simulation& /*simulation*/, const Call& /*call*/)
+{
+    const auto now = static_cast<std::int64_t>(std::time(nullptr));
+    const std::int64_t expiry = now + kSubscriptionSeconds;
+    if (!store_subscription({orv::subs::Status::valid, expiry}, now))
+        return refusal(kNotWritable);
+    narrate(kName, "subscription: valid until {}", expiry);
+    return success("{}");
+}
+
+std::optional<Reply> fail_subscription_update(Simulation& /*simulation*/, const Call& /*call*/)
+{
+    const auto now = static_cast<std::int64_t>(std::time(nullptr));
+    return refusal(store_subscription_failure(kCloudRefused, now) ? kCloudRefused : kNotWritable);
 }
 
 } // namespace orvagentsim

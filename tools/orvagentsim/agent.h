@@ -2,7 +2,7 @@
 
 #include "requests.h"
 
-/// What "orvagent" does: registration with the cloud, telemetry.
+/// What "orvagent" does: registration with the cloud, telemetry, the subscription.
 namespace orvagentsim {
 
 /// Publishes "orvagent_started". Whoever subscribes to it acknowledges it.
@@ -16,5 +16,10 @@ std::optional<Reply> fail_cloud_registration(Simulation& simulation, const Call&
 
 /// Any JSON object: counted.
 std::optional<Reply> telemetry_event(Simulation& simulation, const Call& call);
+
+/// Whatever the payload: renews the subscription "global" for a year. When it is made to fail, it leaves the
+/// subscription as it is and the error beside it.
+std::optional<Reply> update_subscription(Simulation& simulation, const Call& call);
+std::optional<Reply> fail_subscription_update(Simulation& simulation, const Call& call);
 
 } // namespace orvagentsim

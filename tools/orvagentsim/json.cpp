@@ -9,9 +9,9 @@ JsonPtr parse_json(std::string_view text)
     return JsonPtr{json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr)};
 }
 
-std::string to_text(const JsonPtr& value)
+std::string to_text(const json_t* value)
 {
-    const std::unique_ptr<char, void (*)(void*)> text{json_dumps(value.get(), JSON_ENCODE_ANY), std::free};
+    const std::unique_ptr<char, void (*)(void*)> text{json_dumps(value, JSON_ENCODE_ANY), std::free};
     return text ? text.get() : "";
 }
 

@@ -44,7 +44,7 @@ std::string Scanner::status() const
 {
     const JsonPtr status{
         json_pack("{s:s,s:s,s:i}", "state", m_state, "scan", m_scan, "progress", m_progress)};
-    return to_text(status);
+    return to_text(status.get());
 }
 
 void Scanner::enter(const char* state, int progress)

@@ -2,10 +2,13 @@
 
 #include "agent.h"
 #include "command_line.h"
+#include "device_manager.h"
 #include "json.h"
 #include "narration.h"
 #include "requests.h"
 
+#include <orvdevmgmt/orvdevmgmt.h>
+#include <orvutils/keys.h>
 #include <orvutils/setmgmt.h>
 
 #include <cerrno>
@@ -17,32 +20,37 @@ namespace {
 
 constexpr char kProgram[] = "orvagentsim";
 
-/// The settings store, open as long as this lives.
-class SettingsStore {
+/// A store that is open as long as this lives.
+class Store {
 public:
-    SettingsStore() : m_is_open(orv::setMgmt::init() == 0) {}
-    SettingsStore(const SettingsStore&) = delete;
-    SettingsStore& operator=(const SettingsStore&) = delete;
-    ~SettingsStore()
+    Store(int (*open)(), void (*close)()) : m_close(open() == 0 ? close : nullptr) {}
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+    ~Store()
     {
-        if (m_is_open)
-            orv::setMgmt::uninit();
+        if (m_close != nullptr)
+            m_close();
     }
-    [[nodiscard]] bool is_open() const { return m_is_open; }
+    [[nodiscard]] bool is_open() const { return m_close != nullptr; }
 
 private:
-    bool m_is_open;
+    void (*m_close)();
 };
 
 } // namespace
 
-Simulation::Simulation(Options wanted) : options(std::move(wanted)), scanner(*this) {}
+Simulation::Simulation(Options wanted) : options(std::move(wanted)), scanner(*this), home(options.seed) {}
 
 int Simulation::run()
 {
-    const SettingsStore store;
-    if (!store.is_open()) {
+    const Store settings(orv::setMgmt::init, orv::setMgmt::uninit);
+    if (!settings.is_open()) {
         narrate(kProgram, "cannot open the settings store");
+        return kUnavailable;
+    }
+    const Store devices(orv::devMgmt::init, orv::devMgmt::uninit);
+    if (!devices.is_open()) {
+        narrate(kProgram, "cannot open the device store");
         return kUnavailable;
     }
     if (!start())
@@ -64,11 +72,52 @@ bool Simulation::start()
     const auto receiver = [this](Participant to, OrvexKind kind, const Message& message) {
         receive(to, kind, message);
     };
-    if (!exchange.join(loop, receiver))
+    if (!exchange.join(loop, receiver) || !furnish_home() || !watch_router_id())
         return false;
     announce_start(*this);
     narrate(kProgram, "ready");
     return true;
+}
+
+bool Simulation::furnish_home()
+{
+    if (!home.furnish(options.devices)) {
+        narrate(kProgram, "cannot write the devices");
+        return false;
+    }
+    wait_for_churn();
+    return true;
+}
+
+/// The devices follow their router, whoever gives it another identifier.
+bool Simulation::watch_router_id()
+{
+    const auto follow = [this](const orv::path& /*key*/, void* /*user*/) {
+        if (!home.adopt())
+            narrate(kProgram, "cannot write the devices");
+        return true;
+    };
+    m_router_id = std::make_unique<orv::setMgmt::MonitoredKey>(orv::kDeviceIdKey.c_str(), follow, false,
+                                                               nullptr, false);
+    if (m_router_id->get_fd() >= 0 &&
+        loop.watch(m_router_id->get_fd(), [this] { m_router_id->read_notifications(); }))
+        return true;
+    narrate(kProgram, "cannot watch the router's identifier");
+    return false;
+}
+
+void Simulation::wait_for_churn()
+{
+    if (options.churn.count() > 0)
+        loop.after(options.churn, [this] { churn(); });
+}
+
+void Simulation::churn()
+{
+    narrate(name_of(Participant::device_manager), "{}", home.change());
+    if (const auto sighting = home.listen())
+        publish_sighting(*this, *sighting);
+    wait_for_churn();
 }
 
 void Simulation::receive(Participant to, OrvexKind kind, const Message& message)

@@ -1,11 +1,15 @@
 #pragma once
 
 #include "exchange.h"
+#include "home.h"
 #include "loop.h"
 #include "options.h"
 #include "scanner.h"
 
+#include <orvutils/setmgmt.h>
+
 #include <cstdint>
+#include <memory>
 
 namespace orvagentsim {
 
@@ -24,12 +28,19 @@ public:
     Loop loop;
     Exchange exchange;
     Scanner scanner;
+    Home home;
     std::uint64_t telemetry_events = 0; ///< received since the start
 
 private:
     [[nodiscard]] bool start();
+    [[nodiscard]] bool furnish_home();
+    [[nodiscard]] bool watch_router_id();
+    void wait_for_churn();
+    void churn();
     void receive(Participant to, OrvexKind kind, const Message& message);
     void process(Participant to, const Message& message);
+
+    std::unique_ptr<orv::setMgmt::MonitoredKey> m_router_id;
 };
 
 } // namespace orvagentsim

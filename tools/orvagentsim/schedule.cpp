@@ -1,0 +1,36 @@
+#include "schedule.h"
+
+#include "json.h"
+#include "narration.h"
+
+#include <orvutils/setmgmt.h>
+
+namespace orvagentsim {
+namespace {
+
+constexpr char kScheduleKey[] = "/va/schedule";
+
+bool is_boolean_or_absent(const json_t* object, const char* name)
+{
+    const json_t* const member = json_object_get(object, name);
+    return member == nullptr || json_is_boolean(member);
+}
+
+} // namespace
+
+std::optional<Reply> va_set_schedule(Simulation& /*simulation*/, const Call& call)
+{
+    if (!json_is_object(call.data))
+        return refusal("a schedule is a JSON object");
+    for (const char* const name : {"enabled", "scheduled"}) {
+        if (!is_boolean_or_absent(call.data, name))
+            return refusal(std::string(name) + " is neither true nor false");
+    }
+    const std::string text = to_text(call.data);
+    if (orv::setMgmt::setKey(kScheduleKey, text) != 0)
+        return refusal("settings store not writable");
+    narrate(name_of(Participant::settings), "scan schedule: {}", text);
+    return success("{}");
+}
+
+} // namespace orvagentsim
