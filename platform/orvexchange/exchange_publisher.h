@@ -21,8 +21,8 @@ enum class OrvexKind {
 /// sender's unique bus name.
 using OrvexHandler = std::function<void(OrvexKind kind, const Message& message)>;
 
-/// As orvex_init_eventloop(). With a null `name` the participant has none: it can publish, send and
-/// subscribe, but nobody can address it but by answering.
+/// As orvex_init_eventloop(), whose callback is not told of answers to events. With a null `name` the
+/// participant has none: it can publish, send and subscribe, but nobody can address it but by answering.
 [[nodiscard]] Orvex* orvex_join(const char* name, OrvexHandler handler, bool auto_reconnect);
 
 /// Sends an event to all that have subscribed to it. `identifier`, unless null, is set to the number under

@@ -24,9 +24,11 @@ Orvex* orvex_init_eventloop(const char* name, void (*event_callback)(const Messa
 {
     if (name == nullptr || event_callback == nullptr)
         return nullptr;
-    return orvex_join(
-        name, [event_callback](OrvexKind, const Message& message) { event_callback(&message); },
-        auto_reconnect != 0);
+    const auto handler = [event_callback](OrvexKind kind, const Message& message) {
+        if (kind != OrvexKind::respond) // it publishes nothing that could be answered
+            event_callback(&message);
+    };
+    return orvex_join(name, handler, auto_reconnect != 0);
 }
 
 Orvex* orvex_join(const char* name, OrvexHandler handler, bool auto_reconnect)

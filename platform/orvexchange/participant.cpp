@@ -432,6 +432,8 @@ void Orvex::on_respond(DBusMessage& call)
     auto content = read_respond(call);
     if (!content)
         return refuse(call, kErrorBadArguments, "malformed answer to an event");
+    if (content->identifier == 0 || content->identifier > m_published)
+        return refuse(call, kErrorBadArguments, "answer to an event that never was");
     acknowledge(call);
     content->name = kTypeSuccess;
     hand_over(OrvexKind::respond, *content, sender_of(call), content->identifier);

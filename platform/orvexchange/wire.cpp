@@ -12,6 +12,13 @@ namespace {
 
 constexpr char kMonitoring[] = "org.freedesktop.DBus.Monitoring";
 
+/// A bus adds the sender to each message. Something else at the other end may not, and then has nobody to
+/// address either.
+const char* address_of(const std::string& receiver)
+{
+    return receiver.empty() ? nullptr : receiver.c_str();
+}
+
 MessagePtr make_call(const char* receiver, const char* object, const char* interface, const char* member)
 {
     MessagePtr call{dbus_message_new_method_call(receiver, object, interface, member)};
@@ -51,7 +58,7 @@ MessagePtr make_named_call(const Target& target, const char* member, Bytes data)
 /// A reply whose call is no longer at hand.
 MessagePtr address_reply(MessagePtr reply, const std::string& receiver, std::uint32_t serial)
 {
-    if (!reply || !dbus_message_set_destination(reply.get(), receiver.c_str()) ||
+    if (!reply || !dbus_message_set_destination(reply.get(), address_of(receiver)) ||
         !dbus_message_set_reply_serial(reply.get(), serial))
         return nullptr;
     dbus_message_set_no_reply(reply.get(), TRUE);
@@ -156,7 +163,7 @@ MessagePtr make_one_way(const Target& target, Bytes data)
 MessagePtr make_respond(const std::string& receiver, std::uint64_t identifier, Bytes data)
 {
     const dbus_uint64_t number = identifier;
-    MessagePtr call = make_call(receiver.c_str(), kObject, kInterface, "Respond");
+    MessagePtr call = make_call(address_of(receiver), kObject, kInterface, "Respond");
     if (call)
         dbus_message_set_no_reply(call.get(), TRUE);
     return with_bytes(with(std::move(call), DBUS_TYPE_UINT64, &number), data);

@@ -266,6 +266,26 @@ TEST_F(ExchangeAway, AMuteBusIsWaitedForWithoutNewConnections)
         << "tried again when that fails";
 }
 
+TEST_F(ExchangeAway, AttemptsAreFurtherAndFurtherApart)
+{
+    m_bus.kill();
+    const MuteBus mute(m_bus.socket());
+    std::vector<steady_clock::time_point> attempts;
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_TRUE(serve_until([&] { return mute.someone_connects(milliseconds{0}); }));
+        attempts.push_back(steady_clock::now());
+        ::close(mute.accept());
+    }
+    for (std::size_t i = 1; i < attempts.size(); ++i)
+        EXPECT_GT(attempts[i] - attempts[i - 1], milliseconds{80} * (1 << i)) << i;
+}
+
+TEST_F(ExchangeAway, NothingIsDoneWhileNothingHappens)
+{
+    ASSERT_TRUE(subscribe_and_wait({"x"}));
+    EXPECT_FALSE(is_readable(orvex_get_fd(m_broker.get()), milliseconds{500}));
+}
+
 TEST_F(ExchangeAway, WithoutReconnectionTheEndIsReported)
 {
     m_broker.reset();
@@ -326,14 +346,16 @@ TEST_F(ExchangeAway, ReconnectingToABusThatHangsDoesNotBlock)
     m_bus.suspend();
     const auto start = steady_clock::now();
     auto longest = steady_clock::duration::zero();
+    int wakeups = 0;
     while (steady_clock::now() - start < milliseconds{1000}) {
-        (void)is_readable(orvex_get_fd(m_broker.get()), milliseconds{50});
+        wakeups += is_readable(orvex_get_fd(m_broker.get()), milliseconds{50}) ? 1 : 0;
         const auto before = steady_clock::now();
         EXPECT_EQ(orvex_read_fd(m_broker.get()), 0);
         EXPECT_FALSE(can_send());
         longest = std::max(longest, steady_clock::now() - before);
     }
     EXPECT_LT(longest, milliseconds{500});
+    EXPECT_LT(wakeups, 20) << "it waits, and does not spin";
     m_bus.resume();
     EXPECT_TRUE(serve_until_back());
 }

@@ -62,6 +62,27 @@ TEST_F(ExchangePublisher, EventsReachTheirSubscribersAndAnswersTheirPublisher)
     EXPECT_EQ(m_handled[0].message.data, "thanks");
 }
 
+TEST_F(ExchangePublisher, AnswersToEventsThatNeverWereAreRefused)
+{
+    const OrvexPtr publisher = join_as("orvvad");
+    ASSERT_NE(publisher, nullptr);
+    ASSERT_EQ(publish(publisher, "event", ""), 0);
+    RawPeer peer(m_bus.address());
+    for (const std::uint64_t identifier :
+         {std::uint64_t{0}, std::uint64_t{2}, UINT64_MAX, std::uint64_t{1}}) {
+        const RawMessage respond = raw_call("orvvad", "Respond");
+        add_number(*respond, identifier);
+        add_bytes(*respond, "x");
+        (void)peer.send(respond);
+    }
+    ASSERT_TRUE(::serve_until(publisher.get(), [this] { return !m_handled.empty(); }));
+    EXPECT_EQ(m_handled.size(), 1U);
+    EXPECT_EQ(m_handled[0].message.id, 1U);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(error_of(peer.receive()), "net.orvane.Exchange1.Error.BadArguments");
+    EXPECT_EQ(error_of(peer.receive()), "");
+}
+
 TEST_F(ExchangePublisher, RequestsAreAnsweredWithAnyType)
 {
     const OrvexPtr agent = join_as("orvagent");
