@@ -106,7 +106,7 @@ void fill_prefix(char* area, int level)
 {
     if (!g_state.has_process)
         stamp_process();
-    std::timespec now = {};
+    timespec now = {};
     (void)clock_gettime(CLOCK_REALTIME, &now); // this clock is always there
     if (!g_state.has_second || now.tv_sec != g_state.second)
         stamp_second(now.tv_sec);

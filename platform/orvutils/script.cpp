@@ -114,7 +114,7 @@ void close_on_exec_up_to_limit()
 
 std::int64_t now_ms()
 {
-    std::timespec now = {};
+    timespec now = {};
     (void)clock_gettime(CLOCK_MONOTONIC, &now); // this clock is always there
     return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }

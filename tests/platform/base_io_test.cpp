@@ -108,7 +108,7 @@ TEST(Timer, TakesItsFirstExpiryAndPeriodInSeconds)
 TEST(Timer, AbsoluteFirstExpiryIsAPointOfItsClock)
 {
     const int timer = timer_init(TimerType::monotonic);
-    std::timespec now = {};
+    timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     ASSERT_EQ(timer_start(timer, static_cast<long>(now.tv_sec + 1000), 0, true), 0);
     EXPECT_GT(setting_of(timer).it_value.tv_sec, 900);

@@ -125,8 +125,8 @@ TEST(LogLine, TimeIsLocal)
     const Outcome outcome = in_child([] {
         setenv("TZ", "XYZ-5:30", 1);
         tzset();
-        std::timespec before = {};
-        std::timespec after = {};
+        timespec before = {};
+        timespec after = {};
         clock_gettime(CLOCK_REALTIME, &before);
         log_plain(kInfo, "x");
         clock_gettime(CLOCK_REALTIME, &after);
