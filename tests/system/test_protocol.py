@@ -218,7 +218,6 @@ class Framing(world.ServedTestCase):
             client = Client()
             client.send(command("va_status") + "\n")
             client.close()
-        self.settle()
         world.wait_until(lambda: self.served.descriptors() == descriptors, "all descriptors are closed")
 
     def test_a_client_that_only_ends_its_sending_side_is_closed(self):
