@@ -386,6 +386,16 @@ TEST_F(ClientConnection, DiscardsWhatASubscriberSends)
     EXPECT_EQ(peer.client.bytes(), "");
 }
 
+TEST_F(ClientConnection, DiscardsAtOnceWhatFollowsASubscriptionInTheSameSegment)
+{
+    Peer peer = connect();
+    ASSERT_TRUE(receive(peer, "{\"type\":\"subscribe\",\"name\":\"x\"}\n" + kStatusRequest + "\n"));
+    EXPECT_EQ(peer.conn->rx.pending(), 0U);
+    ASSERT_TRUE(drain(peer));
+    EXPECT_EQ(peer.client.frame(), kUnknownAnswer);
+    EXPECT_EQ(peer.client.bytes(), "");
+}
+
 TEST_F(ClientConnection, TakesNoMoreMemoryHoweverMuchASubscriberSends)
 {
     Peer peer = subscribe("anything");

@@ -334,6 +334,24 @@ TEST_F(DeviceChanges, CollectedAreKeptWhenTheyCannotBeSerialised)
     EXPECT_EQ(frames(peer).size(), 1U);
 }
 
+TEST_F(DeviceChanges, CollectedAreAllToldOrAllKeptWhenMemoryIsShort)
+{
+    Peer peer = subscribe("devices_list_updated");
+    bool failed = true;
+    for (unsigned n = 1; failed; ++n) {
+        SCOPED_TRACE(n);
+        g_events_cache["d1"] = "new";
+        platform->fail_json_allocation(n);
+        const int result = process_cached_events(brokerd::epollfd);
+        failed = platform->json_allocation_failed();
+        platform->fail_json_allocation(0);
+        if (result == 0)
+            EXPECT_THAT(frames(peer), ElementsAre(testing::HasSubstr("d1")));
+        else
+            EXPECT_THAT(g_events_cache, ElementsAre(Pair("d1", "new")));
+    }
+}
+
 // ---- the service subscription
 
 class SubscriptionChange : public DeviceChanges {
