@@ -289,7 +289,9 @@ TEST_F(KarmaTest, Events_outlive_the_kill_of_the_process_that_submitted_them)
         const Outcome outcome = in_child([]() -> int {
             const Json json = event();
             (void)submit_karma_event(json.get(), nullptr);
-            (void)write(STDOUT_FILENO, id_of(json).c_str(), id_of(json).size());
+            const std::string id = id_of(json);
+            if (write(STDOUT_FILENO, id.data(), id.size()) != static_cast<ssize_t>(id.size()))
+                return 1;
             return raise(SIGKILL);
         });
         ASSERT_EQ(outcome.status, 1000 + SIGKILL);
