@@ -3,17 +3,41 @@
 
 #include "commandsproc.h"
 
+#include "exclusion.h"
+#include "formatters.h"
 #include "orvbrokerd.h"
 #include "orvex.h"
+#include "subevhandlers.h"
 
+#include <orvdevmgmt/orvdevmgmt.h>
+#include <orvdiagnosis/orvdiagnosis.h>
+#include <orvutils/error.h>
+#include <orvutils/featureutl.h>
 #include <orvutils/keys.h>
+#include <orvutils/leases.h>
 #include <orvutils/log_format.h>
+#include <orvutils/script.h>
 #include <orvutils/setmgmt.h>
+#include <orvutils/sockutl.h>
+#include <orvutils/subs.h>
+#include <orvutils/version.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <sstream>
 
 namespace orv::brokerd {
 namespace {
 
 constexpr char kEmptyPayload[] = "{}";
+constexpr int kVaMaxExclusions = 16; ///< patterns accepted, unless a settings key says otherwise
 
 int set_flag(const path& key, const char* value, const char* failure)
 {
@@ -28,10 +52,58 @@ int send_empty_message(const char* name)
     return orvex_send_msg(name, kEmptyPayload) == 0 ? kDone : kFailed;
 }
 
+/// Reads a number as the exchange writes result codes into an answer's type: optional blanks and sign,
+/// decimal digits, anything behind them. False when there is none or it is out of range.
+bool text_to_int(const char* text, int& value)
+{
+    char* end = nullptr;
+    errno = 0;
+    const long number = std::strtol(text, &end, 10);
+    if (end == text || errno == ERANGE || number < INT_MIN || number > INT_MAX)
+        return false;
+    value = static_cast<int>(number);
+    return true;
+}
+
+bool answer_code(const Message* response, int& code)
+{
+    if (text_to_int(response->type, code))
+        return true;
+    ORV_LOG(log::kError, "Failed to convert value {:s} of type to int", response->type);
+    return false;
+}
+
+TextPtr duplicate(const char* text)
+{
+    return TextPtr(strdup(text));
+}
+
+/// Sends a request that `conn` waits for. The context goes along, to be freed by the callback; it is freed
+/// here when nothing is sent.
+template <typename Context, typename Deleter>
+Result send_request(const char* name, const JsonPtr& payload, ResponseCallback callback,
+                    std::unique_ptr<Context, Deleter> context, Connection* conn, int epfd)
+{
+    const TextPtr text(json_dumps(payload.get(), 0));
+    if (!text || orvex_send_req(name, text.get(), callback, context.get(), conn, epfd) != 1)
+        return kFailed;
+    (void)context.release(); // the callback's from here on
+    return kPending;
+}
+
+/// Leaves a key's value as a JSON string.
+int get_key_as_string(const path& key, json_t*& response)
+{
+    std::string value;
+    if (setMgmt::getKey(key, value) < 0)
+        return kFailed;
+    set_response(response, JsonPtr(json_string(value.c_str())));
+    return kDone;
+}
+
 } // namespace
 
 // ---- protection services
-// -----------------------------------------------------------------------------------
 
 int process_enable_services()
 {
@@ -70,7 +142,6 @@ int process_pro_features_disable()
 }
 
 // ---- registration
-// ------------------------------------------------------------------------------------------
 
 int process_start_cloud_registration(json_t* data)
 {
@@ -81,8 +152,787 @@ int process_start_cloud_registration(json_t* data)
     return kDone;
 }
 
+int process_register(json_t* data, json_t*& response)
+{
+    constexpr std::size_t kCheckOnly = JSON_VALIDATE_ONLY | JSON_STRICT;
+    if (json_unpack_ex(data, nullptr, kCheckOnly, "{s:s}", "router_id") == 0) {
+        ORV_LOG(log::kInfo, "Starting router_id registration");
+        return kPending;
+    }
+    if (json_unpack_ex(data, nullptr, kCheckOnly, "{s:s,s:s,s:s}", "token", "mac", "redeem") == 0) {
+        ORV_LOG(log::kInfo, "Starting token, mac, redeem registration");
+        return kPending;
+    }
+    set_response(response,
+                 JsonPtr(build_error_response(kErrorSchema, "JSON did not match registration schema")));
+    return kFailed;
+}
+
+int process_start_registration(json_t* data, json_t*& response)
+{
+    if (data) {
+        // A wrong shape is answered with status 0: the error object says what is wrong.
+        if (process_register(data, response) != kPending)
+            return kDone;
+        if (process_start_cloud_registration(data) == kDone)
+            return kDone;
+    }
+    set_response(response, JsonPtr(build_error_response(kErrorCommand, kInvalidCommand)));
+    return kFailed;
+}
+
+// ---- features
+
+namespace {
+
+JsonPtr text_value(std::string_view text)
+{
+    return JsonPtr(json_stringn(text.data(), text.size()));
+}
+
+int set_status(json_t* statuses, const char* name, featureutl::FeatureStatus status)
+{
+    return json_object_set_new(statuses, name,
+                               text_value(featureutl::feature_status_to_str(status)).release());
+}
+
+} // namespace
+
+int process_get_feature(const json_t* data, json_t*& response)
+{
+    if (!json_is_array(data)) {
+        ORV_LOG(log::kError, "Invalid parameters for get_feature");
+        return kFailed;
+    }
+    JsonPtr statuses(json_object());
+    if (!statuses)
+        return kFailed;
+
+    std::size_t index = 0;
+    json_t* element = nullptr;
+    json_array_foreach(data, index, element)
+    {
+        const char* name = json_string_value(element);
+        if (!name)
+            continue;
+        const auto feature = featureutl::str_to_feature(name);
+        if (feature == featureutl::Feature::unknown)
+            continue;
+        const auto status = featureutl::get_feature(feature);
+        if (status == featureutl::FeatureStatus::unknown)
+            continue;
+        if (set_status(statuses.get(), name, status) != 0)
+            return kFailed;
+    }
+    set_response(response, std::move(statuses));
+    return kDone;
+}
+
+int process_set_feature(const json_t* data, json_t*& response)
+{
+    if (!json_is_object(data)) {
+        ORV_LOG(log::kError, "Invalid parameters for get_feature"); // one message for both commands
+        return kFailed;
+    }
+    JsonPtr statuses(json_object());
+    if (!statuses)
+        return kFailed;
+
+    const char* name = nullptr;
+    json_t* value = nullptr;
+    json_object_foreach(const_cast<json_t*>(data), name, value)
+    { // NOLINT: only read
+        const char* text = json_string_value(value);
+        if (!text)
+            continue;
+        const auto status = featureutl::str_to_feature_status(text);
+        const auto feature = featureutl::str_to_feature(name);
+        if (status == featureutl::FeatureStatus::unknown || feature == featureutl::Feature::unknown)
+            continue;
+        if (featureutl::set_feature(feature, status) == 0) {
+            ORV_LOG(log::kError, "Failed setting feature {} to {}", featureutl::feature_to_str(feature),
+                    featureutl::feature_status_to_str(status));
+            continue;
+        }
+        if (set_status(statuses.get(), name, featureutl::get_feature(feature)) != 0)
+            return kFailed;
+    }
+    set_response(response, std::move(statuses));
+    return kDone;
+}
+
+int process_get_features_list(json_t*& response)
+{
+    auto features = featureutl::list_features();
+    std::sort(features.begin(), features.end());
+
+    JsonPtr names(json_array());
+    int failed = names ? 0 : -1;
+    for (auto it = features.begin(); it != features.end() && failed == 0; ++it)
+        failed = json_array_append_new(names.get(), text_value(featureutl::feature_to_str(*it)).release());
+    if (failed != 0) {
+        ORV_LOG(log::kError, "orv::json::to_json() failed");
+        return kFailed;
+    }
+    set_response(response, std::move(names));
+    return kDone;
+}
+
+// ---- devices
+
+namespace {
+
+void find_devices(const json_t* ids, std::vector<devMgmt::Device>& devices)
+{
+    std::size_t index = 0;
+    json_t* element = nullptr;
+    json_array_foreach(ids, index, element)
+    {
+        devMgmt::Device device;
+        const char* did = json_string_value(element);
+        if (did && devMgmt::get_device(did, device) != 0)
+            devices.push_back(std::move(device));
+    }
+}
+
+std::string first_v4_text(const std::set<sockutl::address>& addresses)
+{
+    const auto found =
+        std::find_if(addresses.begin(), addresses.end(), [](const auto& a) { return a.is_v4(); });
+    return found == addresses.end() ? std::string() : found->to_string(false);
+}
+
+JsonPtr macs_to_json(const devMgmt::Device& device)
+{
+    JsonPtr macs(json_array());
+    for (const auto& [mac, addresses] : device.macs)
+        json_array_append_new(macs.get(), json_pack("{s:s,s:s}", "mac", mac.to_string(false).c_str(), "ip",
+                                                    first_v4_text(addresses).c_str()));
+    return macs;
+}
+
+JsonPtr device_to_json(const devMgmt::Device& device)
+{
+    JsonPtr object(json_object());
+    const auto set_text = [&](const char* key, const std::string& text) {
+        json_object_set_new(object.get(), key, json_string(text.c_str()));
+    };
+    json_object_set_new(object.get(), "macs", macs_to_json(device).release());
+    set_text("did", device.did);
+    set_text("display_name", device.display_name);
+    set_text("device_type", device.device_type);
+    set_text("device_manufacturer", device.device_manufacturer);
+    set_text("device_os", device.device_os);
+    set_text("device_os_version", device.device_os_version);
+    json_object_set_new(object.get(), "traffic_blocked", json_integer(device.traffic_blocked));
+    set_text("last_va_scan_ts", device.last_va_scan_ts);
+    return object;
+}
+
+/// Where the name last given through this daemon is kept.
+path friendly_name_key(const char* did)
+{
+    return kDaemonTmpPath / did / "friendly_name";
+}
+
+bool find_device(const char* did, devMgmt::Device& device)
+{
+    if (devMgmt::get_device(did, device) != 0)
+        return true;
+    ORV_LOG(log::kError, "device_id={:s} not found", did);
+    return false;
+}
+
+bool find_friendly_name(const char* did, std::string& name)
+{
+    if (setMgmt::getKey(friendly_name_key(did), name) >= 0)
+        return true;
+    devMgmt::Device device;
+    if (!find_device(did, device))
+        return false;
+    name = device.friendly_name;
+    return true;
+}
+
+/// A rename on its way.
+struct FriendlyNameData {
+    TextPtr device_id; ///< null for the router itself
+    TextPtr name;
+};
+
+Result send_rename(TextPtr device_id, const char* name, const JsonPtr& payload, Connection* conn, int epfd)
+{
+    std::unique_ptr<FriendlyNameData> context(new (std::nothrow)
+                                                  FriendlyNameData{std::move(device_id), duplicate(name)});
+    if (!context || !context->name)
+        return kFailed;
+    return send_request("broker-devmgmt:set_friendly_name", payload, set_friendly_name_cb, std::move(context),
+                        conn, epfd);
+}
+
+Result store_device_name(const char* did, const char* name)
+{
+    if (setMgmt::setKey(friendly_name_key(did), name) < 0)
+        return kFailed;
+    ORV_LOG(log::kInfo, "Set name={:s} for device_id={:s}", name, did);
+    return kDone;
+}
+
+Result store_router_name(const char* name)
+{
+    if (setMgmt::setKey(kRegistrationTuvoNameKey, name) < 0) {
+        ORV_LOG(log::kError, "failed to set tuvo_name={:s}", name);
+        return kFailed;
+    }
+    ORV_LOG(log::kInfo, "Set tuvo_name={:s}", name);
+    return kDone;
+}
+
+/// What the device-management daemon's answer says: its result code travels as the answer's type.
+bool is_confirmed(const Message* response)
+{
+    int code = 0;
+    if (!answer_code(response, code))
+        return false;
+    if (code == 0)
+        return true;
+    ORV_LOG(log::kError, "Received error response from cloud");
+    return false;
+}
+
+/// A change of a device's traffic on its way.
+struct TrafficBlockedData {
+    TextPtr device_id;
+    int traffic_blocked;
+};
+
+// The queue of online-status requests for the leases daemon: texts under an index, and their number.
+const std::string kLeasesRequestsKey = "/tmp/daemons/orvleases-ng/requests";
+const std::string kLeasesCountKey = kLeasesRequestsKey + "/count";
+constexpr unsigned kMaxLeasesRequests = 100;
+
+/// The index for the next request. A full queue is emptied: what is old is of no use to the leases daemon.
+unsigned next_leases_index()
+{
+    const auto count = static_cast<unsigned>(setMgmt::getKeyValue(kLeasesCountKey, 0));
+    if (count < kMaxLeasesRequests)
+        return count;
+    if (setMgmt::deleteKey(kLeasesRequestsKey) < 0)
+        ORV_LOG(log::kError, "Failed to delete key '{:s}': ", kLeasesRequestsKey);
+    return 0;
+}
+
+void store_leases_request(const char* text)
+{
+    const unsigned index = next_leases_index();
+    if (setMgmt::setKey(fmt::format("{:s}/{:d}", kLeasesRequestsKey, index), text) < 0) {
+        ORV_LOG(log::kError, "Failed to set key for req '{:s}': {}", text, _get_orverrno());
+        return;
+    }
+    if (setMgmt::setKey(kLeasesCountKey, fmt::format_int(index + 1).str()) < 0) {
+        ORV_LOG(log::kError, "Failed to set key '{:s}': {}", kLeasesCountKey, _get_orverrno());
+        return;
+    }
+    ORV_LOG(log::kDebug, "Saved req '{:s}' at index {:d}", text, index);
+}
+
+void queue_leases_request(const char* text)
+{
+    if (setMgmt::lockKey(kLeasesRequestsKey) < 0) {
+        ORV_LOG(log::kError, "Failed to lock key '{:s}': ", kLeasesRequestsKey);
+        return;
+    }
+    store_leases_request(text);
+    if (setMgmt::unlockKey(kLeasesRequestsKey) < 0)
+        ORV_LOG(log::kError, "Failed to unlock key '{:s}': ", kLeasesRequestsKey);
+}
+
+} // namespace
+
+int process_get_devices(json_t* data, json_t*& response)
+{
+    std::vector<devMgmt::Device> devices;
+    if (json_array_size(data) > 0)
+        find_devices(data, devices);
+    else if (devMgmt::get_devices(devices) < 0)
+        return kFailed;
+
+    const std::string own_id = setMgmt::getKeyValue(kDeviceIdKey, "");
+    JsonPtr list(json_array());
+    if (!list)
+        return kFailed;
+    for (const auto& device : devices)
+        if (device.owner == own_id)
+            json_array_append_new(list.get(), device_to_json(device).release());
+    set_response(response, std::move(list));
+    return kDone;
+}
+
+int process_set_device_name(json_t* data, Connection* conn, int epfd)
+{
+    const char* did = nullptr;
+    const char* name = nullptr;
+    if (json_unpack(data, "{s:s,s:s}", "device_id", &did, "name", &name) != 0)
+        return kFailed;
+    ORV_LOG(log::kInfo, "device_id={:s} name={:s}", did, name);
+    if (*did == '\0') {
+        ORV_LOG(log::kError, "No device_id provided");
+        return kFailed;
+    }
+    if (*name == '\0') {
+        ORV_LOG(log::kError, "Empty string friendly_name provided");
+        return kFailed;
+    }
+
+    std::string current;
+    if (!find_friendly_name(did, current))
+        return kFailed;
+    if (current == name) {
+        ORV_LOG(log::kInfo, "Current device name is same as given name.");
+        return kDone;
+    }
+    const JsonPtr payload(
+        json_pack("{s:{s:s},s:s}", "connect_destination", "device_id", did, "friendly_name", name));
+    return send_rename(duplicate(did), name, payload, conn, epfd);
+}
+
+Result set_friendly_name_cb(const Message* response, json_t*& /*out*/, void* arg)
+{
+    const std::unique_ptr<FriendlyNameData> context(static_cast<FriendlyNameData*>(arg));
+    if (!is_confirmed(response))
+        return kFailed;
+    return context->device_id ? store_device_name(context->device_id.get(), context->name.get())
+                              : store_router_name(context->name.get());
+}
+
+int process_set_device_traffic_blocked(json_t* data, Connection* conn, int epfd)
+{
+    const char* did = nullptr;
+    int blocked = 0;
+    if (json_unpack(data, "{s:s,s:i}", "device_id", &did, "traffic_blocked", &blocked) != 0)
+        return kFailed;
+    ORV_LOG(log::kInfo, "device_id={:s} traffic_blocked={:d}", did, blocked);
+    if (*did == '\0') {
+        ORV_LOG(log::kError, "No device_id provided");
+        return kFailed;
+    }
+    if (blocked != 0 && blocked != 1) {
+        ORV_LOG(log::kError, "Invalid value for traffic_blocked");
+        return kFailed;
+    }
+
+    devMgmt::Device device;
+    if (!find_device(did, device))
+        return kFailed;
+    if (device.traffic_blocked == blocked) {
+        ORV_LOG(log::kInfo, "Current device traffic_blocked is same as given traffic_blocked.");
+        return kDone;
+    }
+    std::unique_ptr<TrafficBlockedData> context(new (std::nothrow)
+                                                    TrafficBlockedData{duplicate(did), blocked});
+    if (!context || !context->device_id)
+        return kFailed;
+    const JsonPtr payload(
+        json_pack("{s:{s:s},s:i}", "connect_destination", "device_id", did, "blocked", blocked));
+    return send_request("broker-devmgmt:set_traffic_status", payload, set_device_traffic_blocked_cb,
+                        std::move(context), conn, epfd);
+}
+
+Result set_device_traffic_blocked_cb(const Message* response, json_t*& /*out*/, void* arg)
+{
+    // Nothing is stored here: the record changes when the device-management daemon reports it.
+    const std::unique_ptr<TrafficBlockedData> context(static_cast<TrafficBlockedData*>(arg));
+    if (!is_confirmed(response))
+        return kFailed;
+    ORV_LOG(log::kInfo, "Set traffic_blocked={:d} for device_id={:s}", context->traffic_blocked,
+            context->device_id.get());
+    return kDone;
+}
+
+int process_set_device_online_status(json_t* data)
+{
+    const TextPtr shown(json_dumps(data, JSON_ENCODE_ANY));
+    ORV_LOG(log::kInfo, "set_device_online_status: {}", shown ? shown.get() : "");
+    const OrvleasesMode mode = get_orvleases_mode();
+    if (mode != OrvleasesMode::ng) {
+        ORV_LOG(log::kWarning, "orvleases mode is {}, ignoring set_device_online_status",
+                orvleases_mode_to_str(mode));
+        return kFailed;
+    }
+    const TextPtr text(json_dumps(data, 0));
+    if (!text || orvex_send_msg("broker-devmgmt:set_online_status", text.get()) != 0)
+        return kFailed;
+    queue_leases_request(text.get());
+    return kDone; // the message is out, whatever became of the queue
+}
+
+// ---- the router's identity
+
+namespace {
+
+bool is_registered()
+{
+    std::string value;
+    return setMgmt::getKey(kUserTokenKey, value) >= 1 && setMgmt::getKey(kDeviceIdKey, value) > 0;
+}
+
+/// Keeps a value for the time after the registration. Succeeds whether or not it could be kept.
+int keep_for_later(const path& key, const std::string& value, const char* failure)
+{
+    ORV_LOG(log::kError, "Router is not registered.");
+    if (setMgmt::setKey(key, value) < 0)
+        ORV_LOG(log::kError, fmt::runtime(failure));
+    ORV_LOG(log::kInfo, "Set key {} with value {:s}", key, value);
+    return kDone;
+}
+
+struct RegistrationIdentity {
+    std::string name;
+    std::string mac;
+};
+
+bool read_identity(RegistrationIdentity& identity)
+{
+    if (setMgmt::getKey(kRegistrationTuvoNameKey, identity.name) < 0) {
+        ORV_LOG(log::kError, "Router name missing.");
+        return false;
+    }
+    if (setMgmt::getKey(kRegistrationMacKey, identity.mac) < 0) {
+        ORV_LOG(log::kError, "Router registration mac missing.");
+        return false;
+    }
+    return true;
+}
+
+Result send_register_tuvo(const JsonPtr& payload, ResponseCallback callback, const std::string& value,
+                          Connection* conn, int epfd)
+{
+    TextPtr context = duplicate(value.c_str());
+    if (!context)
+        return kFailed;
+    return send_request("broker-devmgmt:register_tuvo", payload, callback, std::move(context), conn, epfd);
+}
+
+bool is_valid_feature_set_level(const std::string& level)
+{
+    static const std::vector<const char*> levels{"velm-light-1.0", "velm-light-1.1", "velm-basic-1.0",
+                                                 "velm-basic-1.1", "velm-pro"};
+    return std::find(levels.begin(), levels.end(), level) != levels.end();
+}
+
+/// Stores what the answer has confirmed: any object with a "result" does, whatever the result.
+Result store_confirmed(const Message* response, void* arg, const path& key, const char* what)
+{
+    const TextPtr value(static_cast<char*>(arg));
+    const JsonPtr root(json_loadb(response->data, response->datalen, 0, nullptr));
+    if (!json_object_get(root.get(), "result"))
+        return kFailed;
+    if (setMgmt::setKey(key, value.get()) < 0) {
+        ORV_LOG(log::kError, "failed to set {:s}={:s}", what, value.get());
+        return kFailed;
+    }
+    ORV_LOG(log::kInfo, "Set {:s}={:s}", what, value.get());
+    return kDone;
+}
+
+} // namespace
+
+int process_get_router_name(json_t*& response)
+{
+    return get_key_as_string(kRegistrationTuvoNameKey, response);
+}
+
+int process_get_router_model(json_t*& response)
+{
+    return get_key_as_string(kRegistrationDeviceModelKey, response);
+}
+
+int process_get_router_feature_set_level(json_t*& response)
+{
+    return get_key_as_string(kRegistrationFeatureSetLevelKey, response);
+}
+
+int process_set_router_name(const std::string& name, Connection* conn, int epfd)
+{
+    if (name.empty()) {
+        ORV_LOG(log::kInfo, "Router name is empty string.");
+        return kFailed;
+    }
+    if (!is_registered())
+        return keep_for_later(kRegistrationTuvoNameKey, name, "Could not save router name for a future use.");
+    if (setMgmt::getKeyValue(kRegistrationTuvoNameKey, "") == name) {
+        ORV_LOG(log::kInfo, "Current router name is same as given name.");
+        return kDone;
+    }
+    const JsonPtr payload(json_pack("{s:s}", "friendly_name", name.c_str()));
+    return send_rename(nullptr, name.c_str(), payload, conn, epfd);
+}
+
+int process_set_router_model(const std::string& model, Connection* conn, int epfd)
+{
+    if (!is_registered())
+        return keep_for_later(kRegistrationDeviceModelKey, model,
+                              "Could not save router model for a future use.");
+    if (setMgmt::getKeyValue(kRegistrationDeviceModelKey, "") == model) {
+        ORV_LOG(log::kInfo, "Current router model is same as given model.");
+        return kDone;
+    }
+    RegistrationIdentity identity;
+    if (!read_identity(identity))
+        return kFailed;
+    const JsonPtr payload(json_pack("{s:[s],s:s,s:s}", "macs", identity.mac.c_str(), "tuvo_detected_name",
+                                    identity.name.c_str(), "device_model", model.c_str()));
+    return send_register_tuvo(payload, set_router_model_cb, model, conn, epfd);
+}
+
+int process_set_router_feature_set_level(const std::string& level, Connection* conn, int epfd)
+{
+    if (!is_valid_feature_set_level(level)) {
+        ORV_LOG(log::kError, "Invalid feature set level");
+        return kFailed;
+    }
+    if (!is_registered()) { // unlike name and model, a level is not kept for later
+        ORV_LOG(log::kError, "Router is not registered.");
+        return kFailed;
+    }
+    if (setMgmt::getKeyValue(kRegistrationFeatureSetLevelKey, "") == level) {
+        ORV_LOG(log::kInfo, "Current router feature set level same as stored one.");
+        return kDone;
+    }
+    RegistrationIdentity identity;
+    if (!read_identity(identity))
+        return kFailed;
+    // The level goes as an array of one, unlike the model.
+    const JsonPtr payload(json_pack("{s:[s],s:s,s:[s]}", "macs", identity.mac.c_str(), "tuvo_detected_name",
+                                    identity.name.c_str(), "feature_set_level", level.c_str()));
+    return send_register_tuvo(payload, set_feature_set_level_cb, level, conn, epfd);
+}
+
+Result set_router_model_cb(const Message* response, json_t*& /*out*/, void* arg)
+{
+    return store_confirmed(response, arg, kRegistrationDeviceModelKey, "router device_model");
+}
+
+Result set_feature_set_level_cb(const Message* response, json_t*& /*out*/, void* arg)
+{
+    return store_confirmed(response, arg, kRegistrationFeatureSetLevelKey, "feature_set_level");
+}
+
+// ---- the router's interfaces
+
+namespace {
+
+bool is_interface_type(const char* type)
+{
+    return std::strcmp(type, "wan") == 0 || std::strcmp(type, "lan") == 0 || std::strcmp(type, "guest") == 0;
+}
+
+void set_interface(const char* name, const char* type)
+{
+    if (setMgmt::setKey(kNetworkInterfacesKey / name, type) < 0)
+        ORV_LOG(log::kError, "failed to set interface name={:s} type={:s}", name, type);
+    else
+        ORV_LOG(log::kInfo, "Set interface name={:s} type={:s}", name, type);
+}
+
+/// Stores one entry of the list and strikes its name off those to be deleted, which holds for an entry of a
+/// bad type too: its stored value stays.
+void process_interface(const json_t* entry, std::vector<std::string>& previous)
+{
+    const char* name = json_string_value(json_object_get(entry, "name"));
+    if (!name) {
+        ORV_LOG(log::kError, "could not extract interface name");
+        return;
+    }
+    previous.erase(std::remove(previous.begin(), previous.end(), name), previous.end());
+
+    const char* type = json_string_value(json_object_get(entry, "type"));
+    if (!type) {
+        ORV_LOG(log::kError, "could not extract interface type");
+        return;
+    }
+    if (!is_interface_type(type)) {
+        ORV_LOG(log::kWarning, "invalid interface type for '{:s}', ignoring", name);
+        return;
+    }
+    set_interface(name, type);
+}
+
+void delete_interfaces(const std::vector<std::string>& names)
+{
+    for (const auto& name : names)
+        if (setMgmt::deleteKey(kNetworkInterfacesKey / name) < 0)
+            ORV_LOG(log::kError, "failed to delete previous interface '{:s}'' key: {}", name,
+                    _get_orverrno());
+}
+
+} // namespace
+
+int process_get_router_interfaces(json_t*& response)
+{
+    JsonPtr list(json_array());
+    std::vector<std::string> names;
+    if (setMgmt::enumSubkeys(kNetworkInterfacesKey, names) < 0)
+        return kFailed;
+    for (const auto& name : names) {
+        const std::string type = setMgmt::getKeyValue(kNetworkInterfacesKey / name, "");
+        json_t* entry = json_pack("{s:s,s:s}", "name", name.c_str(), "type", type.c_str());
+        if (json_array_append_new(list.get(), entry) != 0)
+            return kFailed;
+    }
+    set_response(response, std::move(list));
+    return kDone;
+}
+
+int process_set_router_interfaces(json_t* data)
+{
+    if (!data) {
+        ORV_LOG(log::kInfo, "No interfaces list provided. Skipping...");
+        return kDone;
+    }
+    const std::size_t size = json_array_size(data);
+    if (size == 0) {
+        ORV_LOG(log::kError, "interfaces json object needs to be a non-empty array.");
+        return kFailed;
+    }
+    ORV_LOG(log::kInfo, "Found {:d} interfaces", size);
+    if (setMgmt::lockKey(kNetworkInterfacesKey) < 0) {
+        ORV_LOG(log::kWarning, "Failed to lock {}, orverrno: {}", kNetworkInterfacesKey, _get_orverrno());
+        return kFailed;
+    }
+
+    std::vector<std::string> previous;
+    setMgmt::enumSubkeys(kNetworkInterfacesKey, previous);
+    for (std::size_t i = 0; i < size; ++i) {
+        if (const json_t* entry = json_array_get(data, i))
+            process_interface(entry, previous);
+        else
+            ORV_LOG(log::kError, "invalid interface {:d}", i);
+    }
+    delete_interfaces(previous);
+
+    if (setMgmt::unlockKey(kNetworkInterfacesKey) < 0)
+        ORV_LOG(log::kWarning, "Failed to unlock {}, orverrno: {}", kNetworkInterfacesKey, _get_orverrno());
+    return kDone;
+}
+
+int process_reapply_firewall_rules()
+{
+    static const auto commands = [] {
+        std::ostringstream directory;
+        orv::detail::print_common_path(directory, common_path::firewall);
+        const path script = path(directory.str()) / "orv_init_fw.sh";
+        return std::vector<std::vector<std::string>>{{script.str()}};
+    }();
+    if (exec_script(commands, "/bin/sh", 0) >= 0)
+        return kDone;
+    ORV_LOG(log::kError, "Error running reapply_firewall_rules script {}", _get_orverrno());
+    return kFailed;
+}
+
+// ---- satellites
+
+int process_remove_satellite(const json_t* data, Connection* conn, int epfd, json_t*& out)
+{
+    const char* text = json_string_value(json_object_get(data, "mac"));
+    if (!text)
+        return kFailed;
+    const sockutl::macaddr mac(text);
+    if (!mac.is_valid()) {
+        ORV_LOG(log::kError, "invalid mac: '{:s}'", text);
+        return kFailed;
+    }
+    const std::string mac_text = mac.to_string(false);
+
+    std::string did;
+    if (devMgmt::get_device_id_by_mac(mac, did) < 0) {
+        ORV_LOG(log::kError, "failed to get device id for mac '{}': {}", mac_text, _get_orverrno());
+        set_response(out, JsonPtr(json_pack("{s:s,s:i}", "error", "not found", "code", -2)));
+        return kFailed;
+    }
+    ORV_LOG(log::kDebug, "mac '{}' has device id '{:s}'", mac_text, did);
+    std::string own_id;
+    if (setMgmt::getKey(kDeviceIdKey, own_id) < 0) {
+        ORV_LOG(log::kError, "failed to get self device id: {}", _get_orverrno());
+        return kFailed;
+    }
+    if (did.empty() || did == own_id) { // the router never removes itself
+        ORV_LOG(log::kError, "invalid/empty device id: '{:s}'", did);
+        return kFailed;
+    }
+
+    const JsonPtr payload(json_pack("{s:[s]}", "device_ids", did.c_str()));
+    const TextPtr request(json_dumps(payload.get(), 0));
+    if (!request)
+        return kFailed;
+    ORV_LOG(log::kInfo, "sending remove satellite request for device id '{:s}'", did);
+    if (orvex_send_req("broker-devmgmt:remove_satellites", request.get(), remove_satellite_cb, nullptr, conn,
+                       epfd) != 1)
+        return kFailed;
+
+    // On the lists before the answer: neither scan nor discovery shall treat it again, whatever the cloud
+    // says.
+    (void)blacklist_add(kVaBlacklistSatellitesKey, mac_text);
+    (void)blacklist_add(kDiscoveryBlacklistSatellitesKey, mac_text);
+    return kPending;
+}
+
+Result remove_satellite_cb(const Message* response, json_t*& /*out*/, void* /*arg*/)
+{
+    int code = 0;
+    if (!answer_code(response, code))
+        return kFailed;
+    if (code != 0) {
+        ORV_LOG(log::kError, "received timeout/error from cloud: {}", *response);
+        return kFailed;
+    }
+    ORV_LOG(log::kInfo, "successfully sent remove satellite cloud request");
+    return kDone;
+}
+
+std::optional<std::unordered_set<std::string>> get_key_with_sep(const path& key)
+{
+    std::string text;
+    if (setMgmt::getKey(key, text) < 0) {
+        const auto error = static_cast<Error>(_get_orverrno());
+        if (error != Error::no_such_key && error != Error::no_value) {
+            ORV_LOG(log::kError, "getKey('{}'): {}", key, _get_orverrno());
+            return std::nullopt;
+        }
+        text.clear();
+    }
+
+    std::unordered_set<std::string> entries;
+    std::istringstream pieces(text);
+    for (std::string piece; std::getline(pieces, piece, ',');)
+        entries.insert(piece);
+    ORV_LOG(log::kDebug, "Entries of '{}': {}", key, fmt::join(entries, ","));
+    return entries;
+}
+
+int blacklist_add(const path& key, const std::string& entry)
+{
+    if (setMgmt::lockKey(key) < 0) {
+        ORV_LOG(log::kError, "lockKey('{}'): {}", key, _get_orverrno());
+        return kFailed;
+    }
+    // The lock stays, on purpose: the list is this daemon's from now on.
+    auto entries = get_key_with_sep(key);
+    if (!entries)
+        return kFailed;
+    if (!entries->insert(entry).second) {
+        ORV_LOG(log::kTrace, "Entry '{}' already present", entry);
+        return kDone;
+    }
+    if (setMgmt::setKey(key, fmt::format("{}", fmt::join(*entries, ","))) < 0) {
+        ORV_LOG(log::kError, "setKey('{}'): {}", key, _get_orverrno());
+        return kFailed;
+    }
+    ORV_LOG(log::kDebug, "Added entry '{}' to '{}'", entry, key);
+    return kDone;
+}
+
 // ---- vulnerability assessment
-// ------------------------------------------------------------------------------
 
 int process_set_va_cloud_trigger(json_t* data)
 {
@@ -119,6 +969,233 @@ Result get_va_scan_status_cb(const Message* response, json_t*& out, void* /*arg*
     // The scanner's object goes to the client unchanged; where there is none, the client gets no answer.
     set_response(out, JsonPtr(json_loadb(response->data, response->datalen, 0, nullptr)));
     return out ? kDone : kFailed;
+}
+
+int process_va_set_schedule(const json_t* data, Connection* conn, int epfd)
+{
+    const TextPtr payload(json_dumps(data, 0));
+    if (!payload) {
+        ORV_LOG(log::kError, "Failed to build payload");
+        return kFailed;
+    }
+    if (orvex_send_req("orvtuvosettings:va_set_schedule", payload.get(), va_set_schedule_cb, nullptr, conn,
+                       epfd) == 1)
+        return kPending;
+    ORV_LOG(log::kError, "Failed to send set_schedule request");
+    return kFailed;
+}
+
+Result va_set_schedule_cb(const Message* response, json_t*& out, void* /*arg*/)
+{
+    constexpr int kScheduleError = 2;
+    int code = 0;
+    if (text_to_int(response->type, code)) {
+        if (code != kScheduleError)
+            return kDone;
+        JsonPtr error(
+            json_pack("{s:s%}", "error", response->data, static_cast<std::size_t>(response->datalen)));
+        if (error) {
+            set_response(out, std::move(error));
+            return kFailed;
+        }
+        ORV_LOG(log::kError, "failed to pack error response");
+    }
+    // Not valid JSON, and kept so: the client then gets no answer, and its connection is closed.
+    set_response(out, JsonPtr(json_loads("{\"error\", \"internal error\"}", 0, nullptr)));
+    return kFailed;
+}
+
+int process_va_set_exclusions(const json_t* data, json_t*& out)
+{
+    if (!json_is_array(data))
+        return kFailed;
+    const auto refuse = [&out](const std::string& message) {
+        ORV_LOG(log::kError, "{}", message);
+        set_response(out, JsonPtr(json_string(message.c_str())));
+        return kFailed;
+    };
+
+    const std::size_t size = json_array_size(data);
+    const auto most =
+        static_cast<unsigned>(setMgmt::getKeyValue(kVaBlacklistExclusionsKey / "max_size", kVaMaxExclusions));
+    if (size > most)
+        return refuse(fmt::format("input size {} is greater than the maximum allowed ({})", size, most));
+
+    std::unordered_set<std::string> entries;
+    for (std::size_t i = 0; i < size; ++i) {
+        const char* text = json_string_value(json_array_get(data, i));
+        if (!text)
+            return refuse(fmt::format("expected string value at index {}", i));
+        if (!va_validate_exclusion(text))
+            return refuse(fmt::format("invalid value '{}' at index {}", text, i));
+        entries.insert(text);
+    }
+    const std::string value = fmt::format("{}", fmt::join(entries, ","));
+    if (setMgmt::setKey(kVaBlacklistExclusionsKey, value) < 0) {
+        ORV_LOG(log::kError, "setKey('{}'): {}", kVaBlacklistExclusionsKey, _get_orverrno());
+        return kFailed;
+    }
+    ORV_LOG(log::kInfo, "Set entries of '{}' to: {}", kVaBlacklistExclusionsKey, value);
+    return kDone;
+}
+
+int process_va_get_exclusions(json_t*& out)
+{
+    const auto entries = get_key_with_sep(kVaBlacklistExclusionsKey);
+    if (!entries)
+        return kFailed;
+    JsonPtr list(json_array());
+    for (const auto& entry : *entries)
+        if (json_array_append_new(list.get(), json_string(entry.c_str())) != 0)
+            return kFailed;
+    if (!list)
+        return kFailed;
+    set_response(out, std::move(list));
+    return kDone;
+}
+
+int process_get_va_cloud_trigger(json_t*& out)
+{
+    std::string value;
+    if (setMgmt::getKey(kVaCloudTriggerKey, value) < 0)
+        return kFailed;
+    set_response(out, JsonPtr(json_boolean(value == "1")));
+    return kDone;
+}
+
+// ---- reports
+
+namespace {
+
+constexpr char kSubscriptionName[] = "global";
+constexpr char kReleaseVersionDefault[] = "2.0.0.0";
+
+void lock_subscription()
+{
+    if (setMgmt::lockKey(kSubscriptionPath) < 0)
+        ORV_LOG(log::kWarning, "Failed to lock {} orverrno: {}", kSubscriptionPath, _get_orverrno());
+}
+
+void unlock_subscription()
+{
+    if (setMgmt::unlockKey(kSubscriptionPath) < 0)
+        ORV_LOG(log::kWarning, "Failed to unlock {} orverrno: {}", kSubscriptionPath, _get_orverrno());
+}
+
+bool read_subscription(std::string& status, std::string& expiry)
+{
+    return setMgmt::getKey(subs::status_key(kSubscriptionName), status) >= 0 &&
+           setMgmt::getKey(subs::expiry_key(kSubscriptionName), expiry) >= 0;
+}
+
+JsonPtr subscription_to_json(const std::string& status_text, const std::string& expiry)
+{
+    const subs::Status status = subs::status_from_str(status_text);
+    if (status > subs::Status::expired)
+        return JsonPtr(json_pack("{s:s,s:s}", "status", "none", "expiry", expiry.c_str()));
+    const char* text = subs::status_to_str(status).data();
+    if (status == subs::Status::valid && expiry == "0")
+        return JsonPtr(json_pack("{s:s}", "status", text));
+    return JsonPtr(json_pack("{s:s,s:s}", "status", text, "expiry", expiry.c_str()));
+}
+
+bool read_number(const path& key, unsigned long long& number)
+{
+    std::string text;
+    if (setMgmt::getKey(key, text) < 0)
+        return false;
+    char* end = nullptr;
+    number = std::strtoull(text.c_str(), &end, 0);
+    return *end == '\0';
+}
+
+/// The subscription and the outcome of its last update, null when something of it cannot be read.
+JsonPtr subscription_update_to_json()
+{
+    std::string status;
+    std::string expiry;
+    unsigned long long updated = 0;
+    std::string error;
+    if (!read_subscription(status, expiry) || !read_number(kSubscriptionPath / "last_update_ts", updated) ||
+        setMgmt::getKey(kSubscriptionPath / "last_error", error) < 0)
+        return nullptr;
+    JsonPtr object = subscription_to_json(status, expiry);
+    const char* outcome = error == "0" ? "success" : "failed";
+    if (!object ||
+        json_object_set_new(object.get(), "subscription_update_ts",
+                            json_integer(static_cast<json_int_t>(updated))) != 0 ||
+        json_object_set_new(object.get(), "subscription_update_error", json_string(error.c_str())) != 0 ||
+        json_object_set_new(object.get(), "subscription_update_status", json_string(outcome)) != 0)
+        return nullptr;
+    return object;
+}
+
+/// Done with what there is, failed without.
+int respond(json_t*& out, JsonPtr value)
+{
+    if (!value)
+        return kFailed;
+    set_response(out, std::move(value));
+    return kDone;
+}
+
+} // namespace
+
+int process_get_version_info(json_t*& out)
+{
+    const std::string version = get_release_version().value_or(kReleaseVersionDefault);
+    const std::string patch = get_patch_version();
+    json_error_t error;
+    JsonPtr info(
+        json_pack_ex(&error, 0, "{s:s,s:s}", "version", version.c_str(), "patch_level", patch.c_str()));
+    if (!info)
+        ORV_LOG(log::kError, "Failed to pack info into json: version={:s} patch={:s} {:s}", version, patch,
+                error.text);
+    return respond(out, std::move(info));
+}
+
+int process_get_subscription_status(json_t*& out)
+{
+    std::string status;
+    std::string expiry;
+    lock_subscription();
+    const bool read = read_subscription(status, expiry);
+    unlock_subscription();
+    return read ? respond(out, subscription_to_json(status, expiry)) : kFailed;
+}
+
+int process_update_subscription_status(Connection* conn, int epfd)
+{
+    const int sent =
+        orvex_send_req("update_subscription", kEmptyPayload, update_subscription_cb, nullptr, conn, epfd);
+    return sent == 1 ? kPending : kFailed;
+}
+
+Result update_subscription_cb(const Message* /*response*/, json_t*& out, void* /*arg*/)
+{
+    // What the update did is in the settings store; the answer only says that it is over.
+    lock_subscription();
+    JsonPtr object = subscription_update_to_json();
+    unlock_subscription();
+    return respond(out, std::move(object));
+}
+
+int process_get_diagnosis_report(json_t*& out)
+{
+    diagnosis::Manager manager;
+    manager.add(diagnosis::get_defaults());
+    return respond(out, JsonPtr(manager.report()));
+}
+
+int process_get_status_report(json_t*& out)
+{
+    static const std::vector<diagnosis::RecordId> records{
+        {"agent", "version"}, {"agent", "registered"}, {"agent", "subscription"},
+        {"agent", "enabled"}, {"va", "scheduled"},
+    };
+    diagnosis::Manager manager;
+    manager.add(diagnosis::get_defaults(records));
+    return respond(out, JsonPtr(manager.collect()));
 }
 
 } // namespace orv::brokerd

@@ -26,7 +26,6 @@
 namespace orv::brokerd {
 
 // ---- connections
-// -------------------------------------------------------------------------------------------
 
 Connection::Connection(int socket)
     : fd(socket), rx(ConnectionBufferType::receive, fmt::format_int(socket).str()),
@@ -118,7 +117,6 @@ int process_client_events(Connection* conn, unsigned events, const int& epfd)
 }
 
 // ---- commands
-// ----------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -140,7 +138,7 @@ enum class Argument {
 /// How a handler's result becomes the answer's status.
 enum class Status {
     as_returned,
-    zero_or_minus_one, ///< -1 stays, everything else is 0
+    zero_or_failed, ///< -1 stays, everything else is 0
 };
 
 struct Command {
@@ -151,7 +149,7 @@ struct Command {
 };
 
 // Handlers have the parameters that they need; these call each shape.
-Result call(int (*handler)(), Request& /*request*/)
+Result call(int (*handler)(), Request&)
 {
     return handler();
 }
@@ -163,9 +161,33 @@ Result call(int (*handler)(json_t*), Request& request)
 {
     return handler(request.data);
 }
+Result call(int (*handler)(json_t*, json_t*&), Request& request)
+{
+    return handler(request.data, request.response);
+}
+Result call(int (*handler)(const json_t*, json_t*&), Request& request)
+{
+    return handler(request.data, request.response);
+}
 Result call(int (*handler)(Connection*, int), Request& request)
 {
     return handler(request.conn, request.epfd);
+}
+Result call(int (*handler)(json_t*, Connection*, int), Request& request)
+{
+    return handler(request.data, request.conn, request.epfd);
+}
+Result call(int (*handler)(const json_t*, Connection*, int), Request& request)
+{
+    return handler(request.data, request.conn, request.epfd);
+}
+Result call(int (*handler)(const json_t*, Connection*, int, json_t*&), Request& request)
+{
+    return handler(request.data, request.conn, request.epfd, request.response);
+}
+Result call(int (*handler)(const std::string&, Connection*, int), Request& request)
+{
+    return handler(json_string_value(request.data), request.conn, request.epfd);
 }
 
 template <auto handler>
@@ -174,21 +196,53 @@ Result process(Request& request)
     return call(handler, request);
 }
 
+using needs = Argument;
+constexpr Status as_returned = Status::as_returned;
+constexpr Status zero_or_failed = Status::zero_or_failed;
+
 constexpr std::array kCommands{
     // clang-format off
-    Command{"start_cloud_registration", Argument::required, Status::as_returned, process<process_start_cloud_registration>},
-    Command{"enable_services",          Argument::none,     Status::as_returned, process<process_enable_services>},
-    Command{"disable_services",         Argument::none,     Status::as_returned, process<process_disable_services>},
-    Command{"get_services_status",      Argument::none,     Status::as_returned, process<process_get_services_status>},
-    Command{"va_start",                 Argument::none,     Status::as_returned, process<process_va_start>},
-    Command{"va_stop",                  Argument::none,     Status::as_returned, process<process_va_stop>},
-    Command{"va_status",                Argument::none,     Status::as_returned, process<process_va_status>},
-    Command{"va_self_scan_start",       Argument::none,     Status::as_returned, process<process_va_self_scan_start>},
-    Command{"pro_features_enable",      Argument::none,     Status::as_returned, process<process_pro_features_enable>},
-    Command{"pro_features_disable",     Argument::none,     Status::as_returned, process<process_pro_features_disable>},
-    Command{"set_va_cloud_trigger",     Argument::required, Status::as_returned, process<process_set_va_cloud_trigger>},
+    Command{"start_cloud_registration",     needs::required, as_returned,    process<process_start_cloud_registration>},
+    Command{"start_registration",           needs::optional, as_returned,    process<process_start_registration>},
+    Command{"set_router_model",             needs::string,   as_returned,    process<process_set_router_model>},
+    Command{"set_router_name",              needs::string,   as_returned,    process<process_set_router_name>},
+    Command{"set_router_feature_set_level", needs::string,   as_returned,    process<process_set_router_feature_set_level>},
+    Command{"set_router_interfaces",        needs::required, as_returned,    process<process_set_router_interfaces>},
+    Command{"enable_services",              needs::none,     as_returned,    process<process_enable_services>},
+    Command{"disable_services",             needs::none,     as_returned,    process<process_disable_services>},
+    Command{"get_services_status",          needs::none,     as_returned,    process<process_get_services_status>},
+    Command{"get_subscription_status",      needs::none,     zero_or_failed, process<process_get_subscription_status>},
+    Command{"update_subscription_status",   needs::none,     as_returned,    process<process_update_subscription_status>},
+    Command{"get_version_info",             needs::none,     zero_or_failed, process<process_get_version_info>},
+    Command{"set_device_name",              needs::required, as_returned,    process<process_set_device_name>},
+    Command{"set_device_traffic_blocked",   needs::required, as_returned,    process<process_set_device_traffic_blocked>},
+    Command{"set_device_online_status",     needs::required, as_returned,    process<process_set_device_online_status>},
+    Command{"get_devices",                  needs::optional, zero_or_failed, process<process_get_devices>},
+    Command{"remove_satellite",             needs::required, as_returned,    process<process_remove_satellite>},
+    Command{"va_start",                     needs::none,     as_returned,    process<process_va_start>},
+    Command{"va_stop",                      needs::none,     as_returned,    process<process_va_stop>},
+    Command{"va_status",                    needs::none,     as_returned,    process<process_va_status>},
+    Command{"va_self_scan_start",           needs::none,     as_returned,    process<process_va_self_scan_start>},
+    Command{"va_set_schedule",              needs::required, as_returned,    process<process_va_set_schedule>},
+    Command{"va_set_exclusions",            needs::required, as_returned,    process<process_va_set_exclusions>},
+    Command{"va_get_exclusions",            needs::none,     as_returned,    process<process_va_get_exclusions>},
+    Command{"pro_features_enable",          needs::none,     as_returned,    process<process_pro_features_enable>},
+    Command{"pro_features_disable",         needs::none,     as_returned,    process<process_pro_features_disable>},
+    Command{"set_va_cloud_trigger",         needs::required, as_returned,    process<process_set_va_cloud_trigger>},
+    Command{"get_va_cloud_trigger",         needs::none,     as_returned,    process<process_get_va_cloud_trigger>},
+    Command{"get_router_name",              needs::none,     as_returned,    process<process_get_router_name>},
+    Command{"get_router_model",             needs::none,     as_returned,    process<process_get_router_model>},
+    Command{"get_router_feature_set_level", needs::none,     as_returned,    process<process_get_router_feature_set_level>},
+    Command{"get_router_interfaces",        needs::none,     as_returned,    process<process_get_router_interfaces>},
+    Command{"reapply_firewall_rules",       needs::none,     as_returned,    process<process_reapply_firewall_rules>},
+    Command{"get_feature",                  needs::optional, as_returned,    process<process_get_feature>},
+    Command{"set_feature",                  needs::optional, as_returned,    process<process_set_feature>},
+    Command{"list_all_features",            needs::none,     as_returned,    process<process_get_features_list>},
+    Command{"get_diagnosis_report",         needs::none,     as_returned,    process<process_get_diagnosis_report>},
+    Command{"get_status_report",            needs::none,     as_returned,    process<process_get_status_report>},
     // clang-format on
 };
+static_assert(kCommands.size() == 38);
 
 constexpr bool names_are_unique()
 {
@@ -219,7 +273,7 @@ Result run(const Command& command, Request& request)
     if (!has_argument(command, request.data))
         return kFailed;
     const Result result = command.process(request);
-    if (command.status == Status::zero_or_minus_one)
+    if (command.status == Status::zero_or_failed)
         return result == kFailed ? kFailed : kDone;
     return result;
 }
@@ -263,6 +317,14 @@ Result process_request(std::string_view type, const json_t* root, Request& reque
 }
 
 } // namespace
+
+std::vector<std::string_view> command_names()
+{
+    std::vector<std::string_view> names;
+    for (const Command& command : kCommands)
+        names.push_back(command.name);
+    return names;
+}
 
 int handle_command(Connection* conn, const char* text, const int& epfd)
 {
@@ -314,7 +376,6 @@ json_t* build_error_response(int code, const char* description)
 }
 
 // ---- subscriptions
-// -----------------------------------------------------------------------------------------
 
 std::unordered_map<std::string, std::vector<Connection*>> g_client_subscriptions;
 
@@ -404,7 +465,6 @@ int send_json(const std::vector<Connection*>& connections, json_t* event)
 }
 
 // ---- the agent's status
-// ------------------------------------------------------------------------------------
 
 namespace {
 

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -55,6 +56,9 @@ struct Connection {
 /// Runs one request. -1 when it is no usable request and the connection is to be dropped without an answer,
 /// else 0.
 [[nodiscard]] int handle_command(Connection* conn, const char* text, const int& epfd);
+
+/// The names of all commands, in the order of their table.
+[[nodiscard]] std::vector<std::string_view> command_names();
 
 /// Appends one frame to a connection's send buffer: a 4-byte length in native byte order and the text.
 void put_frame(Connection* conn, const char* text, std::uint32_t len);

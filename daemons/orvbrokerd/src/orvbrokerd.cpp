@@ -71,7 +71,6 @@ int daemon_main(int argc, char** argv)
 }
 
 // ---- start-up
-// ----------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -302,7 +301,6 @@ bool init()
 }
 
 // ---- connections
-// -------------------------------------------------------------------------------------------
 
 void destroy_connection(Connection* connection)
 {
@@ -380,7 +378,6 @@ void destroy_requested_connections()
 } // namespace
 
 // ---- the loop
-// ----------------------------------------------------------------------------------------------
 
 void retry_karma_events()
 {

@@ -83,7 +83,6 @@ std::unordered_map<std::string, std::unordered_map<EventCallback, std::vector<Co
     g_exchange_subscriptions;
 
 // ---- subscriptions
-// -----------------------------------------------------------------------------------------
 
 int orvex_subscribe()
 {
@@ -137,7 +136,6 @@ int orvex_process_event(const Message* msg, int epoll_fd)
 }
 
 // ---- requests and messages
-// ---------------------------------------------------------------------------------
 
 int orvex_send_req(const std::string& name, const char* payload, ResponseCallback callback, void* arg,
                    Connection* conn, int epoll_fd)

@@ -66,7 +66,6 @@ void orvex_callback(const Message* msg)
 }
 
 // ---- registration
-// ------------------------------------------------------------------------------------------
 
 RegistrationStatus process_cloud_registration_status(const Message* msg)
 {
@@ -119,7 +118,6 @@ void orvex_cloud_registration_status_cb(void* arg, const Message* response)
 }
 
 // ---- events for subscribers
-// --------------------------------------------------------------------------------
 
 int orvex_default_cb(const std::vector<Connection*>& connections, const Message* msg)
 {

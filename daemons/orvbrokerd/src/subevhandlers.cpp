@@ -112,7 +112,6 @@ void note_change(devMgmt::DevInfoChangeType type, const std::string& did)
 } // namespace
 
 // ---- devices
-// -----------------------------------------------------------------------------------------------
 
 void on_device_info_change_old_cb(devMgmt::DevInfoChangeType type, const devMgmt::Device& dev,
                                   const std::string& field)
@@ -176,7 +175,6 @@ int process_cached_events(int epfd)
 }
 
 // ---- the service subscription
-// ------------------------------------------------------------------------------
 
 namespace {
 
