@@ -17,9 +17,7 @@ using brokerd::JsonPtr;
 using brokerd::TextPtr;
 using fake::Calls;
 using fake::Logs;
-using testing::Contains;
 using testing::ElementsAre;
-using testing::Not;
 
 const std::string kDone = R"({"data": null, "status": 0})";
 const std::string kFailed = R"({"data": null, "status": -1})";

@@ -6,7 +6,8 @@
 #include "orvex.h"
 #include "orvexproc.h"
 
-#include <cstring>
+#include <algorithm>
+#include <functional>
 
 namespace orv::test {
 namespace {

@@ -5,6 +5,8 @@
 #include "orvbrokerd.h"
 #include "subevhandlers.h"
 
+#include <cstdint>
+
 namespace orv::test {
 namespace {
 
@@ -16,7 +18,6 @@ using brokerd::on_subscription_changed_cb;
 using brokerd::process_cached_events;
 using devMgmt::Device;
 using devMgmt::DevInfoChangeType;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
@@ -360,7 +361,7 @@ protected:
 
     /// Sets the subscription and tells of it; the record of what was reported last lives as long as the
     /// process.
-    int report(const std::string& status, long when)
+    int report(const std::string& status, std::int64_t when)
     {
         platform->settings["/tmp/subscription/global/status"] = status;
         platform->settings["/tmp/subscription/global/expiry"] = std::to_string(when);
@@ -368,7 +369,7 @@ protected:
         return on_subscription_changed_cb(brokerd::epollfd);
     }
 
-    static inline long expiry = 4102444800; // beyond 32 bits, on purpose
+    static inline std::int64_t expiry = 4102444800; // beyond 32 bits, on purpose
 };
 
 TEST_F(SubscriptionChange, IsToldToItsSubscribers)

@@ -5,7 +5,10 @@
 
 #include "orvbrokerd.h"
 #include "orvex.h"
-#include "orvexproc.h"
+
+#include <cstring>
+#include <functional>
+#include <utility>
 
 namespace orv::test {
 namespace {
@@ -20,7 +23,6 @@ using brokerd::send_json;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 
 const std::string kDone = R"({"data": null, "status": 0})";
 const std::string kFailed = R"({"data": null, "status": -1})";
