@@ -18,7 +18,7 @@ using detail::LmdbEnvironment;
 using detail::LmdbTransaction;
 using detail::LmdbWrite;
 
-constexpr std::size_t kMapSize = 64 * 1024 * 1024;
+constexpr std::size_t kMapSize = std::size_t{64} * 1024 * 1024;
 constexpr std::size_t kMacSize = 6;
 
 std::string mac_prefix(const sockutl::macaddr& mac)

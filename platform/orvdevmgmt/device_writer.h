@@ -12,7 +12,7 @@
 namespace orv::devMgmt {
 
 constexpr std::size_t kMaxDeviceIdSize = 255;
-constexpr std::size_t kMaxRecordSize = 8 * 1024; ///< of a whole device, as it is stored
+constexpr std::size_t kMaxRecordSize = 8192; ///< of a whole device, as it is stored
 
 /// Stores a device, new or in place of the one with its id. 0, or below 0 with nothing changed: error 1 for
 /// an impossible device (no id, invalid addresses, too large). Storing what is there already changes nothing.

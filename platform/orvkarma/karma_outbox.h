@@ -13,7 +13,7 @@ namespace orv::karma::outbox {
 
 constexpr std::size_t kMaxEvents = 1000;
 constexpr std::size_t kMaxIdSize = 255;
-constexpr std::size_t kMaxEventSize = 256 * 1024;
+constexpr std::size_t kMaxEventSize = std::size_t{256} * 1024;
 
 [[nodiscard]] Error open();
 void close();

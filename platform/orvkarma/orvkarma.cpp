@@ -28,6 +28,13 @@ using Ticket = std::uintptr_t;
 std::map<Ticket, std::string> g_awaited; ///< ids of the events whose answer is due
 Ticket g_last_ticket = 0;
 
+/// Notes the error; -1.
+int fail(Error error)
+{
+    detail::set_orverrno(error);
+    return -1;
+}
+
 Ticket ticket_for(const std::string& id)
 {
     for (const auto& [ticket, awaited] : g_awaited)
@@ -64,11 +71,8 @@ int send(const std::string& id, const std::string& text, Orvex* orvex)
 
 int init()
 {
-    if (const Error error = outbox::open(); error != Error::none) {
-        detail::set_orverrno(error);
-        return -1;
-    }
-    return 0;
+    const Error error = outbox::open();
+    return error == Error::none ? 0 : fail(error);
 }
 
 void uninit()
@@ -80,10 +84,8 @@ void uninit()
 int read_events(std::vector<json_t*>& events)
 {
     std::vector<outbox::Entry> entries;
-    if (const Error error = outbox::read(entries); error != Error::none) {
-        detail::set_orverrno(error);
-        return -1;
-    }
+    if (const Error error = outbox::read(entries); error != Error::none)
+        return fail(error);
     for (const outbox::Entry& entry : entries) {
         Json event = parse_event(entry.text);
         if (event != nullptr) {
@@ -109,12 +111,12 @@ json_t* build_karma_event_json(const char* type, json_t* data)
 
 int submit_karma_event(json_t* event, Orvex* orvex)
 {
-    const char* id = event_id(event);
-    const std::string text = id != nullptr ? event_text(event) : std::string();
-    if (text.empty()) {
-        detail::set_orverrno(Error::invalid_argument);
-        return -1;
-    }
+    const char* const id = event_id(event);
+    if (id == nullptr)
+        return fail(Error::invalid_argument);
+    const std::string text = event_text(event);
+    if (text.empty())
+        return fail(Error::invalid_argument);
     const Error kept = outbox::put(id, text);
     if (kept != Error::none)
         detail::set_orverrno(kept);

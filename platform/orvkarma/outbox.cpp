@@ -16,7 +16,7 @@ using detail::LmdbRead;
 using detail::LmdbWrite;
 
 constexpr std::size_t kEvents = 0; ///< the tree
-constexpr std::size_t kMapSize = 16 * 1024 * 1024;
+constexpr std::size_t kMapSize = std::size_t{16} * 1024 * 1024;
 /// What events may take up together: they may be spread badly, and LMDB writes a changed page to another
 /// place.
 constexpr std::size_t kMaxTotalSize = kMapSize / 2;

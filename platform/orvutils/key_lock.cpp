@@ -22,8 +22,8 @@ namespace orv::detail {
 
 namespace {
 
-constexpr long kPollNs = 5 * 1000 * 1000;
-constexpr std::int64_t kTimeoutNs = 1000 * 1000 * 1000;
+constexpr long kPollNs = 5'000'000;
+constexpr std::int64_t kTimeoutNs = 1'000'000'000;
 constexpr mode_t kFileMode = 0600;
 
 struct HeldLock {

@@ -46,7 +46,7 @@ constexpr int kReaders = 126; ///< processes that can have an environment open
 constexpr std::int64_t kCheckIntervalMs = 100;
 constexpr std::int64_t kRetryIntervalMs = 1000;
 /// LMDB's reader table: a cache line for each of its two locks and for each reader.
-constexpr off_t kLockFileSize = (kReaders + 2) * 64;
+constexpr off_t kLockFileSize = off_t{kReaders + 2} * 64;
 
 /// How many forks lie between this process and the first one.
 unsigned g_forks = 0;

@@ -14,7 +14,7 @@ namespace orv::detail {
 
 namespace {
 
-constexpr std::size_t kMegabyte = 1024 * 1024;
+constexpr std::size_t kMegabyte = std::size_t{1024} * 1024;
 constexpr std::size_t kStampSize = sizeof(std::uint64_t);
 
 struct Store {

@@ -49,13 +49,18 @@ void end_second(DevInfoChangeType, const Device&, const std::string&)
 
 class DeviceChangesTest : public DeviceStoreTest {
 protected:
-    DeviceChangesTest()
+    void SetUp() override
     {
+        DeviceStoreTest::SetUp();
         g_told.clear();
         g_devices.clear();
-        EXPECT_EQ(orv::setMgmt::init(), 0);
+        ASSERT_EQ(orv::setMgmt::init(), 0);
     }
-    ~DeviceChangesTest() override { orv::setMgmt::uninit(); }
+    void TearDown() override
+    {
+        orv::setMgmt::uninit();
+        DeviceStoreTest::TearDown();
+    }
 
     /// Waits for a notice and reads all there are.
     Told read_changes()

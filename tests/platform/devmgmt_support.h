@@ -13,8 +13,8 @@
 /// An open device store under a root of its own.
 class DeviceStoreTest : public testing::Test {
 protected:
-    DeviceStoreTest() { EXPECT_EQ(orv::devMgmt::init(), 0); }
-    ~DeviceStoreTest() override { orv::devMgmt::uninit(); }
+    void SetUp() override { ASSERT_EQ(orv::devMgmt::init(), 0); }
+    void TearDown() override { orv::devMgmt::uninit(); }
 
     TemporaryRoot m_root;
 };

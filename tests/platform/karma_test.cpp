@@ -54,8 +54,8 @@ using Json = std::unique_ptr<json_t, DropReference>;
 
 class KarmaTest : public testing::Test {
 protected:
-    KarmaTest() { EXPECT_EQ(init(), 0); }
-    ~KarmaTest() override { uninit(); }
+    void SetUp() override { ASSERT_EQ(init(), 0); }
+    void TearDown() override { uninit(); }
 
     static Json event(const char* type = "test", const char* data = R"({"a": 1})")
     {
@@ -74,6 +74,7 @@ protected:
         std::vector<json_t*> events;
         EXPECT_EQ(read_events(events), 0);
         std::vector<std::string> ids;
+        ids.reserve(events.size());
         for (json_t* json : events)
             ids.push_back(id_of(Json(json)));
         return ids;
@@ -243,7 +244,7 @@ TEST_F(KarmaTest, The_outbox_holds_1000_events_and_the_oldest_go_first_with_a_lo
 
 TEST_F(KarmaTest, Large_events_displace_the_oldest_ones_too)
 {
-    const std::string data = "\"" + std::string(200 * 1024, 'd') + "\"";
+    const std::string data = "\"" + std::string(200'000, 'd') + "\"";
     const std::string event_data = "{\"d\": " + data + "}";
     std::string last;
     for (int i = 0; i < 100; ++i) {

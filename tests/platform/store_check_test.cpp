@@ -17,7 +17,7 @@ using orv::Error;
 
 namespace {
 
-constexpr std::size_t kMapSize = 16 * 1024 * 1024;
+constexpr std::size_t kMapSize = std::size_t{16} * 1024 * 1024;
 
 class StoreCheckTest : public testing::Test {
 protected:

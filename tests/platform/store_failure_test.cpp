@@ -19,8 +19,8 @@ namespace {
 
 class StoreFailureTest : public testing::Test {
 protected:
-    StoreFailureTest() { fs::create_directories(m_root.path() + "/tmp"); }
-    ~StoreFailureTest() override { uninit(); }
+    void SetUp() override { fs::create_directories(m_root.path() + "/tmp"); }
+    void TearDown() override { uninit(); }
 
     [[nodiscard]] std::string tmp() const { return m_root.path() + "/tmp"; }
 
@@ -83,7 +83,7 @@ TEST_F(StoreFailureTest, A_store_cannot_be_created_on_a_full_disk_but_later)
     const Outcome outcome = on_small_disk(tmp(), "64k", [&]() -> int {
         for (unsigned left = 0; left < 10; ++left) {
             fill_disk(tmp() + "/filler");
-            fs::resize_file(tmp() + "/filler", fs::file_size(tmp() + "/filler") - 4096U * left);
+            fs::resize_file(tmp() + "/filler", fs::file_size(tmp() + "/filler") - std::size_t{4096} * left);
             std::fprintf(stderr, "]: ---\n");
             if (init() == 0)
                 uninit();

@@ -12,7 +12,7 @@ constexpr Journal kJournal{0, kCapacity};
 
 class JournalTest : public testing::Test {
 protected:
-    JournalTest() { EXPECT_EQ(m_environment.open(), orv::Error::none); }
+    void SetUp() override { ASSERT_EQ(m_environment.open(), orv::Error::none); }
 
     void append(int from, int to)
     {
@@ -31,7 +31,7 @@ protected:
     }
 
     TemporaryRoot m_root;
-    LmdbEnvironment m_environment{{"journal", {"entries"}, 1024 * 1024, false}};
+    LmdbEnvironment m_environment{{"journal", {"entries"}, std::size_t{1024} * 1024, false}};
     bool m_lost = false;
 };
 

@@ -17,13 +17,12 @@
 #include <stdexcept>
 #include <utility>
 
-StoreTest::StoreTest()
+void StoreTest::SetUp()
 {
-    if (orv::setMgmt::init() < 0)
-        throw std::runtime_error("the settings store cannot be opened");
+    ASSERT_EQ(orv::setMgmt::init(), 0);
 }
 
-StoreTest::~StoreTest()
+void StoreTest::TearDown()
 {
     orv::setMgmt::uninit();
 }

@@ -23,8 +23,8 @@
 /// An open settings store under a root of its own.
 class StoreTest : public testing::Test {
 protected:
-    StoreTest();
-    ~StoreTest() override;
+    void SetUp() override;
+    void TearDown() override;
 
     TemporaryRoot m_root;
 };

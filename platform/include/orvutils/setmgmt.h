@@ -17,7 +17,7 @@
 namespace orv::setMgmt {
 
 constexpr std::size_t kMaxKeySize = 511;
-constexpr std::size_t kMaxValueSize = 1024 * 1024;
+constexpr std::size_t kMaxValueSize = std::size_t{1024} * 1024;
 
 /// Opens the store, creating it when it is not there. 0, or below 0.
 [[nodiscard]] int init();
