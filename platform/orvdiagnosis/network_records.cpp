@@ -90,7 +90,8 @@ constexpr std::string_view kPathAddress = "unix:path=";
 /// Addresses take other bytes than these only as "%20" for a blank.
 std::string escape(std::string_view path)
 {
-    constexpr std::string_view kPlain = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-_/.\\*";
+    constexpr std::string_view kPlain =
+        "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-_/.\\*";
     std::string text;
     for (const char c : path) {
         if (kPlain.find(c) != std::string_view::npos)

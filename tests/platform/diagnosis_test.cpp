@@ -36,7 +36,7 @@ using JsonPtr = std::unique_ptr<json_t, JsonDeleter>;
 std::string text_of(const json_t* value)
 {
     char* const text = json_dumps(value, JSON_ENCODE_ANY | JSON_COMPACT);
-    const std::string copy = text != nullptr ? text : "(no value)";
+    std::string copy = text != nullptr ? text : "(no value)";
     std::free(text);
     return copy;
 }
@@ -86,8 +86,16 @@ Fd listen_at(const std::string& path)
 
 class DiagnosisTest : public StoreTest {
 protected:
-    DiagnosisTest() { unsetenv("ORVEX_ADDRESS"); }
-    ~DiagnosisTest() override { unsetenv("ORVEX_ADDRESS"); }
+    void SetUp() override
+    {
+        StoreTest::SetUp();
+        unsetenv("ORVEX_ADDRESS");
+    }
+    void TearDown() override
+    {
+        unsetenv("ORVEX_ADDRESS");
+        StoreTest::TearDown();
+    }
 
     void make_directory(const std::string& name) const
     {

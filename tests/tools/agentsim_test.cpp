@@ -9,6 +9,7 @@
 #include <orvutils/setmgmt.h>
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -444,8 +445,7 @@ TEST_F(AgentSimTest, AScanRunsThroughItsStatesAndTellsEach)
         s_received.clear();
         send("orvvad:va_" + scan + "_scan_start");
         const auto status = [&scan](const std::string& state, int progress) {
-            return R"({"state": ")" + state + R"(", "scan": ")" + scan + R"(", "progress": )" +
-                   std::to_string(progress) + "}";
+            return fmt::format(R"({{"state": "{}", "scan": "{}", "progress": {}}})", state, scan, progress);
         };
         ASSERT_TRUE(wait_for_event("va_status_changed", status("finished", 100))) << log();
         EXPECT_EQ(
@@ -483,7 +483,8 @@ TEST_F(AgentSimTest, FurnishesTheHomeWithAsManyDevicesAsWanted)
     std::set<std::string> addresses;
     EXPECT_EQ(devices().size(), 40U);
     for (const auto& each : devices()) {
-        EXPECT_FALSE(each.display_name.empty() || each.device_type.empty() || each.owner != "") << each.did;
+        EXPECT_FALSE(each.display_name.empty() || each.device_type.empty() || !each.owner.empty())
+            << each.did;
         ASSERT_EQ(each.macs.size(), 1U) << each.did;
         EXPECT_EQ(each.macs.begin()->second.size(), 2U) << "one IPv4, one IPv6";
         for (const auto& address : each.macs.begin()->second)
