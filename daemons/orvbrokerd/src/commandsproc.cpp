@@ -91,14 +91,22 @@ Result send_request(const char* name, const JsonPtr& payload, ResponseCallback c
     return kPending;
 }
 
+/// Done with what there is, failed without.
+int respond(json_t*& out, JsonPtr value)
+{
+    if (!value)
+        return kFailed;
+    set_response(out, std::move(value));
+    return kDone;
+}
+
 /// Leaves a key's value as a JSON string.
 int get_key_as_string(const path& key, json_t*& response)
 {
     std::string value;
     if (setMgmt::getKey(key, value) < 0)
         return kFailed;
-    set_response(response, JsonPtr(json_string(value.c_str())));
-    return kDone;
+    return respond(response, JsonPtr(json_string(value.c_str())));
 }
 
 } // namespace
@@ -127,8 +135,7 @@ int process_get_services_status(json_t*& response)
     const std::string value = setMgmt::getKeyValue(kProtectionEnabledKey, fallback);
     if (value != "0" && value != "1")
         return kFailed;
-    set_response(response, JsonPtr(json_pack("{s:i}", "status", value == "1" ? 1 : 0)));
-    return kDone;
+    return respond(response, JsonPtr(json_pack("{s:i}", "status", value == "1" ? 1 : 0)));
 }
 
 int process_pro_features_enable()
@@ -187,7 +194,7 @@ namespace {
 
 JsonPtr text_value(std::string_view text)
 {
-    return JsonPtr(json_stringn(text.data(), text.size()));
+    return JsonPtr(text.empty() ? json_string("") : json_stringn(text.data(), text.size()));
 }
 
 int set_status(json_t* statuses, const char* name, featureutl::FeatureStatus status)
@@ -241,7 +248,7 @@ int process_set_feature(const json_t* data, json_t*& response)
     const char* name = nullptr;
     json_t* value = nullptr;
     json_object_foreach(const_cast<json_t*>(data), name, value)
-    { // NOLINT: only read
+    {
         const char* text = json_string_value(value);
         if (!text)
             continue;
@@ -414,6 +421,7 @@ constexpr unsigned kMaxLeasesRequests = 100;
 /// The index for the next request. A full queue is emptied: what is old is of no use to the leases daemon.
 unsigned next_leases_index()
 {
+    // A negative number, which nobody here writes, counts as one that is too large.
     const auto count = static_cast<unsigned>(setMgmt::getKeyValue(kLeasesCountKey, 0));
     if (count < kMaxLeasesRequests)
         return count;
@@ -491,9 +499,12 @@ int process_set_device_name(json_t* data, Connection* conn, int epfd)
         ORV_LOG(log::kInfo, "Current device name is same as given name.");
         return kDone;
     }
+    TextPtr copy = duplicate(did);
+    if (!copy) // a rename without an id would be one of the router
+        return kFailed;
     const JsonPtr payload(
         json_pack("{s:{s:s},s:s}", "connect_destination", "device_id", did, "friendly_name", name));
-    return send_rename(duplicate(did), name, payload, conn, epfd);
+    return send_rename(std::move(copy), name, payload, conn, epfd);
 }
 
 Result set_friendly_name_cb(const Message* response, json_t*& /*out*/, void* arg)
@@ -508,18 +519,19 @@ Result set_friendly_name_cb(const Message* response, json_t*& /*out*/, void* arg
 int process_set_device_traffic_blocked(json_t* data, Connection* conn, int epfd)
 {
     const char* did = nullptr;
-    int blocked = 0;
-    if (json_unpack(data, "{s:s,s:i}", "device_id", &did, "traffic_blocked", &blocked) != 0)
+    json_int_t wanted = 0; // wide, so that no other number is taken for 0 or 1
+    if (json_unpack(data, "{s:s,s:I}", "device_id", &did, "traffic_blocked", &wanted) != 0)
         return kFailed;
-    ORV_LOG(log::kInfo, "device_id={:s} traffic_blocked={:d}", did, blocked);
+    ORV_LOG(log::kInfo, "device_id={:s} traffic_blocked={:d}", did, wanted);
     if (*did == '\0') {
         ORV_LOG(log::kError, "No device_id provided");
         return kFailed;
     }
-    if (blocked != 0 && blocked != 1) {
+    if (wanted != 0 && wanted != 1) {
         ORV_LOG(log::kError, "Invalid value for traffic_blocked");
         return kFailed;
     }
+    const int blocked = static_cast<int>(wanted);
 
     devMgmt::Device device;
     if (!find_device(did, device))
@@ -551,8 +563,10 @@ Result set_device_traffic_blocked_cb(const Message* response, json_t*& /*out*/, 
 
 int process_set_device_online_status(json_t* data)
 {
-    const TextPtr shown(json_dumps(data, JSON_ENCODE_ANY));
-    ORV_LOG(log::kInfo, "set_device_online_status: {}", shown ? shown.get() : "");
+    if (log::can_log(log::kDefaultChannel, log::kInfo)) {
+        const TextPtr shown(json_dumps(data, JSON_ENCODE_ANY));
+        ORV_LOG(log::kInfo, "set_device_online_status: {}", shown ? shown.get() : "");
+    }
     const OrvleasesMode mode = get_orvleases_mode();
     if (mode != OrvleasesMode::ng) {
         ORV_LOG(log::kWarning, "orvleases mode is {}, ignoring set_device_online_status",
@@ -772,7 +786,7 @@ int process_get_router_interfaces(json_t*& response)
 {
     JsonPtr list(json_array());
     std::vector<std::string> names;
-    if (setMgmt::enumSubkeys(kNetworkInterfacesKey, names) < 0)
+    if (!list || setMgmt::enumSubkeys(kNetworkInterfacesKey, names) < 0)
         return kFailed;
     for (const auto& name : names) {
         const std::string type = setMgmt::getKeyValue(kNetworkInterfacesKey / name, "");
@@ -890,6 +904,25 @@ Result remove_satellite_cb(const Message* response, json_t*& /*out*/, void* /*ar
     return kDone;
 }
 
+namespace {
+
+/// The pieces between the commas; an empty text has none.
+std::unordered_set<std::string> split(const std::string& text)
+{
+    std::unordered_set<std::string> pieces;
+    if (text.empty())
+        return pieces;
+    std::size_t begin = 0;
+    for (std::size_t end = text.find(','); end != std::string::npos; end = text.find(',', begin)) {
+        pieces.insert(text.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    pieces.insert(text.substr(begin));
+    return pieces;
+}
+
+} // namespace
+
 std::optional<std::unordered_set<std::string>> get_key_with_sep(const path& key)
 {
     std::string text;
@@ -902,10 +935,7 @@ std::optional<std::unordered_set<std::string>> get_key_with_sep(const path& key)
         text.clear();
     }
 
-    std::unordered_set<std::string> entries;
-    std::istringstream pieces(text);
-    for (std::string piece; std::getline(pieces, piece, ',');)
-        entries.insert(piece);
+    const auto entries = split(text);
     ORV_LOG(log::kDebug, "Entries of '{}': {}", key, fmt::join(entries, ","));
     return entries;
 }
@@ -1005,29 +1035,36 @@ Result va_set_schedule_cb(const Message* response, json_t*& out, void* /*arg*/)
     return kFailed;
 }
 
+namespace {
+
+int refuse_exclusions(json_t*& out, const std::string& message)
+{
+    ORV_LOG(log::kError, "{}", message);
+    set_response(out, JsonPtr(json_string(message.c_str())));
+    return kFailed;
+}
+
+} // namespace
+
 int process_va_set_exclusions(const json_t* data, json_t*& out)
 {
     if (!json_is_array(data))
         return kFailed;
-    const auto refuse = [&out](const std::string& message) {
-        ORV_LOG(log::kError, "{}", message);
-        set_response(out, JsonPtr(json_string(message.c_str())));
-        return kFailed;
-    };
 
     const std::size_t size = json_array_size(data);
     const auto most =
         static_cast<unsigned>(setMgmt::getKeyValue(kVaBlacklistExclusionsKey / "max_size", kVaMaxExclusions));
     if (size > most)
-        return refuse(fmt::format("input size {} is greater than the maximum allowed ({})", size, most));
+        return refuse_exclusions(
+            out, fmt::format("input size {} is greater than the maximum allowed ({})", size, most));
 
     std::unordered_set<std::string> entries;
     for (std::size_t i = 0; i < size; ++i) {
         const char* text = json_string_value(json_array_get(data, i));
         if (!text)
-            return refuse(fmt::format("expected string value at index {}", i));
+            return refuse_exclusions(out, fmt::format("expected string value at index {}", i));
         if (!va_validate_exclusion(text))
-            return refuse(fmt::format("invalid value '{}' at index {}", text, i));
+            return refuse_exclusions(out, fmt::format("invalid value '{}' at index {}", text, i));
         entries.insert(text);
     }
     const std::string value = fmt::format("{}", fmt::join(entries, ","));
@@ -1082,10 +1119,19 @@ void unlock_subscription()
         ORV_LOG(log::kWarning, "Failed to unlock {} orverrno: {}", kSubscriptionPath, _get_orverrno());
 }
 
+bool read_status(std::string& status)
+{
+    return setMgmt::getKey(subs::status_key(kSubscriptionName), status) >= 0;
+}
+
+bool read_expiry(std::string& expiry)
+{
+    return setMgmt::getKey(subs::expiry_key(kSubscriptionName), expiry) >= 0;
+}
+
 bool read_subscription(std::string& status, std::string& expiry)
 {
-    return setMgmt::getKey(subs::status_key(kSubscriptionName), status) >= 0 &&
-           setMgmt::getKey(subs::expiry_key(kSubscriptionName), expiry) >= 0;
+    return read_status(status) && read_expiry(expiry);
 }
 
 JsonPtr subscription_to_json(const std::string& status_text, const std::string& expiry)
@@ -1130,15 +1176,6 @@ JsonPtr subscription_update_to_json()
     return object;
 }
 
-/// Done with what there is, failed without.
-int respond(json_t*& out, JsonPtr value)
-{
-    if (!value)
-        return kFailed;
-    set_response(out, std::move(value));
-    return kDone;
-}
-
 } // namespace
 
 int process_get_version_info(json_t*& out)
@@ -1159,9 +1196,10 @@ int process_get_subscription_status(json_t*& out)
     std::string status;
     std::string expiry;
     lock_subscription();
-    const bool read = read_subscription(status, expiry);
+    const bool has_status = read_status(status);
+    const bool has_expiry = read_expiry(expiry);
     unlock_subscription();
-    return read ? respond(out, subscription_to_json(status, expiry)) : kFailed;
+    return has_status && has_expiry ? respond(out, subscription_to_json(status, expiry)) : kFailed;
 }
 
 int process_update_subscription_status(Connection* conn, int epfd)

@@ -324,6 +324,16 @@ bool init_buffers(Connection* connection)
     return false;
 }
 
+bool remember(Connection* connection)
+{
+    try {
+        g_connections[connection->fd] = connection;
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 void accept_client()
 {
     const int fd = accept(g_server_socket, nullptr, nullptr);
@@ -342,7 +352,11 @@ void accept_client()
         destroy_connection(connection);
         return;
     }
-    g_connections[fd] = connection;
+    if (!remember(connection)) {
+        ORV_LOG(log::kError, "failed to create new connection");
+        destroy_connection(connection);
+        return;
+    }
     if (io::epoll_set_fd_ro(epollfd, fd) == -1) {
         ORV_LOG(log::kError, "failed to add client socket to epoll");
         g_connections.erase(fd);

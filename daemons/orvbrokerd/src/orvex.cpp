@@ -3,7 +3,8 @@
 //
 // An answer can come long after its client has gone, and by then another client may have the same descriptor
 // or stand at the same address in memory. So every request in flight is in one list, and a connection that
-// ends is taken out of it: the answer's callback still runs for its effects, but nobody is answered.
+// ends is taken out of it: the answer's callback still runs for its effects, but nobody is answered. Requests
+// that are in flight when the daemon stops are never answered; what they hold goes with the process.
 
 #include "orvex.h"
 
@@ -145,12 +146,14 @@ int orvex_send_req(const std::string& name, const char* payload, ResponseCallbac
         conn->close_requested = true;
         return 0;
     }
+    add_in_flight(context.get());
     if (orvex_send_request(orvex, name.c_str(), payload, std::strlen(payload), orvex_response_trampoline,
                            context.get()) != 0) {
+        remove_in_flight(context.get());
         ORV_LOG(log::kError, "failed to send {:s} request: {:s}", name, payload);
         return 0;
     }
-    add_in_flight(context.release());
+    (void)context.release(); // the library's until the answer
     ORV_LOG(log::kInfo, "successfully sent {:s} request: {:s}", name, payload);
     return 1;
 }
@@ -163,7 +166,7 @@ void orvex_send_req(const std::string& name, const char* payload, const int& epo
         return;
     }
     // The library hands the argument back as it is; the callback only reads the descriptor through it.
-    void* arg = const_cast<int*>(&epoll_fd); // NOLINT(cppcoreguidelines-pro-type-const-cast)
+    void* arg = const_cast<int*>(&epoll_fd);
     if (orvex_send_request(orvex, name.c_str(), payload, std::strlen(payload), found->second, arg) != 0) {
         ORV_LOG(log::kError, "failed to send {:s} request: {:s}", name, payload);
         return;

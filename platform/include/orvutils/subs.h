@@ -16,7 +16,7 @@ enum class Status : int {
     none = 2,
 };
 
-/// Status::none for an unknown text; "none" for an unknown value.
+/// Status::none for an unknown text; "none" for an unknown value. Texts are NUL-terminated literals.
 [[nodiscard]] Status status_from_str(std::string_view text);
 [[nodiscard]] std::string_view status_to_str(Status status);
 
