@@ -4,7 +4,8 @@
 // per page tells a page that is used twice, which also ends every cycle.
 //
 // The pages of a snapshot stay untouched for one more commit only, so a store that is being written may look
-// damaged for a moment. A bad verdict therefore counts only when no commit has happened since the walk began.
+// damaged for a moment, and a meta page that is being written may be read half and half. A bad verdict
+// therefore counts only when the meta page is the same after the walk.
 //
 // The structures are those of LMDB's data format version 1, in the machine's own word size and byte order.
 
@@ -69,6 +70,7 @@ struct Tree {
     PageNumber root;
 };
 
+/// Without padding: two are compared byte by byte.
 struct Meta {
     std::uint32_t magic;
     std::uint32_t version;
@@ -79,6 +81,9 @@ struct Meta {
     PageNumber last_page;
     std::size_t transaction;
 };
+
+static_assert(sizeof(Tree) == 8 + 5 * sizeof(std::size_t), "a tree has no padding");
+static_assert(sizeof(Meta) == 8 + 4 * sizeof(std::size_t) + 2 * sizeof(Tree), "a meta page has no padding");
 
 template <typename T>
 T load(const std::vector<unsigned char>& bytes, std::size_t offset)
@@ -316,6 +321,16 @@ private:
     bool m_free_keys_sound = true;
 };
 
+/// False for what is no regular file.
+bool file_size(int fd, std::uint64_t& size)
+{
+    struct stat status {};
+    if (fstat(fd, &status) < 0 || !S_ISREG(status.st_mode))
+        return false;
+    size = static_cast<std::uint64_t>(status.st_size);
+    return true;
+}
+
 /// LMDB writes both meta pages at once when it creates a store; an interrupted write leaves a part of them.
 bool is_unfinished(int fd, std::uint64_t size)
 {
@@ -328,27 +343,25 @@ bool is_unfinished(int fd, std::uint64_t size)
 
 StoreVerdict check_store_file(int fd)
 {
-    for (int attempt = 0;; ++attempt) {
-        struct stat status {};
-        if (fstat(fd, &status) < 0 || !S_ISREG(status.st_mode))
-            return {StoreState::damaged, "no regular file"};
-        const auto size = static_cast<std::uint64_t>(status.st_size);
-        if (size == 0)
-            return {StoreState::empty, ""};
-        if (is_unfinished(fd, size))
-            return {StoreState::unfinished, ""};
+    std::uint64_t size = 0;
+    if (!file_size(fd, size))
+        return {StoreState::damaged, "no regular file"};
+    if (size == 0)
+        return {StoreState::empty, ""};
+    if (is_unfinished(fd, size))
+        return {StoreState::unfinished, ""};
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
         Meta meta{};
-        const char* reason = read_metas(fd, meta);
-        if (*reason == '\0' && Walk(fd, meta, size).run())
+        const char* const reason = read_metas(fd, meta);
+        // The size comes after the snapshot, whose pages it must cover.
+        if (*reason == '\0' && file_size(fd, size) && Walk(fd, meta, size).run())
             return {StoreState::sound, ""};
         Meta now{};
-        const bool moved_on = *read_metas(fd, now) == '\0' && now.transaction != meta.transaction;
-        if (!moved_on)
+        (void)read_metas(fd, now);
+        if (std::memcmp(&now, &meta, sizeof meta) == 0)
             return {StoreState::damaged, *reason != '\0' ? reason : "broken page structure"};
-        // Whoever commits that quickly has the store open and finds it sound.
-        if (attempt == kAttempts)
-            return {StoreState::sound, ""};
     }
+    return {StoreState::sound, ""}; // whoever commits that quickly has the store open and finds it sound
 }
 
 } // namespace orv::detail

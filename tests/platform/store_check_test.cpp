@@ -98,7 +98,7 @@ TEST_F(StoreCheckTest, A_store_is_sound_while_another_process_writes_to_it)
             REQUIRE(change_at_random(environment, m_random) == Error::none);
     });
     ASSERT_EQ(writer.hear(), 'o');
-    for (int i = 0; i < 300; ++i)
+    for (int i = 0; i < 3000; ++i)
         ASSERT_EQ(verdict().state, StoreState::sound) << verdict().reason;
 }
 
