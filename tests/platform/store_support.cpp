@@ -97,11 +97,29 @@ bool is_readable(int fd, int milliseconds)
     return poll(&watched, 1, milliseconds) > 0;
 }
 
+namespace {
+
+/// Root needs no user namespace; everybody else is root in one of his own.
+bool enter_mount_namespace()
+{
+    if (unshare(CLONE_NEWNS) == 0)
+        return true;
+    const std::string user = "0 " + std::to_string(geteuid()) + " 1";
+    const std::string group = "0 " + std::to_string(getegid()) + " 1";
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
+        return false;
+    spill("/proc/self/setgroups", "deny");
+    spill("/proc/self/uid_map", user);
+    spill("/proc/self/gid_map", group);
+    return geteuid() == 0 && getegid() == 0;
+}
+
+} // namespace
+
 Outcome on_small_disk(const std::string& directory, const char* size, const std::function<int()>& body)
 {
     return in_child([&]() -> int {
-        // Root needs no user namespace; everybody else is root in one of his own.
-        REQUIRE(unshare(CLONE_NEWNS) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0);
+        REQUIRE(enter_mount_namespace());
         REQUIRE(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0);
         REQUIRE(mount("none", directory.c_str(), "tmpfs", 0, ("size=" + std::string(size)).c_str()) == 0);
         return body();
