@@ -301,8 +301,12 @@ TEST_F(DeviceChanges, CollectedAreListedInTheTablesOrder)
         g_events_cache["d" + std::to_string(i)] = i % 2 ? "updated" : "removed";
     std::string list;
     for (const auto& [did, kind] : g_events_cache)
-        list +=
-            (list.empty() ? "[" : ", ") + (R"({"device_id": ")" + did) + R"(", "status": ")" + kind + "\"}";
+        list.append(list.empty() ? "[" : ", ")
+            .append(R"({"device_id": ")")
+            .append(did)
+            .append(R"(", "status": ")")
+            .append(kind)
+            .append("\"}");
     EXPECT_EQ(process_cached_events(brokerd::epollfd), 0);
     EXPECT_THAT(frames(peer), ElementsAre(list + "]"));
 }

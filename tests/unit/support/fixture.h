@@ -20,10 +20,11 @@ std::set<int> open_descriptors();
 /// A test with a platform and a root directory of its own. At its end, the daemon's tables must be empty and
 /// the same descriptors open as at its beginning.
 class PlatformTest : public testing::Test {
-protected:
+public:
     PlatformTest();
     ~PlatformTest() override;
 
+protected:
     /// The whole life of the daemon, with the fake's script of waiting; its exit status.
     int run_daemon();
 
@@ -44,10 +45,11 @@ private:
 /// A test of the code below the main loop: epoll, the exchange's handle and client connections are there
 /// without start-up.
 class ServiceTest : public PlatformTest {
-protected:
+public:
     ServiceTest();
     ~ServiceTest() override;
 
+protected:
     /// A connection that is watched for input, and in the table of connections; the client has its other end.
     struct Peer {
         brokerd::Connection* conn;
