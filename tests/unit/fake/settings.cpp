@@ -240,6 +240,7 @@ void uninit()
 std::vector<Feature> list_features()
 {
     std::vector<Feature> features;
+    features.reserve(kNames.size());
     for (const auto& name : kNames)
         features.push_back(str_to_feature(name));
     return features;

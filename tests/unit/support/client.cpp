@@ -25,7 +25,7 @@ void Client::connect()
 }
 
 Client::Client(Client&& other) noexcept
-    : m_fd(std::exchange(other.m_fd, -1)), m_received(std::move(other.m_received)), m_closed(other.m_closed)
+    : m_received(std::move(other.m_received)), m_fd(std::exchange(other.m_fd, -1)), m_closed(other.m_closed)
 {
 }
 

@@ -34,8 +34,8 @@ public:
 private:
     void receive();
 
-    int m_fd = -1;
     std::string m_received;
+    int m_fd = -1;
     bool m_closed = false;
 };
 
