@@ -267,11 +267,107 @@ class World:
             raise AssertionError("settings set: " + result.stderr)
 
 
+class Helper:
+    """A helper program that answers each line it is told with a line of its own."""
+
+    def __init__(self, world, *command):
+        self.process = subprocess.Popen(command, env=world.environment(), stdin=subprocess.PIPE,
+                                        stdout=subprocess.PIPE)
+        self._expect("ready")
+
+    def close(self):
+        """Ends it the hard way, as it may happen to any program."""
+        if self.process.poll() is None:
+            self.process.kill()
+        self.process.communicate()
+
+    def order(self, text):
+        self.process.stdin.write((text if isinstance(text, bytes) else text.encode()) + b"\n")
+        self.process.stdin.flush()
+
+    def result(self):
+        line = self.process.stdout.readline()
+        if not line:
+            raise AssertionError("%s has ended" % self.process.args[0])
+        return line.decode(errors="replace").rstrip("\n")
+
+    def _expect(self, text):
+        result = self.result()
+        if result != text:
+            raise AssertionError("%s says: %s" % (self.process.args[0], result))
+
+    def do(self, text):
+        self.order(text)
+        self._expect("done")
+
+    def ask(self, text):
+        self.order(text)
+        return self.result()
+
+
+class Participant(Helper):
+    """A participant of the exchange that says what it is told, be it ever so wrong."""
+
+    def __init__(self, world, name):
+        self.world = world
+        super().__init__(world, program("participant"), "unix:path=%s/run/exchange.skt" % world.root, name)
+
+    def receive(self):
+        """What comes next, as (kind, name, data)."""
+        return tuple(self.ask("receive").split("\t", 2))
+
+    def answer(self, number, kind, data=b""):
+        """Answers the number-th thing received, from 0, with this type."""
+        self.do("answer\t%d\t%s\t%s" % (number, kind, self._file(data)))
+
+    def malformed(self, number):
+        self.do("malformed\t%d" % number)
+
+    def error(self, number, text):
+        self.do("error\t%d\t%s" % (number, text))
+
+    def emit(self, event, data=b""):
+        self.do("emit\t%s\t%s" % (event, self._file(data)))
+
+    def _file(self, data):
+        path = os.path.join(self.world.root, "data")
+        with open(path, "wb") as file:
+            file.write(data.encode() if isinstance(data, str) else data)
+        return path
+
+
+class DeviceWriter(Helper):
+    """Writes the device store as the device-management daemon does."""
+
+    def __init__(self, world):
+        super().__init__(world, program("devices"))
+
+    def put(self, did, **members):
+        self.do("put " + json.dumps({"did": did, **members}))
+
+    def show(self, did):
+        """The stored device, None without one."""
+        text = self.ask("show " + did)
+        return None if text.startswith("failed") else json.loads(text)
+
+
 class TestCase(unittest.TestCase):
     """A test whose worlds end with it, and whose failure comes with the daemon's log."""
 
     def setUp(self):
         self.worlds = []
+
+    def participant(self, world, name):
+        """A participant that ends with the test."""
+        helper = Participant(world, name)
+        self.addCleanup(helper.close)
+        return helper
+
+    def device_writer(self, world):
+        """A writer of the device store that ends with the test."""
+        helper = DeviceWriter(world)
+        self.addCleanup(helper.close)
+        return helper
 
     def run(self, result=None):
         problems = _problems(result)
