@@ -17,7 +17,6 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <sstream>
 #include <stdexcept>
 
 namespace {
@@ -55,7 +54,7 @@ private:
     DBusMessage& received(const std::string& number) { return *m_received.at(std::stoul(number)); }
     void answer_malformed(DBusMessage& request);
     void emit_malformed();
-    void storm(const std::string& name, unsigned long count);
+    void storm(const Words& order);
 
     RawPeer m_peer;
     std::vector<RawMessage> m_received;
@@ -87,10 +86,15 @@ void Puppet::emit_malformed()
     m_peer.send(signal);
 }
 
-void Puppet::storm(const std::string& name, unsigned long count)
+void Puppet::storm(const Words& order)
 {
-    for (unsigned long number = 0; number < count; ++number)
-        m_peer.emit(name, std::to_string(number), number + 1);
+    const unsigned long first = std::stoul(order.at(2));
+    const unsigned long count = std::stoul(order.at(3));
+    const std::size_t size = std::stoul(order.at(4));
+    for (unsigned long number = first; number < first + count; ++number) {
+        const std::string digits = std::to_string(number);
+        m_peer.emit(order.at(1), std::string(size - digits.size(), '0') + digits, number + 1);
+    }
 }
 
 std::string Puppet::obey(const Words& order)
@@ -109,7 +113,7 @@ std::string Puppet::obey(const Words& order)
     else if (verb == "emit-malformed")
         emit_malformed();
     else if (verb == "storm")
-        storm(order.at(1), std::stoul(order.at(2)));
+        storm(order);
     else
         throw std::runtime_error("no such order: " + verb);
     return "done";
