@@ -297,15 +297,12 @@ class OnATerminal(world.TestCase):
             self.assertEqual(status, OK)
             self.assertEqual(daemon.request, b'{"type": "command", "name": "set_va_cloud_trigger", "data": true }\n')
 
-    def test_the_catalogue_is_a_table(self):
+    def test_the_catalogue_is_read_by_people(self):
         status, shown = self.run_on_terminal("commands", "--color", "never")
         self.assertEqual(status, OK)
         lines = shown.splitlines()
-        column = lines[0].index("DATA")
-        self.assertTrue(lines[0].startswith("COMMAND "))
-        for line in lines[1:]:
-            self.assertEqual(line[column - 1], " ")
-            self.assertNotEqual(line[column], " ")
+        at = lines.index("get_services_status  Tell whether the protection is on")
+        self.assertEqual(lines[at + 1:at + 3], ["    data: none", '    answer: {"status": 0|1}'])
 
 
 class WithDaemon(world.ServedTestCase):
@@ -327,14 +324,17 @@ class WithDaemon(world.ServedTestCase):
         self.assertEqual((result.returncode, result.stdout), (OK, DONE + "\n"))
         self.assertRegex(result.stderr, '^orvctl: note: no command "get_service_status" is known')
 
-    def test_listed_commands_with_data_or_an_answer_are_known_to_the_daemon(self):
+    def test_every_listed_command_that_needs_data_refuses_to_be_called_without(self):
         """An unknown one would be answered with null and success."""
         for line in self.orvctl("commands")[1].splitlines():
             row = json.loads(line)
-            if row["data"] != "none":
-                # Every command that needs data refuses to be called without.
+            if row["data"] != "none" and "optional" not in row["data"]:
                 self.assertEqual(self.orvctl("call", row["name"])[0], FAILED, row)
-            elif row["answer"] != "none":
+
+    def test_every_listed_command_that_answers_gives_more_than_null(self):
+        for line in self.orvctl("commands")[1].splitlines():
+            row = json.loads(line)
+            if row["data"] == "none" and row["answer"] != "none":
                 self.assertNotEqual(self.served.orvctl("call", row["name"]).stdout, DONE + "\n", row)
 
     def test_events_are_printed_as_they_arrive(self):

@@ -2,6 +2,7 @@
 // only closes the connection on what it cannot parse, which says nothing about where the mistake is.
 #include "calling.h"
 
+#include "answers.h"
 #include "catalogue.h"
 #include "exit_status.h"
 #include "texts.h"
@@ -120,7 +121,7 @@ int run_call(const CallOptions& call, const Options& options, Output& output)
     if (error != Error::none) {
         return report(error);
     }
-    output.json(answer.envelope());
+    print_answer(answer, output);
     warn_of_unknown_name(call.name, answer);
     return answer.status() == 0 ? kSuccess : kFailed;
 }

@@ -6,6 +6,7 @@
 
 #include "calling.h"
 #include "catalogue.h"
+#include "devices.h"
 #include "exchange.h"
 #include "exit_status.h"
 #include "settings.h"
@@ -19,6 +20,7 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <utility>
 
 namespace orvctl {
 namespace {
@@ -127,38 +129,37 @@ void add_subscribe(CommandLine& line)
     });
 }
 
-int print_commands(Output& output)
+/// One row of the catalogue: its name and what it is, then the shapes of its data, each on a line of its own.
+void print_entry(std::string_view name, std::string_view summary,
+                 const std::vector<std::pair<std::string, std::string_view>>& shapes, Output& output)
 {
     if (output.is_for_people()) {
-        std::vector<std::vector<std::string>> rows;
-        for (const auto& row : commands()) {
-            rows.push_back({std::string(row.name), std::string(row.argument), std::string(row.answer),
-                            std::string(row.summary)});
+        output.line(output.emphasized(name) + "  " + std::string(summary));
+        for (const auto& [label, shape] : shapes) {
+            output.line("    " + label + ": " + std::string(shape));
         }
-        output.table({"COMMAND", "DATA", "ANSWER", "WHAT"}, rows);
-        return kSuccess;
+        return;
     }
+    std::string line =
+        R"({"name": )" + orvbroker::quote(name) + R"(, "summary": )" + orvbroker::quote(summary);
+    for (const auto& [label, shape] : shapes) {
+        line += ", " + orvbroker::quote(label) + ": " + orvbroker::quote(shape);
+    }
+    output.json(line + "}");
+}
+
+int print_commands(Output& output)
+{
     for (const auto& row : commands()) {
-        output.json(R"({"name": )" + orvbroker::quote(row.name) + R"(, "summary": )" +
-                    orvbroker::quote(row.summary) + R"(, "data": )" + orvbroker::quote(row.argument) +
-                    R"(, "answer": )" + orvbroker::quote(row.answer) + "}");
+        print_entry(row.name, row.summary, {{"data", row.argument}, {"answer", row.answer}}, output);
     }
     return kSuccess;
 }
 
 int print_events(Output& output)
 {
-    if (output.is_for_people()) {
-        std::vector<std::vector<std::string>> rows;
-        for (const auto& row : events()) {
-            rows.push_back({std::string(row.name), std::string(row.shape), std::string(row.summary)});
-        }
-        output.table({"EVENT", "DATA", "WHAT"}, rows);
-        return kSuccess;
-    }
     for (const auto& row : events()) {
-        output.json(R"({"name": )" + orvbroker::quote(row.name) + R"(, "summary": )" +
-                    orvbroker::quote(row.summary) + R"(, "data": )" + orvbroker::quote(row.shape) + "}");
+        print_entry(row.name, row.summary, {{"data", row.shape}}, output);
     }
     return kSuccess;
 }
@@ -311,6 +312,46 @@ void add_exchange(CommandLine& line)
     add_exchange_monitor(line, *exchange);
 }
 
+/// A sub-command on one device, or on what describes it.
+void add_on_device(CommandLine& line, CLI::App& parent, const std::string& name, const std::string& summary,
+                   const std::string& argument, const std::string& meaning, const std::string& examples,
+                   std::function<int(const std::string&, Output&)> work)
+{
+    const auto value = std::make_shared<std::string>();
+    CLI::App* command = add(parent, name, summary, examples);
+    command->add_option(argument, *value, meaning)->required();
+    command->callback([&line, value, work = std::move(work)] {
+        line.work = [value, work](const Options&, Output& output) { return work(*value, output); };
+    });
+}
+
+void add_device(CommandLine& line)
+{
+    CLI::App* device = add(line.app, "device", "See and change the device store",
+                           "  orvctl device list\n"
+                           "  orvctl device show d1\n");
+    device->require_subcommand(1);
+    add(*device, "list", "Print all devices",
+        "  orvctl device list\n"
+        "  orvctl device list --json > devices.jsonl\n")
+        ->callback(
+            [&line] { line.work = [](const Options&, Output& output) { return run_device_list(output); }; });
+    add_on_device(line, *device, "show", "Print one device", "ID", "The device's id",
+                  "  orvctl device show d1\n", run_device_show);
+    add_on_device(
+        line, *device, "put", "Store devices, new or in place of those with their ids", "DATA",
+        "A device as JSON, or several, - to read them from standard input",
+        "  orvctl device put '{\"did\": \"d1\", \"macs\": {\"aa:bb:cc:00:00:01\": [\"192.168.1.20\"]}}'\n"
+        "  orvctl device put - < devices.jsonl\n"
+        "\nOnly \"did\" must be there; without \"owner\" the device belongs to this router. When one of "
+        "several\n"
+        "is not of the right shape, none is stored.\n",
+        [](const std::string& data, Output&) { return run_device_put(data); });
+    add_on_device(line, *device, "remove", "Remove one device", "ID", "The device's id",
+                  "  orvctl device remove d1\n",
+                  [](const std::string& id, Output&) { return run_device_remove(id); });
+}
+
 void add_telemetry(CommandLine& line)
 {
     CLI::App* telemetry = add(line.app, "telemetry", "See and empty the outbox of telemetry events",
@@ -341,6 +382,7 @@ void declare(CommandLine& line)
     add_catalogue(line);
     add_subscribe(line);
     add_settings(line);
+    add_device(line);
     add_exchange(line);
     add_telemetry(line);
 }

@@ -100,6 +100,21 @@ std::size_t width(std::string_view text)
     }));
 }
 
+/// The text on one line, with a question mark for each control character, lest it steer the terminal: those
+/// of ASCII, and U+0080 to U+009F, whose first byte in UTF-8 is always C2.
+std::string printable(const std::string& text)
+{
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
+        const bool is_upper_control = byte == 0xC2 && next >= 0x80 && next <= 0x9F;
+        out += byte < 0x20 || byte == 0x7F || is_upper_control ? '?' : text[i];
+        i += is_upper_control ? 1 : 0;
+    }
+    return out;
+}
+
 std::string aligned(const std::vector<std::string>& cells, const std::vector<std::size_t>& widths)
 {
     std::string line;
@@ -154,8 +169,11 @@ void Output::json(std::string_view text)
     line(m_colors ? colored(shown) : shown);
 }
 
-void Output::table(const std::vector<std::string>& titles, const std::vector<std::vector<std::string>>& rows)
+void Output::table(const std::vector<std::string>& titles, std::vector<std::vector<std::string>> rows)
 {
+    for (auto& row : rows) {
+        std::transform(row.begin(), row.end(), row.begin(), printable);
+    }
     std::vector<std::size_t> widths;
     for (std::size_t i = 0; i < titles.size(); ++i) {
         std::size_t widest = width(titles[i]);

@@ -22,8 +22,8 @@ public:
     void line(std::string_view text);
     /// Writes a JSON text: indented for people, otherwise exactly these bytes.
     void json(std::string_view text);
-    /// Writes rows in aligned columns below their titles.
-    void table(const std::vector<std::string>& titles, const std::vector<std::vector<std::string>>& rows);
+    /// Writes rows in aligned columns below their titles. Control characters are shown as question marks.
+    void table(const std::vector<std::string>& titles, std::vector<std::vector<std::string>> rows);
     /// The text in bold face where colours are wanted.
     [[nodiscard]] std::string emphasized(std::string_view text) const;
 

@@ -2,6 +2,7 @@
 #include "settings.h"
 
 #include "exit_status.h"
+#include "stores.h"
 #include "waiting.h"
 
 #include <orvbroker/client.h>
@@ -15,32 +16,6 @@ namespace orvctl {
 namespace {
 
 namespace store = orv::setMgmt;
-
-/// The store, open as long as this lives.
-class Store {
-public:
-    Store() : m_open(store::init() >= 0)
-    {
-        if (!m_open) {
-            complain(
-                "cannot open the settings store: the agent's root directory (ORV_ROOT, else /opt/orvane) "
-                "must be there and be writable for this user");
-        }
-    }
-    Store(const Store&) = delete;
-    Store& operator=(const Store&) = delete;
-    ~Store()
-    {
-        if (m_open) {
-            store::uninit();
-        }
-    }
-
-    [[nodiscard]] bool is_open() const { return m_open; }
-
-private:
-    bool m_open;
-};
 
 /// Complains about a failed operation, by its negative result.
 int report(const std::string& key, int result)
@@ -146,9 +121,9 @@ int follow(store::MonitoredKey& watch, const unsigned long& seen, unsigned long 
 
 int run_settings_get(const std::string& key, Output& output)
 {
-    const Store opened;
+    const SettingsStore opened;
     if (!opened.is_open()) {
-        return kUnavailable;
+        return report_closed("settings");
     }
     std::string value;
     const int result = store::getKey(key, value);
@@ -165,9 +140,9 @@ int run_settings_get(const std::string& key, Output& output)
 
 int run_settings_set(const std::string& key, const std::string& value)
 {
-    const Store opened;
+    const SettingsStore opened;
     if (!opened.is_open()) {
-        return kUnavailable;
+        return report_closed("settings");
     }
     const int result = store::setKey(key, value);
     return result < 0 ? report(key, result) : kSuccess;
@@ -175,9 +150,9 @@ int run_settings_set(const std::string& key, const std::string& value)
 
 int run_settings_delete(const std::string& key)
 {
-    const Store opened;
+    const SettingsStore opened;
     if (!opened.is_open()) {
-        return kUnavailable;
+        return report_closed("settings");
     }
     const int result = store::deleteKey(key);
     return result < 0 ? report(key, result) : kSuccess;
@@ -185,9 +160,9 @@ int run_settings_delete(const std::string& key)
 
 int run_settings_list(const std::string& key, Output& output)
 {
-    const Store opened;
+    const SettingsStore opened;
     if (!opened.is_open()) {
-        return kUnavailable;
+        return report_closed("settings");
     }
     if (const int status = check_presence(key); status != kSuccess) {
         return status;
@@ -207,9 +182,9 @@ int run_settings_list(const std::string& key, Output& output)
 
 int run_settings_tree(const std::string& key, Output& output)
 {
-    const Store opened;
+    const SettingsStore opened;
     if (!opened.is_open()) {
-        return kUnavailable;
+        return report_closed("settings");
     }
     if (const int status = check_presence(key); status != kSuccess) {
         return status;
@@ -220,9 +195,9 @@ int run_settings_tree(const std::string& key, Output& output)
 
 int run_settings_watch(const std::string& key, unsigned long count, const Options& options, Output& output)
 {
-    const Store opened;
+    const SettingsStore opened;
     if (!opened.is_open()) {
-        return kUnavailable;
+        return report_closed("settings");
     }
     unsigned long seen = 0;
     const auto on_change = [&](const orv::path&, void*) {

@@ -1,0 +1,166 @@
+"""orvctl on the device store, and lists of devices as people and programs read them."""
+
+import json
+import os
+import pty
+import select
+import subprocess
+
+import world
+
+OK, FAILED, USAGE, UNAVAILABLE = 0, 1, 2, 3
+
+TV = {"did": "d1", "owner": "r1", "macs": {"aa:bb:cc:00:00:01": ["192.168.1.20", "fe80::1"]},
+      "display_name": "TV", "friendly_name": "", "device_type": "tv", "device_os": "", "device_os_version": "",
+      "device_manufacturer": "", "last_va_scan_ts": "", "traffic_blocked": 0}
+
+
+def run_on_terminal(one, *arguments):
+    """Runs orvctl on a terminal of its own; returns its exit status and what the terminal showed."""
+    master, slave = pty.openpty()
+    process = subprocess.Popen([world.program("orvctl"), *arguments, "--color", "never"],
+                               env=one.environment(TERM="xterm"), stdin=slave, stdout=slave, stderr=slave)
+    os.close(slave)
+    shown = b""
+    while select.select([master], [], [], world.DEADLINE)[0]:
+        try:
+            piece = os.read(master, 65536)
+        except OSError:
+            break  # the last process has left the terminal
+        if not piece:
+            break
+        shown += piece
+    os.close(master)
+    return process.wait(world.DEADLINE), shown.decode().replace("\r\n", "\n")
+
+
+class Devices(world.TestCase):
+    """The device store, with no daemon anywhere."""
+
+    def setUp(self):
+        super().setUp()
+        self.one = self.world()
+
+    def device(self, *arguments, **options):
+        result = self.one.orvctl("device", *arguments, **options)
+        return result.returncode, result.stdout, result.stderr
+
+    def listed(self):
+        status, stdout, stderr = self.device("list")
+        self.assertEqual((status, stderr), (OK, ""))
+        return [json.loads(line) for line in stdout.splitlines()]
+
+    def test_a_stored_device_is_shown_with_all_its_members(self):
+        self.assertEqual(self.device("put", json.dumps(TV)), (OK, "", ""))
+        status, stdout, stderr = self.device("show", "d1")
+        self.assertEqual((status, stderr), (OK, ""))
+        self.assertEqual(stdout, json.dumps(TV) + "\n")
+        self.assertEqual(self.listed(), [TV])
+
+    def test_a_device_belongs_to_this_router_unless_it_says_otherwise(self):
+        self.one.set_setting("/registration/device_id", "r7")
+        self.assertEqual(self.device("put", '{"did": "d2"}'), (OK, "", ""))
+        self.assertEqual(self.listed()[0]["owner"], "r7")
+
+    def test_a_device_is_replaced_and_removed(self):
+        self.device("put", json.dumps(TV))
+        self.assertEqual(self.device("put", json.dumps({**TV, "display_name": "Radio"})), (OK, "", ""))
+        self.assertEqual([device["display_name"] for device in self.listed()], ["Radio"])
+        self.assertEqual(self.device("remove", "d1"), (OK, "", ""))
+        self.assertEqual(self.listed(), [])
+
+    def test_an_absent_device_is_a_message_and_a_failure(self):
+        for verb in ("show", "remove"):
+            self.assertEqual(self.device(verb, "d9"), (FAILED, "", "orvctl: no such device: d9\n"))
+
+    def test_what_was_listed_can_be_stored_again(self):
+        for number in range(3):
+            self.device("put", json.dumps({**TV, "did": "d%d" % number}))
+        listed = self.device("list")[1]
+        other = self.world()
+        result = other.orvctl("device", "put", "-", input=listed)
+        self.assertEqual((result.returncode, result.stderr), (OK, ""))
+        self.assertEqual(other.orvctl("device", "list").stdout, listed)
+
+    def test_a_record_of_another_shape_is_refused_by_its_member_and_nothing_is_stored(self):
+        for member, value in (("did", ""), ("did", 7), ("macs", []), ("macs", {"nonsense": []}),
+                              ("macs", {"aa:bb:cc:00:00:01": "1.2.3.4"}), ("traffic_blocked", 2),
+                              ("traffic_blocked", "0"), ("display_name", 1), ("colour", "red")):
+            status, stdout, stderr = self.device("put", "-", input='{"did": "before"}\n' +
+                                                 json.dumps({**TV, member: value}))
+            self.assertEqual((status, stdout), (FAILED, ""), member)
+            self.assertRegex(stderr, "^orvctl: refused, %s: .+\n$" % member)
+            self.assertEqual(self.listed(), [])
+        self.assertEqual(self.device("put", "[]")[::2], (FAILED, "orvctl: refused, a device must be an object\n"))
+
+    def test_a_record_beyond_its_bound_is_refused(self):
+        status, _, stderr = self.device("put", json.dumps({**TV, "display_name": "x" * 9000}))
+        self.assertEqual(status, FAILED)
+        self.assertEqual(stderr, "orvctl: refused, larger than a record can be (8192 bytes): d1\n")
+        self.assertEqual(self.listed(), [])
+
+    def test_data_that_is_not_json_is_a_usage_error(self):
+        for data in ("nonsense", "{", '{"did": "d1"} {'):
+            status, stdout, stderr = self.device("put", data)
+            self.assertEqual((status, stdout), (USAGE, ""), data)
+            self.assertRegex(stderr, "^orvctl: DATA is not JSON: ")
+        self.assertEqual(self.device("put", "-", input="")[0], USAGE)
+        self.assertEqual(self.listed(), [])
+
+    def test_wrong_command_lines_are_usage_errors(self):
+        for line in ("", "nonsense", "show", "show a b", "put", "put a b", "remove", "list extra"):
+            status, stdout, stderr = self.device(*line.split())
+            self.assertEqual((status, stdout), (USAGE, ""), line)
+            self.assertRegex(stderr, r"^orvctl: .+\(see orvctl --help\)\n$")
+
+    def test_a_store_that_cannot_be_opened_is_unavailable(self):
+        with open(os.path.join(self.one.root, "var"), "w") as file:
+            file.write("in the way")
+        for arguments in (("list",), ("show", "d1"), ("remove", "d1"), ("put", "{}")):
+            status, stdout, stderr = self.device(*arguments)
+            self.assertEqual((status, stdout), (UNAVAILABLE, ""), arguments)
+            self.assertIn("orvctl: cannot open the ", stderr)
+
+    def test_people_see_devices_as_a_table(self):
+        self.device("put", json.dumps({**TV, "friendly_name": "Big \u20ac\x1b[2J\u009b", "traffic_blocked": 1}))
+        self.device("put", '{"did": "a-longer-id", "owner": "r1"}')
+        self.assertEqual(run_on_terminal(self.one, "device", "list"), (OK, (
+            "ID           NAME        TYPE  BLOCKED  OWNER  ADDRESSES\n"
+            "a-longer-id                    no       r1     \n"
+            "d1           Big \u20ac?[2J?  tv    yes      r1     aa:bb:cc:00:00:01 192.168.1.20 fe80::1\n")))
+
+
+class Answers(world.ServedTestCase):
+    """Lists of objects, which people see as tables."""
+
+    def setUp(self):
+        super().setUp()
+        self.served.set_setting("/registration/device_id", "r1")
+        self.served.orvctl("device", "put", json.dumps(TV))
+
+    def test_the_daemon_lists_what_was_stored(self):
+        (data,) = (json.loads(line)["data"] for line in self.served.orvctl("call", "get_devices").stdout.splitlines())
+        self.assertEqual([(device["did"], device["macs"]) for device in data],
+                         [("d1", [{"mac": "aa:bb:cc:00:00:01", "ip": "192.168.1.20"}])])
+
+    def test_people_see_an_answer_that_is_a_list_of_objects_as_a_table(self):
+        status, shown = run_on_terminal(self.served, "call", "get_devices", '["d1"]')
+        self.assertEqual(status, OK)
+        titles, row = shown.splitlines()
+        self.assertEqual(titles.split()[:3], ["MACS", "DID", "DISPLAY_NAME"])
+        self.assertTrue(row.startswith("aa:bb:cc:00:00:01 192.168.1.20  d1   TV "), shown)
+        self.assertEqual(row[titles.index("TRAFFIC_BLOCKED")], "0")
+
+    def test_an_empty_list_and_other_answers_stay_json(self):
+        self.assertIn('"data": []', run_on_terminal(self.served, "call", "get_router_interfaces")[1])
+        self.assertIn('"status": 1', run_on_terminal(self.served, "call", "get_services_status")[1])
+        self.assertIn('"protection"', run_on_terminal(self.served, "call", "list_all_features")[1])
+
+    def test_with_json_a_terminal_shows_the_answer_as_received(self):
+        status, shown = run_on_terminal(self.served, "call", "get_devices", "--json")
+        self.assertEqual(status, OK)
+        self.assertEqual(json.loads(shown)["data"][0]["did"], "d1")
+
+
+if __name__ == "__main__":
+    world.main()

@@ -1,0 +1,195 @@
+// On the device store's writer interface, as the device-management daemon uses it: whoever watches the store
+// is told of each change.
+#include "devices.h"
+
+#include "exit_status.h"
+#include "json.h"
+#include "stores.h"
+#include "texts.h"
+
+#include <device_writer.h>
+#include <orvbroker/client.h>
+#include <orvutils/error.h>
+#include <orvutils/keys.h>
+#include <orvutils/setmgmt.h>
+
+#include <algorithm>
+#include <map>
+#include <vector>
+
+namespace orvctl {
+namespace {
+
+using orv::devMgmt::Device;
+
+/// Far beyond what a home needs, with every record as large as it may be.
+constexpr std::size_t kMaxInputSize = std::size_t{64} * 1024 * 1024;
+
+int report_failure(const std::string& what)
+{
+    const auto error = orv::_get_orverrno();
+    complain("the device store failed (error " + std::to_string(static_cast<int>(error)) + "): " + what);
+    return kUnavailable;
+}
+
+int report_absence(const std::string& id)
+{
+    if (orv::_get_orverrno() != static_cast<int>(orv::Error::no_such_key)) {
+        return report_failure(id);
+    }
+    complain("no such device: " + id);
+    return kFailed;
+}
+
+std::string to_line(const Device& device)
+{
+    const Json json(orv::devMgmt::device_to_json(device));
+    return to_text(json.get());
+}
+
+/// All MAC addresses with their IP addresses, in their order.
+std::string addresses_of(const Device& device)
+{
+    std::map<std::string, std::string> found;
+    for (const auto& [mac, addresses] : device.macs) {
+        std::string& text = found[mac.to_string(false)];
+        for (const auto& address : addresses) {
+            text += " " + address.to_string(false);
+        }
+    }
+    std::string all;
+    for (const auto& [mac, addresses] : found) {
+        all += (all.empty() ? "" : ", ") + mac + addresses;
+    }
+    return all;
+}
+
+void print_table(const std::vector<Device>& devices, Output& output)
+{
+    std::vector<std::vector<std::string>> rows;
+    rows.reserve(devices.size());
+    for (const auto& device : devices) {
+        const auto& name = device.friendly_name.empty() ? device.display_name : device.friendly_name;
+        rows.push_back({device.did, name, device.device_type, device.traffic_blocked != 0 ? "yes" : "no",
+                        device.owner, addresses_of(device)});
+    }
+    output.table({"ID", "NAME", "TYPE", "BLOCKED", "OWNER", "ADDRESSES"}, rows);
+}
+
+/// Takes the next JSON value off a text; complains when there is none.
+Json take_value(std::string_view& text)
+{
+    json_error_t error{};
+    Json value(json_loadb(text.data(), text.size(), JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY, &error));
+    if (value == nullptr) {
+        complain("DATA is not JSON: " + std::string(error.text));
+        return value;
+    }
+    text.remove_prefix(static_cast<std::size_t>(error.position));
+    text.remove_prefix(std::min(text.find_first_not_of(" \t\r\n"), text.size()));
+    return value;
+}
+
+/// Makes devices of JSON objects that follow each other; complains about the first that is none.
+int read_devices(std::string_view text, std::vector<Device>& devices)
+{
+    const std::string owner = orv::setMgmt::getKeyValue(orv::kDeviceIdKey, "");
+    do {
+        const Json json = take_value(text);
+        if (json == nullptr) {
+            return kUsage;
+        }
+        std::string problem;
+        devices.emplace_back();
+        if (!orv::devMgmt::device_from_json(json.get(), owner, devices.back(), problem)) {
+            complain("refused, " + problem);
+            return kFailed;
+        }
+    } while (!text.empty());
+    return kSuccess;
+}
+
+int put(const Device& device)
+{
+    if (orv::devMgmt::put_device(device) == 0) {
+        return kSuccess;
+    }
+    if (orv::_get_orverrno() != static_cast<int>(orv::Error::invalid_argument)) {
+        return report_failure(device.did);
+    }
+    complain("refused, larger than a record can be (" + std::to_string(orv::devMgmt::kMaxRecordSize) +
+             " bytes): " + device.did);
+    return kFailed;
+}
+
+} // namespace
+
+int run_device_list(Output& output)
+{
+    const DeviceStore store;
+    if (!store.is_open()) {
+        return report_closed("device");
+    }
+    std::vector<Device> devices;
+    if (orv::devMgmt::get_devices(devices) != 0) {
+        return report_failure("list");
+    }
+    if (output.is_for_people()) {
+        print_table(devices, output);
+        return kSuccess;
+    }
+    for (const auto& device : devices) {
+        output.json(to_line(device));
+    }
+    return kSuccess;
+}
+
+int run_device_show(const std::string& id, Output& output)
+{
+    const DeviceStore store;
+    if (!store.is_open()) {
+        return report_closed("device");
+    }
+    Device device;
+    if (orv::devMgmt::get_device(id, device) == 0) {
+        return report_absence(id);
+    }
+    output.json(to_line(device));
+    return kSuccess;
+}
+
+int run_device_put(const std::string& data)
+{
+    std::string text = data;
+    if (data == "-") {
+        text.clear();
+        if (!read_standard_input(text, kMaxInputSize, "devices")) {
+            return kUsage;
+        }
+    }
+    const SettingsStore settings;
+    if (!settings.is_open()) {
+        return report_closed("settings");
+    }
+    const DeviceStore store;
+    if (!store.is_open()) {
+        return report_closed("device");
+    }
+    std::vector<Device> devices;
+    int status = read_devices(text, devices);
+    for (std::size_t i = 0; status == kSuccess && i < devices.size(); ++i) {
+        status = put(devices[i]);
+    }
+    return status;
+}
+
+int run_device_remove(const std::string& id)
+{
+    const DeviceStore store;
+    if (!store.is_open()) {
+        return report_closed("device");
+    }
+    return orv::devMgmt::remove_device(id) == 0 ? kSuccess : report_absence(id);
+}
+
+} // namespace orvctl
