@@ -6,15 +6,18 @@
 
 #include "calling.h"
 #include "catalogue.h"
+#include "completion.h"
 #include "devices.h"
 #include "exchange.h"
 #include "exit_status.h"
 #include "settings.h"
+#include "status.h"
 #include "telemetry.h"
 
 #include <CLI/CLI.hpp>
 #include <orvbroker/client.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <iostream>
@@ -368,6 +371,114 @@ void add_telemetry(CommandLine& line)
     });
 }
 
+void add_status(CommandLine& line)
+{
+    add(line.app, "status", "Show how the agent is: daemon, bus, registration, devices, telemetry",
+        "  orvctl status\n"
+        "  orvctl status --json | jq .daemon.state\n"
+        "\nExit status 3 when the daemon, the bus or a store is not there; all that is known is printed "
+        "then, too.\n")
+        ->callback([&line] { line.work = run_status; });
+}
+
+// ---- completion: what can be typed is read off the declarations, so that the scripts know all of it
+
+std::vector<Word> words_of_catalogue(const std::string& path)
+{
+    std::vector<Word> words;
+    if (path == " call") {
+        for (const auto& row : commands()) {
+            words.push_back({std::string(row.name), std::string(row.summary)});
+        }
+    } else if (path == " subscribe") {
+        for (const auto& row : events()) {
+            words.push_back({std::string(row.name), std::string(row.summary)});
+        }
+    } else if (path == " completion") {
+        words = {{"bash", "for bash"}, {"fish", "for fish"}, {"zsh", "for zsh"}};
+    }
+    return words;
+}
+
+OptionWord option_word(const CLI::Option& option, const std::string& name)
+{
+    OptionWord result{{name, option.get_description()}, option.get_items_expected_max() > 0, {}};
+    if (name == "--color") {
+        for (const auto& [when, color] : kColors) {
+            result.values.push_back(when);
+        }
+    }
+    return result;
+}
+
+void add_options(const CLI::App& app, Level& level)
+{
+    for (const CLI::Option* option : app.get_options()) {
+        for (const auto& name : option->get_lnames()) {
+            level.options.push_back(option_word(*option, "--" + name));
+        }
+        for (const auto& name : option->get_snames()) {
+            level.options.push_back(option_word(*option, "-" + name));
+        }
+    }
+}
+
+/// One level for a sub-command, after it one for each below.
+void add_levels(const CLI::App& root, const CLI::App& app, const std::string& path,
+                std::vector<Level>& levels)
+{
+    Level level{path, {}, words_of_catalogue(path)};
+    add_options(app, level);
+    if (&app != &root) {
+        const auto own_help = level.options.size();
+        add_options(root, level); // which every sub-command takes, too
+        // Its own --help is the one that counts.
+        const auto is_repeated = [&](const OptionWord& option) {
+            return option.word.text == "--help" || option.word.text == "-h" ||
+                   option.word.text == "--version";
+        };
+        level.options.erase(std::remove_if(level.options.begin() + static_cast<std::ptrdiff_t>(own_help),
+                                           level.options.end(), is_repeated),
+                            level.options.end());
+    }
+    const auto below = app.get_subcommands([](const CLI::App*) { return true; });
+    for (const CLI::App* command : below) {
+        level.words.push_back({command->get_name(), command->get_description()});
+    }
+    levels.push_back(std::move(level));
+    for (const CLI::App* command : below) {
+        add_levels(root, *command, path + " " + command->get_name(), levels);
+    }
+}
+
+const std::map<std::string, std::string (*)(const std::vector<Level>&)> kShells{
+    {"bash", bash_completion}, {"fish", fish_completion}, {"zsh", zsh_completion}};
+
+std::string check_shell(const std::string& text)
+{
+    return kShells.count(text) != 0 ? "" : "'" + text + "' is neither bash nor zsh nor fish";
+}
+
+void add_completion(CommandLine& line)
+{
+    const auto shell = std::make_shared<std::string>();
+    CLI::App* command = add(line.app, "completion", "Print a completion script for a shell",
+                            "  source <(orvctl completion bash)\n"
+                            "  orvctl completion zsh > ~/.zfunc/_orvctl\n"
+                            "  orvctl completion fish > ~/.config/fish/completions/orvctl.fish\n");
+    command->add_option("SHELL", *shell, "bash, zsh or fish")->required()->check(check_shell);
+    command->callback([&line, shell] {
+        line.work = [&line, shell](const Options&, Output& output) {
+            std::vector<Level> levels;
+            add_levels(line.app, line.app, "", levels);
+            std::string script = kShells.at(*shell)(levels);
+            script.pop_back(); // the last line feed is the output's
+            output.line(script);
+            return kSuccess;
+        };
+    });
+}
+
 void declare(CommandLine& line)
 {
     line.app.require_subcommand(1);
@@ -378,6 +489,7 @@ void declare(CommandLine& line)
                                 "  orvctl settings get /protection/enabled\n\n") +
                     kExitStatuses);
     add_global_options(line);
+    add_status(line);
     add_call(line);
     add_catalogue(line);
     add_subscribe(line);
@@ -385,6 +497,7 @@ void declare(CommandLine& line)
     add_device(line);
     add_exchange(line);
     add_telemetry(line);
+    add_completion(line);
 }
 
 /// Tells what is wrong with the line, or prints what --help and --version ask for.

@@ -1,0 +1,117 @@
+"""orvctl status: everything that is known, whatever is down."""
+
+import json
+import os
+import pty
+import re
+import select
+import subprocess
+
+import world
+
+OK, UNAVAILABLE = 0, 3
+
+
+class Status(world.TestCase):
+    def setUp(self):
+        super().setUp()
+        self.one = self.world()
+
+    def status(self, expected):
+        result = self.one.orvctl("status")
+        self.assertEqual((result.returncode, result.stderr), (expected, ""), result)
+        (line,) = result.stdout.splitlines()
+        return json.loads(line)
+
+    def screen(self):
+        """What a person sees: exit status, and text by title."""
+        master, slave = pty.openpty()
+        process = subprocess.Popen([world.program("orvctl"), "status", "--color", "never"],
+                                   env=self.one.environment(TERM="xterm"), stdin=slave, stdout=slave, stderr=slave)
+        os.close(slave)
+        shown = b""
+        while select.select([master], [], [], world.DEADLINE)[0]:
+            try:
+                piece = os.read(master, 65536)
+            except OSError:
+                break  # the last process has left the terminal
+            if not piece:
+                break
+            shown += piece
+        os.close(master)
+        lines = dict(re.split(" {2,}", line, maxsplit=1) for line in shown.decode().replace("\r\n", "\n").splitlines())
+        return process.wait(world.DEADLINE), lines
+
+    def test_with_all_up_it_is_a_success(self):
+        self.one.start()
+        seen = self.status(OK)
+        self.assertEqual(list(seen), ["daemon", "exchange", "agent", "va", "devices", "telemetry"])
+        self.assertEqual(seen["daemon"], {"state": "running"})
+        self.assertEqual(seen["exchange"],
+                         {"address": "unix:path=%s/run/exchange.skt" % self.one.root, "reachable": True})
+        self.assertEqual(seen["agent"], {"version": "2.0.0.0", "registered": False, "subscription": "none",
+                                         "enabled": True, "patch_level": ""})
+
+    def test_it_shows_what_the_stores_hold(self):
+        os.mkdir(os.path.join(self.one.root, "etc"))
+        with open(os.path.join(self.one.root, "etc", "release"), "w") as release:
+            release.write("version=3.1\npatch=7\n")
+        for key, value in (("/registration/device_id", "r1"), ("/registration/user_token", "t"),
+                           ("/protection/enabled", "0"), ("/tmp/subscription/global/status", "valid"),
+                           ("/tmp/subscription/global/expiry", "0"), ("/va/schedule", '{"enabled": true}')):
+            self.one.set_setting(key, value)
+        for device in ({"did": "d1", "traffic_blocked": 1}, {"did": "d2"}, {"did": "d3"}):
+            self.one.orvctl("device", "put", json.dumps(device))
+        agent = {"version": "3.1", "registered": True, "subscription": "valid", "enabled": False, "patch_level": "7"}
+        for start, state in ((lambda: None, UNAVAILABLE), (self.one.start, OK)):
+            start()  # the daemon tells the same as the stores
+            seen = self.status(state)
+            self.assertEqual(seen["agent"], agent)
+            self.assertEqual(seen["va"], {"scheduled": True})
+            self.assertEqual(seen["devices"], {"count": 3, "blocked": 1})
+
+    def test_without_the_daemon_it_is_not_running(self):
+        self.one.start_bus()
+        seen = self.status(UNAVAILABLE)
+        self.assertEqual(seen["daemon"], {"state": "not running"})
+        self.assertTrue(seen["exchange"]["reachable"])
+        self.assertEqual(seen["devices"], {"count": 0, "blocked": 0})
+
+    def test_without_the_bus_it_is_not_reachable(self):
+        self.one.start()
+        self.one.kill_bus()
+        seen = self.status(UNAVAILABLE)
+        self.assertEqual(seen["daemon"], {"state": "running"})
+        self.assertFalse(seen["exchange"]["reachable"])
+
+    def test_waiting_telemetry_is_counted(self):
+        self.one.start()
+        listed = self.one.orvctl("telemetry", "list").stdout.splitlines()
+        self.assertGreater(len(listed), 0)
+        self.assertEqual(self.status(OK)["telemetry"], {"waiting": len(listed)})
+
+    def test_stores_that_cannot_be_opened_are_unknown(self):
+        with open(os.path.join(self.one.root, "var"), "w") as file:
+            file.write("in the way")
+        result = self.one.orvctl("status")
+        self.assertEqual(result.returncode, UNAVAILABLE)
+        seen = json.loads(result.stdout)
+        self.assertEqual(seen["devices"], {"count": None, "blocked": None})
+        self.assertEqual(seen["telemetry"], {"waiting": None})
+
+    def test_people_see_one_screen(self):
+        self.one.start()
+        status, lines = self.screen()
+        self.assertEqual(status, OK)
+        self.assertRegex(lines.pop("Telemetry"), r"^\d+ waiting$")
+        self.assertEqual(lines, {
+            "Daemon": "running", "Bus": "reachable, unix:path=%s/run/exchange.skt" % self.one.root,
+            "Agent": "version 2.0.0.0", "Registration": "not registered", "Subscription": "none", "Services": "on",
+            "Scans": "not scheduled", "Devices": "0, 0 blocked"})
+        self.one.stop_daemon()
+        status, lines = self.screen()
+        self.assertEqual((status, lines["Daemon"], lines["Services"]), (UNAVAILABLE, "not running", "on"))
+
+
+if __name__ == "__main__":
+    world.main()

@@ -1,0 +1,202 @@
+// All that is found out goes into one JSON object, which is printed as it is or as a screen. It begins with
+// what can be seen without the daemon; then the daemon's own answers take the places of what they tell. So
+// the screen is complete, but for null where nothing is known, whatever is down.
+#include "status.h"
+
+#include "exit_status.h"
+#include "json.h"
+#include "stores.h"
+
+#include <karma_outbox.h>
+#include <orvbroker/client.h>
+#include <orvdiagnosis/orvdiagnosis.h>
+#include <orvutils/version.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace orvctl {
+namespace {
+
+using orvbroker::Error;
+
+/// How long the daemon may take for one answer: it has all of these at hand.
+constexpr std::chrono::milliseconds kAnswerTimeout{5000};
+
+const char* text_of(Error error)
+{
+    switch (error) {
+    case Error::none:
+        return "running";
+    case Error::not_running:
+        return "not running";
+    case Error::not_permitted:
+        return "not permitted";
+    case Error::connection_lost:
+    case Error::timed_out:
+    case Error::malformed_answer:
+    case Error::refused:
+    case Error::invalid_argument:
+    case Error::system:
+        break;
+    }
+    return "not answering";
+}
+
+/// One command on a connection of its own, which the daemon closes after a failure. Null data for a failed
+/// one.
+Error ask(const char* command, const Options& options, Json& data)
+{
+    const auto timeout = options.timeout.value_or(kAnswerTimeout);
+    orvbroker::Client client;
+    orvbroker::Answer answer;
+    Error error = client.connect(timeout);
+    if (error == Error::none) {
+        error = client.call(command, "", answer, timeout);
+    }
+    if (error == Error::none && answer.status() == 0) {
+        const auto text = answer.data();
+        data.reset(json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr));
+    }
+    return error;
+}
+
+json_t* telemetry_waiting()
+{
+    namespace outbox = orv::karma::outbox;
+    if (outbox::open() != orv::Error::none) {
+        return json_null();
+    }
+    std::vector<outbox::Entry> entries;
+    const auto error = outbox::read(entries);
+    outbox::close();
+    return error == orv::Error::none ? json_integer(static_cast<json_int_t>(entries.size())) : json_null();
+}
+
+/// What can be seen without the daemon.
+Json look()
+{
+    const SettingsStore settings; // closed ones are null in what follows
+    const DeviceStore devices;
+    orv::diagnosis::Manager manager;
+    manager.add(orv::diagnosis::get_defaults({{"exchange", "address"},
+                                              {"exchange", "reachable"},
+                                              {"agent", "version"},
+                                              {"agent", "registered"},
+                                              {"agent", "subscription"},
+                                              {"agent", "enabled"},
+                                              {"va", "scheduled"},
+                                              {"devices", "count"},
+                                              {"devices", "blocked"}}));
+    Json seen(manager.collect());
+    json_object_set_new(json_object_get(seen.get(), "agent"), "patch_level",
+                        json_string(orv::get_patch_version().c_str()));
+    json_object_set_new(seen.get(), "telemetry", json_pack("{s:o}", "waiting", telemetry_waiting()));
+    return seen;
+}
+
+/// Lets an object's members take the places of those that `seen` has.
+void take_over(json_t* seen, json_t* members)
+{
+    if (json_is_object(seen) && json_is_object(members)) {
+        (void)json_object_update(seen, members); // without memory, what was seen stays
+    }
+}
+
+/// Lets the daemon's answers take the places of what was seen; tells how it is.
+Error ask_daemon(const Options& options, json_t* seen)
+{
+    Json report;
+    Json services;
+    Json version;
+    Error error = ask("get_status_report", options, report);
+    if (error == Error::none) {
+        error = ask("get_services_status", options, services);
+    }
+    if (error == Error::none) {
+        error = ask("get_version_info", options, version);
+    }
+    json_t* agent = json_object_get(seen, "agent");
+    take_over(agent, json_object_get(report.get(), "agent"));
+    take_over(json_object_get(seen, "va"), json_object_get(report.get(), "va"));
+    take_over(agent, version.get());
+    const json_t* status = json_object_get(services.get(), "status");
+    if (status != nullptr) {
+        (void)json_object_set_new(agent, "enabled", json_boolean(json_integer_value(status) == 1));
+    }
+    return error;
+}
+
+const json_t* at(const Json& status, const char* group, const char* name)
+{
+    return json_object_get(json_object_get(status.get(), group), name);
+}
+
+/// A value for people: texts without quotes, "unknown" for what is not known.
+std::string shown(const json_t* value)
+{
+    if (json_is_string(value)) {
+        return std::string(json_string_value(value), json_string_length(value));
+    }
+    return value == nullptr || json_is_null(value) ? "unknown" : to_text(value);
+}
+
+std::string either(const json_t* value, const char* yes, const char* no)
+{
+    return json_is_boolean(value) ? (json_is_true(value) ? yes : no) : "unknown";
+}
+
+std::string version_of(const Json& status)
+{
+    const std::string patch = shown(at(status, "agent", "patch_level"));
+    return shown(at(status, "agent", "version")) + (patch.empty() ? "" : ", patch " + patch);
+}
+
+void print_screen(const Json& status, Output& output)
+{
+    const auto row = [&](const char* title, const std::string& text) {
+        constexpr std::size_t kColumn = 14;
+        const std::string name(title);
+        output.line(output.emphasized(name) + std::string(kColumn - name.size(), ' ') + text);
+    };
+    row("Daemon", shown(at(status, "daemon", "state")));
+    row("Bus", either(at(status, "exchange", "reachable"), "reachable", "not reachable") + ", " +
+                   shown(at(status, "exchange", "address")));
+    row("Agent", "version " + version_of(status));
+    row("Registration", either(at(status, "agent", "registered"), "registered", "not registered"));
+    row("Subscription", shown(at(status, "agent", "subscription")));
+    row("Services", either(at(status, "agent", "enabled"), "on", "off"));
+    row("Scans", either(at(status, "va", "scheduled"), "scheduled", "not scheduled"));
+    row("Devices",
+        shown(at(status, "devices", "count")) + ", " + shown(at(status, "devices", "blocked")) + " blocked");
+    row("Telemetry", shown(at(status, "telemetry", "waiting")) + " waiting");
+}
+
+bool is_all_up(const Json& status, Error daemon)
+{
+    return daemon == Error::none && json_is_true(at(status, "exchange", "reachable")) &&
+           json_is_integer(at(status, "devices", "count")) &&
+           json_is_integer(at(status, "telemetry", "waiting"));
+}
+
+} // namespace
+
+int run_status(const Options& options, Output& output)
+{
+    Json seen = look();
+    if (seen == nullptr) {
+        complain("out of memory");
+        return kUnavailable;
+    }
+    const Error daemon = ask_daemon(options, seen.get());
+    const Json status(json_pack("{s:{s:s}}", "daemon", "state", text_of(daemon)));
+    take_over(status.get(), seen.get());
+    if (output.is_for_people()) {
+        print_screen(status, output);
+    } else {
+        output.json(to_text(status.get()));
+    }
+    return is_all_up(status, daemon) ? kSuccess : kUnavailable;
+}
+
+} // namespace orvctl
