@@ -6,6 +6,8 @@
 // A delimiter is searched for only among bytes that no earlier search has seen (m_searched): a long line that
 // arrives in small pieces costs time linear in its length. It follows that a buffer is read with one
 // delimiter throughout.
+//
+// Everything but reset() belongs to the thread that serves the connection and takes no lock.
 
 #include <orvutils/connection_buffer.h>
 
@@ -90,7 +92,6 @@ bool ConnectionBuffer::init(unsigned initial, unsigned maximum)
     if (initial == 0 || initial > maximum || maximum >= static_cast<unsigned>(kWouldBlock))
         return false;
     uninit();
-    const std::lock_guard<std::mutex> lock(m_mutex);
     m_storage =
         static_cast<char*>(std::malloc(initial)); // NOLINT(cppcoreguidelines-no-malloc): grown by realloc()
     if (m_storage == nullptr)
@@ -103,7 +104,6 @@ bool ConnectionBuffer::init(unsigned initial, unsigned maximum)
 
 void ConnectionBuffer::uninit()
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
     std::free(m_storage); // NOLINT(cppcoreguidelines-no-malloc)
     m_storage = m_read = m_write = nullptr;
     m_length = m_searched = 0;
@@ -112,7 +112,6 @@ void ConnectionBuffer::uninit()
 
 int ConnectionBuffer::recv(int fd, int flags)
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_length == m_maximum)
         return 0;
     if (!make_room(1))
@@ -131,7 +130,6 @@ int ConnectionBuffer::recv(int fd, int flags)
 
 char* ConnectionBuffer::get(char delimiter)
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_searched == m_length)
         return nullptr;
     char* const unseen = advance(m_storage, m_capacity, m_read, m_searched);
@@ -150,7 +148,6 @@ char* ConnectionBuffer::get(char delimiter)
 
 unsigned ConnectionBuffer::put(const void* data, unsigned length)
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
     const unsigned wanted = std::min(length, m_maximum - m_length);
     (void)make_room(wanted); // without memory for all of it, what fits is taken
     const unsigned taken = std::min(wanted, m_capacity - m_length);
@@ -164,7 +161,6 @@ unsigned ConnectionBuffer::put(const void* data, unsigned length)
 
 int ConnectionBuffer::send(int fd, int max_bytes)
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_length == 0 || max_bytes <= 0)
         return static_cast<int>(m_length);
     const unsigned limit = std::min(m_length, static_cast<unsigned>(max_bytes));

@@ -60,7 +60,7 @@ private:
     bool resize(unsigned capacity);
     void drop(unsigned bytes);
 
-    std::mutex m_mutex;
+    std::mutex m_mutex; ///< held by reset()
     char* m_storage = nullptr;
     char* m_read = nullptr;  ///< first pending byte
     char* m_write = nullptr; ///< where the next byte goes (the storage is a ring)
