@@ -22,10 +22,11 @@ using namespace uwire;
 
 int main(int argc, char** argv)
 {
-    static const option longs[] = {
-        {"connect", 1, nullptr, 'c'}, {"runs", 1, nullptr, 'n'},
+    static const option longs[] = {{"connect", 1, nullptr, 'c'},
+                                   {"runs", 1, nullptr, 'n'},
                                    {"framing", 1, nullptr, 'f'},
-                                   {"request", 1, nullptr, 'r'}, {nullptr, 0, nullptr, 0}};
+                                   {"request", 1, nullptr, 'r'},
+                                   {nullptr, 0, nullptr, 0}};
     std::string address, framing_name = "newline-len32", request;
     int runs = 11, ch;
     while ((ch = getopt_long(argc, argv, "+", longs, nullptr)) != -1) {

@@ -355,13 +355,15 @@ public:
     std::string encode(const std::string& text) override
     {
         auto p = words(text, 5);
+        if (p[0] == "event")
+            return message(4, "", "/net/orvane/exchange", "net.orvane.Exchange1", "Event", "sstay",
+                           event_body(words(text, 3)));
         if (p[0] == "call")
-            return message(1, p.at(1), p.at(2), p.at(3), p.at(4), nullptr);
+            return message(1, p.at(1), p.at(2), p.at(3), p.at(4), "", "");
         if (p[0] == "signal")
-            return message(4, "", p.at(1), p.at(2), p.at(3), &p.at(4));
-        auto rule = words(text, 2).at(1);
+            return message(4, "", p.at(1), p.at(2), p.at(3), "s", string_body(p.at(4)));
         return message(1, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "AddMatch",
-                       &rule);
+                       "s", string_body(words(text, 2).at(1)));
     }
     size_t frame(const char* data, size_t size) override
     {
@@ -404,22 +406,41 @@ private:
         s += v;
         s += '\0';
     }
-    static std::string message(char type, const std::string& dest, const std::string& path,
-                               const std::string& iface, const std::string& member, const std::string* arg)
+    static void put_string(std::string& s, const std::string& text)
+    {
+        align(s, 4);
+        put32(s, uint32_t(text.size()));
+        s += text + '\0';
+    }
+    static std::string string_body(const std::string& text)
     {
         std::string body;
-        if (arg) {
-            put32(body, uint32_t(arg->size()));
-            body += *arg + '\0';
-        }
+        put_string(body, text);
+        return body;
+    }
+    // The exchange's event: its name, who sends it, an identifier, the payload.
+    static std::string event_body(const std::vector<std::string>& p)
+    {
+        std::string body;
+        put_string(body, p.at(1));
+        put_string(body, "bench");
+        align(body, 8);
+        body += std::string("\1\0\0\0\0\0\0\0", 8);
+        put32(body, uint32_t(p.at(2).size()));
+        return body + p.at(2);
+    }
+    static std::string message(char type, const std::string& dest, const std::string& path,
+                               const std::string& iface, const std::string& member,
+                               const std::string& signature, const std::string& body)
+    {
         std::string fields; // starts at offset 16, so 8-aligned on its own
         header(fields, 1, 'o', path);
         header(fields, 2, 's', iface);
         header(fields, 3, 's', member);
         if (!dest.empty())
             header(fields, 6, 's', dest);
-        if (arg)
-            header(fields, 8, 'g', "s");
+        if (!signature.empty())
+            header(fields, 8, 'g', signature);
         std::string out{'l', type, '\0', '\1'};
         put32(out, uint32_t(body.size()));
         put32(out, 1);

@@ -55,7 +55,8 @@ public:
 // mqtt            MQTT 3.1.1: "ping", "sub TOPIC", "pub TOPIC TEXT",
 //                 "pub1 TOPIC TEXT" (QoS 1, answered by PUBACK)
 // dbus            "call DEST PATH IFACE MEMBER", "match RULE",
-//                 "signal PATH IFACE MEMBER TEXT"
+//                 "signal PATH IFACE MEMBER TEXT", "event NAME TEXT" (an event
+//                 of the agent's message exchange)
 std::unique_ptr<Framing> make_framing(const std::string& name, size_t echo_size);
 const char* framing_names();
 
