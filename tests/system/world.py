@@ -256,6 +256,13 @@ class World:
         return subprocess.run([program("orvctl"), *arguments], env=environment, stdout=subprocess.PIPE,
                               stderr=subprocess.PIPE, timeout=DEADLINE * 3, text=True, check=False, **options)
 
+    def write(self, name, text):
+        """Writes a file of the agent's, by its place under the root."""
+        path = os.path.join(self.root, name)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "w") as file:
+            file.write(text)
+
     def setting(self, key):
         """A key's value, None when it is not there."""
         result = self.orvctl("settings", "get", key)
