@@ -86,6 +86,7 @@ void print_table(const json_t* data, Output& output)
     std::vector<std::vector<std::string>> rows;
     for (std::size_t i = 0; i < json_array_size(data); ++i) {
         std::vector<std::string> row;
+        row.reserve(names.size());
         for (const auto& name : names) {
             row.push_back(cell(json_object_get(json_array_get(data, i), name.c_str())));
         }

@@ -31,6 +31,7 @@ std::string joined(const std::vector<std::string>& texts, const std::string& bet
 std::vector<std::string> texts_of(const std::vector<Word>& words)
 {
     std::vector<std::string> texts;
+    texts.reserve(words.size());
     for (const auto& word : words) {
         texts.push_back(word.text);
     }
@@ -40,6 +41,7 @@ std::vector<std::string> texts_of(const std::vector<Word>& words)
 std::vector<std::string> texts_of(const std::vector<OptionWord>& options)
 {
     std::vector<std::string> texts;
+    texts.reserve(options.size());
     for (const auto& option : options) {
         texts.push_back(option.word.text);
     }
@@ -88,14 +90,14 @@ std::string filled(std::string frame, const std::vector<std::pair<std::string, s
 }
 
 /// The branches of a case over levels, one for each whose text is not empty.
-std::string branches(const std::vector<Level>& levels, const std::string& end,
+std::string branches(const std::vector<Level>& levels,
                      const std::function<std::string(const Level&)>& text_of)
 {
     std::string out;
     for (const auto& level : levels) {
         const std::string text = text_of(level);
         if (!text.empty()) {
-            out += "            " + quoted(level.path) + ") " + text + " " + end + "\n";
+            out.append("            ").append(quoted(level.path)).append(") ").append(text).append(" ;;\n");
         }
     }
     return out;
@@ -107,9 +109,11 @@ std::string value_branches(const std::vector<Level>& levels, const std::string& 
 {
     std::string out;
     for (const auto& option : options_with_values(levels)) {
-        const std::string offer =
-            option.values.empty() ? "" : before + joined(option.values, " ") + after + "; ";
-        out += "        " + option.word.text + ") " + offer + "return ;;\n";
+        out.append("        ").append(option.word.text).append(") ");
+        if (!option.values.empty()) {
+            out.append(before).append(joined(option.values, " ")).append(after).append("; ");
+        }
+        out.append("return ;;\n");
     }
     return out;
 }
@@ -282,8 +286,8 @@ std::string bash_completion(const std::vector<Level>& levels)
         kBash, {{"VALUED", joined(texts_of(options_with_values(levels)), " | ")},
                 {"PATHS", joined(quoted_paths(levels), " | ")},
                 {"VALUES", value_branches(levels, "mapfile -t COMPREPLY < <(compgen -W '", "' -- \"$cur\")")},
-                {"OPTIONS", branches(levels, ";;", options)},
-                {"WORDS", branches(levels, ";;", words)}});
+                {"OPTIONS", branches(levels, options)},
+                {"WORDS", branches(levels, words)}});
 }
 
 std::string zsh_completion(const std::vector<Level>& levels)
@@ -303,8 +307,8 @@ std::string zsh_completion(const std::vector<Level>& levels)
     return filled(kZsh, {{"VALUED", joined(texts_of(options_with_values(levels)), "|")},
                          {"PATHS", joined(quoted_paths(levels), "|")},
                          {"VALUES", value_branches(levels, "compadd ", "")},
-                         {"OPTIONS", branches(levels, ";;", options)},
-                         {"WORDS", branches(levels, ";;", words)}});
+                         {"OPTIONS", branches(levels, options)},
+                         {"WORDS", branches(levels, words)}});
 }
 
 std::string fish_completion(const std::vector<Level>& levels)

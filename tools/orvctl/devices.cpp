@@ -59,7 +59,7 @@ std::string addresses_of(const Device& device)
     }
     std::string all;
     for (const auto& [mac, addresses] : found) {
-        all += (all.empty() ? "" : ", ") + mac + addresses;
+        all.append(all.empty() ? "" : ", ").append(mac).append(addresses);
     }
     return all;
 }
