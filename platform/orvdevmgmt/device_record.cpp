@@ -6,6 +6,8 @@
 
 #include "device_fields.h"
 
+#include <jansson.h>
+
 #include <cstdint>
 #include <map>
 
@@ -96,6 +98,15 @@ bool decode_mac(Reader& reader, Device& device)
 
 } // namespace
 
+bool is_device_id(std::string_view text)
+{
+    if (text.empty() || text.find('\0') != std::string_view::npos)
+        return false;
+    json_t* const json = json_stringn(text.data(), text.size()); // null for what is not UTF-8
+    json_decref(json);
+    return json != nullptr;
+}
+
 std::string encode_device(const Device& device)
 {
     std::string bytes(1, kVersion);
@@ -128,7 +139,7 @@ bool decode_device(std::string_view bytes, Device& device)
     for (std::uint32_t count = reader.number(); count > 0 && reader.is_sound(); --count)
         if (!decode_mac(reader, device))
             return false;
-    return reader.is_at_end() && !device.did.empty() && blocked <= 1;
+    return reader.is_at_end() && is_device_id(device.did) && blocked <= 1;
 }
 
 std::string encode_change(const Change& change)
@@ -147,7 +158,7 @@ bool decode_change(std::string_view bytes, Change& change)
     change.did = reader.text();
     change.field = reader.text();
     change.record = reader.text();
-    if (!reader.is_at_end() || static_cast<unsigned char>(type.front()) > 2)
+    if (!reader.is_at_end() || static_cast<unsigned char>(type.front()) > 2 || !is_device_id(change.did))
         return false;
     change.type = static_cast<DevInfoChangeType>(type.front());
     return true;

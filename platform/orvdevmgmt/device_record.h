@@ -8,6 +8,9 @@
 /// What the device store holds, as bytes. Equal contents have equal bytes.
 namespace orv::devMgmt {
 
+/// Whether a text can identify a device: it must be able to stand in JSON, so it is UTF-8 without NUL.
+[[nodiscard]] bool is_device_id(std::string_view text);
+
 [[nodiscard]] std::string encode_device(const Device& device);
 /// False for bytes that are no device; `device` is then in an unspecified state.
 [[nodiscard]] bool decode_device(std::string_view bytes, Device& device);

@@ -28,7 +28,7 @@ std::string mac_prefix(const sockutl::macaddr& mac)
 
 bool is_possible(const Device& device)
 {
-    if (device.did.empty() || device.did.size() > kMaxDeviceIdSize)
+    if (!is_device_id(device.did) || device.did.size() > kMaxDeviceIdSize)
         return false;
     if (device.traffic_blocked != 0 && device.traffic_blocked != 1)
         return false;

@@ -116,13 +116,15 @@ TEST_F(DeviceStoreTest, The_index_follows_changes_and_removals)
 TEST_F(DeviceStoreTest, Impossible_devices_are_error_1_and_change_nothing)
 {
     ASSERT_EQ(put_device(make_device("d1")), 0);
-    std::vector<Device> impossible(6, make_device("d1"));
+    std::vector<Device> impossible(8, make_device("d1"));
     impossible[0].did = "";
     impossible[1].did = std::string(256, 'd');
     impossible[2].traffic_blocked = 2;
     impossible[3].macs[macaddr("no mac")];
     impossible[4].macs[macaddr(kMac3)].insert(orv::sockutl::address(":abstract"));
     impossible[5].display_name = std::string(kMaxRecordSize, 'n');
+    impossible[6].did = "\xff\xfe"; // no UTF-8
+    impossible[7].did = std::string("d\0", 2);
     for (const Device& device : impossible) {
         EXPECT_EQ(put_device(device), -1);
         EXPECT_EQ(orv::_get_orverrno(), 1);
