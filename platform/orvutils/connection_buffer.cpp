@@ -13,6 +13,9 @@
 
 #include <orvutils/log_format.h>
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -26,6 +29,18 @@
 namespace orv {
 
 namespace {
+
+/// A buffer that has grown beyond this held an answer that took much memory to make.
+constexpr unsigned kLarge = 64 * 1024;
+
+/// What made a large answer is freed by now, in many small pieces. glibc keeps such memory for itself unless it
+/// is told; other C libraries give it back by themselves.
+void give_memory_back()
+{
+#ifdef __GLIBC__
+    (void)malloc_trim(0);
+#endif
+}
 
 /// Up to two stretches of memory, in order; unused ones are empty.
 using Stretches = std::array<iovec, 2>;
@@ -223,8 +238,12 @@ void ConnectionBuffer::drop(unsigned bytes)
     if (m_length != 0)
         return;
     m_read = m_write = m_storage;
-    if (m_capacity > m_initial)
-        (void)resize(m_initial); // else it stays as large as it is
+    if (m_capacity == m_initial)
+        return;
+    const bool was_large = m_capacity > kLarge;
+    (void)resize(m_initial); // else it stays as large as it is
+    if (was_large)
+        give_memory_back();
 }
 
 } // namespace orv
