@@ -6,10 +6,11 @@
 //     show ID                  -> that form of a stored device
 //     remove ID
 //     rename ID NAME COUNT     that many changes of one field: the display name becomes NAME and a number
-//     crowd PREFIX COUNT MAC   that many new devices, called PREFIX and a number; MAC is the first half of
-//     theirs plant ID HEX             bytes where a record is expected record ID                -> the bytes
-//     of a record churn ID                 puts and removes a device for ever; answers "churning" once lock
-//     KEY                 the lock of a settings key, held to the end of this program
+//     crowd PREFIX COUNT MAC   that many new devices, called PREFIX and a number; MAC is the first half of theirs
+//     plant ID HEX             bytes where a record is expected
+//     record ID                -> the bytes of a record
+//     churn ID                 puts and removes a device for ever; answers "churning" once
+//     lock KEY                 the lock of a settings key, held to the end of this program
 
 #include "device_store.h"
 #include "device_writer.h"
