@@ -194,7 +194,7 @@ int exec_script(const std::vector<std::vector<std::string>>& commands, const std
             text += (text.back() == '[' ? "" : " ") + word;
         text += "]";
     }
-    return platform().fails(text + ")") ? -platform().error() : 0;
+    return platform().fails(text + ")") ? -platform().error() : platform().script_result;
 }
 
 std::optional<std::string> get_release_version()

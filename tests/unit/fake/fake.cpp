@@ -7,6 +7,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -145,6 +146,14 @@ void Fake::fail(std::string call, int occurrence, int error)
 void Fake::fail_from(std::string call, int occurrence, int error)
 {
     m_failures.push_back({std::move(call), occurrence, true, error});
+}
+
+bool Fake::forget_failures()
+{
+    const bool all_done = std::all_of(m_failures.begin(), m_failures.end(),
+                                      [](const Failure& failure) { return failure.occurrence <= 0; });
+    m_failures.clear();
+    return all_done;
 }
 
 bool Fake::is_planned(const std::string& text)

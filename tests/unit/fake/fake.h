@@ -2,6 +2,7 @@
 
 #include <orvdevmgmt/orvdevmgmt.h>
 #include <orvexchange/orvexchange.h>
+#include <orvutils/featureutl.h>
 #include <orvutils/setmgmt.h>
 
 #include <jansson.h>
@@ -17,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -117,11 +119,15 @@ public:
     /// on. `error` is errno and the platform's error number; 0 stands for EIO and 2.
     void fail(std::string call, int occurrence = 1, int error = 0);
     void fail_from(std::string call, int occurrence = 1, int error = 0);
+    /// Nothing fails any more by its text. False when something that was to fail never came.
+    [[nodiscard]] bool forget_failures();
     /// The n-th call (from 1, since the beginning) fails of those that can.
     void fail_nth(std::size_t n) { m_fail_nth = n; }
-    /// The n-th request for memory of a kind from now on gets none: "malloc", "new" or "new[]" (those without
-    /// exceptions). Only the code of the daemon and of the platform's values is meant, not that of libraries.
+    /// The n-th request for memory of a kind from now on gets none, 0 for never: "malloc", "strdup", "new" or
+    /// "new[]" (those without exceptions). Only the code of the daemon and of the platform's values is meant, not that of libraries.
     void fail_memory(const std::string& kind, unsigned n = 1) { m_memory[kind] = n; }
+    /// Whether that has happened.
+    [[nodiscard]] bool memory_failed(const std::string& kind) const { return m_memory.at(kind) == 0; }
     /// The n-th memory request of jansson (from 1) from now on gets none; 0 for never. `onwards`: all later
     /// ones too.
     void fail_json_allocation(unsigned n, bool onwards = false);
@@ -147,11 +153,15 @@ public:
 
     std::map<std::string, std::string> settings;
     std::map<std::string, int> setting_errors; ///< keys whose every use fails with that error number
+    std::set<std::string> locked;              ///< keys that were locked and not unlocked since
+    std::optional<std::vector<featureutl::Feature>> features; ///< what is listed, none for all that there are
+    std::set<featureutl::Feature> stubborn_features;          ///< keep their state whatever it is set to
     std::map<std::string, devMgmt::Device> devices;
     std::list<ChangeCallback> change_callbacks;
     std::vector<std::string> outbox; ///< telemetry events as JSON texts
     std::optional<std::string> release_version = "1.2.3";
     std::string patch_version = "4";
+    int script_result = 0;        ///< of a script that does not fail
     std::string root;             ///< directory of the common paths, which have their numbers as names
     std::time_t now = 1700000000; ///< what time() gives
 

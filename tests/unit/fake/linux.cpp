@@ -70,6 +70,7 @@ ssize_t __real_send(int fd, const void* data, std::size_t size, int flags);
 FILE* __real_fopen(const char* path, const char* mode);
 int __real_fclose(FILE* file);
 void* __real_malloc(std::size_t size);
+char* __real_strdup(const char* text);
 
 int __wrap_epoll_create(int size)
 {
@@ -201,6 +202,11 @@ int __wrap_fclose(FILE* file)
 void* __wrap_malloc(std::size_t size)
 {
     return no_memory("malloc") ? nullptr : __real_malloc(size);
+}
+
+char* __wrap_strdup(const char* text)
+{
+    return no_memory("strdup") ? nullptr : __real_strdup(text);
 }
 
 // operator new and new[]; their names hold what std::size_t is. Where the C++ runtime is linked statically

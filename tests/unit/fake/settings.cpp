@@ -138,11 +138,15 @@ int enumSubkeys(const std::string& key, std::vector<std::string>& names)
 
 int lockKey(const std::string& key)
 {
-    return use("lockKey", key);
+    const int result = use("lockKey", key);
+    if (result >= 0)
+        platform().locked.insert(key);
+    return result;
 }
 
 int unlockKey(const std::string& key)
 {
+    platform().locked.erase(key); // as far as the daemon is concerned, also when it fails
     return use("unlockKey", key);
 }
 
@@ -239,6 +243,9 @@ void uninit()
 
 std::vector<Feature> list_features()
 {
+    platform().note("featureutl::list_features()");
+    if (platform().features)
+        return *platform().features;
     std::vector<Feature> features;
     features.reserve(kNames.size());
     for (const auto& name : kNames)
@@ -282,7 +289,8 @@ int set_feature(Feature feature, FeatureStatus status)
                          ")") ||
         feature == Feature::unknown || status == FeatureStatus::unknown)
         return 0;
-    platform().settings[key_of(feature)] = text;
+    if (platform().stubborn_features.count(feature) == 0)
+        platform().settings[key_of(feature)] = text;
     return 1;
 }
 
@@ -355,8 +363,11 @@ OrvleasesMode get_orvleases_mode()
 {
     platform().note("get_orvleases_mode()");
     const auto found = platform().settings.find("/leases/mode");
-    return found != platform().settings.end() && found->second == "orvleases-ng" ? OrvleasesMode::ng
-                                                                                 : OrvleasesMode::orv;
+    const std::string mode = found == platform().settings.end() ? "" : found->second;
+    int number = 0;
+    if (parse(mode, number)) // one that the library has no name for
+        return static_cast<OrvleasesMode>(number);
+    return mode == "orvleases-ng" ? OrvleasesMode::ng : OrvleasesMode::orv;
 }
 
 std::string_view orvleases_mode_to_str(OrvleasesMode mode)
