@@ -302,13 +302,6 @@ void find_devices(const json_t* ids, std::vector<devMgmt::Device>& devices)
     }
 }
 
-std::string first_v4_text(const std::set<sockutl::address>& addresses)
-{
-    const auto found =
-        std::find_if(addresses.begin(), addresses.end(), [](const auto& a) { return a.is_v4(); });
-    return found == addresses.end() ? std::string() : found->to_string(false);
-}
-
 JsonPtr macs_to_json(const devMgmt::Device& device)
 {
     JsonPtr macs(json_array());

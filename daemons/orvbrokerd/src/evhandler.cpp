@@ -321,6 +321,7 @@ Result process_request(std::string_view type, const json_t* root, Request& reque
 std::vector<std::string_view> command_names()
 {
     std::vector<std::string_view> names;
+    names.reserve(kCommands.size());
     for (const Command& command : kCommands)
         names.push_back(command.name);
     return names;

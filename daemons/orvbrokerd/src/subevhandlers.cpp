@@ -10,6 +10,7 @@
 #include <orvutils/setmgmt.h>
 #include <orvutils/subs.h>
 
+#include <algorithm>
 #include <cstring>
 #include <set>
 
@@ -22,6 +23,13 @@ const std::vector<std::string> g_dev_info_fields{
 
 std::unordered_map<std::string, std::string> g_events_cache;
 std::mutex g_events_cache_mutex;
+
+std::string first_v4_text(const std::set<sockutl::address>& addresses)
+{
+    const auto is_v4 = [](const sockutl::address& address) { return address.is_v4(); };
+    const auto found = std::find_if(addresses.begin(), addresses.end(), is_v4);
+    return found == addresses.end() ? std::string() : found->to_string(false);
+}
 
 namespace {
 
@@ -41,14 +49,6 @@ std::string field_value(const devMgmt::Device& dev, const std::string& field)
         return dev.friendly_name;
     if (field == "traffic_blocked")
         return fmt::format_int(dev.traffic_blocked).str();
-    return {};
-}
-
-std::string first_v4_text(const std::set<sockutl::address>& addresses)
-{
-    for (const auto& address : addresses)
-        if (address.is_v4())
-            return address.to_string(false);
     return {};
 }
 
