@@ -42,9 +42,9 @@ bool is_possible(const Device& device)
     return true;
 }
 
-/// Removes a device from the index. Looks through all of it, so that not even a malformed record leaves
-/// traces.
-Error clear_index(LmdbWrite& transaction, std::string_view did)
+/// Removes a device from the index by looking through all of it: for a malformed record, which does not say
+/// where it is indexed.
+Error sweep_index(LmdbWrite& transaction, std::string_view did)
 {
     LmdbCursor cursor(transaction, kMacIndex);
     for (bool found = cursor.first(); found; found = cursor.next()) {
@@ -56,10 +56,22 @@ Error clear_index(LmdbWrite& transaction, std::string_view did)
     return cursor.error();
 }
 
+/// Removes a device from the index, by its stored record.
+Error clear_index(LmdbWrite& transaction, const std::string& did, std::string_view record)
+{
+    Device device;
+    if (!decode_device(record, device))
+        return sweep_index(transaction, did);
+    for (const auto& entry : device.macs) {
+        const Error error = transaction.remove(kMacIndex, mac_prefix(entry.first) + did);
+        if (error != Error::none && error != Error::no_such_key)
+            return error;
+    }
+    return Error::none;
+}
+
 Error write_index(LmdbWrite& transaction, const Device& device)
 {
-    if (const Error error = clear_index(transaction, device.did); error != Error::none)
-        return error;
     for (const auto& entry : device.macs)
         if (const Error error = transaction.put(kMacIndex, mac_prefix(entry.first) + device.did, {});
             error != Error::none)
@@ -102,6 +114,8 @@ Error put(const Device& device)
         return Error::none;
     const std::string old_record(found);
     Error error = transaction.put(kDevices, device.did, record);
+    if (error == Error::none && looked_up == Error::none)
+        error = clear_index(transaction, device.did, old_record);
     if (error == Error::none)
         error = write_index(transaction, device);
     if (error == Error::none)
@@ -123,7 +137,7 @@ Error remove(const std::string& did)
     const Change change{DevInfoChangeType::removed, did, {}, std::string(record)};
     error = transaction.remove(kDevices, did);
     if (error == Error::none)
-        error = clear_index(transaction, did);
+        error = clear_index(transaction, did, change.record);
     if (error == Error::none)
         error = append_change(transaction, change);
     return error == Error::none ? transaction.commit() : error;
