@@ -13,10 +13,9 @@ if(ORV_FUZZ)
   target_compile_options(orv_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 if(ORV_SANITIZE)
-  # Not vptr: to look at an object, that check first asks the kernel by way of a pipe whether its memory can be read,
-  # and takes a process that has run out of descriptors, as one of the tests does, for one with a broken object.
   target_compile_options(orv_options INTERFACE
-    -fsanitize=address,undefined -fno-sanitize=vptr -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
+    $<$<CXX_COMPILER_ID:Clang>:-fsanitize-ignorelist=${CMAKE_SOURCE_DIR}/cmake/sanitizer-ignore.txt>)
   target_link_options(orv_options INTERFACE -fsanitize=address,undefined)
 else()
   if(ORV_STATIC_LIBRARIES)

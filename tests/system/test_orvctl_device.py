@@ -2,9 +2,6 @@
 
 import json
 import os
-import pty
-import select
-import subprocess
 
 import world
 
@@ -13,25 +10,6 @@ OK, FAILED, USAGE, UNAVAILABLE = 0, 1, 2, 3
 TV = {"did": "d1", "owner": "r1", "macs": {"aa:bb:cc:00:00:01": ["192.168.1.20", "fe80::1"]},
       "display_name": "TV", "friendly_name": "", "device_type": "tv", "device_os": "", "device_os_version": "",
       "device_manufacturer": "", "last_va_scan_ts": "", "traffic_blocked": 0}
-
-
-def run_on_terminal(one, *arguments):
-    """Runs orvctl on a terminal of its own; returns its exit status and what the terminal showed."""
-    master, slave = pty.openpty()
-    process = subprocess.Popen([world.program("orvctl"), *arguments, "--color", "never"],
-                               env=one.environment(TERM="xterm"), stdin=slave, stdout=slave, stderr=slave)
-    os.close(slave)
-    shown = b""
-    while select.select([master], [], [], world.DEADLINE)[0]:
-        try:
-            piece = os.read(master, 65536)
-        except OSError:
-            break  # the last process has left the terminal
-        if not piece:
-            break
-        shown += piece
-    os.close(master)
-    return process.wait(world.DEADLINE), shown.decode().replace("\r\n", "\n")
 
 
 class Devices(world.TestCase):
@@ -124,7 +102,7 @@ class Devices(world.TestCase):
     def test_people_see_devices_as_a_table(self):
         self.device("put", json.dumps({**TV, "friendly_name": "Big \u20ac\x1b[2J\u009b", "traffic_blocked": 1}))
         self.device("put", '{"did": "a-longer-id", "owner": "r1"}')
-        self.assertEqual(run_on_terminal(self.one, "device", "list"), (OK, (
+        self.assertEqual(self.one.orvctl_on_terminal("device", "list"), (OK, (
             "ID           NAME        TYPE  BLOCKED  OWNER  ADDRESSES\n"
             "a-longer-id                    no       r1     \n"
             "d1           Big \u20ac?[2J?  tv    yes      r1     aa:bb:cc:00:00:01 192.168.1.20 fe80::1\n")))
@@ -144,7 +122,7 @@ class Answers(world.ServedTestCase):
                          [("d1", [{"mac": "aa:bb:cc:00:00:01", "ip": "192.168.1.20"}])])
 
     def test_people_see_an_answer_that_is_a_list_of_objects_as_a_table(self):
-        status, shown = run_on_terminal(self.served, "call", "get_devices", '["d1"]')
+        status, shown = self.served.orvctl_on_terminal("call", "get_devices", '["d1"]')
         self.assertEqual(status, OK)
         titles, row = shown.splitlines()
         self.assertEqual(titles.split()[:3], ["MACS", "DID", "DISPLAY_NAME"])
@@ -152,12 +130,12 @@ class Answers(world.ServedTestCase):
         self.assertEqual(row[titles.index("TRAFFIC_BLOCKED")], "0")
 
     def test_an_empty_list_and_other_answers_stay_json(self):
-        self.assertIn('"data": []', run_on_terminal(self.served, "call", "get_router_interfaces")[1])
-        self.assertIn('"status": 1', run_on_terminal(self.served, "call", "get_services_status")[1])
-        self.assertIn('"protection"', run_on_terminal(self.served, "call", "list_all_features")[1])
+        self.assertIn('"data": []', self.served.orvctl_on_terminal("call", "get_router_interfaces")[1])
+        self.assertIn('"status": 1', self.served.orvctl_on_terminal("call", "get_services_status")[1])
+        self.assertIn('"protection"', self.served.orvctl_on_terminal("call", "list_all_features")[1])
 
     def test_with_json_a_terminal_shows_the_answer_as_received(self):
-        status, shown = run_on_terminal(self.served, "call", "get_devices", "--json")
+        status, shown = self.served.orvctl_on_terminal("call", "get_devices", "--json")
         self.assertEqual(status, OK)
         self.assertEqual(json.loads(shown)["data"][0]["did"], "d1")
 

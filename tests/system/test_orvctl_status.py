@@ -2,10 +2,7 @@
 
 import json
 import os
-import pty
 import re
-import select
-import subprocess
 
 import world
 
@@ -25,22 +22,9 @@ class Status(world.TestCase):
 
     def screen(self):
         """What a person sees: exit status, and text by title."""
-        master, slave = pty.openpty()
-        process = subprocess.Popen([world.program("orvctl"), "status", "--color", "never"],
-                                   env=self.one.environment(TERM="xterm"), stdin=slave, stdout=slave, stderr=slave)
-        os.close(slave)
-        shown = b""
-        while select.select([master], [], [], world.DEADLINE)[0]:
-            try:
-                piece = os.read(master, 65536)
-            except OSError:
-                break  # the last process has left the terminal
-            if not piece:
-                break
-            shown += piece
-        os.close(master)
-        lines = dict(re.split(" {2,}", line, maxsplit=1) for line in shown.decode().replace("\r\n", "\n").splitlines())
-        return process.wait(world.DEADLINE), lines
+        status, shown = self.one.orvctl_on_terminal("status")
+        lines = dict(re.split(" {2,}", line, maxsplit=1) for line in shown.splitlines())
+        return status, lines
 
     def test_with_all_up_it_is_a_success(self):
         self.one.start()

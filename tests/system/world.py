@@ -6,6 +6,7 @@ here waits for time to pass: every wait is for something that can be observed, w
 
 import json
 import os
+import pty
 import re
 import select
 import shutil
@@ -255,6 +256,24 @@ class World:
         environment = self.environment(**options.pop("env", {}))
         return subprocess.run([program("orvctl"), *arguments], env=environment, stdout=subprocess.PIPE,
                               stderr=subprocess.PIPE, timeout=DEADLINE * 3, text=True, check=False, **options)
+
+    def orvctl_on_terminal(self, *arguments):
+        """Runs orvctl on a terminal of its own; returns its exit status and what the terminal showed."""
+        master, slave = pty.openpty()
+        process = subprocess.Popen([program("orvctl"), *arguments, "--color", "never"],
+                                   env=self.environment(TERM="xterm"), stdin=slave, stdout=slave, stderr=slave)
+        os.close(slave)
+        shown = b""
+        while select.select([master], [], [], DEADLINE)[0]:
+            try:
+                piece = os.read(master, 65536)
+            except OSError:
+                break  # the last process has left the terminal
+            if not piece:
+                break
+            shown += piece
+        os.close(master)
+        return process.wait(DEADLINE), shown.decode().replace("\r\n", "\n")
 
     def write(self, name, text):
         """Writes a file of the agent's, by its place under the root."""
