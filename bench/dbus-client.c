@@ -1,10 +1,10 @@
 /* dbus-client - what a program that uses libdbus sees: blocking method calls,
  * one after the other, for S seconds.
  *
- *   dbus-client ADDRESS SECONDS service|bus [connect]
+ *   dbus-client ADDRESS SECONDS service|bus|NAME [connect]
  *
- * "service" calls the method of dbus-service, "bus" one that the bus daemon
- * answers itself. With "connect" every call is made on a new connection.
+ * "service" calls the method of dbus-service, NAME that of one that has taken
+ * this bus name, "bus" one that the bus daemon answers itself. With "connect" every call is made on a new connection.
  * Prints one line of key=value pairs, as uload does.
  */
 #include <dbus/dbus.h>
@@ -49,6 +49,7 @@ int main(int argc, char **argv)
     if (argc < 4)
         return 2;
     int bus = strcmp(argv[3], "bus") == 0, churn = argc > 4;
+    const char *name = strcmp(argv[3], "service") == 0 ? "org.example.Bench" : argv[3];
     double seconds = atof(argv[2]);
     size_t room = 1 << 22, n = 0;
     double *took = malloc(room * sizeof *took);
@@ -60,8 +61,7 @@ int main(int argc, char **argv)
         DBusMessage *m = bus
             ? dbus_message_new_method_call("org.freedesktop.DBus", "/org/freedesktop/DBus",
                                            "org.freedesktop.DBus", "GetId")
-            : dbus_message_new_method_call("org.example.Bench", "/bench",
-                                           "org.example.Bench", "Status");
+            : dbus_message_new_method_call(name, "/bench", "org.example.Bench", "Status");
         DBusError e = DBUS_ERROR_INIT;
         DBusMessage *r = dbus_connection_send_with_reply_and_block(c, m, 5000, &e);
         if (!r) {
