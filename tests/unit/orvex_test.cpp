@@ -364,6 +364,56 @@ TEST_F(Exchange, RequestsAreAnsweredEachToItsOwnClientInAnyOrder)
     }
 }
 
+TEST_F(Exchange, RequestsOfOneClientAreAllHandledButItGetsOnlyTheFirstAnswerThatComes)
+{
+    Peer peer = connect();
+    ASSERT_EQ(send_request(peer), 1);
+    ASSERT_EQ(send_request(peer), 1);
+    g_called.result = 11;
+    answer(1, "first");
+    g_called.result = 12;
+    answer(0, "second");
+
+    EXPECT_THAT(g_called.texts, ElementsAre("first", "second"));
+    EXPECT_TRUE(peer.conn->close_after_send);
+    EXPECT_FALSE(drain(peer));
+    EXPECT_EQ(peer.client.bytes(), framed(R"({"data": null, "status": 11})"));
+    EXPECT_TRUE(peer.client.is_closed());
+}
+
+TEST_F(Exchange, RequestsOfOneClientLeaveItsFirstAnswerAloneWhenTheSecondCannotBeBuilt)
+{
+    Peer peer = connect();
+    ASSERT_EQ(send_request(peer), 1);
+    ASSERT_EQ(send_request(peer), 1);
+    answer(0, "first");
+    g_called.leaves_no_value = true;
+    answer(0, "second");
+
+    EXPECT_THAT(g_called.texts, ElementsAre("first", "second"));
+    EXPECT_FALSE(peer.conn->close_requested);
+    EXPECT_TRUE(peer.conn->close_after_send);
+    EXPECT_FALSE(drain(peer));
+    EXPECT_EQ(peer.client.bytes(), framed(R"({"data": null, "status": 0})"));
+    EXPECT_TRUE(peer.client.is_closed());
+}
+
+TEST_F(Exchange, RequestsOfOneClientAnswerNobodyAfterTheFirstAnswerCouldNotBeBuilt)
+{
+    const Peer peer = connect();
+    ASSERT_EQ(send_request(peer), 1);
+    ASSERT_EQ(send_request(peer), 1);
+    g_called.leaves_no_value = true;
+    answer(0, "first");
+    g_called.leaves_no_value = false;
+    answer(0, "second");
+
+    EXPECT_THAT(g_called.texts, ElementsAre("first", "second"));
+    EXPECT_TRUE(peer.conn->close_requested);
+    EXPECT_FALSE(peer.conn->close_after_send);
+    EXPECT_EQ(peer.conn->tx.pending(), 0U);
+}
+
 TEST_F(Exchange, RequestWhoseClientHasGoneIsHandledButAnswersNobody)
 {
     Peer gone = connect();

@@ -3,8 +3,9 @@
 //
 // An answer can come long after its client has gone, and by then another client may have the same descriptor
 // or stand at the same address in memory. So every request in flight is in one list, and a connection that
-// ends is taken out of it: the answer's callback still runs for its effects, but nobody is answered. Requests
-// that are in flight when the daemon stops are never answered; what they hold goes with the process.
+// ends, or gets an answer, is taken out of it: further answers' callbacks still run for their effects, but
+// nobody is answered. Requests that are in flight when the daemon stops are never answered; what they hold
+// goes with the process.
 
 #include "orvex.h"
 
@@ -70,8 +71,10 @@ void orvex_response_trampoline(void* arg, const Message* response)
     json_t* out = json_null();
     const Result result = context->callback(response, out, context->arg);
     const TextPtr text(build_response(result, out));
-    if (context->connection)
-        answer_connection(context->connection, text.get(), context->epoll_fd);
+    if (!context->connection)
+        return;
+    orvex_forget_waiting(context->connection); // its last frame: further answers may come before it is sent
+    answer_connection(context->connection, text.get(), context->epoll_fd);
 }
 
 } // namespace
