@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <iterator>
 #include <list>
 #include <mutex>
 #include <unordered_map>
