@@ -47,8 +47,9 @@ void orvex_del_sub(const std::string& event, const Connection* conn);
 [[nodiscard]] int orvex_process_event(const Message* msg, int epoll_fd);
 
 /// Sends a request whose answer goes to `conn`: the callback makes it, the connection gets it as its last
-/// frame. Of several requests in flight for it, only the first one answered is; all callbacks are called.
-/// 1 when sent; 0 when not, then the callback will not be called and `arg` stays the caller's.
+/// frame. Of several requests in flight for it, the first answer that comes is that frame; the others only
+/// run their callbacks. 1 when sent; 0 when not, then the callback will not be called and `arg` stays the
+/// caller's.
 [[nodiscard]] int orvex_send_req(const std::string& name, const char* payload, ResponseCallback callback,
                                  void* arg, Connection* conn, int epoll_fd);
 
