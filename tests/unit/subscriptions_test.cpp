@@ -175,6 +175,32 @@ TEST_F(Subscription, OfOneEndingLeavesTheOthersTheirEventsFromTheExchange)
     EXPECT_EQ(second.client.frame(), "{}");
 }
 
+TEST_F(Subscription, OfOneClosedOnRequestLeavesTheOthersTheirsInBothTables)
+{
+    Peer first = subscribe("va_status_changed");
+    Peer second = subscribe("va_status_changed");
+    destroy(first);
+
+    EXPECT_EQ(find_connections("va_status_changed"), all({&second}));
+    EXPECT_THAT(platform->subscribed, ElementsAre("va_status_changed", "registration_status_changed"));
+    platform->deliver("va_status_changed", "{}");
+    read_exchange();
+    ASSERT_TRUE(drain(second));
+    EXPECT_EQ(second.client.frame(), "{}");
+}
+
+TEST_F(Subscription, OfTheLastOneClosedOnRequestEndsOnTheExchangeAtOnce)
+{
+    for (const char* event : {"device_discovery", "orvagent_started", "va_status_changed"}) {
+        SCOPED_TRACE(event);
+        Peer peer = subscribe(event);
+        ASSERT_EQ(platform->subscribed.size(), 2U);
+        destroy(peer);
+        EXPECT_THAT(platform->subscribed, ElementsAre("registration_status_changed"));
+        EXPECT_EQ(g_client_subscriptions.count(event), 0U);
+    }
+}
+
 TEST_F(Subscription, EndsOnTheExchangeWithOneNewList)
 {
     Peer first = subscribe("va_status_changed");
