@@ -15,6 +15,14 @@ namespace {
 
 Orvex g_handle;
 
+/// A call's text, which shows when the handle is not the one that the daemon was given.
+std::string call(const std::string& function, std::string arguments, const Orvex* handle)
+{
+    if (handle != &g_handle)
+        arguments += std::string(arguments.empty() ? "" : ", ") + (handle ? "other handle" : "no handle");
+    return function + "(" + arguments + ")";
+}
+
 } // namespace
 
 MessageRecord::MessageRecord(const std::string& type, const std::string& data, std::uint64_t id,
@@ -99,24 +107,24 @@ Orvex* orvex_init_eventloop(const char* name, void (*event_callback)(const Messa
 
 int orvex_get_fd(Orvex* orvex)
 {
-    return Fake::current()->fails("orvex_get_fd()") ? -1 : orvex->fd;
+    return Fake::current()->fails(orv::fake::call("orvex_get_fd", "", orvex)) ? -1 : orvex->fd;
 }
 
-int orvex_read_fd(Orvex* /*orvex*/)
+int orvex_read_fd(Orvex* orvex)
 {
-    Fake::current()->note("orvex_read_fd()");
+    Fake::current()->note(orv::fake::call("orvex_read_fd", "", orvex));
     Fake::current()->read_exchange();
     return 0;
 }
 
-int orvex_subscribe(Orvex* /*orvex*/, const char** names, int count)
+int orvex_subscribe(Orvex* orvex, const char** names, int count)
 {
     Fake* fake = Fake::current();
     fake->subscribed.assign(names, names + count);
     std::string text;
     for (const auto& name : fake->subscribed)
         text += (text.empty() ? "" : ", ") + name;
-    return fake->fails("orvex_subscribe(" + text + ")") ? -1 : 0;
+    return fake->fails(orv::fake::call("orvex_subscribe", text, orvex)) ? -1 : 0;
 }
 
 int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::size_t length,
@@ -124,7 +132,8 @@ int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::si
 {
     Fake* fake = Fake::current();
     const std::string payload(data, length);
-    if (fake->fails("orvex_send_request(" + std::string(name) + ", " + payload + ")") || !orvex)
+    if (fake->fails(orv::fake::call("orvex_send_request", std::string(name) + ", " + payload, orvex)) ||
+        !orvex)
         return -1;
     fake->requests.push_back({name, payload, response_callback, arg});
     return 0;
@@ -133,24 +142,25 @@ int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::si
 int orvex_send_message(Orvex* orvex, const char* name, const char* data, std::size_t length)
 {
     const std::string payload(data, length);
-    const bool failing =
-        Fake::current()->fails("orvex_send_message(" + std::string(name) + ", " + payload + ")");
+    const bool failing = Fake::current()->fails(
+        orv::fake::call("orvex_send_message", std::string(name) + ", " + payload, orvex));
     return failing || !orvex ? -1 : 0;
 }
 
 int orvex_send_response(Orvex* orvex, int status, std::uint64_t request_id, const char* data,
                         std::size_t length)
 {
-    const bool failing =
-        Fake::current()->fails("orvex_send_response(" + std::to_string(status) + ", " +
-                               std::to_string(request_id) + ", " + std::string(data, length) + ")");
+    const bool failing = Fake::current()->fails(orv::fake::call(
+        "orvex_send_response",
+        std::to_string(status) + ", " + std::to_string(request_id) + ", " + std::string(data, length),
+        orvex));
     return failing || !orvex ? -1 : 0;
 }
 
 void orvex_uninit(Orvex* orvex)
 {
     Fake* fake = Fake::current();
-    fake->note("orvex_uninit()");
+    fake->note(orv::fake::call("orvex_uninit", "", orvex));
     fake->requests.clear(); // what is in flight is dropped
     const Fake::Paused paused;
     close(orvex->fd);
