@@ -235,6 +235,18 @@ TEST_F(Exchange, EventGoesThroughEachCallbackToItsConnectionsWhichAreThenWatched
         orvex_del_sub("x", peer->conn);
 }
 
+TEST_F(Exchange, EventHasItsConnectionsWatchedOnTheDescriptorGiven)
+{
+    const Peer peer = connect();
+    const OtherEpoll other;
+    orvex_add_sub("x", peer.conn, second_callback);
+    const MessageRecord message("x", "{}");
+    EXPECT_EQ(orvex_process_event(message.get(), other.fd()), 0);
+    EXPECT_EQ(watched_for(peer, other.fd()), EPOLLIN | EPOLLOUT);
+    EXPECT_EQ(watched_for(peer), EPOLLIN);
+    orvex_del_sub("x", peer.conn);
+}
+
 TEST_F(Exchange, EventWhoseCallbackQueuedNothingLeavesItsConnectionsAlone)
 {
     const Peer a = connect();
@@ -466,6 +478,16 @@ TEST_F(Exchange, RequestsAreForgottenOnEveryWayOfTheirConnectionToEnd)
     }
 }
 
+TEST_F(Exchange, RequestsAnswerIsWatchedForOnTheDescriptorGiven)
+{
+    const Peer peer = connect();
+    const OtherEpoll other;
+    ASSERT_EQ(orvex_send_req("orvvad:test", "{}", response_callback, nullptr, peer.conn, other.fd()), 1);
+    answer(0, "");
+    EXPECT_EQ(watched_for(peer, other.fd()), EPOLLIN | EPOLLOUT);
+    EXPECT_EQ(watched_for(peer), EPOLLIN);
+}
+
 TEST_F(Exchange, RequestSentWhileThereIsNoLoopQueuesItsAnswerAllTheSame)
 {
     const Peer peer = connect();
@@ -526,6 +548,14 @@ TEST_F(Exchange, CloudMessageIsTheValuesText)
     EXPECT_THAT(platform->take_calls(), ElementsAre(R"(orvex_send_message(cloud, {"a": 1, "b": []}))"));
     EXPECT_TRUE(platform->take_logs().empty());
     EXPECT_EQ(json->refcount, 1U);
+}
+
+TEST_F(Exchange, CloudMessageGoesThroughTheHandleGiven)
+{
+    const JsonPtr json(json_object());
+    Orvex other;
+    EXPECT_EQ(orvex_cloud_message(&other, "cloud", json.get()), 1);
+    EXPECT_THAT(platform->take_calls(), ElementsAre("orvex_send_message(cloud, {}, other handle)"));
 }
 
 TEST_F(Exchange, CloudMessageThatCannotBeSentWarns)

@@ -93,6 +93,7 @@ const RegistrationCase kRegistrationCases[] = {
     {R"(["result","ok"])", 0, nullptr, nullptr},
     {R"("ok")", 0, nullptr, nullptr},
     {R"({"result":"ok")", 0, nullptr, nullptr},
+    {R"({"result":"ok"} x)", 0, nullptr, nullptr},
     {"", 0, nullptr, nullptr},
 };
 
@@ -162,9 +163,11 @@ TEST_F(ExchangeEvents, OfRegistrationSurviveShortMemoryWithOneReportAtMost)
 
 class RegistrationAnswer : public ExchangeEvents {
 protected:
-    void arrive_as_answer(const std::string& payload)
+    void arrive_as_answer(const std::string& payload) { arrive_as_answer(payload, brokerd::epollfd); }
+
+    void arrive_as_answer(const std::string& payload, const int& epoll)
     {
-        brokerd::orvex_send_req("start_cloud_registration", "{}", brokerd::epollfd);
+        brokerd::orvex_send_req("start_cloud_registration", "{}", epoll);
         forget_records();
         const fake::Request request = platform->requests.at(0);
         platform->requests.clear();
@@ -197,6 +200,15 @@ TEST_F(RegistrationAnswer, GoesToEverySubscriberAndSuccessIsReported)
         EXPECT_TRUE(drain(*peer));
         EXPECT_EQ(peer->client.bytes(), framed(R"({"successful": true})"));
     }
+}
+
+TEST_F(RegistrationAnswer, HasItsSubscribersWatchedOnTheDescriptorThatTheRequestWasSentWith)
+{
+    const Peer peer = subscribe("cloud_registration_status");
+    const OtherEpoll other;
+    arrive_as_answer(R"({"result":"ok"})", other.fd());
+    EXPECT_EQ(watched_for(peer, other.fd()), EPOLLIN | EPOLLOUT);
+    EXPECT_EQ(watched_for(peer), EPOLLIN);
 }
 
 TEST_F(RegistrationAnswer, OfAFailureIsToldButNotReported)
@@ -292,6 +304,25 @@ protected:
         ++serial;
         return fmt::format("02:00:00:{:02x}:{:02x}:{:02x}", serial >> 16U, serial >> 8U & 255U,
                            serial & 255U);
+    }
+
+    /// A time by which all that any test has had remembered has expired.
+    static std::time_t new_era()
+    {
+        static std::time_t era = 1800000000;
+        return era += 1000;
+    }
+
+    /// Lets sightings of new devices arrive until one is not remembered; how many were.
+    int fill_cache()
+    {
+        const fake::LogLine full{1, "Could not add entry in cache. Cache is full", {}, {}};
+        for (int remembered = 0; remembered <= 4096; ++remembered) {
+            arrive("guster_user_agent", sighting(new_mac(), "a"));
+            if (testing::Value(platform->take_logs(), Contains(full)))
+                return remembered;
+        }
+        return -1;
     }
 
     static std::string sighting(const std::string& mac, const std::string& user_agent)
@@ -392,6 +423,17 @@ TEST_F(UserAgents, AreToldAgainAndAgainWhileTheCacheIsFullAndRememberedOnceOther
                 Contains(lines({{3, "device with mac " + mac + " already has user-agent a"}}).front()));
 }
 
+TEST_F(UserAgents, OfOneThousandAndTwentyFourSightingsAreRemembered)
+{
+    const Peer peer = subscribe("device_discovery");
+    platform->now = new_era();
+    ASSERT_GE(fill_cache(), 0); // how many were known before depends on the tests before this one
+    platform->now = new_era();
+    EXPECT_EQ(fill_cache(), 1024);
+    platform->now = new_era();
+    arrive("guster_user_agent", sighting(new_mac(), "a")); // makes room for the tests after this one
+}
+
 TEST_F(UserAgents, ThatAreIncompleteAreDropped)
 {
     const Peer peer = subscribe("device_discovery");
@@ -408,6 +450,7 @@ TEST_F(UserAgents, ThatAreIncompleteAreDropped)
              R"({"src_ip":"1.2.3.4","src_mac":"02:00:00:ff:00:01"})",
              R"({"src_ip":"1.2.3.4","src_mac":"02:00:00:ff:00:01","user_agent":7})",
              R"({"src_ip":"1.2.3.4","src_mac":null,"user_agent":"a"})",
+             R"({"src_ip":"1.2.3.4","src_mac":"02:00:00:ff:00:01","user_agent":"a"} x)",
          }) {
         SCOPED_TRACE(payload);
         arrive("guster_user_agent", payload);

@@ -294,6 +294,16 @@ TEST_F(DeviceChanges, CollectedAreSentAsOneList)
     EXPECT_EQ(process_cached_events(brokerd::epollfd), -1);
 }
 
+TEST_F(DeviceChanges, CollectedHaveTheirSubscribersWatchedOnTheDescriptorGiven)
+{
+    const Peer peer = subscribe("devices_list_updated");
+    const OtherEpoll other;
+    g_events_cache["d1"] = "new";
+    EXPECT_EQ(process_cached_events(other.fd()), 0);
+    EXPECT_EQ(watched_for(peer, other.fd()), EPOLLIN | EPOLLOUT);
+    EXPECT_EQ(watched_for(peer), EPOLLIN);
+}
+
 TEST_F(DeviceChanges, CollectedAreListedInTheTablesOrder)
 {
     Peer peer = subscribe("devices_list_updated");
@@ -367,10 +377,15 @@ protected:
     /// process.
     int report(const std::string& status, std::int64_t when)
     {
+        return report(status, when, brokerd::epollfd);
+    }
+
+    int report(const std::string& status, std::int64_t when, int epoll)
+    {
         platform->settings["/tmp/subscription/global/status"] = status;
         platform->settings["/tmp/subscription/global/expiry"] = std::to_string(when);
         forget_records();
-        return on_subscription_changed_cb(brokerd::epollfd);
+        return on_subscription_changed_cb(epoll);
     }
 
     static inline std::int64_t expiry = 4102444800; // beyond 32 bits, on purpose
@@ -394,6 +409,15 @@ TEST_F(SubscriptionChange, IsToldToItsSubscribers)
                                                     "epoll_ctl(MOD, client2, IN|OUT)"));
     EXPECT_THAT(frames(a), ElementsAre(event));
     EXPECT_THAT(frames(b), ElementsAre(event));
+}
+
+TEST_F(SubscriptionChange, HasItsSubscribersWatchedOnTheDescriptorGiven)
+{
+    const Peer peer = subscribe("subscription_changed");
+    const OtherEpoll other;
+    EXPECT_EQ(report("valid", ++expiry, other.fd()), 0);
+    EXPECT_EQ(watched_for(peer, other.fd()), EPOLLIN | EPOLLOUT);
+    EXPECT_EQ(watched_for(peer), EPOLLIN);
 }
 
 TEST_F(SubscriptionChange, NamesTheStatusAndTheExpiryExceptForValidWithoutEnd)

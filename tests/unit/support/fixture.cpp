@@ -42,6 +42,18 @@ fake::Logs lines(std::initializer_list<std::pair<int, std::string>> list)
     return logs;
 }
 
+OtherEpoll::OtherEpoll()
+{
+    const Fake::Paused paused;
+    m_fd = epoll_create1(EPOLL_CLOEXEC);
+}
+
+OtherEpoll::~OtherEpoll()
+{
+    const Fake::Paused paused;
+    close(m_fd);
+}
+
 // ---- PlatformTest
 
 namespace {
@@ -212,8 +224,13 @@ bool ServiceTest::is_connected(const Peer& peer) const
 
 unsigned ServiceTest::watched_for(const Peer& peer)
 {
+    return watched_for(peer, brokerd::epollfd);
+}
+
+unsigned ServiceTest::watched_for(const Peer& peer, int epoll)
+{
     const Fake::Paused paused;
-    std::ifstream info("/proc/self/fdinfo/" + std::to_string(brokerd::epollfd));
+    std::ifstream info("/proc/self/fdinfo/" + std::to_string(epoll));
     std::string word;
     while (info >> word) {
         int fd = -1;

@@ -17,6 +17,19 @@ namespace orv::test {
 /// Descriptors open in this process.
 std::set<int> open_descriptors();
 
+/// An epoll descriptor that is not the daemon's.
+class OtherEpoll {
+public:
+    OtherEpoll();
+    OtherEpoll(const OtherEpoll&) = delete;
+    OtherEpoll& operator=(const OtherEpoll&) = delete;
+    ~OtherEpoll();
+    [[nodiscard]] const int& fd() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
 /// A test with a platform and a root directory of its own. At its end, the daemon's tables must be empty and
 /// the same descriptors open as at its beginning.
 class PlatformTest : public testing::Test {
@@ -75,8 +88,9 @@ protected:
     /// Destroys a connection the way the main loop does.
     void destroy(Peer& peer);
     [[nodiscard]] bool is_connected(const Peer& peer) const;
-    /// What epoll watches a connection for.
+    /// What the daemon's epoll descriptor, or another one, watches a connection for; 0 when it does not.
     [[nodiscard]] static unsigned watched_for(const Peer& peer);
+    [[nodiscard]] static unsigned watched_for(const Peer& peer, int epoll);
 
     /// Drops what was recorded so far.
     void forget_records();
