@@ -9,11 +9,16 @@
 
 #include <exchange_publisher.h>
 #include <orvbroker/client.h>
+#include <wire.h>
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string_view>
+#include <utility>
 
 namespace orvctl {
 namespace {
@@ -23,6 +28,12 @@ using Kind = OrvexTraffic::Kind;
 
 /// What fits into the socket at once for certain; more has to be waited for before leaving.
 constexpr std::size_t kSurelyWritten = 65536;
+/// The type of the answer that the exchange itself makes up when none will come: also when the bus has gone.
+constexpr std::string_view kNoAnswer = "2";
+
+constexpr std::string_view kTargetForm = "PARTICIPANT:NAME or NAME is needed, both of 1 to 127 bytes, the "
+                                         "participant of letters, digits, - _ and .";
+constexpr std::string_view kEventForm = "the names of events have 1 to 127 bytes of UTF-8";
 
 int no_bus()
 {
@@ -32,22 +43,60 @@ int no_bus()
     return kUnavailable;
 }
 
-Handle join()
+int bus_gone()
 {
-    return {orvex_join(
-                nullptr, [](OrvexKind, const Message&) {}, false),
-            &orvex_uninit};
+    complain("the message exchange has gone");
+    return kUnavailable;
+}
+
+int bad_name(const std::string& name, std::string_view form)
+{
+    complain("cannot send " + orvbroker::quote(name) + ": " + std::string(form));
+    return kUsage;
+}
+
+/// Whether a request or message can go to "participant:name" or "name".
+bool is_target(const std::string& name)
+{
+    return orv::exchange::parse_target(name.c_str()).has_value();
+}
+
+bool is_event(const std::string& name)
+{
+    return orv::exchange::is_name(name.c_str());
+}
+
+Handle join(OrvexHandler handler = [](OrvexKind, const Message&) {})
+{
+    return {orvex_join(nullptr, std::move(handler), false), &orvex_uninit};
+}
+
+/// Whether the bus has been found gone: nothing else fails when asked to do what there is to be done.
+bool is_gone(Orvex* orvex)
+{
+    return orvex_read_fd(orvex) != 0;
+}
+
+/// Why something that can be sent, was not.
+int cannot_send(Orvex* orvex)
+{
+    if (is_gone(orvex)) {
+        return bus_gone();
+    }
+    complain("cannot send: out of memory");
+    return kFailed;
 }
 
 /// Whatever ends the waiting: done() is true, the bus has gone, nobody reads the output, or the time is over.
 enum class End { done, bus_gone, output_closed, timed_out };
 
-End serve_until(Orvex* orvex, orvbroker::Deadline deadline, const std::function<bool()>& done)
+End serve_until(Orvex* orvex, orvbroker::Deadline deadline, const std::function<bool()>& done,
+                Reader reader = Reader::needed)
 {
     while (!done()) {
-        switch (wait_for_input(orvex_get_fd(orvex), deadline)) {
+        switch (wait_for_input(orvex_get_fd(orvex), deadline, reader)) {
         case Wake::input:
-            if (orvex_read_fd(orvex) != 0 && !done()) {
+            if (is_gone(orvex) && !done()) {
                 return End::bus_gone;
             }
             break;
@@ -79,24 +128,25 @@ int request(const SendOptions& send, const Options& options, std::optional<Answe
     }
     if (orvex_send_request(orvex.get(), send.name.c_str(), send.data.data(), send.data.size(), keep_answer,
                            &answer) != 0) {
-        complain("cannot send to " + orvbroker::quote(send.name) +
-                 ": names have 1 to 127 bytes, as in participant:request");
-        return kUsage;
+        return cannot_send(orvex.get());
     }
     const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kCallTimeout));
     switch (serve_until(orvex.get(), deadline, [&answer] { return answer.has_value(); })) {
     case End::done:
-        return kSuccess;
+        break;
     case End::output_closed:
         return kFailed;
     case End::bus_gone:
-        complain("the message exchange has gone");
-        return kUnavailable;
+        return bus_gone();
     case End::timed_out:
-        break;
+        complain("timed out waiting for the answer");
+        return kUnavailable;
     }
-    complain("timed out waiting for the answer");
-    return kUnavailable;
+    if (answer->type == kNoAnswer && is_gone(orvex.get())) {
+        answer.reset();
+        return bus_gone();
+    }
+    return kSuccess;
 }
 
 /// Replaces "-" by what standard input holds.
@@ -109,15 +159,28 @@ bool complete(SendOptions& send)
     return read_standard_input(send.data, kOrvexMaxPayload, "the payload");
 }
 
-/// Waits until all that was sent before is on the bus: it answers in order, were it with an error.
-bool flush(Orvex* orvex, const Options& options)
+/// Waits until the bus has taken all that was sent before. It works in order, so an event to ourselves comes
+/// back after that. (The answer to a request would not do: a lost bus and a time-out are answers as well.)
+int flush(Orvex* orvex, const bool& event_came, const Options& options)
 {
-    std::optional<Answer> answer;
-    if (orvex_send_request(orvex, "orvctl:flush", "", 0, keep_answer, &answer) != 0) {
-        return false;
+    const std::string event = "orvctl_flush_" + std::to_string(::getpid());
+    const char* name = event.c_str();
+    if (orvex_subscribe(orvex, &name, 1) != 0 || orvex_publish(orvex, name, "", 0, nullptr) != 0) {
+        return cannot_send(orvex);
     }
     const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kCallTimeout));
-    return serve_until(orvex, deadline, [&answer] { return answer.has_value(); }) == End::done;
+    switch (serve_until(
+        orvex, deadline, [&event_came] { return event_came; }, Reader::not_needed)) {
+    case End::done:
+        return kSuccess;
+    case End::timed_out:
+        complain("timed out before the exchange had taken all of it");
+        return kUnavailable;
+    case End::bus_gone:
+    case End::output_closed: // is not looked for
+        break;
+    }
+    return bus_gone();
 }
 
 /// Sends what wants no answer.
@@ -127,19 +190,19 @@ int send_one_way(SendOptions send, const Options& options,
     if (!complete(send)) {
         return kUsage;
     }
-    const Handle orvex = join();
+    bool event_came = false;
+    const Handle orvex =
+        join([&event_came](OrvexKind kind, const Message&) { event_came |= kind == OrvexKind::event; });
     if (orvex == nullptr) {
         return no_bus();
     }
     if (work(orvex.get(), send) != 0) {
-        complain("cannot send " + orvbroker::quote(send.name) + ": names have 1 to 127 bytes");
-        return kUsage;
+        return cannot_send(orvex.get());
     }
-    if (send.data.size() > kSurelyWritten && !flush(orvex.get(), options)) {
-        complain("the message exchange has gone");
-        return kUnavailable;
+    if (send.data.size() > kSurelyWritten) {
+        return flush(orvex.get(), event_came, options);
     }
-    return kSuccess;
+    return is_gone(orvex.get()) ? bus_gone() : kSuccess;
 }
 
 const char* text_of(Kind kind)
@@ -195,6 +258,9 @@ std::string to_line(const OrvexTraffic& traffic, const Output& output)
 
 int run_exchange_request(const SendOptions& send, const Options& options, Output& output)
 {
+    if (!is_target(send.name)) {
+        return bad_name(send.name, kTargetForm);
+    }
     SendOptions complete_send = send;
     if (!complete(complete_send)) {
         return kUsage;
@@ -219,6 +285,9 @@ int run_exchange_request(const SendOptions& send, const Options& options, Output
 
 int run_exchange_message(const SendOptions& send, const Options& options)
 {
+    if (!is_target(send.name)) {
+        return bad_name(send.name, kTargetForm);
+    }
     return send_one_way(send, options, [](Orvex* orvex, const SendOptions& what) {
         return orvex_send_message(orvex, what.name.c_str(), what.data.data(), what.data.size());
     });
@@ -226,6 +295,9 @@ int run_exchange_message(const SendOptions& send, const Options& options)
 
 int run_exchange_publish(const SendOptions& send, const Options& options)
 {
+    if (!is_event(send.name)) {
+        return bad_name(send.name, kEventForm);
+    }
     return send_one_way(send, options, [](Orvex* orvex, const SendOptions& what) {
         return orvex_publish(orvex, what.name.c_str(), what.data.data(), what.data.size(), nullptr);
     });
@@ -260,8 +332,7 @@ int run_exchange_monitor(const MonitorOptions& monitor, const Options& options, 
     case End::bus_gone:
         break;
     }
-    complain("the message exchange has gone");
-    return kUnavailable;
+    return bus_gone();
 }
 
 } // namespace orvctl

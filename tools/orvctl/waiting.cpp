@@ -9,11 +9,12 @@
 
 namespace orvctl {
 
-Wake wait_for_input(int fd, orvbroker::Deadline deadline)
+Wake wait_for_input(int fd, orvbroker::Deadline deadline, Reader reader)
 {
+    const int output = reader == Reader::needed ? Output::fd() : -1; // poll() skips what is negative
     for (;;) {
         // Without events asked for, only errors are reported: for a pipe, that its reading end is closed.
-        std::array<pollfd, 2> watched{{{fd, POLLIN, 0}, {Output::fd(), 0, 0}}};
+        std::array<pollfd, 2> watched{{{fd, POLLIN, 0}, {output, 0, 0}}};
         const int ready = ::poll(watched.data(), watched.size(), orvbroker::poll_timeout(deadline));
         if (ready == -1 && errno != EINTR) {
             return Wake::input; // the reading that follows fails with the reason
