@@ -1,7 +1,9 @@
 // The file is a sequence of pages. Pages 0 and 1 are meta pages, the newer of which names the roots of two
 // B-trees: the list of free pages and the main tree, whose entries are the roots of the named trees. The walk
-// visits every page that can be reached, once, and looks at every number in it that LMDB would follow. A bit
-// per page tells a page that is used twice, which also ends every cycle.
+// visits every page that can be reached, once and in key order, and looks at every number in it that LMDB would
+// follow. A bit per page tells a page that is used twice, which also ends every cycle. A page's nodes must fill
+// its upper part without gaps or overlaps, since LMDB moves them about by their sizes; keys must ascend, since
+// it searches by halving.
 //
 // The pages of a snapshot stay untouched for one more commit only, so a store that is being written may look
 // damaged for a moment, and a meta page that is being written may be read half and half. A bad verdict
@@ -14,10 +16,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -34,11 +39,12 @@ constexpr PageNumber kMaxPages = PageNumber{1} << 20U;
 constexpr std::size_t kMinPageSize = 512;
 constexpr std::size_t kMaxPageSize = 32768;
 constexpr int kMaxDepth = 32; ///< of LMDB's cursors
+constexpr std::size_t kMaxKeySize = 511;
 constexpr int kAttempts = 8;
 
 enum PageFlags : std::uint16_t { kBranch = 0x01, kLeaf = 0x02, kOverflow = 0x04, kMeta = 0x08 };
 enum NodeFlags : std::uint16_t { kBigData = 0x01, kSubTree = 0x02 };
-enum TreeFlags : std::uint16_t { kFixedMap = 0x01, kIntegerKey = 0x08 };
+enum TreeFlags : std::uint16_t { kIntegerKey = 0x08 };
 
 struct PageHeader {
     PageNumber number;
@@ -124,6 +130,19 @@ PageNumber child_page(const NodeHeader& node)
     return number;
 }
 
+std::string_view key_of(const std::vector<unsigned char>& page, std::size_t offset, const NodeHeader& node)
+{
+    return {reinterpret_cast<const char*>(page.data()) + offset + sizeof node, node.key_size};
+}
+
+/// A key of the free list: the number of the transaction that freed the pages.
+std::size_t to_transaction(std::string_view key)
+{
+    std::size_t number = 0;
+    std::memcpy(&number, key.data(), sizeof number);
+    return number;
+}
+
 bool read_meta(int fd, std::uint64_t offset, Meta& meta)
 {
     struct {
@@ -158,7 +177,7 @@ const char* read_metas(int fd, Meta& newest)
         return "meta pages exchanged";
     if (newest.last_page < 1 || newest.last_page >= kMaxPages)
         return "impossible number of pages";
-    if ((newest.free_list.flags & (kFixedMap | kIntegerKey)) != kIntegerKey)
+    if (newest.free_list.flags != kIntegerKey)
         return "impossible flags";
     return "";
 }
@@ -184,6 +203,14 @@ private:
     enum class Kind { main, named, free_list };
     using Bytes = std::vector<unsigned char>;
 
+    /// How far the walk through one tree has come.
+    struct Progress {
+        Kind kind;
+        std::size_t entries;
+        std::string key; ///< the last one seen; empty before the first
+        bool in_entry;   ///< whether it was a leaf's
+    };
+
     bool use(PageNumber number)
     {
         if (number >= m_used.size() || m_used[number])
@@ -202,17 +229,19 @@ private:
         return true;
     }
 
-    bool check_tree(const Tree& tree, Kind kind)
+    bool check_tree(const Tree& tree, Kind kind) // NOLINT(misc-no-recursion): a named tree has no trees in it
     {
         if (kind != Kind::free_list && tree.flags != 0)
             return false;
         if (tree.root == kNoRoot)
-            return tree.depth == 0;
-        return tree.depth >= 1 && tree.depth <= kMaxDepth && check_page(tree.root, tree.depth, kind);
+            return tree.depth == 0 && tree.entries == 0;
+        Progress progress{kind, 0, {}, false};
+        return tree.depth >= 1 && tree.depth <= kMaxDepth && check_page(tree.root, tree.depth, progress) &&
+               progress.entries == tree.entries;
     }
 
     /// `height` is 1 for a leaf.
-    bool check_page(PageNumber number, int height, Kind kind) // NOLINT(misc-no-recursion): kMaxDepth
+    bool check_page(PageNumber number, int height, Progress& tree) // NOLINT(misc-no-recursion): kMaxDepth
     {
         if (!use_in_file(number, 1))
             return false;
@@ -225,45 +254,109 @@ private:
         if (header.number != number || header.flags != (height > 1 ? kBranch : kLeaf) ||
             lower < kHeaderSize || lower > upper || upper > m_page_size || lower % 2 != 0)
             return false;
-        const std::size_t nodes = (lower - kHeaderSize) / 2;
-        if (nodes < (height > 1 && kind != Kind::free_list ? 2U : 1U))
+        std::vector<std::uint16_t> offsets((lower - kHeaderSize) / 2);
+        if (offsets.size() < (height > 1 && tree.kind != Kind::free_list ? 2U : 1U))
             return false;
-        for (std::size_t i = 0; i < nodes; ++i)
-            if (!check_node(page, load<std::uint16_t>(page, kHeaderSize + 2 * i), upper, height, kind))
+        std::memcpy(offsets.data(), page.data() + kHeaderSize, lower - kHeaderSize);
+        return do_nodes_fill(page, offsets, upper, height) && check_nodes(page, offsets, height, tree);
+    }
+
+    /// Whether the nodes lie one after the other from `upper` to the page's end.
+    bool do_nodes_fill(const Bytes& page, std::vector<std::uint16_t> offsets, std::size_t upper,
+                       int height) const
+    {
+        std::sort(offsets.begin(), offsets.end());
+        std::size_t end = upper;
+        for (const std::size_t offset : offsets) {
+            if (offset != end || offset % 2 != 0 || m_page_size - offset < sizeof(NodeHeader))
                 return false;
-        return true;
+            const std::size_t size = node_size(load<NodeHeader>(page, offset), height);
+            if (size == 0 || size > m_page_size - offset)
+                return false;
+            end = offset + size;
+        }
+        return end == m_page_size;
+    }
+
+    /// 0 for an impossible node.
+    [[nodiscard]] std::size_t node_size(const NodeHeader& node, int height) const
+    {
+        std::size_t size = sizeof node + node.key_size;
+        if (node.key_size > kMaxKeySize)
+            return 0;
+        if (height == 1 && node.flags == kBigData) {
+            size += sizeof(PageNumber);
+        } else if (height == 1) {
+            // At least two nodes fit in a page; larger data has pages of its own.
+            const std::size_t limit = (m_page_size - kHeaderSize) / 4 * 2 - sizeof(std::uint16_t);
+            if (size > limit || data_size(node) > limit - size)
+                return 0;
+            size += data_size(node);
+        }
+        return size + size % 2;
     }
 
     // NOLINTNEXTLINE(misc-no-recursion): kMaxDepth
-    bool check_node(const Bytes& page, std::size_t offset, std::size_t upper, int height, Kind kind)
+    bool check_nodes(const Bytes& page, const std::vector<std::uint16_t>& offsets, int height, Progress& tree)
     {
-        if (offset < upper || offset % 2 != 0 || offset + sizeof(NodeHeader) > m_page_size)
+        for (std::size_t i = 0; i < offsets.size(); ++i) {
+            const auto node = load<NodeHeader>(page, offsets[i]);
+            // A branch's first key means nothing and is empty as a rule.
+            if ((height == 1 || i > 0) && !check_key(key_of(page, offsets[i], node), height == 1, tree))
+                return false;
+            if (!(height > 1 ? check_page(child_page(node), height - 1, tree)
+                             : check_entry(page, offsets[i], node, tree.kind)))
+                return false;
+        }
+        return true;
+    }
+
+    bool check_key(std::string_view key, bool in_entry, Progress& tree) const
+    {
+        if (key.empty() || (tree.kind == Kind::free_list && !is_past_transaction(key)))
             return false;
-        const auto node = load<NodeHeader>(page, offset);
-        const std::size_t data = offset + sizeof(NodeHeader) + node.key_size;
-        if (data > m_page_size)
+        const int order = tree.key.empty() ? 1 : compare(key, tree.key, tree.kind);
+        // A branch's key is the lowest that may come below it.
+        if (order < 0 || (order == 0 && (tree.in_entry || !in_entry)))
             return false;
-        if (height > 1)
-            return check_page(child_page(node), height - 1, kind);
-        if (node.flags == kBigData)
-            return check_big_data(page, data, data_size(node), kind);
-        if (data_size(node) > m_page_size - data)
-            return false;
-        if (node.flags == kSubTree)
-            return kind == Kind::main && data_size(node) == sizeof(Tree) &&
+        tree.key = key;
+        tree.in_entry = in_entry;
+        tree.entries += in_entry ? 1 : 0;
+        return true;
+    }
+
+    [[nodiscard]] bool is_past_transaction(std::string_view key) const
+    {
+        return key.size() == sizeof(std::size_t) && to_transaction(key) > 0 &&
+               to_transaction(key) <= m_meta.transaction;
+    }
+
+    static int compare(std::string_view key, std::string_view other, Kind kind)
+    {
+        if (kind != Kind::free_list)
+            return key.compare(other);
+        const std::size_t number = to_transaction(key);
+        const std::size_t other_number = to_transaction(other);
+        return number < other_number ? -1 : static_cast<int>(number > other_number);
+    }
+
+    // NOLINTNEXTLINE(misc-no-recursion): a named tree has no trees in it
+    bool check_entry(const Bytes& page, std::size_t offset, const NodeHeader& node, Kind kind)
+    {
+        const std::size_t data = offset + sizeof node + node.key_size;
+        if (kind == Kind::main)
+            return node.flags == kSubTree && data_size(node) == sizeof(Tree) &&
                    check_tree(load<Tree>(page, data), Kind::named);
+        if (node.flags == kBigData)
+            return check_big_data(load<PageNumber>(page, data), data_size(node), kind);
         if (kind == Kind::free_list)
-            note_free_pages({page.begin() + static_cast<std::ptrdiff_t>(data),
-                             page.begin() + static_cast<std::ptrdiff_t>(data + data_size(node))},
-                            node.key_size);
+            m_free_lists.emplace_back(page.begin() + static_cast<std::ptrdiff_t>(data),
+                                      page.begin() + static_cast<std::ptrdiff_t>(data + data_size(node)));
         return node.flags == 0;
     }
 
-    bool check_big_data(const Bytes& page, std::size_t data, std::size_t size, Kind kind)
+    bool check_big_data(PageNumber first, std::size_t size, Kind kind)
     {
-        if (m_page_size - data < sizeof(PageNumber))
-            return false;
-        const auto first = load<PageNumber>(page, data);
         PageHeader header{};
         if (first >= m_file_pages ||
             !read_fully(m_fd, &header, sizeof header, std::uint64_t{first} * m_page_size))
@@ -276,22 +369,14 @@ private:
         Bytes list(size);
         if (!read_fully(m_fd, list.data(), size, std::uint64_t{first} * m_page_size + kHeaderSize))
             return false;
-        note_free_pages(std::move(list), sizeof(std::size_t));
-        return true;
-    }
-
-    void note_free_pages(Bytes list, std::size_t key_size)
-    {
-        m_free_keys_sound = m_free_keys_sound && key_size == sizeof(std::size_t);
         m_free_lists.push_back(std::move(list));
+        return true;
     }
 
     bool check_free_pages()
     {
-        for (const Bytes& list : m_free_lists)
-            if (!check_free_list(list))
-                return false;
-        return m_free_keys_sound;
+        return std::all_of(m_free_lists.begin(), m_free_lists.end(),
+                           [this](const Bytes& list) { return check_free_list(list); });
     }
 
     /// A list is its length and then page numbers, the highest first.
@@ -318,7 +403,6 @@ private:
     std::uint64_t m_file_pages;
     std::vector<bool> m_used;
     std::vector<Bytes> m_free_lists;
-    bool m_free_keys_sound = true;
 };
 
 /// False for what is no regular file.

@@ -9,7 +9,9 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
+#include <functional>
 #include <random>
 
 using namespace orv::detail;
@@ -18,6 +20,9 @@ using orv::Error;
 namespace {
 
 constexpr std::size_t kMapSize = std::size_t{16} * 1024 * 1024;
+constexpr std::size_t kWord = sizeof(std::size_t);
+constexpr std::size_t kNodeHeader = 8; ///< data size (4), flags (2) and key size (2), before the key
+constexpr std::size_t kPageHeader = kWord + 8;
 
 class StoreCheckTest : public testing::Test {
 protected:
@@ -34,6 +39,54 @@ protected:
     TemporaryRoot m_root;
     std::mt19937 m_random{3};
 };
+
+template <typename T>
+T number_at(const std::string& bytes, std::size_t offset)
+{
+    T number{};
+    std::memcpy(&number, bytes.data() + offset, sizeof number);
+    return number;
+}
+
+template <typename T>
+void add_at(std::string& bytes, std::size_t offset, int difference)
+{
+    const T number = static_cast<T>(number_at<T>(bytes, offset) + static_cast<T>(difference));
+    std::memcpy(bytes.data() + offset, &number, sizeof number);
+}
+
+/// Where a text begins, in current pages and in former ones.
+std::vector<std::size_t> places_of(const std::string& text, const std::string& bytes)
+{
+    std::vector<std::size_t> places;
+    for (auto at = bytes.find(text); at != std::string::npos; at = bytes.find(text, at + 1))
+        places.push_back(at);
+    return places;
+}
+
+/// The store's trees, in both of its meta pages.
+constexpr std::size_t kTreeSize = 8 + 5 * kWord;
+constexpr std::size_t kFreeList = kPageHeader + 8 + 2 * kWord;
+constexpr std::size_t kTransaction = kFreeList + 2 * kTreeSize + kWord;
+
+/// Where the meta data of the last commit begins.
+std::size_t last_meta(const std::string& bytes)
+{
+    const auto page_size = number_at<std::uint32_t>(bytes, kFreeList);
+    return number_at<std::size_t>(bytes, kTransaction) <
+                   number_at<std::size_t>(bytes, page_size + kTransaction)
+               ? page_size
+               : 0;
+}
+
+/// The place of a node on the root page of the free list.
+std::size_t free_list_node(const std::string& bytes, std::size_t index)
+{
+    const auto page_size = number_at<std::uint32_t>(bytes, kFreeList);
+    const auto root = number_at<std::size_t>(bytes, last_meta(bytes) + kFreeList + kTreeSize - kWord);
+    const std::size_t page = root * page_size;
+    return page + number_at<std::uint16_t>(bytes, page + kPageHeader + 2 * index);
+}
 
 /// One transaction with a few random changes: short and long keys, small and huge values, many removals.
 Error change_at_random(LmdbEnvironment& environment, std::mt19937& random)
@@ -151,6 +204,134 @@ TEST_F(StoreCheckTest, A_truncated_store_is_damaged)
         std::filesystem::resize_file(data_file(), size);
         EXPECT_EQ(verdict().state, StoreState::damaged) << size;
     }
+}
+
+class StoreDamageTest : public StoreCheckTest {
+protected:
+    using Damage = std::function<void(std::string& bytes)>;
+
+    /// A new store with some keys of three digits, one transaction for each.
+    void fill(int keys)
+    {
+        std::filesystem::remove_all(m_root.path() + "/store");
+        LmdbEnvironment environment(layout());
+        ASSERT_EQ(environment.open(), Error::none);
+        for (int i = 0; i < keys; ++i) {
+            LmdbWrite transaction(environment);
+            ASSERT_EQ(transaction.put(0, "key " + std::to_string(100 + i), std::string(39, 'v')),
+                      Error::none);
+            ASSERT_EQ(transaction.commit(), Error::none);
+        }
+        m_sound = slurp(data_file());
+        ASSERT_EQ(verdict().state, StoreState::sound);
+    }
+
+    /// The verdict on the store after a damage to the file.
+    [[nodiscard]] StoreState after(const Damage& damage) const
+    {
+        std::string bytes = m_sound;
+        damage(bytes);
+        EXPECT_NE(bytes, m_sound) << "nothing was damaged";
+        spill(data_file(), bytes);
+        return verdict().state;
+    }
+
+    std::string m_sound;
+};
+
+TEST_F(StoreDamageTest, Nodes_that_overlap_or_leave_gaps_are_damage)
+{
+    fill(9);
+    for (const int difference : {2, -2, 32, -32, 1024}) {
+        EXPECT_EQ(after([&](std::string& bytes) {
+                      for (const std::size_t place : places_of("key 104", bytes))
+                          add_at<std::uint16_t>(bytes, place - kNodeHeader, difference);
+                  }),
+                  StoreState::damaged)
+            << "data size " << difference;
+        EXPECT_EQ(after([&](std::string& bytes) {
+                      for (const std::size_t place : places_of("key 104", bytes))
+                          add_at<std::uint16_t>(bytes, place - 2, difference);
+                  }),
+                  StoreState::damaged)
+            << "key size " << difference;
+    }
+}
+
+TEST_F(StoreDamageTest, Keys_that_do_not_ascend_are_damage)
+{
+    for (const int keys : {9, 300}) { // one page, and several below a branch
+        fill(keys);
+        for (const char* key : {"key 000", "key 999", "key 105", "\xff"}) {
+            EXPECT_EQ(after([&](std::string& bytes) {
+                          for (const std::size_t place : places_of("key 104", bytes))
+                              bytes.replace(place, std::strlen(key), key);
+                      }),
+                      StoreState::damaged)
+                << keys << ": " << key;
+        }
+    }
+}
+
+TEST_F(StoreDamageTest, Keys_of_branches_that_do_not_part_their_pages_are_damage)
+{
+    fill(300);
+    // A branch's nodes have nothing after the key, so these are the keys whose data size is a page number.
+    const auto branch_keys = [&](const std::string& bytes) {
+        std::vector<std::size_t> places = places_of("key ", bytes);
+        places.erase(std::remove_if(places.begin(), places.end(),
+                                    [&](std::size_t place) {
+                                        return number_at<std::uint32_t>(bytes, place - kNodeHeader) == 39;
+                                    }),
+                     places.end());
+        return places;
+    };
+    ASSERT_GE(branch_keys(m_sound).size(), 3U);
+    for (const int difference : {1, -1, 4}) {
+        EXPECT_EQ(after([&](std::string& bytes) {
+                      for (const std::size_t place : branch_keys(bytes))
+                          add_at<unsigned char>(bytes, place + 4, difference);
+                  }),
+                  StoreState::damaged)
+            << difference;
+    }
+}
+
+TEST_F(StoreDamageTest, A_free_list_whose_transactions_do_not_ascend_is_damaged)
+{
+    fill(9);
+    const auto key = [](const std::string& bytes, std::size_t index) {
+        return free_list_node(bytes, index) + kNodeHeader;
+    };
+    ASSERT_LT(number_at<std::size_t>(m_sound, key(m_sound, 0)),
+              number_at<std::size_t>(m_sound, key(m_sound, 1)));
+    for (const int difference : {-100, 1, 2, 100}) {
+        EXPECT_EQ(after([&](std::string& bytes) { add_at<std::size_t>(bytes, key(bytes, 0), difference); }),
+                  StoreState::damaged)
+            << difference;
+    }
+}
+
+TEST_F(StoreDamageTest, A_tree_that_is_not_what_its_root_says_is_damaged)
+{
+    fill(9);
+    constexpr std::size_t kFlags = 4;
+    constexpr std::size_t kEntries = 8 + 3 * kWord;
+    for (const std::size_t tree : {kFreeList, kFreeList + kTreeSize})
+        for (const std::size_t member : {kFlags, kEntries})
+            EXPECT_EQ(after([&](std::string& bytes) {
+                          add_at<std::uint16_t>(bytes, last_meta(bytes) + tree + member, 4);
+                      }),
+                      StoreState::damaged)
+                << tree << ", " << member;
+    EXPECT_EQ(
+        after([](std::string& bytes) {
+            const std::string name{"\0\0\2\0\1\0a", 7}; // the end of a data size, a flag, a key size, a name
+            for (const std::size_t place : places_of(name, bytes))
+                add_at<std::uint16_t>(bytes, place + 2, -2);
+        }),
+        StoreState::damaged)
+        << "a named tree without its flag";
 }
 
 TEST_F(StoreCheckTest, A_store_whose_creation_was_interrupted_is_created_again)
