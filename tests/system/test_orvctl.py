@@ -178,10 +178,22 @@ class WithoutDaemon(world.TestCase):
                 self.assertEqual(daemon.request, request)
 
     def test_events_are_printed_exactly_as_received_until_there_were_enough(self):
-        events = ['[{"device_id": "d1",  "status": "new"}]', "{}", "not JSON at all"]
+        events = ['[{"device_id": "d1",  "status": "new"}]', "{}", '\t{"b":1,"a":[1.0, 1e3], "b":"\\u00e9\u00e9"} ', '"text"',
+                  '{"nul": "\\u0000"}', "123456789012345678901234567890"]
         with FakeDaemon(frame(DONE), *(frame(text) for text in events), frame("one more")) as daemon:
-            self.check(["subscribe", "x", "--count", "3"], OK, stdout="\n".join(events) + "\n", stderr="^$")
+            self.check(["subscribe", "x", "--count", "6"], OK, stdout="\n".join(events) + "\n", stderr="^$")
             self.assertEqual(daemon.request, b'{"type": "subscribe", "name": "x"}\n')
+
+    def test_each_event_is_one_json_line(self):
+        events = {'{"a":\n 1,\r\n"b":\r[]}\n': {"a": 1, "b": []}, "[\n\n]": [], '{"a": 1}\n{"b": 2}': '{"a": 1}\n{"b": 2}',
+                  "not JSON at all": "not JSON at all", "two\nlines": "two\nlines", "one\rreturn": "one\rreturn", "": "",
+                  "\n": "\n", b'{"a": "\xff"}': '{"a": "\ufffd"}', "\0": "\0"}
+        for options in ([], ["--json"], ["--timestamps"]):
+            with FakeDaemon(frame(DONE), *map(frame, events)):
+                result = self.check(["subscribe", "x", "--count", str(len(events)), *options], OK, stderr="^$")
+            lines = [json.loads(line) for line in result.stdout.splitlines()]
+            data = [line["data"] for line in lines] if "--timestamps" in options else lines
+            self.assertEqual(data, list(events.values()))
 
     def test_timestamps_wrap_each_event(self):
         with FakeDaemon(frame(DONE), frame('{"a": 1}'), frame("no\nJSON")):
@@ -285,10 +297,15 @@ class OnATerminal(world.TestCase):
         with FakeDaemon(frame(text)):
             self.assertEqual(self.run_on_terminal("call", "x", "--json", "--color", "never"), (OK, text + "\n"))
 
-    def test_an_event_that_is_not_json_cannot_steer_the_terminal(self):
-        with FakeDaemon(frame(DONE), frame("\033[2Jx")):
-            status, shown = self.run_on_terminal("subscribe", "x", "--count", "1", "--color", "never")
-        self.assertEqual((status, shown), (OK, '"\\u001b[2Jx"\n'))
+    def test_an_event_cannot_steer_the_terminal(self):
+        for event, expected in (("\033[2Jx", '"\\u001b[2Jx"'), ("\u009b2J\x7f\u00e9", '"?2J?\u00e9"'),
+                                ('{"a":\t"\u009b2J\x7f\u00e9",\r"b": []}', '{\n  "a": "?2J?\u00e9",\n  "b": []\n}')):
+            for options in ([], ["--timestamps"]):
+                with FakeDaemon(frame(DONE), frame(event)):
+                    status, shown = self.run_on_terminal("subscribe", "x", "--count", "1", "--color", "never", *options)
+                self.assertEqual(status, OK)
+                self.assertTrue(shown.endswith(expected + "\n"), shown)
+                self.assertEqual([c for c in shown if c != "\n" and (c < " " or "\x7f" <= c < "\xa0")], [])
 
     def test_reading_standard_input_is_announced(self):
         with FakeDaemon(frame(DONE)) as daemon:
@@ -418,6 +435,10 @@ class Settings(world.TestCase):
         self.assertEqual(self.orvctl("tree")[1],
                          '{"key": "/a/x/deep", "value": "1"}\n{"key": "/a/y", "value": "2"}\n'
                          '{"key": "/b", "value": "3"}\n')
+
+    def test_keys_and_values_cannot_steer_the_terminal(self):
+        self.orvctl("set", "/a/\u009b2J", "\033[2J\n\u009b2J\u00e9")
+        self.assertEqual(self.one.orvctl_on_terminal("settings", "tree", "/a"), (OK, "/a\n  ?2J = ?[2J??2J\u00e9\n"))
 
     def test_a_key_is_removed_with_everything_below_it(self):
         for key in ("/a", "/a/b", "/a/b/c", "/ab"):

@@ -164,6 +164,38 @@ class LargePayloads(WithoutDaemon):
         self.assertEqual(receiver.receive(), ("Message", "x", LARGE))
 
 
+class OnATerminal(WithoutDaemon):
+    def monitor(self, *sending):
+        """What a monitor on a terminal shows of something sent."""
+        shown = []
+        thread = threading.Thread(
+            target=lambda: shown.append(self.one.orvctl_on_terminal("exchange", "monitor", "--count", "1")))
+        thread.start()
+        while thread.is_alive():  # it begins to look at some moment
+            self.assertEqual(self.orvctl(*sending)[0], OK)
+            thread.join(0.02)
+        ((status, text),) = shown
+        self.assertEqual(status, OK)
+        return text
+
+    def test_traffic_cannot_steer_the_terminal(self):
+        evil = "\033[2J\u009b2J\x7f\r\n\t\u00e9"
+        for sending, expected in ((["publish", evil, evil], r'event \?\[2J\?2J\?\?\? \u00e9 \S+ "\\u001b\[2J\?2J\?\\u000d\\u000a\\u0009\u00e9"'),
+                                  (["message", "there:" + evil, '{"a":\t"\u009b",\r\n"b":1}'],
+                                   r'message \?\[2J\?2J\?\?\? \u00e9 \S+ -> there \{"a": "\?",  "b":1\}')):
+            text = self.monitor(*sending)
+            self.assertRegex(text, r"^\S+ " + expected + r"\n$")
+            self.assertEqual([c for c in text[:-1] if c < " " or "\x7f" <= c < "\xa0"], [])
+
+    def test_complaints_cannot_steer_the_terminal(self):
+        receiver = self.participant(self.one, "there")
+        thread = threading.Thread(target=lambda: (receiver.receive(), receiver.answer(0, "\u009b2J", "[]")))
+        thread.start()
+        status, shown = self.one.orvctl_on_terminal("exchange", "request", "there:x")
+        thread.join()
+        self.assertEqual((status, shown), (FAILED, '[]\norvctl: the answer is of type "?2J"\n'))
+
+
 class Names(WithoutDaemon):
     def test_a_name_that_cannot_be_is_a_usage_error_with_and_without_a_bus(self):
         for _ in range(2):

@@ -243,15 +243,16 @@ std::string to_json(const OrvexTraffic& traffic)
 
 std::string to_line(const OrvexTraffic& traffic, const Output& output)
 {
-    std::string line = time_stamp() + " " + text_of(traffic.kind) + " " + output.emphasized(traffic.name);
-    line.append(" ").append(traffic.from);
+    std::string line =
+        time_stamp() + " " + text_of(traffic.kind) + " " + output.emphasized(printable(traffic.name));
+    line.append(" ").append(printable(traffic.from));
     if (!traffic.to.empty()) {
-        line.append(" -> ").append(traffic.to);
+        line.append(" -> ").append(printable(traffic.to));
     }
     if (!traffic.type.empty()) {
-        line.append(" type ").append(traffic.type);
+        line.append(" type ").append(printable(traffic.type));
     }
-    return line + " " + as_json(traffic.data);
+    return line + " " + printable(as_json(traffic.data));
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "output.h"
 
 #include "exit_status.h"
+#include "texts.h"
 
 #include <jansson.h>
 #include <orvbroker/client.h>
@@ -40,18 +41,18 @@ bool are_colors_wanted(Color color, bool terminal)
            std::strcmp(type, "dumb") != 0;
 }
 
-/// The text indented; what is not JSON is shown as a JSON string, so that no control byte reaches a terminal.
+/// The text indented, what is not JSON as a JSON string. It may be anyone's: nothing in it steers the terminal.
 std::string indented(std::string_view text)
 {
     constexpr std::size_t kIndent = 2;
     const std::unique_ptr<json_t, decltype(&json_decref)> value(
-        json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr), &json_decref);
+        json_loadb(text.data(), text.size(), JSON_DECODE_ANY | JSON_ALLOW_NUL, nullptr), &json_decref);
     if (value == nullptr) {
-        return orvbroker::quote(text);
+        return printable(orvbroker::quote(text));
     }
     const std::unique_ptr<char, decltype(&std::free)> dumped(
         json_dumps(value.get(), JSON_INDENT(kIndent) | JSON_ENCODE_ANY), &std::free);
-    return dumped == nullptr ? std::string(text) : std::string(dumped.get());
+    return printable(dumped == nullptr ? text : dumped.get(), "\n");
 }
 
 /// The size of the string that `text` begins with, both quotes included.
@@ -98,21 +99,6 @@ std::size_t width(std::string_view text)
     return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char byte) {
         return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80U;
     }));
-}
-
-/// The text on one line, with a question mark for each control character, lest it steer the terminal: those
-/// of ASCII, and U+0080 to U+009F, whose first byte in UTF-8 is always C2.
-std::string printable(const std::string& text)
-{
-    std::string out;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
-        const bool is_upper_control = byte == 0xC2 && next >= 0x80 && next <= 0x9F;
-        out += byte < 0x20 || byte == 0x7F || is_upper_control ? '?' : text[i];
-        i += is_upper_control ? 1 : 0;
-    }
-    return out;
 }
 
 std::string aligned(const std::vector<std::string>& cells, const std::vector<std::size_t>& widths)
@@ -165,14 +151,15 @@ void Output::line(std::string_view text)
 
 void Output::json(std::string_view text)
 {
-    const std::string shown = m_for_people ? indented(text) : std::string(text);
+    const std::string shown = m_for_people ? indented(text) : as_json(text);
     line(m_colors ? colored(shown) : shown);
 }
 
 void Output::table(const std::vector<std::string>& titles, std::vector<std::vector<std::string>> rows)
 {
     for (auto& row : rows) {
-        std::transform(row.begin(), row.end(), row.begin(), printable);
+        std::transform(row.begin(), row.end(), row.begin(),
+                       [](const std::string& cell) { return printable(cell); });
     }
     std::vector<std::size_t> widths;
     for (std::size_t i = 0; i < titles.size(); ++i) {
@@ -201,7 +188,7 @@ int Output::finish(int status) const
 
 void complain(std::string_view text)
 {
-    const std::string line = "orvctl: " + std::string(text) + "\n";
+    const std::string line = "orvctl: " + printable(text) + "\n";
     // Nothing is left to be told to anyone when standard error fails.
     (void)!::write(STDERR_FILENO, line.data(), line.size());
 }

@@ -20,9 +20,10 @@ public:
 
     /// Writes a text as it is, and a line feed.
     void line(std::string_view text);
-    /// Writes a JSON text: indented for people, otherwise exactly these bytes.
+    /// Writes a JSON text: indented for people, otherwise on one line, and exactly these bytes if it is on
+    /// one already. What is not JSON becomes a JSON string.
     void json(std::string_view text);
-    /// Writes rows in aligned columns below their titles. Control characters are shown as question marks.
+    /// Writes rows in aligned columns below their titles. What is in the rows cannot steer a terminal.
     void table(const std::vector<std::string>& titles, std::vector<std::vector<std::string>> rows);
     /// The text in bold face where colours are wanted.
     [[nodiscard]] std::string emphasized(std::string_view text) const;
@@ -45,7 +46,7 @@ private:
     bool m_failed = false;
 };
 
-/// Writes "orvctl: <text>" to standard error.
+/// Writes "orvctl: <text>" to standard error, on one line whatever the text has come from.
 void complain(std::string_view text);
 
 } // namespace orvctl

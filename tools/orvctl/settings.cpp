@@ -3,6 +3,7 @@
 
 #include "exit_status.h"
 #include "stores.h"
+#include "texts.h"
 #include "waiting.h"
 
 #include <orvbroker/client.h>
@@ -63,8 +64,8 @@ void print_tree(const orv::path& key, std::size_t depth, Output& output)
     const auto value = value_of(key);
     if (output.is_for_people()) {
         output.line(std::string(depth * kIndent, ' ') +
-                    output.emphasized(depth == 0 ? key.str() : last_piece(key)) +
-                    (value ? " = " + *value : ""));
+                    output.emphasized(printable(depth == 0 ? key.str() : last_piece(key))) +
+                    (value ? " = " + printable(*value) : ""));
     } else if (value) {
         output.json(to_json(key, value));
     }
@@ -95,7 +96,7 @@ void print_change(const std::string& key, Output& output)
     if (!output.is_for_people()) {
         output.json(to_json(key, value));
     } else {
-        output.line(output.emphasized(key) + (value ? " = " + *value : " deleted"));
+        output.line(output.emphasized(key) + (value ? " = " + printable(*value) : " deleted"));
     }
 }
 

@@ -6,6 +6,7 @@
 #include "exit_status.h"
 #include "json.h"
 #include "stores.h"
+#include "texts.h"
 
 #include <karma_outbox.h>
 #include <orvbroker/client.h>
@@ -157,7 +158,7 @@ void print_screen(const Json& status, Output& output)
     const auto row = [&](const char* title, const std::string& text) {
         constexpr std::size_t kColumn = 14;
         const std::string name(title);
-        output.line(output.emphasized(name) + std::string(kColumn - name.size(), ' ') + text);
+        output.line(output.emphasized(name) + std::string(kColumn - name.size(), ' ') + printable(text));
     };
     row("Daemon", shown(at(status, "daemon", "state")));
     row("Bus", either(at(status, "exchange", "reachable"), "reachable", "not reachable") + ", " +

@@ -39,7 +39,9 @@ bool read_standard_input(std::string& text, std::size_t limit, std::string_view 
 
 bool is_json(std::string_view text)
 {
-    json_t* value = json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr);
+    // The flags keep the parser from refusing what JSON allows and only C cannot hold.
+    constexpr std::size_t kFlags = JSON_DECODE_ANY | JSON_ALLOW_NUL | JSON_DECODE_INT_AS_REAL;
+    json_t* value = json_loadb(text.data(), text.size(), kFlags, nullptr);
     json_decref(value);
     return value != nullptr;
 }
@@ -49,10 +51,31 @@ std::string as_json(std::string_view payload)
     if (!is_json(payload)) {
         return orvbroker::quote(payload);
     }
-    // Line feeds stand between the tokens only.
+    // Line breaks stand between the tokens only.
+    const auto is_line_break = [](char byte) { return byte == '\n' || byte == '\r'; };
     std::string text(payload);
-    std::replace(text.begin(), text.end(), '\n', ' ');
+    std::replace_if(text.begin(), text.end(), is_line_break, ' ');
     return text;
+}
+
+std::string printable(std::string_view text, std::string_view kept)
+{
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
+        if (byte == 0xC2 && next >= 0x80 && next <= 0x9F) { // U+0080 to U+009F in UTF-8
+            out += '?';
+            ++i;
+        } else if (byte == '\t') {
+            out += ' ';
+        } else if ((byte < 0x20 || byte == 0x7F) && kept.find(text[i]) == std::string_view::npos) {
+            out += '?';
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
 }
 
 std::string time_stamp()
