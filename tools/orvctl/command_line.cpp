@@ -29,9 +29,13 @@ namespace orvctl {
 namespace {
 
 constexpr const char* kVersion = "orvctl 1.3";
+constexpr const char* kSurroundings =
+    "In a pipe each answer, event or row is one JSON line; settings get and settings list print raw text.\n"
+    "The environment's ORV_ROOT names the agent's root directory, /opt/orvane unless set. A word after --\n"
+    "is taken as it is, though it begins with a dash.\n\n";
 constexpr const char* kExitStatuses =
     "Exit status: 0 success, 1 the answer's status is not 0 (or what was asked for is not there),\n"
-    "2 usage, 3 no daemon, no bus, no store, or connection lost.\n";
+    "2 usage, 3 no daemon, no bus, no store, connection lost, or no answer in time.\n";
 
 /// What the sub-command that was given does.
 using Work = std::function<int(const Options&, Output&)>;
@@ -48,7 +52,8 @@ CLI::App* add(CLI::App& parent, const std::string& name, const std::string& summ
               const std::string& examples)
 {
     CLI::App* command = parent.add_subcommand(name, summary);
-    command->footer("\nExamples:\n" + examples);
+    command->footer("\nExamples:\n" + examples +
+                    "\n--json, --color and --timeout are taken here, too: see orvctl --help.\n");
     return command;
 }
 
@@ -85,8 +90,8 @@ void add_global_options(CommandLine& line)
         ->type_name("WHEN");
     line.app
         .add_option("--timeout", line.timeout_seconds,
-                    "How long to wait at most: for an answer (65 unless given), in all when subscribing or "
-                    "watching (for ever unless given)")
+                    "How long to wait at most: for an answer (65 unless given, 5 for status), in all when "
+                    "subscribing, watching or monitoring (for ever unless given)")
         ->check(check_seconds)
         ->type_name("SECONDS");
     line.app.set_version_flag("--version", kVersion);
@@ -96,7 +101,7 @@ void add_call(CommandLine& line)
 {
     const auto call = std::make_shared<CallOptions>();
     CLI::App* command =
-        add(line.app, "call", "Send one command and print the envelope of its answer",
+        add(line.app, "call", "Send the daemon one command and print the envelope of its answer",
             "  orvctl call get_services_status\n"
             "  orvctl call set_va_cloud_trigger true\n"
             "  orvctl call start_cloud_registration '{\"router_id\": \"r1\"}'\n"
@@ -115,11 +120,13 @@ void add_call(CommandLine& line)
 void add_subscribe(CommandLine& line)
 {
     const auto subscribe = std::make_shared<SubscribeOptions>();
-    CLI::App* command = add(line.app, "subscribe", "Print each event as it arrives",
-                            "  orvctl subscribe devices_list_updated\n"
-                            "  orvctl subscribe va_status_changed --count 1 --timeout 60\n"
-                            "  orvctl subscribe device_discovery --timestamps | tee discoveries.jsonl\n"
-                            "\nWith --count, fewer events in the time given are exit status 1.\n");
+    CLI::App* command =
+        add(line.app, "subscribe", "Print each event of the daemon's as it arrives",
+            "  orvctl subscribe devices_list_updated\n"
+            "  orvctl subscribe va_status_changed --count 1 --timeout 60\n"
+            "  orvctl subscribe device_discovery --timestamps | tee discoveries.jsonl\n"
+            "\nGoes on until interrupted, unless --count or --timeout is given. With both, fewer "
+            "events in that\ntime are exit status 1. In a pipe each event is one JSON line.\n");
     command->add_option("EVENT", subscribe->event, "The event, see orvctl events")->required();
     command->add_option("--count", subscribe->count, "End after N events")
         ->check(check_count)
@@ -181,6 +188,8 @@ void add_catalogue(CommandLine& line)
             [&line] { line.work = [](const Options&, Output& output) { return print_events(output); }; });
 }
 
+constexpr const char* kKeyOrRoot = "The key, such as /protection; the whole store unless given";
+
 /// A sub-command on one key of the settings store.
 CLI::App* add_on_key(CommandLine& line, CLI::App& parent, const std::string& name, const std::string& summary,
                      const std::string& examples,
@@ -203,7 +212,7 @@ void add_settings_changes(CommandLine& line, CLI::App& settings)
     CLI::App* set = add_on_key(
         line, settings, "set", "Write a value",
         "  orvctl settings set /protection/enabled 1\n"
-        "  orvctl settings set /exchange/request_timeout_ms -- -1\n",
+        "  orvctl settings set /some/key -- -1       (-- comes before what begins with a dash)\n",
         [value](const std::string& key, const Options&, Output&) { return run_settings_set(key, *value); });
     set->get_option("KEY")->required();
     set->add_option("VALUE", *value, "The value, any text")->required();
@@ -219,7 +228,10 @@ void add_settings_changes(CommandLine& line, CLI::App& settings)
     const auto count = std::make_shared<unsigned long>(0);
     CLI::App* watch = add_on_key(line, settings, "watch", "Print a key's value after each change",
                                  "  orvctl settings watch /protection/enabled\n"
-                                 "  orvctl settings watch /protection/enabled --count 1 --timeout 10\n",
+                                 "  orvctl settings watch /protection/enabled --count 1 --timeout 10\n"
+                                 "\nGoes on until interrupted, unless --count or --timeout is given. With "
+                                 "both, fewer changes in that\n"
+                                 "time are exit status 1.\n",
                                  [count](const std::string& key, const Options& options, Output& output) {
                                      return run_settings_watch(key, *count, options, output);
                                  });
@@ -229,9 +241,10 @@ void add_settings_changes(CommandLine& line, CLI::App& settings)
 
 void add_settings(CommandLine& line)
 {
-    CLI::App* settings = add(line.app, "settings", "Read, change and watch the settings store",
-                             "  orvctl settings get /protection/enabled\n"
-                             "  orvctl settings tree /registration\n");
+    CLI::App* settings =
+        add(line.app, "settings", "Read, change and watch the settings store; the daemon need not run",
+            "  orvctl settings get /protection/enabled\n"
+            "  orvctl settings tree /registration\n");
     settings->require_subcommand(1);
     const auto get = [](const std::string& key, const Options&, Output& output) {
         return run_settings_get(key, output);
@@ -247,14 +260,18 @@ void add_settings(CommandLine& line)
     add_on_key(line, *settings, "list", "Print the names of a key's children",
                "  orvctl settings list\n"
                "  orvctl settings list /features\n",
-               list);
+               list)
+        ->get_option("KEY")
+        ->description(kKeyOrRoot);
     const auto tree = [](const std::string& key, const Options&, Output& output) {
         return run_settings_tree(key, output);
     };
-    add_on_key(line, *settings, "tree", "Print all keys with their values",
+    add_on_key(line, *settings, "tree", "Print all keys from one downwards, with their values",
                "  orvctl settings tree\n"
                "  orvctl settings tree /tmp --json\n",
-               tree);
+               tree)
+        ->get_option("KEY")
+        ->description(kKeyOrRoot);
 }
 
 /// A sub-command that sends something into the exchange.
@@ -276,10 +293,13 @@ void add_sending(CommandLine& line, CLI::App& parent, const std::string& name, c
 void add_exchange_monitor(CommandLine& line, CLI::App& exchange)
 {
     const auto monitor = std::make_shared<MonitorOptions>();
-    CLI::App* command = add(exchange, "monitor", "Print what happens on the exchange",
-                            "  orvctl exchange monitor\n"
-                            "  orvctl exchange monitor va_status_changed orvvad\n"
-                            "  orvctl exchange monitor broker-devmgmt:set_friendly_name --json\n");
+    CLI::App* command = add(
+        exchange, "monitor", "Print what happens on the exchange",
+        "  orvctl exchange monitor\n"
+        "  orvctl exchange monitor va_status_changed orvvad\n"
+        "  orvctl exchange monitor broker-devmgmt:set_friendly_name --json\n"
+        "\nGoes on until interrupted, unless --count or --timeout is given. With both, fewer lines in that\n"
+        "time are exit status 1.\n");
     command->add_option("NAME", monitor->names,
                         "Only what has one of these names or goes to one of these participants");
     command->add_option("--count", monitor->count, "End after N lines")->check(check_count)->type_name("N");
@@ -299,16 +319,21 @@ void add_exchange(CommandLine& line)
     const std::string target = "PARTICIPANT:NAME, or a bare name for the participant orvagent";
     add_sending(line, *exchange, "request", "Send a request and print its answer", target,
                 "  orvctl exchange request orvvad:va_scan_status\n"
-                "  orvctl exchange request update_subscription '{}'\n",
+                "  orvctl exchange request update_subscription '{}'\n"
+                "\nAn answer of another type than \"0\" is exit status 1; type \"2\" says why there is none: "
+                "nobody has\n"
+                "that name, the receiver has gone, or 60 seconds are over.\n",
                 run_exchange_request);
     add_sending(line, *exchange, "message", "Send a one-way message", target,
-                "  orvctl exchange message orvvad:va_scan_stop\n",
+                "  orvctl exchange message orvvad:va_scan_stop\n"
+                "\nSuccess says that it was sent, not that anyone has received it.\n",
                 [](const SendOptions& send, const Options& options, Output&) {
                     return run_exchange_message(send, options);
                 });
     add_sending(line, *exchange, "publish", "Publish an event", "The event",
                 "  orvctl exchange publish va_status_changed '{\"state\": \"running\"}'\n"
-                "  orvctl exchange publish orvagent_started\n",
+                "  orvctl exchange publish orvagent_started\n"
+                "\nSuccess says that it was sent, not that anyone has received it.\n",
                 [](const SendOptions& send, const Options& options, Output&) {
                     return run_exchange_publish(send, options);
                 });
@@ -330,7 +355,7 @@ void add_on_device(CommandLine& line, CLI::App& parent, const std::string& name,
 
 void add_device(CommandLine& line)
 {
-    CLI::App* device = add(line.app, "device", "See and change the device store",
+    CLI::App* device = add(line.app, "device", "See and change the device store; the daemon need not run",
                            "  orvctl device list\n"
                            "  orvctl device show d1\n");
     device->require_subcommand(1);
@@ -366,9 +391,8 @@ void add_telemetry(CommandLine& line)
         ->callback([&line] {
             line.work = [](const Options&, Output& output) { return run_telemetry_list(output); };
         });
-    add(*telemetry, "clear", "Remove them all", "  orvctl telemetry clear\n")->callback([&line] {
-        line.work = [](const Options&, Output&) { return run_telemetry_clear(); };
-    });
+    add(*telemetry, "clear", "Remove all events from the outbox", "  orvctl telemetry clear\n")
+        ->callback([&line] { line.work = [](const Options&, Output&) { return run_telemetry_clear(); }; });
 }
 
 void add_status(CommandLine& line)
@@ -487,7 +511,7 @@ void declare(CommandLine& line)
                                 "  orvctl call get_services_status\n"
                                 "  orvctl subscribe devices_list_updated --timestamps\n"
                                 "  orvctl settings get /protection/enabled\n\n") +
-                    kExitStatuses);
+                    kSurroundings + kExitStatuses);
     add_global_options(line);
     add_status(line);
     add_call(line);
