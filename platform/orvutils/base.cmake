@@ -4,6 +4,7 @@ add_library(orvutils_base STATIC
   log.cpp
   root.cpp
   script.cpp
+  standard_streams.cpp
   time.cpp)
 target_compile_definitions(orvutils_base PRIVATE ORV_PROJECT_VERSION="${PROJECT_VERSION}")
 target_link_libraries(orvutils_base PUBLIC orvutils_values)

@@ -10,6 +10,7 @@
 #include "root.h"
 
 #include <orvutils/log_format.h>
+#include <orvutils/standard_streams.h>
 
 #include <fcntl.h>
 #include <getopt.h>
@@ -159,16 +160,23 @@ void choose_log_level(const std::optional<int>& chosen)
 
 // ---- signals
 
-/// The stop descriptor, or -1.
+bool set_action(int signal, void (*handler)(int))
+{
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    return sigaction(signal, &action, nullptr) == 0;
+}
+
+/// The stop descriptor, or -1. Who starts the daemon may ignore its own children, and that is inherited: the
+/// statuses of the daemon's scripts would be lost.
 int prepare_signals()
 {
-    struct sigaction ignore = {};
-    ignore.sa_handler = SIG_IGN;
     sigset_t stop;
     sigemptyset(&stop);
     sigaddset(&stop, SIGTERM);
     sigaddset(&stop, SIGINT);
-    if (sigaction(SIGPIPE, &ignore, nullptr) == -1 || sigprocmask(SIG_BLOCK, &stop, nullptr) == -1)
+    if (!set_action(SIGPIPE, SIG_IGN) || !set_action(SIGCHLD, SIG_DFL) ||
+        sigprocmask(SIG_BLOCK, &stop, nullptr) == -1)
         return -1;
     return signalfd(-1, &stop, SFD_NONBLOCK | SFD_CLOEXEC);
 }
@@ -283,6 +291,8 @@ int Process::run_hooks(int report)
 
 std::shared_ptr<Instance> instance(int argc, char** argv)
 {
+    if (!open_standard_streams())
+        std::exit(kExitFailure); // there may be nowhere to say so
     std::string program = program_name(argc, argv);
     const Options options = parse_options(argc, argv, program);
     choose_log_level(options.log_level);

@@ -3,12 +3,19 @@
 
 #include "base_support.h"
 
+#include <orvutils/daemon.h>
+#include <orvutils/script.h>
+#include <orvutils/standard_streams.h>
+
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -132,6 +139,45 @@ TEST(DaemonHooks, RunsResultIsTheExitStatus)
         << "the foreground is the same process";
 }
 
+void close_standard_streams()
+{
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        close(fd);
+}
+
+/// Whether the descriptor stands for the null device, opened in this mode and left to children.
+bool is_null_device(int fd, int mode)
+{
+    struct stat opened = {};
+    struct stat null = {};
+    return fstat(fd, &opened) == 0 && stat("/dev/null", &null) == 0 && opened.st_rdev == null.st_rdev &&
+           (fcntl(fd, F_GETFL) & O_ACCMODE) == mode && fcntl(fd, F_GETFD) == 0;
+}
+
+/// Opens the standard streams where those whose bits are set are missing; 0 when all are then as they should
+/// be.
+int open_missing_streams(unsigned missing)
+{
+    const int other = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if ((missing >> fd & 1U) != 0)
+            close(fd);
+        else
+            dup2(other, fd);
+    if (!orv::open_standard_streams())
+        return 1;
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (!is_null_device(fd, (missing >> fd & 1U) != 0 ? O_RDWR : O_RDONLY))
+            return 2;
+    return open("/dev/null", O_RDONLY | O_CLOEXEC) == other + 1 ? 0 : 3; // 3: it opened more than these
+}
+
+TEST(DaemonStreams, ThoseThatAreMissingLeadToTheNullDeviceAndTheOthersStay)
+{
+    for (unsigned missing = 0; missing < 8; ++missing)
+        EXPECT_EQ(in_child([missing] { return open_missing_streams(missing); }).status, 0) << missing;
+}
+
 void expect_orderly_stop(int signal)
 {
     const Running probe = start_probe({});
@@ -152,18 +198,31 @@ TEST(DaemonSignals, SigintMakesTheStopDescriptorReadableWithoutInterruptingAWait
     expect_orderly_stop(SIGINT);
 }
 
+TEST(DaemonSignals, AScriptsStatusIsSeenEvenIfTheStarterIgnoredItsChildren)
+{
+    const Outcome outcome = in_child([] {
+        (void)std::signal(SIGCHLD, SIG_IGN);
+        char name[] = "daemon";
+        char* arguments[] = {name, nullptr};
+        const auto instance = orv::daemon::instance(1, arguments);
+        return orv::exec_script({{"-c", "exit 0"}}, "/bin/sh", 0) == 0 ? 0 : 1;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+}
+
 /// A probe in the background, which tells what it sees through a pipe.
 struct Background {
     Outcome started;
     Fd told;
 };
 
-Background start_in_background(std::vector<std::string> environment)
+Background start_in_background(std::vector<std::string> environment,
+                               const std::function<void()>& prepare = nullptr)
 {
     Ends ends = make_pipe();
     const int told = dup(ends.second); // inherited: not close-on-exec
     environment.push_back("PROBE_FD=" + std::to_string(told));
-    Background background = {run_probe({"--daemonize"}, environment), std::move(ends.first)};
+    Background background = {run_probe({"--daemonize"}, environment, prepare), std::move(ends.first)};
     close(told);
     return background;
 }
@@ -190,6 +249,15 @@ TEST(DaemonBackground, TheStarterEndsWithStatusOneWhenInitFails)
     EXPECT_EQ(background.started.status, 1);
     EXPECT_EQ(background.started.err, "base_probe: failed to start, see the system log\n");
     EXPECT_EQ(read_until(background.told, ""), "init\n");
+}
+
+TEST(DaemonBackground, TheDaemonComesUpWithoutAnyStandardStream)
+{
+    Background background = start_in_background({"PROBE_RUN=0"}, close_standard_streams);
+    EXPECT_EQ(background.started.status, 0);
+    const std::string told = read_until(background.told, "");
+    for (const char* stream : {"in", "out", "err"})
+        EXPECT_EQ(value_of(told, stream), "/dev/null");
 }
 
 TEST(DaemonBackground, ARelativeRootStaysTheSameDirectory)

@@ -147,9 +147,14 @@ Outcome in_child(const std::function<int()>& body)
     return outcome;
 }
 
-Outcome run_probe(const std::vector<std::string>& options, const std::vector<std::string>& environment)
+Outcome run_probe(const std::vector<std::string>& options, const std::vector<std::string>& environment,
+                  const std::function<void()>& prepare)
 {
-    return in_child([&]() -> int { become_probe(options, environment); });
+    return in_child([&]() -> int {
+        if (prepare)
+            prepare();
+        become_probe(options, environment);
+    });
 }
 
 Running start_probe(const std::vector<std::string>& options, const std::vector<std::string>& environment)

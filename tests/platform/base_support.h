@@ -58,7 +58,9 @@ struct Outcome {
 Outcome in_child(const std::function<int()>& body);
 
 /// Runs the probe daemon with these options and these additions to the environment ("NAME=value").
-Outcome run_probe(const std::vector<std::string>& options, const std::vector<std::string>& environment = {});
+/// `prepare` runs right before it, in the same process.
+Outcome run_probe(const std::vector<std::string>& options, const std::vector<std::string>& environment = {},
+                  const std::function<void()>& prepare = nullptr);
 
 /// The probe, running, with its standard output to be read.
 struct Running {

@@ -3,6 +3,9 @@
 import os
 import re
 import signal
+import socket
+import struct
+import subprocess
 
 import world
 from world import Client
@@ -123,6 +126,81 @@ class StartAndStop(world.TestCase):
                                           timeout=world.DEADLINE, check=False)
             self.assertEqual(result.returncode, status, (arguments, result))
             self.assertTrue(result.stdout if status == 0 else result.stderr)
+
+
+class StandardStreams(world.TestCase):
+    """Programs that were started with descriptors 0, 1 and 2 closed write into nobody's files."""
+
+    def without_streams(self, one, name, *arguments):
+        """Starts a program that has no standard stream at all."""
+        process = subprocess.Popen(["sh", "-c", 'exec "$0" "$@" <&- >&- 2>&-', world.program(name), *arguments],
+                                   env=one.environment())
+        one.launched.append(process)
+        return process
+
+    def server(self):
+        """The process that serves the daemon's socket."""
+        with Client() as client:
+            return struct.unpack("=iII", client.socket.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, 12))[0]
+
+    def check_streams(self, process):
+        for descriptor in range(3):
+            self.assertEqual(os.readlink("/proc/%d/fd/%d" % (process, descriptor)), "/dev/null")
+
+    def answers(self):
+        try:
+            with Client() as client:
+                return client.call("get_services_status") == (ENABLED, 0)
+        except (ConnectionRefusedError, EOFError):
+            return False
+
+    def check_that_the_store_is_sound(self, one):
+        one.start_daemon()
+        one.set_setting("/sound", "yes")
+        self.assertEqual(one.setting("/sound"), "yes")
+        self.assertEqual(one.messages(level=0), [])
+
+    def test_the_daemon_runs_in_the_foreground(self):
+        one = self.world()
+        one.start_bus()
+        one.daemon = self.without_streams(one, "orvbrokerd")
+        world.wait_until(self.answers, "the daemon answers")
+        self.check_streams(one.daemon.pid)
+        with open(os.path.join(one.root, "run", "orvbrokerd.version"), "rb") as file:
+            self.assertEqual(file.read(), b"1.3")
+        one.stop_daemon()
+        self.check_that_the_store_is_sound(one)
+
+    def test_the_daemon_goes_to_the_background(self):
+        one = self.world()
+        one.start_bus()
+        self.assertEqual(self.without_streams(one, "orvbrokerd", "-d").wait(world.DEADLINE), 0)
+        process = self.server()
+        try:
+            self.check_streams(process)
+        finally:
+            os.kill(process, signal.SIGTERM)
+        world.wait_until(lambda: not os.path.exists("/proc/%d" % process), "the daemon has ended")
+        self.check_that_the_store_is_sound(one)
+
+    def test_the_simulated_agent_tells_its_tale_to_nobody(self):
+        one = self.world()
+        one.start_bus()
+        agent = self.without_streams(one, "orvagentsim", "--churn", "0")
+        world.wait_until(lambda: one.orvctl("device", "list").stdout.count("\n") == 6, "the agent is at work")
+        self.check_streams(agent.pid)
+        agent.send_signal(signal.SIGTERM)
+        self.assertEqual(agent.wait(world.DEADLINE), 0)
+        self.check_that_the_store_is_sound(one)
+
+    def test_the_command_line_tool_complains_to_nobody(self):
+        one = self.world()
+        one.start_bus()
+        one.set_setting("/sound", "not yet")
+        for key in ("/missing", "/sound"):
+            status = 0 if key == "/sound" else 1
+            self.assertEqual(self.without_streams(one, "orvctl", "settings", "get", key).wait(world.DEADLINE), status)
+        self.check_that_the_store_is_sound(one)
 
 
 class State(world.TestCase):

@@ -1,9 +1,14 @@
 #include "command_line.h"
+#include "exit_status.h"
+
+#include <orvutils/standard_streams.h>
 
 #include <csignal>
 
 int main(int argc, char** argv)
 {
+    if (!orv::open_standard_streams())
+        return orvctl::kUnavailable;
     // Writing to a pipe without a reader is an error like any other, and a quiet end: see Output.
     (void)std::signal(SIGPIPE, SIG_IGN);
     return orvctl::run_command_line(argc, argv);
