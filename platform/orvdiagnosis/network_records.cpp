@@ -51,6 +51,13 @@ std::string address_text(const sockaddr* address)
     return text.data();
 }
 
+/// Null for what is not UTF-8.
+json_t* text_or_null(const std::string& text)
+{
+    json_t* const value = json_string(text.c_str());
+    return value != nullptr ? value : json_null();
+}
+
 /// {"name", "type", "state": "up"|"down"|"absent", "addresses": [...]}
 JsonPtr interface_object(const std::string& name, const ifaddrs* interfaces)
 {
@@ -66,8 +73,8 @@ JsonPtr interface_object(const std::string& name, const ifaddrs* interfaces)
         if (!address.empty() && json_array_append_new(addresses.get(), json_string(address.c_str())) != 0)
             return nullptr;
     }
-    return JsonPtr{json_pack("{s:s,s:s,s:s,s:o}", "name", name.c_str(), "type", type.c_str(), "state", state,
-                             "addresses", addresses.release())};
+    return JsonPtr{json_pack("{s:o,s:o,s:s,s:o}", "name", text_or_null(name), "type", text_or_null(type),
+                             "state", state, "addresses", addresses.release())};
 }
 
 /// The interfaces that the router's software has named, and what the kernel knows of them.

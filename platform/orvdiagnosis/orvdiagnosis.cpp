@@ -27,13 +27,16 @@ json_t* category_of(json_t* report, const std::string& name)
     return json_object_get(report, name.c_str());
 }
 
+/// Takes the value; without one, the member is null.
+bool set_member(json_t* object, const char* name, json_t* value)
+{
+    return json_object_set_new(object, name, value != nullptr ? value : json_null()) == 0;
+}
+
 bool collect_record(json_t* report, const Record& record)
 {
     json_t* const category = category_of(report, record.id.first);
-    JsonPtr value{record.value ? record.value() : nullptr};
-    if (!value)
-        value.reset(json_null());
-    return json_object_set_new(category, record.id.second.c_str(), value.release()) == 0;
+    return set_member(category, record.id.second.c_str(), record.value ? record.value() : nullptr);
 }
 
 /// The time as ISO 8601 has it, in UTC.
@@ -82,8 +85,8 @@ json_t* Manager::collect() const
 json_t* Manager::report() const
 {
     JsonPtr report{collect()};
-    if (json_object_set_new(report.get(), "generated_at", json_string(utc_now().c_str())) != 0 ||
-        json_object_set_new(report.get(), "agent_version", json_string(agent_version().c_str())) != 0)
+    if (!set_member(report.get(), "generated_at", json_string(utc_now().c_str())) ||
+        !set_member(report.get(), "agent_version", json_string(agent_version().c_str())))
         return nullptr;
     return report.release();
 }

@@ -177,6 +177,27 @@ TEST_F(DiagnosisTest, TellsTheReleaseVersion)
     EXPECT_EQ(record("agent", "version"), R"("3.1.4")");
 }
 
+TEST_F(DiagnosisTest, AVersionThatIsNoTextIsNullAndTheReportIsThere)
+{
+    make_directory("etc");
+    spill(m_root.path() + "/etc/release", "version=\xff\n");
+    EXPECT_EQ(record("agent", "version"), "null");
+    diagnosis::Manager manager;
+    manager.add(diagnosis::get_defaults({{"agent", "version"}}));
+    const JsonPtr report{manager.report()};
+    EXPECT_TRUE(json_is_null(json_object_get(report.get(), "agent_version"))) << text_of(report.get());
+    EXPECT_TRUE(json_is_string(json_object_get(report.get(), "generated_at")));
+}
+
+TEST_F(DiagnosisTest, AnInterfaceWhoseTypeIsNoTextLacksOnlyThat)
+{
+    set(orv::kNetworkInterfacesKey / "lan-that-is-not", "lan");
+    set(orv::kNetworkInterfacesKey / "wan-that-is-not", "\xff");
+    EXPECT_EQ(record("network", "interfaces"),
+              R"([{"name":"lan-that-is-not","type":"lan","state":"absent","addresses":[]},)"
+              R"({"name":"wan-that-is-not","type":null,"state":"absent","addresses":[]}])");
+}
+
 TEST_F(DiagnosisTest, TheRouterIsRegisteredWithBothTokenAndIdentifier)
 {
     set(orv::kUserTokenKey, "token");
