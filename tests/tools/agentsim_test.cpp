@@ -547,6 +547,18 @@ TEST_F(AgentSimTest, TheDevicesFollowTheRouterWhoeverGivesItAnotherIdentifier)
     EXPECT_TRUE(serve_until([] { return device("sim-6").owner == "r2"; })) << log();
 }
 
+TEST_F(AgentSimTest, TheDevicesFollowTheRouterIntoAReplacedStore)
+{
+    start();
+    const std::string store = m_bus.root() + "/var/settings";
+    std::filesystem::rename(store, store + ".old");
+    ASSERT_EQ(orv::setMgmt::setKey(orv::kDeviceIdKey, "r2"), 0);
+    ASSERT_TRUE(std::filesystem::exists(store));
+    EXPECT_TRUE(serve_until([] { return device("sim-6").owner == "r2"; })) << log();
+    ASSERT_EQ(orv::setMgmt::setKey(orv::kDeviceIdKey, "r3"), 0);
+    EXPECT_TRUE(serve_until([] { return device("sim-6").owner == "r3"; })) << log();
+}
+
 TEST_F(AgentSimTest, ChangesTheRecordsItIsAskedToChange)
 {
     start();

@@ -2,6 +2,8 @@
 // points are the timerfd's own.
 #include "loop.h"
 
+#include <orvutils/io.h>
+
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <sys/timerfd.h>
@@ -18,6 +20,7 @@ using orv::exchange::Descriptor;
 using std::chrono::steady_clock;
 
 constexpr std::size_t kEventsPerPass = 8;
+constexpr int kLongestWaitMs = 1000;
 
 itimerspec at(steady_clock::time_point when)
 {
@@ -65,6 +68,11 @@ bool Loop::watch(int fd, Work work)
     return true;
 }
 
+void Loop::follow(std::function<int()> descriptor, Work work)
+{
+    m_followed.push_back({std::move(descriptor), std::move(work)});
+}
+
 Loop::TimerId Loop::after(std::chrono::milliseconds delay, Work work)
 {
     const TimerId timer{steady_clock::now() + delay, m_timers_started++};
@@ -82,13 +90,25 @@ bool Loop::run()
 {
     while (!m_is_stopped) {
         std::array<epoll_event, kEventsPerPass> events{};
-        const int count = epoll_wait(m_epoll.get(), events.data(), static_cast<int>(events.size()), -1);
+        watch_followed();
+        const int longest = m_followed.empty() ? -1 : kLongestWaitMs;
+        const int count = epoll_wait(m_epoll.get(), events.data(), static_cast<int>(events.size()), longest);
         if (count < 0 && errno != EINTR)
             return false;
         for (int i = 0; i < count; ++i)
             m_watched[events.at(static_cast<std::size_t>(i)).data.fd]();
     }
     return true;
+}
+
+/// Its descriptor may be a new one under an old number, which epoll has forgotten: hence set anew each time.
+void Loop::watch_followed()
+{
+    for (const auto& [descriptor, work] : m_followed) {
+        const int fd = descriptor();
+        if (fd >= 0 && orv::io::epoll_set_fd_ro(m_epoll.get(), fd) == 0)
+            m_watched[fd] = work;
+    }
 }
 
 void Loop::set_alarm()

@@ -8,6 +8,7 @@
 #include <map>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 namespace orvagentsim {
 
@@ -24,6 +25,10 @@ public:
     /// runs. False with errno set on failure.
     [[nodiscard]] bool watch(int fd, Work work);
 
+    /// The same for a descriptor that may come, go and be another one each time: it is asked for before each
+    /// wait, at least once a second. Below 0 there is none for now.
+    void follow(std::function<int()> descriptor, Work work);
+
     /// Calls `work` once, after a delay.
     TimerId after(std::chrono::milliseconds delay, Work work);
     void cancel(const TimerId& timer);
@@ -32,6 +37,12 @@ public:
     [[nodiscard]] bool run();
 
 private:
+    struct Followed {
+        std::function<int()> descriptor;
+        Work work;
+    };
+
+    void watch_followed();
     void set_alarm();
     void run_timers();
 
@@ -39,6 +50,7 @@ private:
     orv::exchange::Descriptor m_signals;
     orv::exchange::Descriptor m_alarm;
     std::unordered_map<int, Work> m_watched;
+    std::vector<Followed> m_followed;
     std::map<TimerId, Work> m_timers; ///< in the order of their times
     std::uint64_t m_timers_started = 0;
     bool m_is_stopped = false;

@@ -99,11 +99,13 @@ bool Simulation::watch_router_id()
     };
     m_router_id = std::make_unique<orv::setMgmt::MonitoredKey>(orv::kDeviceIdKey.c_str(), follow, false,
                                                                nullptr, false);
-    if (m_router_id->get_fd() >= 0 &&
-        loop.watch(m_router_id->get_fd(), [this] { m_router_id->read_notifications(); }))
-        return true;
-    narrate(kProgram, "cannot watch the router's identifier");
-    return false;
+    if (m_router_id->get_fd() < 0) {
+        narrate(kProgram, "cannot watch the router's identifier");
+        return false;
+    }
+    // Asking for the descriptor is also what notices that the store was replaced.
+    loop.follow([this] { return m_router_id->get_fd(); }, [this] { m_router_id->read_notifications(); });
+    return true;
 }
 
 void Simulation::wait_for_churn()
