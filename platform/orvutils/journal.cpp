@@ -27,19 +27,23 @@ std::string_view to_bytes(const NumberKey& key)
     return {key.data(), key.size()};
 }
 
-std::uint64_t to_number(std::string_view key)
+Error to_number(std::string_view key, std::uint64_t& number)
 {
-    std::uint64_t number = 0;
+    if (key.size() != NumberKey{}.size()) {
+        ORV_LOG(log::kError, "journal: a malformed key");
+        return Error::input_output;
+    }
+    number = 0;
     for (const char byte : key)
         number = number << 8U | static_cast<unsigned char>(byte);
-    return number;
+    return Error::none;
 }
 
 /// The number of the first or last entry; 0 when there is none.
 Error number_at(LmdbCursor& cursor, bool (LmdbCursor::*edge)(), std::uint64_t& number)
 {
-    number = (cursor.*edge)() ? to_number(cursor.key()) : 0;
-    return cursor.error();
+    number = 0;
+    return (cursor.*edge)() ? to_number(cursor.key(), number) : cursor.error();
 }
 
 } // namespace
@@ -86,7 +90,8 @@ Error Journal::read(LmdbTransaction& transaction, std::uint64_t& place, std::siz
         return Error::none;
     for (bool found = cursor.seek(to_bytes(to_key(place + 1))); found && entries.size() < limit;
          found = cursor.next()) {
-        place = to_number(cursor.key());
+        if (const Error error = to_number(cursor.key(), place); error != Error::none)
+            return error;
         entries.emplace_back(cursor.value());
     }
     return cursor.error();

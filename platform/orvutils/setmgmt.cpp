@@ -109,6 +109,18 @@ Error remove_tree(const SettingsKey& key)
     return transaction.commit();
 }
 
+/// Whether a piece of a stored key can be one of a path: else the path would lead somewhere else.
+bool is_name(std::string_view piece)
+{
+    return !piece.empty() && piece.find('/') == std::string_view::npos;
+}
+
+Error report_malformed(const char* what)
+{
+    ORV_LOG(log::kError, "settings: a malformed {}", what);
+    return Error::input_output;
+}
+
 /// Appends the names of a key's children in one environment.
 Error list_children(LmdbEnvironment& environment, const SettingsKey& key, std::vector<std::string>& names)
 {
@@ -117,15 +129,19 @@ Error list_children(LmdbEnvironment& environment, const SettingsKey& key, std::v
         return transaction.error();
     LmdbCursor cursor(transaction, kValues);
     const std::string_view prefix = key.prefix();
-    bool found = cursor.seek(prefix);
-    while (found && starts_with(cursor.key(), prefix)) {
+    std::string from(prefix);
+    for (bool found = cursor.seek(from); found; found = cursor.seek(from)) {
+        if (cursor.key() < from) // only damage leads backwards, and then perhaps in circles
+            return report_malformed("tree");
+        if (!starts_with(cursor.key(), prefix))
+            break;
         const std::string_view rest = cursor.key().substr(prefix.size());
-        names.emplace_back(rest.substr(0, rest.find('\0')));
+        const std::string_view name = rest.substr(0, rest.find('\0'));
+        if (!is_name(name))
+            return report_malformed("key");
+        names.emplace_back(name);
         // The next sibling is beyond all keys that begin with this name and a NUL.
-        std::string next(prefix);
-        next += names.back();
-        next += '\1';
-        found = cursor.seek(next);
+        from = std::string(prefix).append(name) + '\1';
     }
     return cursor.error();
 }
@@ -159,10 +175,8 @@ Error read_record(LmdbTransaction& transaction, const SettingsKey& key, Settings
     std::string_view bytes;
     if (const Error error = transaction.get(kValues, key.bytes(), bytes); error != Error::none)
         return error;
-    if (bytes.size() < kStampSize) {
-        ORV_LOG(log::kError, "settings: a malformed record");
-        return Error::input_output;
-    }
+    if (bytes.size() < kStampSize)
+        return report_malformed("record");
     std::memcpy(&record.commit, bytes.data(), kStampSize);
     record.value = bytes.substr(kStampSize);
     return Error::none;

@@ -1,6 +1,7 @@
 // Stores that are full, read-only, missing or damaged: an error return and a log line, and recovery without a
 // restart.
 
+#include "settings_store.h"
 #include "store_support.h"
 
 #include <orvutils/error.h>
@@ -10,6 +11,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 
 using namespace orv::setMgmt;
@@ -35,6 +37,13 @@ bool comes_true(const std::function<bool()>& condition)
         if (std::chrono::steady_clock::now() > deadline)
             return false;
     return true;
+}
+
+/// Puts bytes in place of those that a file has; as spill(), but the file is never shorter meanwhile.
+void spill_over(const std::string& file, const std::string& bytes)
+{
+    std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
+    stream.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
 } // namespace
@@ -253,4 +262,55 @@ TEST_F(StoreFailureTest, A_store_that_was_replaced_by_garbage_is_refused_until_i
     });
     EXPECT_EQ(outcome.status, 0) << outcome.err;
     EXPECT_EQ(count_log_lines(outcome.err), 2U) << "damaged, and back\n" << outcome.err;
+}
+
+TEST_F(StoreFailureTest, Malformed_keys_in_the_store_are_an_error_of_whoever_lists_them)
+{
+    ASSERT_EQ(init(), 0);
+    ASSERT_EQ(setKey("/tmp/sound", "x"), 0);
+    orv::detail::SettingsKey tmp;
+    ASSERT_TRUE(tmp.parse("/tmp"));
+    std::vector<std::string> names = {"before"};
+    // Each of these children, if it had a name, would be its own parent or another key.
+    for (const std::string_view piece : {std::string_view("\0", 1), std::string_view("\0below", 6),
+                                         std::string_view("/"), std::string_view("a/b")}) {
+        const std::string bytes = std::string(tmp.prefix()) + std::string(piece);
+        orv::detail::LmdbWrite planting(orv::detail::settings_environment(tmp));
+        ASSERT_EQ(planting.put(orv::detail::kValues, bytes, "12345678value"), orv::Error::none);
+        ASSERT_EQ(planting.commit(), orv::Error::none);
+        EXPECT_EQ(enumSubkeys("/tmp", names), -2) << piece;
+        EXPECT_EQ(value_of("/tmp/sound"), "x");
+        orv::detail::LmdbWrite cleaning(orv::detail::settings_environment(tmp));
+        ASSERT_EQ(cleaning.remove(orv::detail::kValues, bytes), orv::Error::none);
+        ASSERT_EQ(cleaning.commit(), orv::Error::none);
+    }
+    EXPECT_EQ(names, std::vector<std::string>{"before"});
+    EXPECT_EQ(enumSubkeys("/tmp", names), 1);
+}
+
+TEST_F(StoreFailureTest, A_listing_ends_when_the_store_is_damaged_under_it)
+{
+    const std::string file = tmp() + "/settings/data.mdb";
+    const Outcome outcome = in_process_with_store([&]() -> int {
+        for (char name = 'b'; name <= 'z'; ++name) // each takes a ninth of a page
+            REQUIRE(setKey("/tmp/" + std::string(400, name), "x") == 0);
+        const std::string bytes = slurp(file);
+        alarm(10); // in place of going on for ever
+        int failures = 0;
+        for (char name = 'c'; name <= 'z'; ++name) {
+            std::string damaged = bytes;
+            const std::string key(400, name);
+            for (auto at = damaged.find(key); at != std::string::npos; at = damaged.find(key, at + 1))
+                if (damaged.substr(at + 408, 1) == "x") // not in the branch above
+                    damaged[at] = 'a';
+            spill_over(file, damaged);
+            std::vector<std::string> names;
+            const int count = enumSubkeys("/tmp", names);
+            REQUIRE(count == -2 || (count >= 0 && count <= 26));
+            failures += count == -2 ? 1 : 0;
+        }
+        REQUIRE(failures > 0);
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
 }

@@ -102,3 +102,23 @@ TEST_F(JournalTest, A_place_beyond_the_end_is_a_loss_too)
     EXPECT_TRUE(m_lost);
     EXPECT_EQ(place, 2U);
 }
+
+TEST_F(JournalTest, An_entry_whose_key_is_no_number_is_an_error_and_leads_nobody_in_circles)
+{
+    append(1, 3);
+    {
+        LmdbWrite transaction(m_environment);
+        ASSERT_EQ(transaction.put(0, std::string(9, '\0'), "first"), orv::Error::none);
+        ASSERT_EQ(transaction.put(0, std::string("\0\0\0\0\0\0\0\2\0", 9), "third"), orv::Error::none);
+        ASSERT_EQ(transaction.commit(), orv::Error::none);
+    }
+    std::uint64_t place = 1;
+    std::vector<std::string> entries;
+    {
+        LmdbRead transaction(m_environment);
+        EXPECT_EQ(kJournal.read(transaction, place, 100, entries, m_lost), orv::Error::input_output);
+        EXPECT_EQ(place, 1U);
+    }
+    LmdbWrite transaction(m_environment);
+    EXPECT_EQ(kJournal.append(transaction, "4"), orv::Error::input_output);
+}
