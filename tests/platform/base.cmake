@@ -15,6 +15,8 @@ add_executable(platform_base_tests
 target_include_directories(platform_base_tests PRIVATE ${CMAKE_SOURCE_DIR}/platform/orvutils)
 target_compile_definitions(platform_base_tests PRIVATE BASE_PROBE="$<TARGET_FILE:base_probe>")
 target_link_libraries(platform_base_tests PRIVATE orvutils_base GTest::gtest_main)
-target_link_options(platform_base_tests PRIVATE -Wl,--wrap=realloc)
+# Defined a second time instead, a function would clash with that of a C library that is linked statically.
+target_link_options(platform_base_tests PRIVATE
+  LINKER:--wrap=realloc LINKER:--wrap=syslog LINKER:--wrap=__syslog_chk)
 add_dependencies(platform_base_tests base_probe)
 gtest_discover_tests(platform_base_tests PROPERTIES TIMEOUT 60)

@@ -22,11 +22,11 @@
 #include <regex>
 #include <string>
 
-// What the library hands to syslog: caught here, and told on standard output. With fortified headers the
-// library calls the second name.
+// What the library hands to syslog: the linker sends it here, and it is told on standard output. With
+// fortified headers the library calls the second name.
 extern "C" {
-void syslog(int priority, const char* format, ...);
-void __syslog_chk(int priority, int flag, const char* format, ...); // NOLINT(bugprone-reserved-identifier)
+void __wrap_syslog(int priority, const char* format, ...);
+void __wrap___syslog_chk(int priority, int flag, const char* format, ...);
 }
 
 namespace {
@@ -330,7 +330,7 @@ TEST(LogBackground, LinesGoToSyslogWithoutAreaAndLineFeedsByTheirPriority)
 
 } // namespace
 
-void syslog(int priority, const char* format, ...)
+void __wrap_syslog(int priority, const char* format, ...)
 {
     std::va_list arguments;
     va_start(arguments, format);
@@ -338,7 +338,7 @@ void syslog(int priority, const char* format, ...)
     va_end(arguments);
 }
 
-void __syslog_chk(int priority, int /*flag*/, const char* format, ...)
+void __wrap___syslog_chk(int priority, int /*flag*/, const char* format, ...)
 {
     std::va_list arguments;
     va_start(arguments, format);
