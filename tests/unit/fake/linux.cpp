@@ -1,5 +1,6 @@
 // System calls that the daemon makes by itself. The linker leads calls of NAME to __wrap_NAME, and
-// __real_NAME is the original one.
+// __real_NAME is the original one. In a C library that is linked statically its own calls are led there, too.
+// The memory that an original asks for is none of the tested code's, so the fake is paused meanwhile.
 
 #include "fake.h"
 
@@ -174,6 +175,7 @@ static FILE* open_file(const char* path, const char* mode, FILE* (*open)(const c
     Fake* fake = Fake::current();
     if (fake && fake->fails("fopen(" + file_name(path) + ", " + mode + ")"))
         return nullptr;
+    const Fake::Paused paused;
     return open(path, mode);
 }
 
@@ -206,7 +208,10 @@ void* __wrap_malloc(std::size_t size)
 
 char* __wrap_strdup(const char* text)
 {
-    return no_memory("strdup") ? nullptr : __real_strdup(text);
+    if (no_memory("strdup"))
+        return nullptr;
+    const Fake::Paused paused;
+    return __real_strdup(text);
 }
 
 // operator new and new[]; their names hold what std::size_t is. Where the C++ runtime is linked statically
