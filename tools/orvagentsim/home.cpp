@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <set>
 #include <string_view>
 
@@ -204,7 +205,7 @@ bool Home::adopt()
 bool Home::pick(Device& device)
 {
     while (!m_ids.empty()) {
-        const auto chosen = m_ids.begin() + random(m_ids.size());
+        const auto chosen = m_ids.begin() + static_cast<std::ptrdiff_t>(random(m_ids.size()));
         if (orv::devMgmt::get_device(*chosen, device) != 0)
             return true;
         m_ids.erase(chosen); // somebody else has removed it
