@@ -5,12 +5,15 @@
 //
 //     participant ADDRESS NAME
 //
-//     receive                      -> "Request<tab>NAME<tab>DATA", "Message..." or "Respond<tab><tab>DATA"
-//     answer N TYPE FILE           -> "done"; the N-th of what was received (from 0), as often as it is told
-//     to error N TEXT                 -> "done"; an error in place of the answer malformed N -> "done"; an
-//     answer of another signature emit NAME FILE               -> "done"; an event emit-malformed -> "done";
-//     an event of another signature storm NAME COUNT             -> "done"; that many events, whose data are
-//     their numbers
+// clang-format off
+//     receive                        -> "Request<tab>NAME<tab>DATA", "Message<tab>NAME<tab>DATA" or "Respond<tab><tab>DATA"
+//     answer N TYPE FILE             -> "done"; an answer to the N-th of what was received (from 0), any number of times
+//     error N TEXT                   -> "done"; an error in place of the answer
+//     malformed N                    -> "done"; an answer of another signature
+//     emit NAME FILE                 -> "done"; an event
+//     emit-malformed                 -> "done"; an event of another signature
+//     storm NAME FIRST COUNT SIZE    -> "done"; COUNT events, whose data are their numbers from FIRST on, in SIZE digits
+// clang-format on
 
 #include "../platform/exchange_support.h"
 
