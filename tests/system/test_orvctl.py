@@ -12,6 +12,7 @@ import socket
 import struct
 import subprocess
 import threading
+import time
 
 import world
 
@@ -208,6 +209,13 @@ class WithoutDaemon(world.TestCase):
             self.check(["subscribe", "x", "--timeout", "0.3"], OK, stdout="{}\n", stderr="^$")
         with FakeDaemon(frame(DONE), frame("{}")):
             self.check(["subscribe", "x", "--timeout", "0.3", "--count", "2"], FAILED, stdout="{}\n", stderr="^$")
+
+    def test_the_time_of_a_subscription_includes_what_comes_before_its_first_event(self):
+        for pieces in ((), (frame(DONE)[:-1],)):
+            with FakeDaemon(*pieces):
+                begin = time.monotonic()
+                self.check(["subscribe", "x", "--timeout", "0.1"], UNAVAILABLE, stdout="", stderr="^orvctl: timed out")
+                self.assertLess(time.monotonic() - begin, world.DEADLINE)
 
     def test_a_refused_subscription_is_told(self):
         with FakeDaemon(frame('{"data": null, "status": -1}')):

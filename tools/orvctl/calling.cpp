@@ -28,6 +28,12 @@ int report(Error error)
     return error == Error::invalid_argument ? kUsage : kUnavailable;
 }
 
+/// Connects within the time that there is for all that follows.
+Error connect(orvbroker::Client& client, orvbroker::Deadline deadline)
+{
+    return client.connect(std::min(orvbroker::time_left(deadline), orvbroker::kConnectTimeout));
+}
+
 /// Whether data can be sent; complains when not.
 bool check_json(const std::string& text)
 {
@@ -68,10 +74,9 @@ void print_event(const std::string& event, const SubscribeOptions& subscribe, Ou
 }
 
 /// Prints events until there were enough, nobody reads them, or the time is over.
-int follow(orvbroker::Client& client, const SubscribeOptions& subscribe, const Options& options,
+int follow(orvbroker::Client& client, const SubscribeOptions& subscribe, orvbroker::Deadline deadline,
            Output& output)
 {
-    const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kForever));
     std::string event;
     for (unsigned long seen = 0; subscribe.count == 0 || seen < subscribe.count;) {
         const Wake wake = wait_for_input(client.fd(), deadline);
@@ -111,12 +116,12 @@ int run_call(const CallOptions& call, const Options& options, Output& output)
     if ((!data.empty() || call.data == "-") && !check_json(data)) {
         return kUsage;
     }
-    const auto timeout = options.timeout.value_or(orvbroker::kCallTimeout);
+    const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kCallTimeout));
     orvbroker::Client client;
     orvbroker::Answer answer;
-    Error error = client.connect(std::min(timeout, orvbroker::kConnectTimeout));
+    Error error = connect(client, deadline);
     if (error == Error::none) {
-        error = client.call(call.name, data, answer, timeout);
+        error = client.call(call.name, data, answer, orvbroker::time_left(deadline));
     }
     if (error != Error::none) {
         return report(error);
@@ -128,12 +133,14 @@ int run_call(const CallOptions& call, const Options& options, Output& output)
 
 int run_subscribe(const SubscribeOptions& subscribe, const Options& options, Output& output)
 {
+    const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kForever));
     orvbroker::Client client;
-    Error error = client.connect();
+    Error error = connect(client, deadline);
     if (error == Error::none) {
-        error = client.subscribe(subscribe.event);
+        const auto left = std::min(orvbroker::time_left(deadline), orvbroker::kCallTimeout);
+        error = client.subscribe(subscribe.event, left);
     }
-    return error == Error::none ? follow(client, subscribe, options, output) : report(error);
+    return error == Error::none ? follow(client, subscribe, deadline, output) : report(error);
 }
 
 } // namespace orvctl

@@ -21,6 +21,17 @@ using Deadline = std::chrono::steady_clock::time_point;
     return deadline != Deadline::max() && std::chrono::steady_clock::now() >= deadline;
 }
 
+/// The time until then, 0 once it is over; milliseconds::max() for never.
+[[nodiscard]] inline std::chrono::milliseconds time_left(Deadline deadline)
+{
+    if (deadline == Deadline::max()) {
+        return std::chrono::milliseconds::max();
+    }
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    return std::max(left, std::chrono::milliseconds{0});
+}
+
 /// The time until then for poll(): milliseconds, rounded up so that it does not wake too early, or -1.
 /// A far deadline is waited for in steps of an hour.
 [[nodiscard]] inline int poll_timeout(Deadline deadline)
@@ -28,10 +39,8 @@ using Deadline = std::chrono::steady_clock::time_point;
     if (deadline == Deadline::max()) {
         return -1;
     }
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    constexpr std::chrono::milliseconds::rep kHour = 3'600'000;
-    return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, kHour));
+    constexpr std::chrono::milliseconds kHour{3'600'000};
+    return static_cast<int>(std::min(time_left(deadline), kHour).count());
 }
 
 } // namespace orvbroker
