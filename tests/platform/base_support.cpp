@@ -131,6 +131,7 @@ Outcome in_child(const std::function<int()>& body)
 {
     const Capture out;
     const Capture err;
+    std::fflush(nullptr); // or what is still to be written appears among the child's output
     const pid_t child = check(fork(), "fork");
     if (child == 0) {
         dup2(out.fd(), STDOUT_FILENO);
