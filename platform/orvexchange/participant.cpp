@@ -507,7 +507,7 @@ int Orvex::subscribe(std::set<std::string, std::less<>> events)
 
 int Orvex::send_request(const Target& target, Bytes data, void (*callback)(void*, const Message*), void* arg)
 {
-    if (!may_send(data.size))
+    if (!may_send(data.size) || m_requests.count(target.participant) >= kOrvexMaxRequests)
         return -1;
     Request request;
     request.participant = target.participant;

@@ -7,6 +7,7 @@ namespace orv::exchange {
 void Requests::add(Request request)
 {
     const std::uint32_t serial = request.serial;
+    ++m_counts[request.participant];
     m_by_serial[serial] = m_requests.insert(m_requests.end(), std::move(request));
 }
 
@@ -18,6 +19,7 @@ std::optional<Request> Requests::take(std::uint32_t serial)
     Request request = std::move(*found->second);
     m_requests.erase(found->second);
     m_by_serial.erase(found);
+    uncount(request.participant);
     return request;
 }
 
@@ -31,6 +33,7 @@ std::optional<Request> Requests::take_expired(TimePoint now)
 std::list<Request> Requests::take_all()
 {
     m_by_serial.clear();
+    m_counts.clear();
     return std::exchange(m_requests, {});
 }
 
@@ -39,6 +42,19 @@ std::optional<TimePoint> Requests::next_deadline() const
     if (m_requests.empty())
         return std::nullopt;
     return m_requests.front().deadline;
+}
+
+std::size_t Requests::count(const std::string& participant) const
+{
+    const auto found = m_counts.find(participant);
+    return found != m_counts.end() ? found->second : 0;
+}
+
+void Requests::uncount(const std::string& participant)
+{
+    const auto found = m_counts.find(participant);
+    if (--found->second == 0)
+        m_counts.erase(found);
 }
 
 } // namespace orv::exchange

@@ -4,6 +4,7 @@
 
 #include <orvexchange/orvexchange.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <optional>
@@ -33,10 +34,15 @@ public:
     [[nodiscard]] std::optional<Request> take_expired(TimePoint now);
     [[nodiscard]] std::list<Request> take_all();
     [[nodiscard]] std::optional<TimePoint> next_deadline() const;
+    /// How many are in flight to one participant.
+    [[nodiscard]] std::size_t count(const std::string& participant) const;
 
 private:
+    void uncount(const std::string& participant);
+
     std::list<Request> m_requests;
     std::unordered_map<std::uint32_t, std::list<Request>::iterator> m_by_serial;
+    std::unordered_map<std::string, std::size_t> m_counts; ///< by participant, none of them 0
 };
 
 } // namespace orv::exchange

@@ -8,7 +8,8 @@ add_executable(platform_exchange_tests
   exchange_support.cpp
   exchange_tables_test.cpp)
 target_compile_definitions(platform_exchange_tests PRIVATE
-  ORVEXCHANGED="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/orvexchanged")
+  ORVEXCHANGED="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/orvexchanged"
+  INSTALLED_CONFIGURATION="${PROJECT_SOURCE_DIR}/packaging/etc/exchange.conf")
 target_link_libraries(platform_exchange_tests PRIVATE
   orvexchange_publisher orvutils PkgConfig::dbus GTest::gtest_main)
 gtest_discover_tests(platform_exchange_tests PROPERTIES TIMEOUT 120)

@@ -206,10 +206,7 @@ TEST_F(ExchangeRequests, TheCallbackMaySendTheNext)
 
 TEST_F(ExchangeRequests, OneWithoutAnAnswerTimesOutAndALateAnswerIsIgnored)
 {
-    m_broker.reset();
-    set_request_time(milliseconds{200});
-    m_broker = join("broker");
-    ASSERT_NE(m_broker, nullptr);
+    rejoin_with_request_time(milliseconds{200});
     RawPeer agent(m_bus.address(), "orvagent");
     const auto start = steady_clock::now();
     ASSERT_EQ(request("slow"), 0);
@@ -227,10 +224,7 @@ TEST_F(ExchangeRequests, OneWithoutAnAnswerTimesOutAndALateAnswerIsIgnored)
 
 TEST_F(ExchangeRequests, TimeOutsComeInTheOrderOfSendingAndOnlyToTheUnanswered)
 {
-    m_broker.reset();
-    set_request_time(milliseconds{300});
-    m_broker = join("broker");
-    ASSERT_NE(m_broker, nullptr);
+    rejoin_with_request_time(milliseconds{300});
     RawPeer agent(m_bus.address(), "orvagent");
     Answers each[3];
     std::string order;
@@ -244,6 +238,78 @@ TEST_F(ExchangeRequests, TimeOutsComeInTheOrderOfSendingAndOnlyToTheUnanswered)
     EXPECT_EQ(order, "102");
     EXPECT_EQ(each[1].all[0].type, "0");
     EXPECT_EQ(each[2].all[0].type, "2");
+}
+
+TEST_F(ExchangeRequests, WaitAMinuteForTheirAnswersUnlessSetOtherwise)
+{
+    RawPeer agent(m_bus.address(), "orvagent");
+    while (is_readable(orvex_get_fd(m_broker.get()), milliseconds{50}))
+        (void)orvex_read_fd(m_broker.get());
+    EXPECT_FALSE(time_to_alarm());
+    ASSERT_EQ(request("x"), 0);
+    ASSERT_TRUE(time_to_alarm());
+    EXPECT_LE(*time_to_alarm(), milliseconds{60000});
+    EXPECT_GT(*time_to_alarm(), milliseconds{50000});
+}
+
+TEST_F(ExchangeRequests, OnesThatWaitForTheSameParticipantAre4096)
+{
+    RawPeer silent(m_bus.address(), "silent");
+    RawPeer agent(m_bus.address(), "orvagent");
+    for (int i = 0; i < 4096; ++i)
+        ASSERT_EQ(request("silent:x"), 0) << i;
+    EXPECT_EQ(request("silent:x"), -1);
+    EXPECT_EQ(orvex_send_message(m_broker.get(), "silent:x", "", 0), 0) << "nothing waits for its answer";
+    ASSERT_EQ(request("x"), 0);
+    RawMessage call;
+    ASSERT_TRUE(serve_until([&] { return (call = agent.receive(milliseconds{0})) != nullptr; }))
+        << "so many are written only as the bus takes them";
+    agent.answer(*call, "0", "");
+    ASSERT_TRUE(serve_until_answered(1));
+    EXPECT_EQ(m_answers.all[0].from, "orvagent");
+
+    silent.answer(*silent.receive(), "0", "");
+    ASSERT_TRUE(serve_until_answered(2));
+    EXPECT_EQ(request("silent:x"), 0) << "instead of the one that is answered";
+    EXPECT_EQ(request("silent:x"), -1);
+    silent.leave();
+    ASSERT_TRUE(serve_until_answered(2 + 4096));
+    EXPECT_EQ(request("silent:x"), 0);
+}
+
+TEST_F(ExchangeRequests, OnesThatTimedOutDoNotCountAnyMore)
+{
+    rejoin_with_request_time(milliseconds{300});
+    RawPeer agent(m_bus.address(), "orvagent");
+    for (int i = 0; i < 4096; ++i)
+        ASSERT_EQ(request("x"), 0) << i;
+    EXPECT_EQ(request("x"), -1);
+    ASSERT_TRUE(serve_until_answered(4096));
+    EXPECT_EQ(m_answers.all[0].data, "timed out");
+    EXPECT_EQ(request("x"), 0);
+}
+
+TEST_F(ExchangeRequests, ThatAreNeverAnsweredAreForgottenByTheBusToo)
+{
+    m_bus.kill();
+    m_bus.change_limit("max_replies_per_connection", "70");
+    m_bus.change_limit("reply_timeout", "400");
+    ASSERT_TRUE(m_bus.start());
+    rejoin_with_request_time(milliseconds{250});
+    RawPeer silent(m_bus.address(), "silent");
+    RawPeer agent(m_bus.address(), "orvagent");
+    for (std::size_t round = 1; round <= 6; ++round) {
+        for (int i = 0; i < 20; ++i)
+            ASSERT_EQ(request("silent:x"), 0);
+        ASSERT_TRUE(serve_until_answered(round * 21 - 1));
+        EXPECT_EQ(m_answers.all.back().data, "timed out");
+        ASSERT_EQ(request("x"), 0);
+        const RawMessage call = agent.receive();
+        ASSERT_NE(call, nullptr);
+        agent.answer(*call, "0", "");
+        ASSERT_TRUE(serve_until_answered(round * 21));
+        EXPECT_EQ(m_answers.all.back().type, "0") << m_answers.all.back().data;
+    }
 }
 
 TEST_F(ExchangeRequests, LeavingDropsThoseInFlight)

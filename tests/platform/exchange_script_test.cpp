@@ -10,6 +10,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <map>
+#include <regex>
 #include <string>
 
 namespace {
@@ -31,6 +34,17 @@ Outcome run(const std::string& arguments)
     const int status = pclose(pipe);
     outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return outcome;
+}
+
+std::map<std::string, long> limits_in(const std::string& path)
+{
+    static const std::regex kLimit(R"re(<limit name="(\w+)">(\d+)</limit>)re");
+    std::ifstream file(path);
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    std::map<std::string, long> limits;
+    for (std::sregex_iterator limit(text.begin(), text.end(), kLimit), end; limit != end; ++limit)
+        limits[(*limit)[1]] = std::stol((*limit)[2]);
+    return limits;
 }
 
 TEST(ExchangeScript, HelpsAndRefusesUnknownArguments)
@@ -84,6 +98,16 @@ TEST(ExchangeScript, AnInstalledConfigurationIsUsed)
     EXPECT_FALSE(std::filesystem::exists(bus.socket()));
     EXPECT_FALSE(std::filesystem::exists(bus.root() + "/run/exchange-private.conf"));
     RawPeer("unix:path=" + bus.root() + "/other.skt").sync();
+}
+
+TEST(ExchangeScript, TheInstalledConfigurationHasTheLimitsOfThePrivateOne)
+{
+    Bus bus;
+    ASSERT_TRUE(bus.start());
+    const auto limits = limits_in(bus.root() + "/run/exchange-private.conf");
+    EXPECT_EQ(limits, limits_in(INSTALLED_CONFIGURATION));
+    ASSERT_EQ(limits.count("reply_timeout"), 1U);
+    EXPECT_GT(limits.at("reply_timeout"), 60000) << "more than the participants' own";
 }
 
 TEST(ExchangeScript, OnlyNamesOfTheExchangeCanBeOwned)

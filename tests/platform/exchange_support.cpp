@@ -8,10 +8,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <ostream>
 #include <stdexcept>
 
@@ -38,6 +42,12 @@ void send_signal(pid_t process, int signal)
 {
     if (process > 0)
         check(kill(process, signal) == 0, "kill");
+}
+
+std::string read_file(const std::string& path)
+{
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 } // namespace
@@ -101,6 +111,19 @@ void Bus::suspend()
 void Bus::resume()
 {
     send_signal(m_process, SIGCONT);
+}
+
+void Bus::change_limit(const std::string& name, const std::string& value)
+{
+    const std::string installed = m_root + "/etc/exchange.conf";
+    const bool is_changed = std::filesystem::exists(installed);
+    const std::string text = read_file(is_changed ? installed : m_root + "/run/exchange-private.conf");
+    const std::string start = "<limit name=\"" + name + "\">";
+    const std::size_t from = text.find(start);
+    check(from != std::string::npos, "no such limit");
+    std::filesystem::create_directories(m_root + "/etc");
+    std::ofstream{installed} << text.substr(0, from) << start << value
+                             << text.substr(text.find("</limit>", from));
 }
 
 // ---- the raw peer
@@ -194,18 +217,19 @@ void RawPeer::answer_with_error(DBusMessage& request, const std::string& text)
     send(RawMessage{dbus_message_new_error(&request, "net.orvane.Test.Failed", text.c_str())});
 }
 
-RawMessage RawPeer::receive()
+RawMessage RawPeer::receive(milliseconds within)
 {
-    const auto end = steady_clock::now() + kPatience;
-    while (steady_clock::now() < end) {
+    const auto end = steady_clock::now() + within;
+    do {
         RawMessage message{dbus_connection_pop_message(m_connection)};
         if (message && dbus_message_has_sender(message.get(), DBUS_SERVICE_DBUS) &&
             dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_SIGNAL)
             continue;
         if (message)
             return message;
-        dbus_connection_read_write(m_connection, 100);
-    }
+        dbus_connection_read_write(m_connection,
+                                   static_cast<int>(std::min(within, milliseconds{100}).count()));
+    } while (steady_clock::now() < end);
     return nullptr;
 }
 
@@ -225,6 +249,13 @@ RawMessage raw_reply(DBusMessage& request)
     return RawMessage{dbus_message_new_method_return(&request)};
 }
 
+RawMessage raw_reply(std::uint32_t serial)
+{
+    RawMessage reply{dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN)};
+    check(dbus_message_set_reply_serial(reply.get(), serial) != FALSE, "reply serial");
+    return reply;
+}
+
 void add_text(DBusMessage& message, const std::string& text)
 {
     const char* const value = text.c_str();
@@ -239,10 +270,27 @@ void add_bytes(DBusMessage& message, const std::string& bytes)
           "bytes");
 }
 
+void add_count(DBusMessage& message, std::uint32_t count)
+{
+    const dbus_uint32_t value = count;
+    check(dbus_message_append_args(&message, DBUS_TYPE_UINT32, &value, DBUS_TYPE_INVALID) != FALSE, "count");
+}
+
 void add_number(DBusMessage& message, std::uint64_t number)
 {
     const dbus_uint64_t value = number;
     check(dbus_message_append_args(&message, DBUS_TYPE_UINT64, &value, DBUS_TYPE_INVALID) != FALSE, "number");
+}
+
+std::string marshalled(DBusMessage& message)
+{
+    char* bytes = nullptr;
+    int size = 0;
+    dbus_message_set_serial(&message, 1);
+    check(dbus_message_marshal(&message, &bytes, &size) != FALSE, "marshal");
+    std::string result(bytes, static_cast<std::size_t>(size));
+    dbus_free(bytes);
+    return result;
 }
 
 std::string member_of(const RawMessage& message)
@@ -338,6 +386,23 @@ int open_descriptors()
     return count;
 }
 
+std::optional<milliseconds> time_to_alarm()
+{
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone; // the iterator's own
+        if (std::filesystem::read_symlink(entry.path(), gone) != "anon_inode:[timerfd]")
+            continue;
+        std::ifstream info("/proc/self/fdinfo" / entry.path().filename());
+        long long seconds = 0;
+        long long nanoseconds = 0;
+        for (std::string line; std::getline(info, line);)
+            if (std::sscanf(line.c_str(), "it_value: (%lld, %lld)", &seconds, &nanoseconds) == 2 &&
+                seconds + nanoseconds > 0)
+                return milliseconds{seconds * 1000 + nanoseconds / 1000000};
+    }
+    return std::nullopt;
+}
+
 std::vector<Received> ExchangeTest::s_received;
 std::function<void(const Message&)> ExchangeTest::s_also;
 
@@ -367,9 +432,12 @@ OrvexPtr ExchangeTest::join(const char* name, int auto_reconnect)
     return OrvexPtr{orvex_init_eventloop(name, callback, 0, auto_reconnect)};
 }
 
-void ExchangeTest::set_request_time(milliseconds time)
+void ExchangeTest::rejoin_with_request_time(milliseconds time)
 {
+    m_broker.reset();
     ASSERT_EQ(orv::setMgmt::setKey("/exchange/request_timeout_ms", std::to_string(time.count())), 0);
+    m_broker = join("broker");
+    ASSERT_NE(m_broker, nullptr);
 }
 
 int ExchangeTest::subscribe(std::vector<const char*> names)

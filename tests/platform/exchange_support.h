@@ -34,6 +34,8 @@ public:
     /// A bus that hangs, until resume().
     void suspend();
     void resume();
+    /// Changes a limit of the private configuration, which start() must have written, for the next start().
+    void change_limit(const std::string& name, const std::string& value);
     [[nodiscard]] const std::string& root() const { return m_root; }
     [[nodiscard]] std::string socket() const { return m_root + "/run/exchange.skt"; }
     [[nodiscard]] std::string address() const { return "unix:path=" + socket(); }
@@ -76,8 +78,8 @@ public:
     void answer(DBusMessage& request, const std::string& type, const std::string& data);
     void answer_with_error(DBusMessage& request, const std::string& text);
 
-    /// The next message that is not the bus's own signal. Null after kPatience.
-    RawMessage receive();
+    /// The next message that is not the bus's own signal. Null when none comes in time.
+    RawMessage receive(std::chrono::milliseconds within = kPatience);
 
 private:
     DBusConnection* m_connection = nullptr;
@@ -88,10 +90,15 @@ private:
 RawMessage raw_call(const std::string& participant, const char* member);
 RawMessage raw_signal(const char* member);
 RawMessage raw_reply(DBusMessage& request);
+RawMessage raw_reply(std::uint32_t serial);
 void add_text(DBusMessage& message, const std::string& text);
+void add_count(DBusMessage& message, std::uint32_t count);
 void add_bytes(DBusMessage& message, const std::string& bytes);
 void add_number(DBusMessage& message, std::uint64_t number);
 /// @}
+
+/// The bytes in which a message that was never sent would pass over the socket.
+std::string marshalled(DBusMessage& message);
 
 /// What a received message holds.
 /// @{
@@ -133,6 +140,8 @@ using OrvexPtr = std::unique_ptr<Orvex, LeaveExchange>;
 bool serve_until(Orvex* orvex, const std::function<bool()>& condition);
 bool is_readable(int fd, std::chrono::milliseconds within);
 int open_descriptors();
+/// Time that is left until the timer among this process's descriptors rings. Nothing when none is set.
+std::optional<std::chrono::milliseconds> time_to_alarm();
 
 /// A bus, and "broker" on it, which is what the tests are about.
 class ExchangeTest : public testing::Test {
@@ -141,8 +150,8 @@ protected:
     void TearDown() override;
 
     [[nodiscard]] static OrvexPtr join(const char* name, int auto_reconnect = 1);
-    /// Must be set before joining.
-    static void set_request_time(std::chrono::milliseconds time);
+    /// Joins anew with this time for each request.
+    void rejoin_with_request_time(std::chrono::milliseconds time);
     bool serve_until(const std::function<bool()>& condition)
     {
         return ::serve_until(m_broker.get(), condition);

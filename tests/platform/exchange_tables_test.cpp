@@ -49,6 +49,32 @@ TEST(ExchangeTables, AllRequestsAreTakenInTheOrderOfSending)
     EXPECT_FALSE(requests.next_deadline());
 }
 
+TEST(ExchangeTables, RequestsAreCountedByParticipant)
+{
+    Requests requests;
+    const auto add = [&requests](std::uint32_t serial, const char* participant) {
+        Request request = make_request_entry(serial, 1);
+        request.participant = participant;
+        requests.add(std::move(request));
+    };
+    add(1, "a");
+    add(2, "b");
+    add(3, "a");
+    EXPECT_EQ(requests.count("a"), 2U);
+    EXPECT_EQ(requests.count("b"), 1U);
+    EXPECT_EQ(requests.count("c"), 0U);
+    (void)requests.take(3);
+    (void)requests.take(3);
+    EXPECT_EQ(requests.count("a"), 1U);
+    (void)requests.take_expired(TimePoint::max());
+    EXPECT_EQ(requests.count("a"), 0U);
+    EXPECT_EQ(requests.count("b"), 1U);
+    (void)requests.take_all();
+    EXPECT_EQ(requests.count("b"), 0U);
+    add(4, "b");
+    EXPECT_EQ(requests.count("b"), 1U);
+}
+
 TEST(ExchangeTables, OriginsAreKeptUpToTheirNumber)
 {
     Origins origins;

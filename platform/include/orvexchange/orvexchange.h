@@ -30,6 +30,8 @@ static_assert(sizeof(void*) != 4 || (offsetof(Message, type) == 4 && offsetof(Me
 constexpr std::size_t kOrvexMaxName = 127;
 /// Payloads: at most this many bytes.
 constexpr std::size_t kOrvexMaxPayload = std::size_t{16} * 1024 * 1024;
+/// Requests that may wait for the answers of one participant: at most this many.
+constexpr std::size_t kOrvexMaxRequests = 4096;
 
 /// Connects as participant `name`; `event_callback` is called for every event, request and message that
 /// arrives. Null when the exchange cannot be reached or the name is taken. `flags` is 0; `auto_reconnect` is
@@ -53,6 +55,8 @@ int orvex_subscribe(Orvex* orvex, const char** names, int count);
 /// `response_callback(arg, answer)` is called exactly once, in the order of the answers: type "0" for
 /// success, type "2" with the error's text when there is no answer (not deliverable, receiver gone, timed
 /// out, exchange gone, orvex_uninit() excepted: it drops what is pending). After -1 it is never called.
+/// -1 as well while kOrvexMaxRequests to the same participant wait for their answers, so that one that never
+/// answers does not use up what the exchange keeps for all.
 int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::size_t length,
                        void (*response_callback)(void* arg, const Message* response), void* arg);
 
