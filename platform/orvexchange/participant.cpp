@@ -2,9 +2,11 @@
 //
 // Joining sends everything at once: Hello, the claim of the name, the match rules of all subscriptions. The
 // bus works through them in order, so the answer to the claim says that the participant is there, and no
-// event can come before it. Whether the caller waits for that (at first) or not (after the exchange was away)
-// is the only difference between connecting and reconnecting. A bus that accepts the connection but does not
-// answer is waited for; a lost connection is tried again after a time that doubles.
+// subscribed event can come before it. Whether the caller waits for that (at first) or not (after the exchange
+// was away) is the only difference between connecting and reconnecting. Whoever knows our unique name can
+// address us sooner; nothing of that is handed over, since a caller that waits is not in orvex_read_fd(). A
+// bus that accepts the connection but does not answer is waited for; a lost connection is tried again after a
+// time that doubles.
 //
 // Answers are matched with requests by serial number in a table of our own rather than with libdbus' pending
 // calls: these bring a timer each, where one alarm for the oldest deadline does.
@@ -381,7 +383,7 @@ void Orvex::on_reply(DBusMessage& reply)
 
 void Orvex::on_signal(DBusMessage& signal)
 {
-    if (!dbus_message_is_signal(&signal, kInterface, "Event"))
+    if (m_state == State::joining || !dbus_message_is_signal(&signal, kInterface, "Event"))
         return; // the bus's own
     const auto content = read_event(signal);
     if (!content) {
@@ -396,6 +398,8 @@ void Orvex::on_signal(DBusMessage& signal)
 
 void Orvex::on_call(DBusMessage& call)
 {
+    if (m_state == State::joining)
+        return refuse(call, kErrorNotJoined, "call while joining");
     const char* const interface = dbus_message_get_interface(&call); // may be left out
     for (const Method& method : kMethods) {
         if (dbus_message_has_member(&call, method.member) &&

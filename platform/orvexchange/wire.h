@@ -20,6 +20,7 @@ constexpr std::string_view kBusNamePrefix = "net.orvane.exchange.";
 constexpr char kDefaultParticipant[] = "orvagent"; ///< receives requests with a bare name
 
 constexpr char kErrorBadArguments[] = "net.orvane.Exchange1.Error.BadArguments";
+constexpr char kErrorNotJoined[] = "net.orvane.Exchange1.Error.NotJoined";
 constexpr char kErrorUnanswered[] = "net.orvane.Exchange1.Error.Unanswered";
 
 struct Unref {

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <vector>
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
@@ -51,6 +53,146 @@ public:
 private:
     int m_socket;
 };
+
+/// A bus that does not listen to what it is told, but says at once all that it has to say to the first who
+/// connects. Their first call has the serial number 1, the next one 2.
+class RecitingBus {
+public:
+    RecitingBus(const std::string& path, const std::vector<RawMessage>& messages)
+        : m_listener(path), m_thread([this, text = text_of(messages)] { serve(text); })
+    {
+    }
+    RecitingBus(const RecitingBus&) = delete;
+    RecitingBus& operator=(const RecitingBus&) = delete;
+    ~RecitingBus() { (void)heard(); }
+    /// All that was said to it, until the other end left.
+    [[nodiscard]] const std::string& heard()
+    {
+        if (m_thread.joinable())
+            m_thread.join();
+        return m_heard;
+    }
+
+private:
+    static std::string text_of(const std::vector<RawMessage>& messages)
+    {
+        std::string text = "OK 0123456789abcdef0123456789abcdef\r\nERROR\r\n"; // it passes no descriptors
+        for (const RawMessage& message : messages)
+            text += marshalled(*message);
+        return text;
+    }
+    void serve(const std::string& text)
+    {
+        if (!m_listener.someone_connects(kPatience))
+            return;
+        const int connection = m_listener.accept();
+        EXPECT_EQ(::write(connection, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+        char piece[512];
+        for (ssize_t size = 0; (size = ::read(connection, piece, sizeof piece)) > 0;)
+            m_heard.append(piece, static_cast<std::size_t>(size));
+        ::close(connection);
+    }
+
+    MuteBus m_listener;
+    std::string m_heard;
+    std::thread m_thread;
+};
+
+RawMessage reply_to_hello()
+{
+    RawMessage reply = raw_reply(1);
+    add_text(*reply, ":1.1");
+    return reply;
+}
+
+RawMessage reply_to_claim()
+{
+    RawMessage reply = raw_reply(2);
+    add_count(*reply, 1); // the primary owner
+    return reply;
+}
+
+RawMessage named_call(const char* member, const std::string& name)
+{
+    RawMessage call = raw_call("broker", member);
+    add_text(*call, name);
+    add_bytes(*call, "");
+    return call;
+}
+
+RawMessage event(const std::string& name)
+{
+    RawMessage signal = raw_signal("Event");
+    add_text(*signal, name);
+    add_text(*signal, "raw");
+    add_number(*signal, 1);
+    add_bytes(*signal, "");
+    return signal;
+}
+
+std::vector<RawMessage> calls_before_and_after_the_claim()
+{
+    std::vector<RawMessage> messages;
+    messages.push_back(reply_to_hello());
+    for (const char* const member : {"Request", "Message", "Ping"})
+        messages.push_back(named_call(member, "early"));
+    messages.push_back(event("early"));
+    messages.push_back(reply_to_claim());
+    messages.push_back(named_call("Request", "in time"));
+    return messages;
+}
+
+std::size_t occurrences(const std::string& text, const std::string& of)
+{
+    std::size_t count = 0;
+    for (std::size_t at = text.find(of); at != std::string::npos; at = text.find(of, at + 1))
+        ++count;
+    return count;
+}
+
+TEST_F(ExchangeAway, WhatComesWhileJoiningIsRefusedAndNotHandedOver)
+{
+    m_broker.reset();
+    m_bus.kill();
+    RecitingBus bus(m_bus.socket(), calls_before_and_after_the_claim());
+    testing::internal::CaptureStderr();
+    m_broker = join("broker");
+    const std::string log = testing::internal::GetCapturedStderr();
+    ASSERT_NE(m_broker, nullptr);
+    EXPECT_TRUE(s_received.empty()) << "callbacks run only inside orvex_read_fd";
+    EXPECT_EQ(occurrences(log, "call while joining"), 3U) << log;
+    ASSERT_TRUE(serve_until([] { return !s_received.empty(); }));
+    EXPECT_EQ(s_received[0].type, "in time");
+    m_broker.reset();
+    EXPECT_EQ(occurrences(bus.heard(), "net.orvane.Exchange1.Error.NotJoined"), 3U);
+}
+
+TEST_F(ExchangeAway, WhatComesWhileComingBackIsRefusedAndNotHandedOver)
+{
+    ASSERT_EQ(subscribe({"early"}), 0);
+    m_bus.kill();
+    RecitingBus bus(m_bus.socket(), calls_before_and_after_the_claim());
+    ASSERT_TRUE(serve_until([] { return !s_received.empty(); }));
+    EXPECT_EQ(s_received.size(), 1U);
+    EXPECT_EQ(s_received[0].type, "in time");
+    m_broker.reset();
+    EXPECT_EQ(occurrences(bus.heard(), "net.orvane.Exchange1.Error.NotJoined"), 3U);
+}
+
+TEST_F(ExchangeAway, AnOnlookerIsNotCalledWhileJoining)
+{
+    m_broker.reset();
+    m_bus.kill();
+    RecitingBus bus(m_bus.socket(), calls_before_and_after_the_claim());
+    int seen = 0;
+    OrvexPtr monitor{orvex_monitor([&seen](const OrvexTraffic&) { ++seen; }, false)};
+    ASSERT_NE(monitor, nullptr);
+    EXPECT_EQ(seen, 0);
+    ASSERT_TRUE(::serve_until(monitor.get(), [&seen] { return seen > 0; }));
+    EXPECT_EQ(seen, 1);
+    monitor.reset();
+    EXPECT_EQ(occurrences(bus.heard(), "net.orvane.Exchange1.Error.NotJoined"), 3U);
+}
 
 TEST_F(ExchangeAway, JoiningFailsWithoutABus)
 {
@@ -304,10 +446,7 @@ TEST_F(ExchangeAway, WithoutReconnectionTheEndIsReported)
 
 TEST_F(ExchangeAway, NoCallBlocksOnABusThatHangs)
 {
-    m_broker.reset();
-    set_request_time(milliseconds{300});
-    m_broker = join("broker");
-    ASSERT_NE(m_broker, nullptr);
+    rejoin_with_request_time(milliseconds{300});
     m_bus.suspend();
     const auto start = steady_clock::now();
     const std::string data(kOrvexMaxPayload / 16, 'x');
