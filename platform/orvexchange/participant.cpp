@@ -42,8 +42,6 @@ constexpr milliseconds kJoinTime{5000};
 constexpr milliseconds kFirstRetryDelay{100};
 constexpr milliseconds kMaxRetryDelay{5000};
 constexpr int kDefaultRequestTimeMs = 60000;
-/// Messages that one pass delivers at most, so that a flood leaves the caller time for its other work.
-constexpr int kMessagesPerPass = 256;
 /// Bytes that may wait to be written; a bus that does not read must not eat the memory.
 constexpr std::size_t kMaxQueued = 2 * kOrvexMaxPayload;
 
@@ -303,7 +301,8 @@ void Orvex::wait(milliseconds time)
 
 void Orvex::deliver()
 {
-    for (int i = 0; i < kMessagesPerPass && m_link; ++i) {
+    // libdbus reads some kilobytes in one pass: a flood leaves the caller time for its other work.
+    while (m_link) {
         const MessagePtr message = m_link->pop();
         if (!message)
             return;

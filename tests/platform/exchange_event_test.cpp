@@ -219,6 +219,20 @@ TEST_F(ExchangeEvents, AHundredThousandArriveInOrder)
     }
 }
 
+TEST_F(ExchangeEvents, AFloodIsDeliveredInManyPasses)
+{
+    constexpr int kEvents = 5000;
+    ASSERT_TRUE(subscribe_and_wait({"n", "end"}));
+    for (int i = 0; i < kEvents; ++i)
+        m_peer->emit("n", "");
+    m_peer->sync();
+    for (std::size_t before = 0; before < kEvents; before = s_received.size()) {
+        ASSERT_TRUE(is_readable(orvex_get_fd(m_broker.get()), kPatience));
+        EXPECT_EQ(orvex_read_fd(m_broker.get()), 0);
+        EXPECT_LE(s_received.size() - before, 256U);
+    }
+}
+
 TEST_F(ExchangeEvents, TheCallbackMaySubscribeSendAndAnswer)
 {
     s_also = [this](const Message& message) {
