@@ -119,6 +119,16 @@ TEST_F(ExchangeEvents, ANewListReplacesTheOldOne)
     EXPECT_EQ(s_received[1].data, "5");
 }
 
+TEST_F(ExchangeEvents, OneThatIsOnItsWayWhenItIsUnsubscribedIsNotDelivered)
+{
+    ASSERT_TRUE(subscribe_and_wait({"late", "end"}));
+    m_peer->emit("late", "");
+    m_peer->sync(); // it waits in our socket
+    ASSERT_EQ(subscribe({"end"}), 0);
+    ASSERT_TRUE(serve_all());
+    EXPECT_EQ(s_received.size(), 1U);
+}
+
 TEST_F(ExchangeEvents, WhatStaysSubscribedIsNeverMissedNorDoubled)
 {
     ASSERT_TRUE(subscribe_and_wait({"stays", "end"}));
