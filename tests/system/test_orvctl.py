@@ -454,12 +454,13 @@ class Settings(world.TestCase):
         self.assertEqual(self.orvctl("delete", "/a"), (OK, "", ""))
         self.assertEqual(self.orvctl("list"), (OK, "ab\n", ""))
 
-    def test_a_watch_prints_each_change(self):
-        self.orvctl("set", "/w", "before")
-        process = subprocess.Popen([world.program("orvctl"), "settings", "watch", "/w", "--count", "2"],
-                                   env=self.one.environment(), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                   stderr=subprocess.PIPE, text=True)
-        # The watch begins at some moment: change the key until it has told of a change.
+    def watch(self, *options):
+        return subprocess.Popen([world.program("orvctl"), "settings", "watch", "/w", *options],
+                                env=self.one.environment(ORV_LOG_LEVEL="0"), stdin=subprocess.DEVNULL,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+
+    def await_watch(self, process):
+        """The watch begins at some moment: changes the key until it has told of a change; returns how often."""
         number = 0
         while not select.select([process.stdout], [], [], 0.01)[0]:
             self.orvctl("set", "/w", str(number))
@@ -467,11 +468,29 @@ class Settings(world.TestCase):
         first = json.loads(process.stdout.readline())
         self.assertEqual(first["key"], "/w")
         self.assertRegex(first["value"], r"^\d+$")
+        return number
+
+    def test_a_watch_prints_each_change(self):
+        self.orvctl("set", "/w", "before")
+        process = self.watch("--count", "2")
+        number = self.await_watch(process)
         self.orvctl("delete", "/w")
         rest, errors = process.communicate(timeout=world.DEADLINE)
         self.assertEqual(errors, "")
         self.assertIn(json.loads(rest)["value"], [None, str(number - 1)])
         self.assertEqual(process.returncode, OK)
+
+    def test_a_watch_tells_of_changes_in_a_store_that_replaced_its_own(self):
+        self.orvctl("set", "/w", "before")
+        with self.watch() as process:
+            self.await_watch(process)
+            os.rename(os.path.join(self.one.root, "var/settings"), os.path.join(self.one.root, "var/old"))
+            self.orvctl("set", "/w", "after")
+            limit = threading.Timer(world.DEADLINE, process.kill)
+            limit.start()
+            self.assertIn('{"key": "/w", "value": "after"}\n', iter(process.stdout.readline, ""))
+            limit.cancel()
+            process.kill()
 
     def test_a_watch_ends_with_its_time(self):
         self.assertEqual(self.orvctl("watch", "/w", "--timeout", "0.1"), (OK, "", ""))

@@ -100,19 +100,27 @@ void print_change(const std::string& key, Output& output)
     }
 }
 
+/// Asking for the watch's descriptor is what notices that the store was replaced, and nothing wakes us then:
+/// it is asked for before each wait, and none is longer than this.
+constexpr std::chrono::milliseconds kLongestWait{1000};
+
 int follow(store::MonitoredKey& watch, const unsigned long& seen, unsigned long count, const Options& options,
            Output& output)
 {
     const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kForever));
     while (output.is_open() && (count == 0 || seen < count)) {
-        switch (wait_for_input(watch.get_fd(), deadline)) {
+        const auto next_look = std::min(deadline, orvbroker::deadline_after(kLongestWait));
+        switch (wait_for_input(watch.get_fd(), next_look)) {
         case Wake::input:
             watch.read_notifications();
             break;
         case Wake::output_closed:
             return kSuccess;
         case Wake::timed_out:
-            return count == 0 ? kSuccess : kFailed;
+            if (orvbroker::is_over(deadline)) {
+                return count == 0 ? kSuccess : kFailed;
+            }
+            break;
         }
     }
     return kSuccess;
