@@ -415,12 +415,41 @@ bool file_size(int fd, std::uint64_t& size)
     return true;
 }
 
-/// LMDB writes both meta pages at once when it creates a store; an interrupted write leaves a part of them.
-bool is_unfinished(int fd, std::uint64_t size)
+/// The size of the pages of a store that is created here and now.
+std::size_t native_page_size()
+{
+    const long size = sysconf(_SC_PAGESIZE);
+    return std::clamp(size < 0 ? std::size_t{0} : static_cast<std::size_t>(size), kMinPageSize, kMaxPageSize);
+}
+
+bool is_zero(int fd, std::uint64_t offset, std::size_t size)
+{
+    std::vector<unsigned char> bytes(size);
+    return read_fully(fd, bytes.data(), size, offset) &&
+           std::all_of(bytes.begin(), bytes.end(), [](unsigned char byte) { return byte == 0; });
+}
+
+/// A meta page as LMDB writes it first of all.
+bool is_first_meta(int fd, std::uint64_t offset)
 {
     Meta meta{};
-    return read_meta(fd, 0, meta) && meta.transaction == 0 && meta.last_page == 1 &&
-           is_page_size(meta.free_list.pad) && size < 2 * std::uint64_t{meta.free_list.pad};
+    return read_meta(fd, offset, meta) && meta.transaction == 0 && meta.last_page == 1;
+}
+
+/// LMDB writes both meta pages at once when it creates a store, and they are on disk before anything else is
+/// written. An interruption meanwhile may cut the file short, or leave either page zero.
+bool is_unfinished(int fd, std::uint64_t size)
+{
+    const std::uint64_t page_size = native_page_size();
+    if (size > 2 * page_size)
+        return false;
+    const auto is_blank = [&](std::uint64_t offset) {
+        const std::uint64_t rest = offset < size ? size - offset : 0;
+        return is_zero(fd, offset, static_cast<std::size_t>(std::min(page_size, rest)));
+    };
+    if (is_first_meta(fd, 0))
+        return size < 2 * page_size || is_blank(page_size);
+    return is_blank(0) && (is_blank(page_size) || is_first_meta(fd, page_size));
 }
 
 } // namespace

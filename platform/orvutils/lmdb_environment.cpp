@@ -7,7 +7,9 @@
 // Trust: LMDB maps its files and believes what is in them. The data file is therefore examined before it is
 // mapped, and the lock file, which LMDB would leave sparse, gets its blocks before: touching a page that a
 // full file system cannot provide would be a SIGBUS. Opening is done under a lock on the directory, so that
-// nobody examines a file that another process is just creating.
+// nobody examines a file that another process is just creating. Under that lock, too, a damaged file of a store
+// that is not synced is thrown away when nobody has it open: a crash of the system may have damaged it, and it
+// holds nothing that has to outlive one.
 //
 // Forking: a child would share its parent's place in the reader table. It therefore opens the store anew on
 // its first use.
@@ -115,6 +117,20 @@ bool is_not_permitted(int code)
     return code == EROFS || code == EACCES || code == EPERM;
 }
 
+/// Whether some other process has the store open: LMDB then holds a lock on the first byte of the lock file.
+/// Must not be asked by a process that has it open itself, which would lose its own lock. Yes, when in doubt.
+bool is_in_use(const std::string& lock_file)
+{
+    const Descriptor file(::open(lock_file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (file.get() < 0)
+        return errno != ENOENT;
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_len = 1;
+    return fcntl(file.get(), F_GETLK, &lock) < 0 || lock.l_type != F_UNLCK;
+}
+
 /// Errors after which the environment must be opened again; all others concern the one operation only.
 bool is_fatal(int code)
 {
@@ -195,6 +211,7 @@ Error LmdbEnvironment::open()
     watch_for_forks();
     m_directory = root_path(m_layout.directory);
     m_data_file = m_directory + "/data.mdb";
+    m_lock_file = m_directory + "/lock.mdb";
     m_failure.clear();
     const Error error = reopen();
     m_wanted = error == Error::none;
@@ -320,15 +337,26 @@ Error LmdbEnvironment::open_store()
         return error;
     if (const Error error = reserve_lock_file(); error != Error::none)
         return error;
-    if (const Error error = open_environment(); error != Error::none) {
+    Error error = open_environment();
+    if (error == Error::none && created && m_layout.synced)
+        error = sync_creation(directory.get());
+    if (error != Error::none) {
         // No half of a store is left behind: it would look like a damaged one.
         if (created && truncate(m_data_file.c_str(), 0) < 0 && errno != ENOENT)
             return report_open_failure("empty the data file", std::strerror(errno));
         return error;
     }
-    if (created && m_layout.synced)
-        (void)fsync(directory.get()); // as durable as the file system makes it
     return open_trees();
+}
+
+/// Puts the new file on disk before anything is stored in it, so that one whose first pages are zero after a
+/// crash of the system is known never to have held anything.
+Error LmdbEnvironment::sync_creation(int directory)
+{
+    if (const int code = mdb_env_sync(m_env, 1); code != MDB_SUCCESS)
+        return report_open_failure("sync the data file", mdb_strerror(code));
+    (void)fsync(directory); // as durable as the file system makes it
+    return Error::none;
 }
 
 /// `created` tells that there is nothing in the file yet.
@@ -341,18 +369,30 @@ Error LmdbEnvironment::check_data_file(bool& created)
     if (file.get() < 0)
         return report_open_failure("open the data file", std::strerror(errno));
     const StoreVerdict verdict = check_store_file(file.get());
-    if (verdict.state == StoreState::damaged)
-        return report_open_failure("use the data file, it is damaged", verdict.reason);
+    if (verdict.state == StoreState::damaged) {
+        created = true;
+        return drop_damaged_file(verdict.reason);
+    }
     if (verdict.state == StoreState::unfinished && truncate(m_data_file.c_str(), 0) < 0)
         return report_open_failure("empty the data file", std::strerror(errno));
     created = verdict.state != StoreState::sound;
     return Error::none;
 }
 
+Error LmdbEnvironment::drop_damaged_file(const char* reason)
+{
+    if (m_layout.synced || is_in_use(m_lock_file))
+        return report_open_failure("use the data file, it is damaged", reason);
+    if (unlink(m_data_file.c_str()) < 0 && errno != ENOENT)
+        return report_open_failure("remove the damaged data file", std::strerror(errno));
+    ORV_LOG(log::kWarning, "store {}: its data file was damaged and is created anew: {}", m_layout.directory,
+            reason);
+    return Error::none;
+}
+
 Error LmdbEnvironment::reserve_lock_file()
 {
-    const std::string name = m_directory + "/lock.mdb";
-    const Descriptor file(::open(name.c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_CLOEXEC, kFileMode));
+    const Descriptor file(::open(m_lock_file.c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_CLOEXEC, kFileMode));
     if (file.get() < 0 && is_not_permitted(errno)) {
         m_read_only = true;
         return Error::none;

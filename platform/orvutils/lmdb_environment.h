@@ -42,7 +42,9 @@ public:
         const char* directory; ///< relative to the agent's root
         std::vector<const char*> trees;
         std::size_t map_size; ///< bytes that the data file can grow to
-        bool synced;          ///< a commit is on disk when it returns
+        /// A commit is on disk when it returns. A store that is not synced need not outlive a crash of the
+        /// system: when it is damaged, and nobody has it open, it is created anew.
+        bool synced;
     };
 
     explicit LmdbEnvironment(Layout layout);
@@ -82,7 +84,9 @@ private:
     Error ready(bool for_writing);
     Error reopen();
     Error open_store();
+    Error sync_creation(int directory);
     Error check_data_file(bool& created);
+    Error drop_damaged_file(const char* reason);
     Error reserve_lock_file();
     Error open_environment();
     Error open_trees();
@@ -96,7 +100,7 @@ private:
     void end_read();
 
     Layout m_layout;
-    std::string m_directory, m_data_file;
+    std::string m_directory, m_data_file, m_lock_file;
     MDB_env* m_env = nullptr;
     MDB_txn* m_reader = nullptr; ///< the one reading transaction: renewed and reset, never ended
     std::vector<unsigned> m_trees;

@@ -338,14 +338,40 @@ TEST_F(StoreCheckTest, A_store_whose_creation_was_interrupted_is_created_again)
 {
     {
         // What is written first of all, before there is any tree.
-        LmdbEnvironment environment({"store", {}, kMapSize, false});
+        LmdbEnvironment environment({"store", {}, kMapSize, true});
         ASSERT_EQ(environment.open(), Error::none);
     }
-    std::filesystem::resize_file(data_file(), 4096);
-    EXPECT_EQ(verdict().state, StoreState::unfinished);
-    LmdbEnvironment environment(layout());
-    ASSERT_EQ(environment.open(), Error::none);
-    EXPECT_EQ(change_at_random(environment, m_random), Error::none);
+    const std::string created = slurp(data_file());
+    const std::size_t page_size = created.size() / 2;
+    const std::string zeros(page_size, '\0');
+    for (const std::string& rest : {created.substr(0, page_size), created.substr(0, page_size + 100),
+                                    created.substr(0, page_size) + zeros, zeros + created.substr(page_size),
+                                    zeros, zeros + zeros, std::string(1, '\0')}) {
+        spill(data_file(), rest);
+        EXPECT_EQ(verdict().state, StoreState::unfinished) << rest.size();
+        LmdbEnvironment environment({"store", {"a", "b"}, kMapSize, true});
+        ASSERT_EQ(environment.open(), Error::none);
+        EXPECT_EQ(change_at_random(environment, m_random), Error::none);
+    }
+}
+
+TEST_F(StoreCheckTest, A_store_that_lost_pages_is_not_taken_for_an_unfinished_one)
+{
+    {
+        LmdbEnvironment environment(layout());
+        ASSERT_EQ(environment.open(), Error::none);
+    }
+    const std::string finished = slurp(data_file());
+    const std::size_t page_size = number_at<std::uint32_t>(finished, kFreeList);
+    const std::string zeros(page_size, '\0');
+    for (const std::string& rest :
+         {zeros + finished.substr(page_size),
+          finished.substr(0, page_size) + zeros + finished.substr(2 * page_size),
+          zeros + zeros + finished.substr(2 * page_size), zeros + finished.substr(page_size, page_size),
+          std::string(finished.size(), '\0')}) {
+        spill(data_file(), rest);
+        EXPECT_EQ(verdict().state, StoreState::damaged) << rest.size();
+    }
 }
 
 TEST_F(StoreCheckTest, No_damage_crashes_the_process)

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -191,6 +192,87 @@ TEST_F(StoreFailureTest, A_damaged_or_impossible_data_file_is_refused_with_one_l
         EXPECT_EQ(outcome.status, 0) << outcome.err;
         EXPECT_EQ(count_log_lines(outcome.err), 1U) << outcome.err;
     }
+}
+
+TEST_F(StoreFailureTest, A_damaged_volatile_store_is_created_anew_with_one_log_line)
+{
+    const std::string file = tmp() + "/settings/data.mdb";
+    const std::function<void()> damages[] = {
+        [&] { spill(file, "garbage"); },
+        [&] { spill(file, std::string(65536, '\0')); },
+        [&] { fs::resize_file(file, fs::file_size(file) / 2); },
+    };
+    for (const auto& damage : damages) {
+        ASSERT_EQ(init(), 0);
+        ASSERT_EQ(setKey("/a", "x"), 0);
+        ASSERT_EQ(setKey("/tmp/a", "x"), 0);
+        uninit();
+        damage();
+        const Outcome outcome = in_child([]() -> int {
+            REQUIRE(init() == 0);
+            REQUIRE(value_of("/a") == "x");
+            REQUIRE(value_of("/tmp/a") == "error 4");
+            REQUIRE(setKey("/tmp/a", "y") == 0);
+            return 0;
+        });
+        EXPECT_EQ(outcome.status, 0) << outcome.err;
+        EXPECT_EQ(count_log_lines(outcome.err), 1U) << outcome.err;
+    }
+}
+
+TEST_F(StoreFailureTest, A_damaged_volatile_store_stays_as_long_as_another_process_has_it_open)
+{
+    const std::string file = tmp() + "/settings/data.mdb";
+    Companion other([](Companion::Ends ends) -> int {
+        REQUIRE(init() == 0);
+        REQUIRE(setKey("/tmp/a", "x") == 0);
+        REQUIRE(write(ends.out, "o", 1) == 1);
+        pause();
+        return 0;
+    });
+    ASSERT_EQ(other.hear(), 'o');
+    const std::string sound = slurp(file);
+    spill_over(file, std::string(sound.size(), '\xff'));
+    EXPECT_EQ(init(), -2);
+    spill_over(file, sound);
+    EXPECT_EQ(init(), 0);
+    EXPECT_EQ(value_of("/tmp/a"), "x") << "the file is still the same";
+    uninit();
+    spill_over(file, std::string(sound.size(), '\xff'));
+    other.kill();
+    ASSERT_EQ(other.join(), 1000 + SIGKILL);
+    EXPECT_EQ(init(), 0);
+    EXPECT_EQ(value_of("/tmp/a"), "error 4");
+}
+
+TEST_F(StoreFailureTest,
+       A_volatile_store_that_is_damaged_under_its_users_is_one_and_the_same_for_all_afterwards)
+{
+    ASSERT_EQ(init(), 0);
+    ASSERT_EQ(setKey("/tmp/a", "x"), 0);
+    const std::string file = tmp() + "/settings/data.mdb";
+    fs::remove(file);
+    spill(file, "garbage");
+    ASSERT_EQ(setKey("/tmp/a", "y"), 0);
+    const Outcome other = in_process_with_store([]() -> int {
+        REQUIRE(value_of("/tmp/a") == "y");
+        REQUIRE(setKey("/tmp/a", "z") == 0);
+        return 0;
+    });
+    EXPECT_EQ(other.status, 0) << other.err;
+    EXPECT_EQ(value_of("/tmp/a"), "z");
+}
+
+TEST_F(StoreFailureTest, A_durable_store_that_a_power_cut_kept_from_being_created_is_created_again)
+{
+    const std::string file = m_root.path() + "/var/settings/data.mdb";
+    fs::create_directories(m_root.path() + "/var/settings");
+    spill(file, std::string(2 * getpagesize(), '\0'));
+    EXPECT_EQ(init(), 0);
+    EXPECT_EQ(setKey("/a", "x"), 0);
+    uninit();
+    spill(file, std::string(fs::file_size(file), '\0'));
+    EXPECT_EQ(init(), -2) << "this one had been finished";
 }
 
 TEST_F(StoreFailureTest, A_garbage_lock_file_that_nobody_uses_does_no_harm)

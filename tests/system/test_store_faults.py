@@ -119,6 +119,19 @@ class Faults(world.TestCase):
             damage(os.path.join(directory, "data.mdb"), chance)
             self.check_no_signal(damage.__name__)
 
+    def test_a_damaged_store_of_what_a_reboot_ends_does_not_keep_the_daemon_down(self):
+        self.one.start()
+        self.one.set_setting("/tmp/filling", "x" * 500)
+        self.one.stop_daemon()
+        with open(os.path.join(self.one.root, "tmp", "settings", "data.mdb"), "r+b") as file:
+            file.write(b"\0" * 8192)
+        self.one.start_daemon()
+        warnings = [text for text in self.one.messages(level=1) if text.startswith("store tmp/settings: ")]
+        self.assertEqual(len(warnings), 1, warnings)
+        self.assertIsNone(self.one.setting("/tmp/filling"))
+        with Client() as client:
+            self.assertEqual(client.call("disable_services"), (None, 0))
+
     def check_no_signal(self, what):
         """The daemon gives up in good order, or serves; it may then fail commands, and stops in good order."""
         process = self.one.daemon = self.one.launch()
