@@ -1,6 +1,7 @@
 """The command-line client: what it prints, where, and how it ends."""
 
 import ctypes
+import fcntl
 import json
 import os
 import platform
@@ -11,6 +12,7 @@ import signal
 import socket
 import struct
 import subprocess
+import termios
 import threading
 import time
 
@@ -18,6 +20,7 @@ import world
 
 OK, FAILED, USAGE, UNAVAILABLE = 0, 1, 2, 3
 DONE = '{"data": null, "status": 0}'
+F_GETPIPE_SZ = 1032  # Linux's, which Python knows from 3.10 on
 
 
 def frame(text):
@@ -222,6 +225,12 @@ class WithoutDaemon(world.TestCase):
             self.check(["subscribe", "x"], UNAVAILABLE, stdout="", stderr="refused")
 
 
+def is_full(pipe):
+    """Whether a pipe of the usual size holds as much as it can."""
+    (waiting,) = struct.unpack("@i", fcntl.ioctl(pipe, termios.FIONREAD, bytes(4)))
+    return waiting >= fcntl.fcntl(pipe, F_GETPIPE_SZ)
+
+
 class ClosedPipes(world.TestCase):
     def start(self, *arguments):
         one = self.world()
@@ -253,11 +262,27 @@ class ClosedPipes(world.TestCase):
 
     def test_output_that_cannot_be_written_is_a_failure(self):
         one = self.world()
-        with open("/dev/full", "w") as full:
-            result = subprocess.run([world.program("orvctl"), "commands"], env=one.environment(), stdout=full,
-                                    stderr=subprocess.PIPE, text=True, timeout=world.DEADLINE, check=False)
-        self.assertEqual(result.returncode, FAILED)
-        self.assertEqual(result.stderr, "orvctl: cannot write: No space left on device\n")
+        for line in ("commands", "--help", "call --help", "--version", "completion bash"):
+            with open("/dev/full", "w") as full:
+                result = subprocess.run([world.program("orvctl"), *line.split()], env=one.environment(), stdout=full,
+                                        stderr=subprocess.PIPE, text=True, timeout=world.DEADLINE, check=False)
+            self.assertEqual((result.returncode, result.stderr),
+                             (FAILED, "orvctl: cannot write: No space left on device\n"), line)
+
+    def test_a_pipe_that_does_not_block_takes_all_the_output(self):
+        one = self.world()
+        value = "x" * 500000  # several pipes full
+        with FakeDaemon(frame('{"data": "%s", "status": 0}' % value)):
+            reading, writing = os.pipe()
+            os.set_blocking(writing, False)
+            process = subprocess.Popen([world.program("orvctl"), "call", "x"], env=one.environment(),
+                                       stdin=subprocess.DEVNULL, stdout=writing, stderr=subprocess.PIPE)
+            os.close(writing)
+            world.wait_until(lambda: is_full(reading) or process.poll() is not None, "the pipe is full")
+            with process, open(reading, "rb") as output:
+                self.assertEqual(json.loads(output.read())["data"], value)
+                self.assertEqual(process.stderr.read(), b"")
+            self.assertEqual(process.returncode, OK)
 
     def test_an_interrupt_ends_a_subscription(self):
         with FakeDaemon(frame(DONE), frame("{}")):
@@ -270,12 +295,13 @@ class ClosedPipes(world.TestCase):
 
 
 class OnATerminal(world.TestCase):
-    def run_on_terminal(self, *arguments, typed=None, prompt=None):
+    def run_on_terminal(self, *arguments, typed=None, prompt=None, **variables):
         """Runs orvctl on a terminal of its own; returns its exit status and what the terminal showed."""
         one = self.world()
         master, slave = pty.openpty()
         environment = one.environment(TERM="xterm")
         environment.pop("NO_COLOR", None)
+        environment.update(variables)
         process = subprocess.Popen([world.program("orvctl"), *arguments], env=environment, stdin=slave,
                                    stdout=slave, stderr=slave, close_fds=True)
         os.close(slave)
@@ -304,6 +330,11 @@ class OnATerminal(world.TestCase):
         self.assertIn("\033[34m\"name\"\033[0m: \033[32m", shown)
         with FakeDaemon(frame(text)):
             self.assertEqual(self.run_on_terminal("call", "x", "--json", "--color", "never"), (OK, text + "\n"))
+
+    def test_colours_are_refused_by_a_variable_that_is_not_empty(self):
+        for value, colored in (("", True), ("1", False)):
+            status, shown = self.run_on_terminal("commands", NO_COLOR=value)
+            self.assertEqual((status, "\033[" in shown), (OK, colored), value)
 
     def test_an_event_cannot_steer_the_terminal(self):
         for event, expected in (("\033[2Jx", '"\\u001b[2Jx"'), ("\u009b2J\x7f\u00e9", '"?2J?\u00e9"'),

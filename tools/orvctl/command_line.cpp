@@ -20,9 +20,9 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
-#include <iostream>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <utility>
 
 namespace orvctl {
@@ -495,9 +495,7 @@ void add_completion(CommandLine& line)
         line.work = [&line, shell](const Options&, Output& output) {
             std::vector<Level> levels;
             add_levels(line.app, line.app, "", levels);
-            std::string script = kShells.at(*shell)(levels);
-            script.pop_back(); // the last line feed is the output's
-            output.line(script);
+            output.text(kShells.at(*shell)(levels));
             return kSuccess;
         };
     });
@@ -524,12 +522,21 @@ void declare(CommandLine& line)
     add_completion(line);
 }
 
-/// Tells what is wrong with the line, or prints what --help and --version ask for.
+/// Prints what --help and --version ask for.
+int print_information(const CommandLine& line, const CLI::ParseError& request)
+{
+    std::ostringstream text;
+    (void)line.app.exit(request, text, text);
+    Output output(line.options.json, line.options.color);
+    output.text(text.str());
+    return output.finish(kSuccess);
+}
+
+/// Tells what is wrong with the line, or prints the information that it asks for.
 int end_without_work(const CommandLine& line, const CLI::ParseError& problem)
 {
     if (problem.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-        (void)line.app.exit(problem);
-        return kSuccess;
+        return print_information(line, problem);
     }
     // A misspelt sub-command shows as one that is missing; what is left over names the mistake.
     const auto unknown = line.app.remaining(true);

@@ -8,6 +8,7 @@
 #include <jansson.h>
 #include <orvbroker/client.h>
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -37,8 +38,9 @@ bool are_colors_wanted(Color color, bool terminal)
         break;
     }
     const char* type = std::getenv("TERM");
-    return terminal && std::getenv("NO_COLOR") == nullptr && type != nullptr &&
-           std::strcmp(type, "dumb") != 0;
+    const char* refusal = std::getenv("NO_COLOR");
+    const bool refused = refusal != nullptr && *refusal != '\0';
+    return terminal && !refused && type != nullptr && std::strcmp(type, "dumb") != 0;
 }
 
 /// The text indented, what is not JSON as a JSON string. It may be anyone's: nothing in it steers the terminal.
@@ -113,6 +115,24 @@ std::string aligned(const std::vector<std::string>& cells, const std::vector<std
     return line;
 }
 
+/// Writes all of a text, waiting for room in a descriptor that does not block: whoever shares it may have made
+/// it so. False with errno set on failure.
+bool write_all(int fd, std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t written = ::write(fd, text.data(), text.size());
+        if (written >= 0) {
+            text.remove_prefix(static_cast<std::size_t>(written));
+        } else if (errno == EAGAIN) {
+            pollfd room{fd, POLLOUT, 0};
+            (void)::poll(&room, 1, -1); // a failure shows in the writing that follows
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 Output::Output(bool json, Color color)
@@ -126,17 +146,13 @@ int Output::fd()
     return STDOUT_FILENO;
 }
 
-void Output::write(std::string_view text)
+void Output::text(std::string_view text)
 {
-    while (m_open && !text.empty()) {
-        const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
-        if (written >= 0) {
-            text.remove_prefix(static_cast<std::size_t>(written));
-        } else if (errno != EINTR) {
-            m_open = false;
-            m_failed = errno != EPIPE;
-        }
+    if (!m_open || write_all(STDOUT_FILENO, text)) {
+        return;
     }
+    m_open = false;
+    m_failed = errno != EPIPE;
     if (m_failed) {
         complain(std::string("cannot write: ") + std::strerror(errno));
     }
@@ -144,9 +160,7 @@ void Output::write(std::string_view text)
 
 void Output::line(std::string_view text)
 {
-    if (m_open) {
-        write(std::string(text) + "\n");
-    }
+    this->text(std::string(text) + "\n");
 }
 
 void Output::json(std::string_view text)
@@ -190,7 +204,7 @@ void complain(std::string_view text)
 {
     const std::string line = "orvctl: " + printable(text) + "\n";
     // Nothing is left to be told to anyone when standard error fails.
-    (void)!::write(STDERR_FILENO, line.data(), line.size());
+    (void)write_all(STDERR_FILENO, line);
 }
 
 } // namespace orvctl

@@ -18,7 +18,9 @@ public:
     [[nodiscard]] bool is_for_people() const { return m_for_people; }
     [[nodiscard]] bool is_json_wanted() const { return m_json; }
 
-    /// Writes a text as it is, and a line feed.
+    /// Writes a text as it is.
+    void text(std::string_view text);
+    /// The same, and a line feed.
     void line(std::string_view text);
     /// Writes a JSON text: indented for people, otherwise on one line, and exactly these bytes if it is on
     /// one already. What is not JSON becomes a JSON string.
@@ -37,8 +39,6 @@ public:
     [[nodiscard]] static int fd();
 
 private:
-    void write(std::string_view text);
-
     bool m_json;
     bool m_for_people;
     bool m_colors;
