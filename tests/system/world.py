@@ -21,6 +21,9 @@ import unittest
 
 BIN = os.environ.get("ORV_BIN", "")
 SOCKET_NAME = "\0orvbrokerd-1.3.skt"
+# The program that starts dbus-broker in place of dbus-daemon, and its configuration.
+BROKER = os.environ.get("ORV_TEST_BROKER")
+BROKER_CONFIGURATION = os.environ.get("ORV_TEST_BROKER_CONFIGURATION")
 DEADLINE = 30  # seconds; generous, since machines that test are busy
 _IN_NAMESPACE = "ORV_TEST_IN_NAMESPACE"
 
@@ -149,15 +152,23 @@ class World:
         return environment
 
     def start_bus(self):
-        with open(os.path.join(self.root, "bus.log"), "ab") as log:
-            self.bus = subprocess.Popen([program("orvexchanged")], env=self.environment(), stdout=log, stderr=log)
         path = os.path.join(self.root, "run", "exchange.skt")
+        command = self._broker(path) if BROKER else [program("orvexchanged")]
+        with open(os.path.join(self.root, "bus.log"), "ab") as log:
+            self.bus = subprocess.Popen(command, env=self.environment(), stdout=log, stderr=log)
 
         def accepts():
             with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as probe:
                 return probe.connect_ex(path) == 0
 
         wait_until(accepts, "the bus accepts connections")
+
+    def _broker(self, path):
+        """Another bus that serves the exchange, with the configuration that is installed."""
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(BROKER_CONFIGURATION) as configuration:
+            self.write("etc/exchange.conf", configuration.read().replace("/opt/orvane", self.root))
+        return ["unshare", "-m", BROKER, path, os.path.join(self.root, "etc/exchange.conf")]
 
     def kill_bus(self):
         self.bus.kill()
