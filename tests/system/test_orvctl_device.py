@@ -60,6 +60,26 @@ class Devices(world.TestCase):
         self.assertEqual((result.returncode, result.stderr), (OK, ""))
         self.assertEqual(other.orvctl("device", "list").stdout, listed)
 
+    def test_an_empty_list_can_be_stored_again(self):
+        other = self.world()
+        for listed in (self.device("list", "--json")[1], "\n", " \t\r\n"):
+            result = other.orvctl("device", "put", "-", input=listed)
+            self.assertEqual((result.returncode, result.stdout, result.stderr), (OK, "", ""))
+        self.assertEqual(other.orvctl("device", "list").stdout, "")
+
+    def test_a_text_that_is_not_utf8_is_shown_with_replacements(self):
+        for number in range(3):
+            self.device("put", json.dumps({**TV, "did": "d%d" % number, "display_name": "TV-of-%d" % number}))
+        path = os.path.join(self.one.root, "var/devices/data.mdb")
+        with open(path, "rb") as file:
+            stored = file.read()
+        self.assertIn(b"TV-of-1", stored)
+        with open(path, "r+b") as file:
+            file.write(stored.replace(b"TV-of-1", b"TV-\xfff-1"))
+        self.assertEqual([device["display_name"] for device in self.listed()], ["TV-of-0", "TV-\ufffdf-1", "TV-of-2"])
+        status, stdout, stderr = self.device("show", "d1")
+        self.assertEqual((status, json.loads(stdout)["display_name"], stderr), (OK, "TV-\ufffdf-1", ""))
+
     def test_a_record_of_another_shape_is_refused_by_its_member_and_nothing_is_stored(self):
         for member, value in (("did", ""), ("did", 7), ("macs", []), ("macs", {"nonsense": []}),
                               ("macs", {"aa:bb:cc:00:00:01": "1.2.3.4"}), ("traffic_blocked", 2),
@@ -78,11 +98,10 @@ class Devices(world.TestCase):
         self.assertEqual(self.listed(), [])
 
     def test_data_that_is_not_json_is_a_usage_error(self):
-        for data in ("nonsense", "{", '{"did": "d1"} {'):
+        for data in ("nonsense", "{", '{"did": "d1"} {', "", " "):
             status, stdout, stderr = self.device("put", data)
             self.assertEqual((status, stdout), (USAGE, ""), data)
             self.assertRegex(stderr, "^orvctl: DATA is not JSON: ")
-        self.assertEqual(self.device("put", "-", input="")[0], USAGE)
         self.assertEqual(self.listed(), [])
 
     def test_wrong_command_lines_are_usage_errors(self):

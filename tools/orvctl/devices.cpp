@@ -25,6 +25,8 @@ using orv::devMgmt::Device;
 /// Far beyond what a home needs, with every record as large as it may be.
 constexpr std::size_t kMaxInputSize = std::size_t{64} * 1024 * 1024;
 
+constexpr const char* kBlanks = " \t\r\n"; ///< what JSON has between its values
+
 int report_failure(const std::string& what)
 {
     const auto error = orv::_get_orverrno();
@@ -41,10 +43,16 @@ int report_absence(const std::string& id)
     return kFailed;
 }
 
-std::string to_line(const Device& device)
+int print(const Device& device, Output& output)
 {
     const Json json(orv::devMgmt::device_to_json(device));
-    return to_text(json.get());
+    const std::string text = to_text(json.get());
+    if (text.empty()) {
+        complain("cannot make JSON of the device: " + device.did);
+        return kFailed;
+    }
+    output.json(text);
+    return kSuccess;
 }
 
 /// All MAC addresses with their IP addresses, in their order.
@@ -86,7 +94,7 @@ Json take_value(std::string_view& text)
         return value;
     }
     text.remove_prefix(static_cast<std::size_t>(error.position));
-    text.remove_prefix(std::min(text.find_first_not_of(" \t\r\n"), text.size()));
+    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
     return value;
 }
 
@@ -138,10 +146,13 @@ int run_device_list(Output& output)
         print_table(devices, output);
         return kSuccess;
     }
+    int status = kSuccess;
     for (const auto& device : devices) {
-        output.json(to_line(device));
+        if (print(device, output) != kSuccess) {
+            status = kFailed; // the others are shown all the same
+        }
     }
-    return kSuccess;
+    return status;
 }
 
 int run_device_show(const std::string& id, Output& output)
@@ -154,8 +165,7 @@ int run_device_show(const std::string& id, Output& output)
     if (orv::devMgmt::get_device(id, device) == 0) {
         return report_absence(id);
     }
-    output.json(to_line(device));
-    return kSuccess;
+    return print(device, output);
 }
 
 int run_device_put(const std::string& data)
@@ -165,6 +175,9 @@ int run_device_put(const std::string& data)
         text.clear();
         if (!read_standard_input(text, kMaxInputSize, "devices")) {
             return kUsage;
+        }
+        if (text.find_first_not_of(kBlanks) == std::string::npos) {
+            return kSuccess; // an empty store was listed: there is nothing to bring back
         }
     }
     const SettingsStore settings;

@@ -13,7 +13,7 @@ namespace orvctl {
 /// Prints one device.
 [[nodiscard]] int run_device_show(const std::string& id, Output& output);
 /// Stores devices, new or in place of those with their ids: one JSON object or several, "-" for standard
-/// input. When one of them is not of a device's shape, none is stored.
+/// input, where none at all are fine. When one of them is not of a device's shape, none is stored.
 [[nodiscard]] int run_device_put(const std::string& data);
 /// Removes one device.
 [[nodiscard]] int run_device_remove(const std::string& id);

@@ -192,10 +192,15 @@ int run_status(const Options& options, Output& output)
     const Error daemon = ask_daemon(options, seen.get());
     const Json status(json_pack("{s:{s:s}}", "daemon", "state", text_of(daemon)));
     take_over(status.get(), seen.get());
+    const std::string text = to_text(status.get());
+    if (text.empty()) {
+        complain("cannot make JSON of the status");
+        return kFailed;
+    }
     if (output.is_for_people()) {
         print_screen(status, output);
     } else {
-        output.json(to_text(status.get()));
+        output.json(text);
     }
     return is_all_up(status, daemon) ? kSuccess : kUnavailable;
 }
