@@ -1,5 +1,7 @@
 #include "device_fields.h"
 
+#include <jansson.h>
+
 namespace orv::devMgmt {
 
 std::vector<std::string> changed_fields(const Device& before, const Device& after)
@@ -13,6 +15,13 @@ std::vector<std::string> changed_fields(const Device& before, const Device& afte
     if (before.traffic_blocked != after.traffic_blocked)
         names.emplace_back(kTrafficBlockedField);
     return names;
+}
+
+bool is_utf8(std::string_view text)
+{
+    json_t* const json = json_stringn(text.data(), text.size()); // null for what is not
+    json_decref(json);
+    return json != nullptr;
 }
 
 bool is_ip_address(sockutl::address address)

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// The fields of a device: the one place that knows them all.
@@ -33,6 +34,9 @@ constexpr const char* kTrafficBlockedField = "traffic_blocked";
 
 /// The names of the fields in which two records of a device differ.
 [[nodiscard]] std::vector<std::string> changed_fields(const Device& before, const Device& after);
+
+/// Whether a text can stand in JSON, byte by byte as it is.
+[[nodiscard]] bool is_utf8(std::string_view text);
 
 /// Whether an address can be a device's: IPv4 or IPv6.
 [[nodiscard]] bool is_ip_address(sockutl::address address);

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 namespace orv::devMgmt {
@@ -89,6 +90,37 @@ std::string take_member(std::string_view name, const json_t* value, Device& devi
     return field == kTextFields.end() ? "is no member of a device" : take_text(*field, value, device);
 }
 
+/// The size of the UTF-8 sequence that a text begins with; 0 when it begins with none.
+std::size_t sequence_size(std::string_view text)
+{
+    constexpr std::size_t kLongest = 4;
+    for (std::size_t size = 1; size <= std::min(text.size(), kLongest); ++size)
+        if (is_utf8(text.substr(0, size)))
+            return size;
+    return 0;
+}
+
+/// A text for people: with U+FFFD in place of every byte that is not UTF-8.
+std::string replace_malformed(std::string_view text)
+{
+    std::string result;
+    while (!text.empty()) {
+        const std::size_t size = sequence_size(text);
+        result += size != 0 ? text.substr(0, size) : "\xef\xbf\xbd";
+        text.remove_prefix(std::max<std::size_t>(size, 1));
+    }
+    return result;
+}
+
+Json to_json(const std::string& text)
+{
+    Json json(json_stringn(text.data(), text.size()));
+    if (json != nullptr)
+        return json;
+    const std::string shown = replace_malformed(text);
+    return Json(json_stringn(shown.data(), shown.size()));
+}
+
 Json to_json(const std::set<sockutl::address>& addresses)
 {
     Json list(json_array());
@@ -136,6 +168,10 @@ bool device_from_json(const json_t* json, const std::string& default_owner, Devi
         error = fmt::format("did: must be a text of 1 to {} bytes", kMaxDeviceIdSize);
         return false;
     }
+    if (!is_utf8(result.owner)) { // the default; JSON holds no such text
+        error = "owner: must be UTF-8";
+        return false;
+    }
     device = std::move(result);
     return true;
 }
@@ -148,8 +184,7 @@ json_t* device_to_json(const Device& device)
         complete = json_object_set_new(json.get(), name, value) == 0 && complete;
     };
     for (const TextField& field : kTextFields) {
-        const std::string& text = device.*field.member;
-        set(field.name, json_stringn(text.data(), text.size()));
+        set(field.name, to_json(device.*field.member).release());
         if (field.member == &Device::owner)
             set(kMacsField, macs_to_json(device).release());
     }

@@ -6,8 +6,6 @@
 
 #include "device_fields.h"
 
-#include <jansson.h>
-
 #include <cstdint>
 #include <map>
 
@@ -100,11 +98,7 @@ bool decode_mac(Reader& reader, Device& device)
 
 bool is_device_id(std::string_view text)
 {
-    if (text.empty() || text.find('\0') != std::string_view::npos)
-        return false;
-    json_t* const json = json_stringn(text.data(), text.size()); // null for what is not UTF-8
-    json_decref(json);
-    return json != nullptr;
+    return !text.empty() && text.find('\0') == std::string_view::npos && is_utf8(text);
 }
 
 std::string encode_device(const Device& device)

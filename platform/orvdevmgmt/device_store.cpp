@@ -9,6 +9,8 @@
 
 #include <orvutils/log_format.h>
 
+#include <algorithm>
+
 namespace orv::devMgmt {
 
 namespace {
@@ -26,20 +28,33 @@ std::string mac_prefix(const sockutl::macaddr& mac)
     return {mac.bytes().begin(), mac.bytes().end()};
 }
 
-bool is_possible(const Device& device)
+bool are_possible(const decltype(Device::macs)& macs)
+{
+    return std::all_of(macs.begin(), macs.end(), [](const auto& entry) {
+        const auto& [mac, addresses] = entry;
+        return mac.is_valid() && std::all_of(addresses.begin(), addresses.end(), is_ip_address);
+    });
+}
+
+/// The name of the first member that no device can have; null for a possible device.
+const char* impossible_member(const Device& device)
 {
     if (!is_device_id(device.did) || device.did.size() > kMaxDeviceIdSize)
-        return false;
-    if (device.traffic_blocked != 0 && device.traffic_blocked != 1)
-        return false;
-    for (const auto& [mac, addresses] : device.macs) {
-        if (!mac.is_valid())
-            return false;
-        for (const sockutl::address& address : addresses)
-            if (!is_ip_address(address))
-                return false;
-    }
-    return true;
+        return kTextFields.front().name;
+    for (const TextField& field : kTextFields)
+        if (!is_utf8(device.*field.member))
+            return field.name;
+    if (!are_possible(device.macs))
+        return kMacsField;
+    return device.traffic_blocked == 0 || device.traffic_blocked == 1 ? nullptr : kTrafficBlockedField;
+}
+
+bool is_possible(const Device& device)
+{
+    const char* const member = impossible_member(device);
+    if (member != nullptr)
+        ORV_LOG(log::kError, "device store: refusing a device for its {}", member);
+    return member == nullptr;
 }
 
 /// Removes a device from the index by looking through all of it: for a malformed record, which does not say

@@ -45,6 +45,38 @@ TEST(DeviceJsonTest, Absent_members_are_empty_and_the_owner_is_the_default)
               R"("last_va_scan_ts": "", "traffic_blocked": 0})");
 }
 
+TEST(DeviceJsonTest, A_default_owner_that_is_not_UTF_8_is_refused_where_it_is_needed)
+{
+    Device device;
+    std::string error;
+    const Json without(json_pack("{s:s}", "did", "x"));
+    EXPECT_FALSE(device_from_json(without.get(), "router\xff", device, error));
+    EXPECT_EQ(error, "owner: must be UTF-8");
+    const Json with(json_pack("{s:s,s:s}", "did", "x", "owner", "me"));
+    EXPECT_TRUE(device_from_json(with.get(), "router\xff", device, error));
+    EXPECT_EQ(device.owner, "me");
+}
+
+TEST(DeviceJsonTest, Bytes_that_are_not_UTF_8_are_shown_as_replacement_characters)
+{
+    constexpr const char* kReplacement = "\xef\xbf\xbd";
+    const std::pair<std::string, std::string> cases[] = {
+        {"\xff", kReplacement},
+        {"a\x80z", std::string("a") + kReplacement + "z"},
+        {"\xe2\x82", std::string(kReplacement) + kReplacement}, // a cut euro sign
+        {"\xe2\x82\xac\xff\xe2\x82\xac", std::string("\xe2\x82\xac") + kReplacement + "\xe2\x82\xac"},
+        {"\xc0\xaf", std::string(kReplacement) + kReplacement}, // an overlong slash
+        {"\xf0\x9f\x92\xa1", "\xf0\x9f\x92\xa1"},
+    };
+    for (const auto& [stored, shown] : cases) {
+        Device device = make_device("d1");
+        device.display_name = stored;
+        const Json json(device_to_json(device));
+        ASSERT_NE(json, nullptr);
+        EXPECT_STREQ(json_string_value(json_object_get(json.get(), "display_name")), shown.c_str());
+    }
+}
+
 TEST(DeviceJsonTest, What_is_not_of_the_shape_is_refused_with_the_members_name)
 {
     const std::pair<const char*, const char*> cases[] = {

@@ -2,6 +2,8 @@
 
 #include "devmgmt_support.h"
 
+#include "device_fields.h"
+#include "device_record.h"
 #include "device_store.h"
 
 #include <orvutils/error.h>
@@ -131,6 +133,32 @@ TEST_F(DeviceStoreTest, Impossible_devices_are_error_1_and_change_nothing)
     }
     EXPECT_EQ(all_ids(), Ids{"d1"});
     EXPECT_EQ(stored("d1"), text_of(make_device("d1")));
+}
+
+TEST_F(DeviceStoreTest, Texts_that_are_not_UTF_8_are_refused_with_the_members_name)
+{
+    for (const TextField& field : kTextFields) {
+        const Outcome outcome = in_child([&] {
+            Device device = make_device("d1");
+            device.*field.member = "caf\xe9";
+            return put_device(device) == -1 && orv::_get_orverrno() == 1 ? 0 : 1;
+        });
+        EXPECT_EQ(outcome.status, 0) << field.name;
+        EXPECT_EQ(lines_of(outcome.err).size(), 1U) << outcome.err;
+        EXPECT_NE(outcome.err.find(std::string(" ") + field.name + "\n"), std::string::npos) << outcome.err;
+    }
+    EXPECT_EQ(all_ids(), Ids{});
+}
+
+TEST_F(DeviceStoreTest, A_stored_text_that_is_not_UTF_8_hides_no_device)
+{
+    Device device = make_device("d1");
+    device.display_name = "caf\xe9";
+    plant_record("d1", encode_device(device));
+    ASSERT_EQ(put_device(make_device("d2")), 0);
+    EXPECT_EQ(all_ids(), (Ids{"d1", "d2"}));
+    EXPECT_NE(stored("d1").find("\"display_name\": \"caf\xef\xbf\xbd\""), std::string::npos) << stored("d1");
+    EXPECT_EQ(put_device(make_device("d1")), 0) << "it can be replaced";
 }
 
 TEST_F(DeviceStoreTest, A_closed_store_is_an_error)
