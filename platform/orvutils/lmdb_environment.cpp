@@ -393,7 +393,8 @@ Error LmdbEnvironment::drop_damaged_file(const char* reason)
 Error LmdbEnvironment::reserve_lock_file()
 {
     const Descriptor file(::open(m_lock_file.c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_CLOEXEC, kFileMode));
-    if (file.get() < 0 && is_not_permitted(errno)) {
+    // Elsewhere somebody may be writing, and readers must leave their marks in the lock file.
+    if (file.get() < 0 && errno == EROFS) {
         m_read_only = true;
         return Error::none;
     }

@@ -52,8 +52,9 @@ public:
     LmdbEnvironment& operator=(const LmdbEnvironment&) = delete;
     ~LmdbEnvironment() { close(); }
 
-    /// Opens or creates it, below the root directory as it is named now. Falls back to reading only where
-    /// writing is not permitted. A failure leaves it closed.
+    /// Opens or creates it, below the root directory as it is named now. Falls back to reading only on a
+    /// read-only file system, and where the data file, but not the lock file, must not be written. A failure
+    /// leaves it closed.
     [[nodiscard]] Error open();
     void close();
     [[nodiscard]] bool is_wanted() const { return m_wanted; }

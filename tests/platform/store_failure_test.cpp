@@ -25,6 +25,14 @@ protected:
     void SetUp() override { fs::create_directories(m_root.path() + "/tmp"); }
     void TearDown() override { uninit(); }
 
+    /// Gives up root's right to ignore permissions, and the agent's root directory with it.
+    [[nodiscard]] bool become_nobody() const
+    {
+        constexpr uid_t kNobody = 65534;
+        return geteuid() != 0 || (chown(m_root.path().c_str(), kNobody, kNobody) == 0 &&
+                                  chown(tmp().c_str(), kNobody, kNobody) == 0 && setuid(kNobody) == 0);
+    }
+
     [[nodiscard]] std::string tmp() const { return m_root.path() + "/tmp"; }
 
     TemporaryRoot m_root;
@@ -152,6 +160,41 @@ TEST_F(StoreFailureTest, A_read_only_store_can_be_read_and_becomes_writable_agai
         return 0;
     });
     EXPECT_EQ(outcome.status, 0) << outcome.err;
+}
+
+TEST_F(StoreFailureTest, A_store_whose_data_file_may_not_be_written_can_be_read)
+{
+    const Outcome outcome = in_child([&]() -> int {
+        REQUIRE(become_nobody());
+        REQUIRE(init() == 0);
+        REQUIRE(setKey("/a", "x") == 0);
+        uninit();
+        fs::permissions(m_root.path() + "/var/settings/data.mdb", fs::perms::owner_read);
+        REQUIRE(init() == 0);
+        REQUIRE(value_of("/a") == "x");
+        REQUIRE(setKey("/a", "y") == -2);
+        fs::permissions(m_root.path() + "/var/settings/data.mdb",
+                        fs::perms::owner_read | fs::perms::owner_write);
+        REQUIRE(setKey("/a", "y") == 0);
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+}
+
+TEST_F(StoreFailureTest, A_lock_file_that_may_not_be_written_is_an_error_that_names_it)
+{
+    const Outcome outcome = in_child([&]() -> int {
+        REQUIRE(become_nobody());
+        REQUIRE(init() == 0);
+        uninit();
+        fs::permissions(m_root.path() + "/var/settings/lock.mdb", fs::perms::owner_read);
+        REQUIRE(init() == -2);
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(count_log_lines(outcome.err), 1U) << outcome.err;
+    EXPECT_NE(outcome.err.find("cannot open the lock file: Permission denied"), std::string::npos)
+        << outcome.err;
 }
 
 TEST_F(StoreFailureTest, A_missing_store_cannot_be_created_on_a_read_only_disk)
