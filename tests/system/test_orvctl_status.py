@@ -77,8 +77,12 @@ class Status(world.TestCase):
     def test_stores_that_cannot_be_opened_are_unknown(self):
         with open(os.path.join(self.one.root, "var"), "w") as file:
             file.write("in the way")
-        result = self.one.orvctl("status")
+        result = self.one.orvctl("status", env={"ORV_LOG_LEVEL": ""})
         self.assertEqual(result.returncode, UNAVAILABLE)
+        reason = "Not a directory (ORV_ROOT names the agent's root directory, else it is /opt/orvane)"
+        self.assertEqual(result.stderr, "".join(
+            "orvctl: cannot open the %s: %s/var/%s: %s\n" % (name, self.one.root, directory, reason) for name, directory in
+            (("settings store", "settings"), ("device store", "devices"), ("telemetry outbox", "telemetry"))))
         seen = json.loads(result.stdout)
         self.assertEqual(seen["devices"], {"count": None, "blocked": None})
         self.assertEqual(seen["telemetry"], {"waiting": None})

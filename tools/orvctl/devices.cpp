@@ -134,9 +134,9 @@ int put(const Device& device)
 
 int run_device_list(Output& output)
 {
-    const DeviceStore store;
+    const OpenedStore store(Store::devices);
     if (!store.is_open()) {
-        return report_closed("device");
+        return report_closed(Store::devices);
     }
     std::vector<Device> devices;
     if (orv::devMgmt::get_devices(devices) != 0) {
@@ -157,9 +157,9 @@ int run_device_list(Output& output)
 
 int run_device_show(const std::string& id, Output& output)
 {
-    const DeviceStore store;
+    const OpenedStore store(Store::devices);
     if (!store.is_open()) {
-        return report_closed("device");
+        return report_closed(Store::devices);
     }
     Device device;
     if (orv::devMgmt::get_device(id, device) == 0) {
@@ -180,13 +180,13 @@ int run_device_put(const std::string& data)
             return kSuccess; // an empty store was listed: there is nothing to bring back
         }
     }
-    const SettingsStore settings;
+    const OpenedStore settings(Store::settings);
     if (!settings.is_open()) {
-        return report_closed("settings");
+        return report_closed(Store::settings);
     }
-    const DeviceStore store;
+    const OpenedStore store(Store::devices);
     if (!store.is_open()) {
-        return report_closed("device");
+        return report_closed(Store::devices);
     }
     std::vector<Device> devices;
     int status = read_devices(text, devices);
@@ -198,9 +198,9 @@ int run_device_put(const std::string& data)
 
 int run_device_remove(const std::string& id)
 {
-    const DeviceStore store;
+    const OpenedStore store(Store::devices);
     if (!store.is_open()) {
-        return report_closed("device");
+        return report_closed(Store::devices);
     }
     return orv::devMgmt::remove_device(id) == 0 ? kSuccess : report_absence(id);
 }

@@ -1,5 +1,6 @@
 #include "command_line.h"
 #include "exit_status.h"
+#include "logging.h"
 
 #include <orvutils/standard_streams.h>
 
@@ -9,6 +10,7 @@ int main(int argc, char** argv)
 {
     if (!orv::open_standard_streams())
         return orvctl::kUnavailable;
+    orvctl::log_failures_only();
     // Writing to a pipe without a reader is an error like any other, and a quiet end: see Output.
     (void)std::signal(SIGPIPE, SIG_IGN);
     return orvctl::run_command_line(argc, argv);

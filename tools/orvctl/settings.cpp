@@ -29,7 +29,9 @@ int report(const std::string& key, int result)
         complain("the key has children but no value: " + key);
         return kFailed;
     case orv::Error::invalid_argument:
-        complain("not a usable key or value (keys have 1 to 511 bytes, values at most 1 MiB): " + key);
+        complain(
+            "not a usable key or value (a key has 1 to 511 bytes and is not /, a value at most 1 MiB): " +
+            key);
         return kUsage;
     case orv::Error::none:
     case orv::Error::input_output:
@@ -46,10 +48,15 @@ std::string to_json(const std::string& key, const std::optional<std::string>& va
            (value ? orvbroker::quote(*value) : "null") + "}";
 }
 
-std::optional<std::string> value_of(const std::string& key)
+/// Reads a key's value, none for a key that is not there or has only children. Below 0 when the store failed.
+int read_value(const std::string& key, std::optional<std::string>& value)
 {
-    std::string value;
-    return store::getKey(key, value) >= 0 ? std::optional(std::move(value)) : std::nullopt;
+    std::string text;
+    const int result = store::getKey(key, text);
+    value = result >= 0 ? std::optional(std::move(text)) : std::nullopt;
+    const bool absent = result == -static_cast<int>(orv::Error::no_such_key) ||
+                        result == -static_cast<int>(orv::Error::no_value);
+    return absent ? 0 : result;
 }
 
 std::string last_piece(const std::string& key)
@@ -57,11 +64,14 @@ std::string last_piece(const std::string& key)
     return key.substr(key.rfind('/') + 1);
 }
 
-/// One key and, indented by its depth, everything below it.
-void print_tree(const orv::path& key, std::size_t depth, Output& output)
+/// One key and, indented by its depth, everything below it. The exit status, after a complaint when it is not 0.
+int print_tree(const orv::path& key, std::size_t depth, Output& output)
 {
     constexpr std::size_t kIndent = 2;
-    const auto value = value_of(key);
+    std::optional<std::string> value;
+    if (const int result = read_value(key, value); result < 0) {
+        return report(key, result);
+    }
     if (output.is_for_people()) {
         output.line(std::string(depth * kIndent, ' ') +
                     output.emphasized(printable(depth == 0 ? key.str() : last_piece(key))) +
@@ -70,10 +80,21 @@ void print_tree(const orv::path& key, std::size_t depth, Output& output)
         output.json(to_json(key, value));
     }
     std::vector<std::string> names;
-    store::enumSubkeys(key, names);
-    for (const auto& name : names) {
-        print_tree(key / name, depth + 1, output);
+    if (const int result = store::enumSubkeys(key, names); result < 0) {
+        return report(key, result);
     }
+    for (const auto& name : names) {
+        if (const int status = print_tree(key / name, depth + 1, output); status != kSuccess) {
+            return status;
+        }
+    }
+    return kSuccess;
+}
+
+/// The root itself is never a key.
+bool is_root(const std::string& key)
+{
+    return orv::path(key) == orv::path("/");
 }
 
 /// Whether a key or anything below it is there; complains when not.
@@ -86,18 +107,42 @@ int check_presence(const std::string& key)
     }
     std::vector<std::string> names;
     const int children = store::enumSubkeys(key, names);
-    // The root itself is never a key.
-    return children > 0 || orv::path(key) == orv::path("/") ? kSuccess : report(key, result);
+    if (children < 0) {
+        return report(key, children);
+    }
+    return children > 0 || is_root(key) ? kSuccess : report(key, result);
 }
 
-void print_change(const std::string& key, Output& output)
+/// False, after a complaint, when the value cannot be read.
+bool print_change(const std::string& key, Output& output)
 {
-    const auto value = value_of(key);
+    std::optional<std::string> value;
+    if (const int result = read_value(key, value); result < 0) {
+        (void)report(key, result);
+        return false;
+    }
     if (!output.is_for_people()) {
         output.json(to_json(key, value));
     } else {
         output.line(output.emphasized(key) + (value ? " = " + printable(*value) : " deleted"));
     }
+    return true;
+}
+
+/// One row of a list; the exit status, after a complaint when it is not 0.
+int print_child(const orv::path& parent, const std::string& name, Output& output)
+{
+    if (!output.is_json_wanted()) {
+        output.line(name);
+        return kSuccess;
+    }
+    const orv::path key = parent / name;
+    std::optional<std::string> value;
+    if (const int result = read_value(key, value); result < 0) {
+        return report(key, result);
+    }
+    output.json(to_json(key, value));
+    return kSuccess;
 }
 
 /// Asking for the watch's descriptor is what notices that the store was replaced, and nothing wakes us then:
@@ -130,9 +175,9 @@ int follow(store::MonitoredKey& watch, const unsigned long& seen, unsigned long 
 
 int run_settings_get(const std::string& key, Output& output)
 {
-    const SettingsStore opened;
+    const OpenedStore opened(Store::settings);
     if (!opened.is_open()) {
-        return report_closed("settings");
+        return report_closed(Store::settings);
     }
     std::string value;
     const int result = store::getKey(key, value);
@@ -149,9 +194,9 @@ int run_settings_get(const std::string& key, Output& output)
 
 int run_settings_set(const std::string& key, const std::string& value)
 {
-    const SettingsStore opened;
+    const OpenedStore opened(Store::settings);
     if (!opened.is_open()) {
-        return report_closed("settings");
+        return report_closed(Store::settings);
     }
     const int result = store::setKey(key, value);
     return result < 0 ? report(key, result) : kSuccess;
@@ -159,9 +204,9 @@ int run_settings_set(const std::string& key, const std::string& value)
 
 int run_settings_delete(const std::string& key)
 {
-    const SettingsStore opened;
+    const OpenedStore opened(Store::settings);
     if (!opened.is_open()) {
-        return report_closed("settings");
+        return report_closed(Store::settings);
     }
     const int result = store::deleteKey(key);
     return result < 0 ? report(key, result) : kSuccess;
@@ -169,21 +214,20 @@ int run_settings_delete(const std::string& key)
 
 int run_settings_list(const std::string& key, Output& output)
 {
-    const SettingsStore opened;
+    const OpenedStore opened(Store::settings);
     if (!opened.is_open()) {
-        return report_closed("settings");
+        return report_closed(Store::settings);
     }
     if (const int status = check_presence(key); status != kSuccess) {
         return status;
     }
     std::vector<std::string> names;
-    store::enumSubkeys(key, names);
+    if (const int result = store::enumSubkeys(key, names); result < 0) {
+        return report(key, result);
+    }
     for (const auto& name : names) {
-        const orv::path child = orv::path(key) / name;
-        if (output.is_json_wanted()) {
-            output.json(to_json(child, value_of(child)));
-        } else {
-            output.line(name);
+        if (const int status = print_child(key, name, output); status != kSuccess) {
+            return status;
         }
     }
     return kSuccess;
@@ -191,27 +235,30 @@ int run_settings_list(const std::string& key, Output& output)
 
 int run_settings_tree(const std::string& key, Output& output)
 {
-    const SettingsStore opened;
+    const OpenedStore opened(Store::settings);
     if (!opened.is_open()) {
-        return report_closed("settings");
+        return report_closed(Store::settings);
     }
     if (const int status = check_presence(key); status != kSuccess) {
         return status;
     }
-    print_tree(key, 0, output);
-    return kSuccess;
+    return print_tree(key, 0, output);
 }
 
 int run_settings_watch(const std::string& key, unsigned long count, const Options& options, Output& output)
 {
-    const SettingsStore opened;
+    const OpenedStore opened(Store::settings);
     if (!opened.is_open()) {
-        return report_closed("settings");
+        return report_closed(Store::settings);
+    }
+    const int unusable = -static_cast<int>(orv::Error::invalid_argument);
+    if (std::string value; is_root(key) || store::getKey(key, value) == unusable) {
+        return report(key, unusable);
     }
     unsigned long seen = 0;
     const auto on_change = [&](const orv::path&, void*) {
-        print_change(key, output);
-        return ++seen != count;
+        seen += print_change(key, output) ? 1 : 0;
+        return count == 0 || seen < count;
     };
     store::MonitoredKey watch(key.c_str(), on_change, false, nullptr, true);
     if (watch.get_fd() < 0) {

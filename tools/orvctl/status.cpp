@@ -64,21 +64,27 @@ Error ask(const char* command, const Options& options, Json& data)
 
 json_t* telemetry_waiting()
 {
-    namespace outbox = orv::karma::outbox;
-    if (outbox::open() != orv::Error::none) {
+    const OpenedStore outbox(Store::telemetry);
+    if (!outbox.is_open()) {
+        (void)report_closed(Store::telemetry);
         return json_null();
     }
-    std::vector<outbox::Entry> entries;
-    const auto error = outbox::read(entries);
-    outbox::close();
+    std::vector<orv::karma::outbox::Entry> entries;
+    const auto error = orv::karma::outbox::read(entries);
     return error == orv::Error::none ? json_integer(static_cast<json_int_t>(entries.size())) : json_null();
 }
 
 /// What can be seen without the daemon.
 Json look()
 {
-    const SettingsStore settings; // closed ones are null in what follows
-    const DeviceStore devices;
+    const OpenedStore settings(Store::settings); // what a closed one holds is null in what follows
+    if (!settings.is_open()) {
+        (void)report_closed(Store::settings);
+    }
+    const OpenedStore devices(Store::devices);
+    if (!devices.is_open()) {
+        (void)report_closed(Store::devices);
+    }
     orv::diagnosis::Manager manager;
     manager.add(orv::diagnosis::get_defaults({{"exchange", "address"},
                                               {"exchange", "reachable"},

@@ -1,39 +1,123 @@
+// The stores' libraries tell only their log why a store cannot be opened. A log line is no message, so the reason
+// is looked for once more from outside, in the order in which the libraries meet it: the directory, the data file,
+// what is in it.
 #include "stores.h"
 
 #include "exit_status.h"
+#include "logging.h"
 #include "output.h"
 
+#include <karma_outbox.h>
+#include <lmdb_check.h>
 #include <orvdevmgmt/orvdevmgmt.h>
 #include <orvutils/setmgmt.h>
+#include <root.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <string>
+#include <vector>
 
 namespace orvctl {
+namespace {
 
-SettingsStore::SettingsStore() : m_open(orv::setMgmt::init() >= 0) {}
+struct Place {
+    const char* name;
+    std::vector<const char*> directories; ///< below the root
+};
 
-SettingsStore::~SettingsStore()
+Place place_of(Store store)
 {
-    if (m_open) {
+    switch (store) {
+    case Store::settings:
+        return {"settings store", {"var/settings", "tmp/settings"}};
+    case Store::devices:
+        return {"device store", {"var/devices"}};
+    case Store::telemetry:
+        return {"telemetry outbox", {"var/telemetry"}};
+    }
+    return {"store", {}};
+}
+
+bool open(Store store)
+{
+    const LogSilence silence;
+    switch (store) {
+    case Store::settings:
+        return orv::setMgmt::init() >= 0;
+    case Store::devices:
+        return orv::devMgmt::init() == 0;
+    case Store::telemetry:
+        return orv::karma::outbox::open() == orv::Error::none;
+    }
+    return false;
+}
+
+std::string with_reason(const std::string& name)
+{
+    return name + ": " + std::strerror(errno);
+}
+
+/// What is wrong with a data file; empty when nothing is found.
+std::string fault_of_file(const std::string& name)
+{
+    const int fd = ::open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd == -1) {
+        return errno == ENOENT ? "" : with_reason(name);
+    }
+    const auto verdict = orv::detail::check_store_file(fd);
+    ::close(fd);
+    const bool damaged = verdict.state == orv::detail::StoreState::damaged;
+    return damaged ? name + " is damaged: " + verdict.reason : "";
+}
+
+/// What is wrong with a store's directory, or in it; empty when nothing is found.
+std::string fault_of(const std::string& directory)
+{
+    if (!orv::detail::make_directories(directory, orv::detail::kDataDirectoryMode) ||
+        ::access(directory.c_str(), R_OK | X_OK) == -1) {
+        return with_reason(directory) +
+               " (ORV_ROOT names the agent's root directory, else it is /opt/orvane)";
+    }
+    return fault_of_file(directory + "/data.mdb");
+}
+
+} // namespace
+
+OpenedStore::OpenedStore(Store store) : m_store(store), m_open(open(store)) {}
+
+OpenedStore::~OpenedStore()
+{
+    if (!m_open) {
+        return;
+    }
+    switch (m_store) {
+    case Store::settings:
         orv::setMgmt::uninit();
-    }
-}
-
-DeviceStore::DeviceStore() : m_open(orv::devMgmt::init() == 0) {}
-
-DeviceStore::~DeviceStore()
-{
-    if (m_open) {
+        break;
+    case Store::devices:
         orv::devMgmt::uninit();
+        break;
+    case Store::telemetry:
+        orv::karma::outbox::close();
+        break;
     }
 }
 
-int report_closed(const char* store)
+int report_closed(Store store)
 {
-    complain(
-        std::string("cannot open the ") + store +
-        " store: the agent's root directory (ORV_ROOT, else /opt/orvane) must be there and be writable for "
-        "this user");
+    const Place place = place_of(store);
+    std::string fault;
+    for (const char* directory : place.directories) {
+        if (fault.empty()) {
+            fault = fault_of(orv::detail::root_path(directory));
+        }
+    }
+    complain(std::string("cannot open the ") + place.name + ": " +
+             (fault.empty() ? "with ORV_LOG_LEVEL=0 the reason is logged" : fault));
     return kUnavailable;
 }
 

@@ -2,35 +2,25 @@
 
 namespace orvctl {
 
-/// The settings store, open as long as this lives.
-class SettingsStore {
+enum class Store { settings, devices, telemetry };
+
+/// One of the agent's stores, open as long as this lives. Why one cannot be opened is not logged, as
+/// report_closed() says it, unless ORV_LOG_LEVEL is set.
+class OpenedStore {
 public:
-    SettingsStore();
-    SettingsStore(const SettingsStore&) = delete;
-    SettingsStore& operator=(const SettingsStore&) = delete;
-    ~SettingsStore();
+    explicit OpenedStore(Store store);
+    OpenedStore(const OpenedStore&) = delete;
+    OpenedStore& operator=(const OpenedStore&) = delete;
+    ~OpenedStore();
 
     [[nodiscard]] bool is_open() const { return m_open; }
 
 private:
+    Store m_store;
     bool m_open;
 };
 
-/// The device store, open as long as this lives.
-class DeviceStore {
-public:
-    DeviceStore();
-    DeviceStore(const DeviceStore&) = delete;
-    DeviceStore& operator=(const DeviceStore&) = delete;
-    ~DeviceStore();
-
-    [[nodiscard]] bool is_open() const { return m_open; }
-
-private:
-    bool m_open;
-};
-
-/// Complains about a store that could not be opened; the exit status.
-[[nodiscard]] int report_closed(const char* store);
+/// Complains about a store that could not be opened, with the reason; the exit status.
+[[nodiscard]] int report_closed(Store store);
 
 } // namespace orvctl

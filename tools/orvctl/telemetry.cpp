@@ -1,6 +1,7 @@
 #include "telemetry.h"
 
 #include "exit_status.h"
+#include "stores.h"
 
 #include <karma_outbox.h>
 
@@ -16,17 +17,15 @@ namespace outbox = orv::karma::outbox;
 /// Does some work on the open outbox.
 int with_outbox(const std::function<orv::Error()>& work)
 {
-    orv::Error error = outbox::open();
-    if (error == orv::Error::none) {
-        error = work();
-        outbox::close();
+    const OpenedStore opened(Store::telemetry);
+    if (!opened.is_open()) {
+        return report_closed(Store::telemetry);
     }
+    const orv::Error error = work();
     if (error == orv::Error::none) {
         return kSuccess;
     }
-    complain(
-        "the telemetry outbox below the agent's root directory (ORV_ROOT, else /opt/orvane) failed (error " +
-        std::to_string(static_cast<int>(error)) + ")");
+    complain("the telemetry outbox failed (error " + std::to_string(static_cast<int>(error)) + ")");
     return kUnavailable;
 }
 

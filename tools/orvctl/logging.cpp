@@ -1,0 +1,37 @@
+#include "logging.h"
+
+#include <log_state.h>
+#include <orvutils/log.h>
+
+#include <cstdlib>
+
+namespace orvctl {
+namespace {
+
+constexpr int kNothing = orv::log::kError - 1;
+
+void log_up_to(int level)
+{
+    if (!orv::log::detail::parse_level(std::getenv("ORV_LOG_LEVEL"))) {
+        orv::log::detail::set_threshold(level);
+    }
+}
+
+} // namespace
+
+void log_failures_only()
+{
+    log_up_to(orv::log::kError);
+}
+
+LogSilence::LogSilence()
+{
+    log_up_to(kNothing);
+}
+
+LogSilence::~LogSilence()
+{
+    log_failures_only();
+}
+
+} // namespace orvctl
