@@ -135,6 +135,11 @@ class WithoutDaemon(world.TestCase):
         for arguments in (["call", "x"], ["subscribe", "x"]):
             self.check(arguments, UNAVAILABLE, stdout="", stderr="^orvctl: the broker daemon is not running")
 
+    def test_an_absent_bus_is_told_in_one_message_unless_more_is_to_be_logged(self):
+        for level, logged in (("", ""), ("1", r".+\]: cannot reach the exchange: .+\n")):
+            self.check(["exchange", "request", "a:b"], UNAVAILABLE, stdout="", env={"ORV_LOG_LEVEL": level},
+                       stderr=r"\A%sorvctl: cannot reach the message exchange: .+\n\Z" % logged)
+
     def test_a_forbidden_connection_is_not_permitted(self):
         with FakeDaemon():
             for arguments in (["call", "x"], ["subscribe", "x"]):
@@ -428,7 +433,8 @@ class Telemetry(world.ServedTestCase):
             file.write("in the way")
         result = other.orvctl("telemetry", "list")
         self.assertEqual((result.returncode, result.stdout), (UNAVAILABLE, ""))
-        self.assertIn("orvctl: the telemetry outbox", result.stderr)
+        self.assertIn("orvctl: cannot open the telemetry outbox: %s/var/telemetry: Not a directory" % other.root,
+                      result.stderr)
 
 
 class Settings(world.TestCase):
@@ -448,8 +454,16 @@ class Settings(world.TestCase):
             self.assertEqual(self.orvctl("get", "/test/key"), (OK, value + "\n", ""))
             self.assertEqual(json.loads(self.orvctl("get", "/test/key", "--json")[1]),
                              {"key": "/test/key", "value": value})
-        self.assertEqual(self.orvctl("set", "/test/key", "--", "-1"), (OK, "", ""))
-        self.assertEqual(self.orvctl("get", "/test/key"), (OK, "-1\n", ""))
+
+    def test_a_value_that_begins_with_a_dash_needs_two_dashes_before_it_unless_a_digit_follows(self):
+        for value in ("-1", "-5 and more", "-"):
+            self.assertEqual(self.orvctl("set", "/test/key", value), (OK, "", ""))
+            self.assertEqual(self.orvctl("get", "/test/key"), (OK, value + "\n", ""))
+        for value in ("-1", "-a", "-.5", "--", "--json"):
+            self.assertEqual(self.orvctl("set", "/test/key", "--", value), (OK, "", ""))
+            self.assertEqual(self.orvctl("get", "/test/key"), (OK, value + "\n", ""))
+        for value in ("-a", "-.5", "--no-option"):
+            self.assertEqual(self.orvctl("set", "/test/key", value)[0], USAGE)
 
     def test_an_absent_key_is_a_message_and_a_failure(self):
         for verb in ("get", "delete", "list", "tree"):
@@ -461,6 +475,13 @@ class Settings(world.TestCase):
         status, stdout, stderr = self.orvctl("set", "/" + "k" * 600, "1")
         self.assertEqual((status, stdout), (USAGE, ""))
         self.assertIn("511 bytes", stderr)
+
+    def test_a_key_that_can_have_no_value_is_a_usage_error(self):
+        for key in ("", "/", "//", "/" + "k" * 600):
+            for verb in (("set", key, "1"), ("delete", key), ("watch", key, "--timeout", "0.1")):
+                status, stdout, stderr = self.orvctl(*verb)
+                self.assertEqual((status, stdout), (USAGE, ""), verb)
+                self.assertIn("orvctl: not a usable key or value", stderr)
 
     def test_keys_are_listed_and_shown_as_a_tree(self):
         for key, value in (("/a/y", "2"), ("/a/x/deep", "1"), ("/b", "3")):
@@ -530,9 +551,40 @@ class Settings(world.TestCase):
     def test_a_store_that_cannot_be_opened_is_unavailable(self):
         with open(os.path.join(self.one.root, "var"), "w") as file:
             file.write("in the way")
-        status, stdout, stderr = self.orvctl("get", "/a")
-        self.assertEqual((status, stdout), (UNAVAILABLE, ""))
-        self.assertIn("orvctl: cannot open the settings store", stderr)
+        self.check_closed("%s/var/settings: Not a directory (ORV_ROOT names the agent's root directory, else it is "
+                          "/opt/orvane)" % self.one.root)
+
+    def check_closed(self, reason):
+        """The one message says the reason; with a log level the libraries' own lines are there, too."""
+        for arguments in (("get", "/a"), ("set", "/a", "1"), ("list",), ("tree",), ("watch", "/a")):
+            result = self.one.orvctl("settings", *arguments, env={"ORV_LOG_LEVEL": ""})
+            self.assertEqual((result.returncode, result.stdout), (UNAVAILABLE, ""), arguments)
+            self.assertEqual(result.stderr, "orvctl: cannot open the settings store: %s\n" % reason)
+        logged = self.one.orvctl("settings", "get", "/a", env={"ORV_LOG_LEVEL": "0"}).stderr
+        self.assertRegex(logged, r"\]: store var/settings: cannot .*\norvctl: cannot open the settings store: ")
+
+    def data_file(self):
+        return os.path.join(self.one.root, "var/settings/data.mdb")
+
+    def test_a_damaged_store_is_said_to_be_damaged(self):
+        self.orvctl("set", "/a", "1")
+        with open(self.data_file(), "r+b") as file:
+            file.write(b"\xff" * 8192)
+        self.check_closed("%s is damaged: no store's first page" % self.data_file())
+
+    def test_a_store_that_cannot_be_listed_is_no_success(self):
+        for key in ("/a/b/some-name", "/a/c"):
+            self.orvctl("set", key, "1")
+        with open(self.data_file(), "rb") as file:
+            stored = file.read()
+        self.assertIn(b"some-name", stored)
+        with open(self.data_file(), "r+b") as file:
+            file.write(stored.replace(b"some-name", b"some/name"))
+        self.assertEqual(self.orvctl("list", "/a"), (OK, "b\nc\n", ""))
+        for verb, key in (("list", "/a/b"), ("tree", "/a/b"), ("tree", "/a"), ("tree", "/")):
+            status, stdout, stderr = self.orvctl(verb, key)
+            self.assertEqual((status, stdout), (UNAVAILABLE, ""), (verb, key))
+            self.assertIn("orvctl: the settings store failed (error 2): /a/b\n", stderr)
 
 
 if __name__ == "__main__":

@@ -106,7 +106,6 @@ void add_call(CommandLine& line)
             "  orvctl call set_va_cloud_trigger true\n"
             "  orvctl call start_cloud_registration '{\"router_id\": \"r1\"}'\n"
             "  generate-json | orvctl call start_cloud_registration -\n"
-            "  orvctl call set_va_cloud_trigger -- -1       (-- comes before what begins with a dash)\n"
             "\nThe daemon ignores a name that it does not know: null data and status 0.\n");
     command->add_option("NAME", call->name, "The command, see orvctl commands")->required();
     command->add_option("DATA", call->data, "Its data as JSON, - to read it from standard input");
@@ -212,7 +211,8 @@ void add_settings_changes(CommandLine& line, CLI::App& settings)
     CLI::App* set = add_on_key(
         line, settings, "set", "Write a value",
         "  orvctl settings set /protection/enabled 1\n"
-        "  orvctl settings set /some/key -- -1       (-- comes before what begins with a dash)\n",
+        "  orvctl settings set /some/key -1\n"
+        "  orvctl settings set /some/key -- -a       (-- comes before a dash and what is no digit)\n",
         [value](const std::string& key, const Options&, Output&) { return run_settings_set(key, *value); });
     set->get_option("KEY")->required();
     set->add_option("VALUE", *value, "The value, any text")->required();
