@@ -310,7 +310,7 @@ TEST_F(StoreFailureTest, A_durable_store_that_a_power_cut_kept_from_being_create
 {
     const std::string file = m_root.path() + "/var/settings/data.mdb";
     fs::create_directories(m_root.path() + "/var/settings");
-    spill(file, std::string(2 * getpagesize(), '\0'));
+    spill(file, std::string(2 * static_cast<std::size_t>(getpagesize()), '\0'));
     EXPECT_EQ(init(), 0);
     EXPECT_EQ(setKey("/a", "x"), 0);
     uninit();
