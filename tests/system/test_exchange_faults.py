@@ -49,6 +49,13 @@ class Faults(world.ServedTestCase):
         other.emit("registration_status_changed", "no result")
         self.served.wait_for_log("failed to process registration_status_changed event", count + 1)
 
+    def wait_for_subscriptions(self, scanner):
+        """The bus has taken what the daemon has subscribed to: a request that it sent afterwards is there."""
+        client = self.asking("va_status")
+        self.asked(scanner, "va_scan_status")
+        scanner.answer(0, "0", "{}")
+        self.check_answered(client, {}, 0)
+
 
 class Answers(Faults):
     def test_types_that_are_no_success_fail_the_renaming_of_a_device(self):
@@ -348,10 +355,11 @@ class Storm(Faults):
         self.served.log_level = "1"
         # Freed memory counts as free under a sanitizer, too.
         self.served.start_daemon(ASAN_OPTIONS="quarantine_size_mb=1")
-        other = self.participant(self.served, "test")
+        other = self.participant(self.served, "orvvad")
         with Client() as deaf, Client() as listener:
             deaf.subscribe("va_status_changed")
             listener.subscribe("va_status_changed")
+            self.wait_for_subscriptions(other)
             memory = self.served.resident_kib()
             for number in range(batches):
                 # A batch fits into a client's buffer, so that nobody who reads can miss anything.
