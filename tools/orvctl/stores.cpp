@@ -1,6 +1,6 @@
 // The stores' libraries tell only their log why a store cannot be opened. A log line is no message, so the reason
 // is looked for once more from outside, in the order in which the libraries meet it: the directory, the data file,
-// what is in it.
+// what is in it, the lock file.
 #include "stores.h"
 
 #include "exit_status.h"
@@ -74,6 +74,16 @@ std::string fault_of_file(const std::string& name)
     return damaged ? name + " is damaged: " + verdict.reason : "";
 }
 
+/// What is wrong with the lock file, which readers write to as well; empty when nothing is found. On a read-only
+/// file system it is not needed.
+std::string fault_of_lock(const std::string& directory)
+{
+    const std::string name = directory + "/lock.mdb";
+    const bool exists = ::access(name.c_str(), F_OK) == 0;
+    const std::string& written = exists ? name : directory;
+    return ::access(written.c_str(), R_OK | W_OK) == 0 || errno == EROFS ? "" : with_reason(written);
+}
+
 /// What is wrong with a store's directory, or in it; empty when nothing is found.
 std::string fault_of(const std::string& directory)
 {
@@ -82,7 +92,8 @@ std::string fault_of(const std::string& directory)
         return with_reason(directory) +
                " (ORV_ROOT names the agent's root directory, else it is /opt/orvane)";
     }
-    return fault_of_file(directory + "/data.mdb");
+    const std::string fault = fault_of_file(directory + "/data.mdb");
+    return fault.empty() ? fault_of_lock(directory) : fault;
 }
 
 } // namespace
