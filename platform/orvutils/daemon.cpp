@@ -291,9 +291,12 @@ int Process::run_hooks(int report)
 
 std::shared_ptr<Instance> instance(int argc, char** argv)
 {
-    if (!open_standard_streams())
-        std::exit(kExitFailure); // there may be nowhere to say so
     std::string program = program_name(argc, argv);
+    if (!open_standard_streams()) {
+        const auto text = fmt::format("{}: cannot open /dev/null: {}\n", program, std::strerror(errno));
+        (void)std::fputs(text.c_str(), stderr); // unless that is the stream in question
+        std::exit(kExitFailure);
+    }
     const Options options = parse_options(argc, argv, program);
     choose_log_level(options.log_level);
     const int stop_fd = prepare_signals();
