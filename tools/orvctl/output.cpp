@@ -50,7 +50,7 @@ std::string indented(std::string_view text)
     const std::unique_ptr<json_t, decltype(&json_decref)> value(
         json_loadb(text.data(), text.size(), JSON_DECODE_ANY | JSON_ALLOW_NUL, nullptr), &json_decref);
     if (value == nullptr) {
-        return printable(orvbroker::quote(text));
+        return printable(as_json(text));
     }
     const std::unique_ptr<char, decltype(&std::free)> dumped(
         json_dumps(value.get(), JSON_INDENT(kIndent) | JSON_ENCODE_ANY), &std::free);

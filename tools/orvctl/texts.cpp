@@ -39,7 +39,7 @@ bool read_standard_input(std::string& text, std::size_t limit, std::string_view 
 
 bool is_json(std::string_view text)
 {
-    // The flags keep the parser from refusing what JSON allows and only C cannot hold.
+    // The flags keep the parser from refusing most of what JSON allows and C cannot hold.
     constexpr std::size_t kFlags = JSON_DECODE_ANY | JSON_ALLOW_NUL | JSON_DECODE_INT_AS_REAL;
     json_t* value = json_loadb(text.data(), text.size(), kFlags, nullptr);
     json_decref(value);
