@@ -436,8 +436,8 @@ bool is_first_meta(int fd, std::uint64_t offset)
     return read_meta(fd, offset, meta) && meta.transaction == 0 && meta.last_page == 1;
 }
 
-/// LMDB writes both meta pages at once when it creates a store, and they are on disk before anything else is
-/// written. An interruption meanwhile may cut the file short, or leave either page zero.
+/// LMDB writes both meta pages at once when it creates a store, and those of a synced store are on disk before
+/// anything else is written. An interruption meanwhile may cut the file short, or leave either page zero.
 bool is_unfinished(int fd, std::uint64_t size)
 {
     const std::uint64_t page_size = native_page_size();
