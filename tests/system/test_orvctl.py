@@ -5,7 +5,6 @@ import fcntl
 import json
 import os
 import platform
-import pty
 import re
 import select
 import signal
@@ -300,45 +299,22 @@ class ClosedPipes(world.TestCase):
 
 
 class OnATerminal(world.TestCase):
-    def run_on_terminal(self, *arguments, typed=None, prompt=None, **variables):
-        """Runs orvctl on a terminal of its own; returns its exit status and what the terminal showed."""
-        one = self.world()
-        master, slave = pty.openpty()
-        environment = one.environment(TERM="xterm")
-        environment.pop("NO_COLOR", None)
-        environment.update(variables)
-        process = subprocess.Popen([world.program("orvctl"), *arguments], env=environment, stdin=slave,
-                                   stdout=slave, stderr=slave, close_fds=True)
-        os.close(slave)
-        shown = b""
-        while True:
-            self.assertTrue(select.select([master], [], [], world.DEADLINE)[0], shown)
-            try:
-                piece = os.read(master, 65536)
-            except OSError:
-                break  # the last process has left the terminal
-            if not piece:
-                break
-            shown += piece
-            if typed is not None and prompt in shown:
-                os.write(master, typed)
-                typed = None
-        os.close(master)
-        return process.wait(world.DEADLINE), shown.decode().replace("\r\n", "\n")
+    def run_on_terminal(self, *arguments, **options):
+        return self.world().orvctl_on_terminal(*arguments, **options)
 
     def test_an_answer_is_indented_and_coloured(self):
         text = '{"data": {"name": "a:\\"b\\"", "n": -1.5}, "status": 0}'
         with FakeDaemon(frame(text)):
-            status, shown = self.run_on_terminal("call", "x")
+            status, shown = self.run_on_terminal("call", "x", color=True)
         self.assertEqual(status, OK)
         self.assertIn('  "data": {\n    "name": "a:\\"b\\"",\n    "n": -1.5\n  },\n', re.sub("\033\\[\\d*m", "", shown))
         self.assertIn("\033[34m\"name\"\033[0m: \033[32m", shown)
         with FakeDaemon(frame(text)):
-            self.assertEqual(self.run_on_terminal("call", "x", "--json", "--color", "never"), (OK, text + "\n"))
+            self.assertEqual(self.run_on_terminal("call", "x", "--json"), (OK, text + "\n"))
 
     def test_colours_are_refused_by_a_variable_that_is_not_empty(self):
         for value, colored in (("", True), ("1", False)):
-            status, shown = self.run_on_terminal("commands", NO_COLOR=value)
+            status, shown = self.run_on_terminal("commands", color=True, NO_COLOR=value)
             self.assertEqual((status, "\033[" in shown), (OK, colored), value)
 
     def test_an_event_cannot_steer_the_terminal(self):
@@ -346,7 +322,7 @@ class OnATerminal(world.TestCase):
                                 ('{"a":\t"\u009b2J\x7f\u00e9",\r"b": []}', '{\n  "a": "?2J?\u00e9",\n  "b": []\n}')):
             for options in ([], ["--timestamps"]):
                 with FakeDaemon(frame(DONE), frame(event)):
-                    status, shown = self.run_on_terminal("subscribe", "x", "--count", "1", "--color", "never", *options)
+                    status, shown = self.run_on_terminal("subscribe", "x", "--count", "1", *options)
                 self.assertEqual(status, OK)
                 self.assertTrue(shown.endswith(expected + "\n"), shown)
                 self.assertEqual([c for c in shown if c != "\n" and (c < " " or "\x7f" <= c < "\xa0")], [])
@@ -359,7 +335,7 @@ class OnATerminal(world.TestCase):
             self.assertEqual(daemon.request, b'{"type": "command", "name": "set_va_cloud_trigger", "data": true }\n')
 
     def test_the_catalogue_is_read_by_people(self):
-        status, shown = self.run_on_terminal("commands", "--color", "never")
+        status, shown = self.run_on_terminal("commands")
         self.assertEqual(status, OK)
         lines = shown.splitlines()
         at = lines.index("get_services_status  Tell whether the protection is on")

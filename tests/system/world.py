@@ -268,14 +268,21 @@ class World:
         return subprocess.run([program("orvctl"), *arguments], env=environment, stdout=subprocess.PIPE,
                               stderr=subprocess.PIPE, timeout=DEADLINE * 3, text=True, check=False, **options)
 
-    def orvctl_on_terminal(self, *arguments):
-        """Runs orvctl on a terminal of its own; returns its exit status and what the terminal showed."""
+    def orvctl_on_terminal(self, *arguments, color=False, typed=None, prompt=None, **variables):
+        """Runs orvctl on a terminal of its own; returns its exit status and what the terminal showed.
+
+        Once the prompt is shown, what is to be typed is typed."""
         master, slave = pty.openpty()
-        process = subprocess.Popen([program("orvctl"), *arguments, "--color", "never"],
-                                   env=self.environment(TERM="xterm"), stdin=slave, stdout=slave, stderr=slave)
+        environment = self.environment(TERM="xterm")
+        environment.pop("NO_COLOR", None)
+        environment.update(variables)
+        process = subprocess.Popen([program("orvctl"), *arguments, *([] if color else ["--color", "never"])],
+                                   env=environment, stdin=slave, stdout=slave, stderr=slave)
         os.close(slave)
         shown = b""
-        while select.select([master], [], [], DEADLINE)[0]:
+        while True:
+            if not select.select([master], [], [], DEADLINE)[0]:
+                raise AssertionError("the terminal shows nothing more after %r" % shown)
             try:
                 piece = os.read(master, 65536)
             except OSError:
@@ -283,6 +290,9 @@ class World:
             if not piece:
                 break
             shown += piece
+            if typed is not None and prompt in shown:
+                os.write(master, typed)
+                typed = None
         os.close(master)
         return process.wait(DEADLINE), shown.decode().replace("\r\n", "\n")
 
