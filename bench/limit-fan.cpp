@@ -137,14 +137,13 @@ void serve_client(const epoll_event& ev)
         must_watch(orvex_get_fd(exchange), EPOLLIN);
         must_watch(settings, EPOLLIN);
         const int n = epoll_wait(g_epoll, events, kReadyAtOnce, 1000);
-        for (int i = 0; i < n; ++i) {
+        for (int i = 0; i < n; ++i)
             if (events[i].data.fd == orvex_get_fd(exchange))
                 orvex_read_fd(exchange);
             else if (events[i].data.fd == listener)
                 accept_client(listener);
             else
                 serve_client(events[i]);
-        }
         if (n > 0)
             epoll_ctl(g_epoll, EPOLL_CTL_DEL, settings, nullptr);
     }
@@ -158,14 +157,13 @@ int main(int argc, char** argv)
         {"listen", 1, nullptr, 'l'}, {"event", 1, nullptr, 'e'}, {nullptr, 0, nullptr, 0}};
     std::string address, event;
     int ch;
-    while ((ch = getopt_long(argc, argv, "", longs, nullptr)) != -1) {
+    while ((ch = getopt_long(argc, argv, "", longs, nullptr)) != -1)
         if (ch == 'l')
             address = optarg;
         else if (ch == 'e')
             event = optarg;
         else
             die("usage: see the head of limit-fan.cpp");
-    }
     if (address.empty() || event.empty())
         die("limit-fan --listen ADDRESS --event NAME");
     signal(SIGPIPE, SIG_IGN);

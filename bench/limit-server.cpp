@@ -199,7 +199,7 @@ int main(int argc, char** argv)
                                    {nullptr, 0, nullptr, 0}};
     std::string address, mode = "fixed";
     int ch;
-    while ((ch = getopt_long(argc, argv, "", longs, nullptr)) != -1) {
+    while ((ch = getopt_long(argc, argv, "", longs, nullptr)) != -1)
         if (ch == 'l')
             address = optarg;
         else if (ch == 'm')
@@ -208,7 +208,6 @@ int main(int argc, char** argv)
             g_batch = true;
         else
             die("usage: see the head of limit-server.cpp");
-    }
     if (address.empty())
         die("limit-server --listen ADDRESS --mode echo|fixed|json [--batch]");
     signal(SIGPIPE, SIG_IGN);

@@ -29,7 +29,7 @@ int main(int argc, char** argv)
                                    {nullptr, 0, nullptr, 0}};
     std::string address, framing_name = "newline-len32", request;
     int runs = 11, ch;
-    while ((ch = getopt_long(argc, argv, "+", longs, nullptr)) != -1) {
+    while ((ch = getopt_long(argc, argv, "+", longs, nullptr)) != -1)
         if (ch == 'c')
             address = optarg;
         else if (ch == 'n')
@@ -40,7 +40,6 @@ int main(int argc, char** argv)
             request = optarg;
         else
             die("usage: see the head of ustart.cpp");
-    }
     if (address.empty() || optind >= argc || runs < 1)
         die("ustart --connect ADDRESS [--runs N] -- COMMAND ...");
 

@@ -85,10 +85,9 @@ json_t* interfaces()
     if (setMgmt::enumSubkeys(kNetworkInterfacesKey, names) < 0 || !present)
         return nullptr;
     JsonPtr list{json_array()};
-    for (const auto& name : names) {
+    for (const auto& name : names)
         if (json_array_append_new(list.get(), interface_object(name, present.get()).release()) != 0)
             return nullptr;
-    }
     return list.release();
 }
 
@@ -100,12 +99,11 @@ std::string escape(std::string_view path)
     constexpr std::string_view kPlain =
         "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-_/.\\*";
     std::string text;
-    for (const char c : path) {
+    for (const char c : path)
         if (kPlain.find(c) != std::string_view::npos)
             text += c;
         else
             text += fmt::format("%{:02x}", static_cast<unsigned char>(c));
-    }
     return text;
 }
 

@@ -75,10 +75,9 @@ void Manager::add(std::vector<Record> records)
 json_t* Manager::collect() const
 {
     JsonPtr report{json_object()};
-    for (const auto& record : m_records) {
+    for (const auto& record : m_records)
         if (!collect_record(report.get(), record))
             return nullptr;
-    }
     return report.release();
 }
 

@@ -400,11 +400,10 @@ void Orvex::on_call(DBusMessage& call)
     if (m_state == State::joining)
         return refuse(call, kErrorNotJoined, "call while joining");
     const char* const interface = dbus_message_get_interface(&call); // may be left out
-    for (const Method& method : kMethods) {
+    for (const Method& method : kMethods)
         if (dbus_message_has_member(&call, method.member) &&
             (interface == nullptr || std::strcmp(interface, method.interface) == 0))
             return (this->*method.process)(call);
-    }
     refuse(call, DBUS_ERROR_UNKNOWN_METHOD, "unknown method");
 }
 
@@ -496,14 +495,12 @@ int Orvex::subscribe(std::set<std::string, std::less<>> events)
         return -1;
     const auto old = std::exchange(m_events, std::move(events));
     bool is_sent = m_state == State::joined;
-    for (const std::string& event : m_events) {
+    for (const std::string& event : m_events)
         if (m_link && old.find(event) == old.end())
             is_sent &= change_match("AddMatch", event);
-    }
-    for (const std::string& event : old) {
+    for (const std::string& event : old)
         if (m_link && m_events.find(event) == m_events.end())
             is_sent &= change_match("RemoveMatch", event);
-    }
     settle();
     return is_sent ? 0 : -1;
 }

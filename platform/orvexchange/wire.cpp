@@ -117,12 +117,11 @@ std::string bus_name(const std::string& participant)
 std::string match_rule(std::string_view event)
 {
     std::string rule = "type='signal',interface='net.orvane.Exchange1',member='Event',arg0='";
-    for (const char c : event) {
+    for (const char c : event)
         if (c == '\'')
             rule += R"('\'')"; // out of the quotes, an escaped quote, into them again
         else
             rule += c;
-    }
     return rule += '\'';
 }
 

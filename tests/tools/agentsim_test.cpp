@@ -192,10 +192,9 @@ protected:
     static std::vector<std::string> events(const std::string& name)
     {
         std::vector<std::string> found;
-        for (const auto& received : s_received) {
+        for (const auto& received : s_received)
             if (received.type == name)
                 found.push_back(received.data);
-        }
         return found;
     }
 
@@ -502,10 +501,9 @@ TEST_F(AgentSimTest, TheSameSeedMakesTheSameDevicesChangeTheSameWay)
         stop();
         std::vector<std::string> lines;
         std::ifstream file(log_path());
-        for (std::string line; std::getline(file, line) && lines.size() < 60;) {
+        for (std::string line; std::getline(file, line) && lines.size() < 60;)
             if (line.find("broker-devmgmt ") != std::string::npos)
                 lines.push_back(line.substr(line.find("broker-devmgmt ")));
-        }
         std::filesystem::remove(log_path());
         return lines;
     };

@@ -63,9 +63,8 @@ TEST(Quote, EscapesWhatJsonDemandsAndReplacesWhatIsNotUtf8)
         {"\xe0\x9f\xbf", "\"\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\""},
         {"\xf4\x90\x80\x80", "\"\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\""},
     };
-    for (const auto& [text, quoted] : table) {
+    for (const auto& [text, quoted] : table)
         EXPECT_EQ(orvbroker::quote(text), quoted);
-    }
 }
 
 TEST(Answer, IsTakenApartIntoDataAndStatus)
@@ -106,9 +105,8 @@ TEST(Connect, TimesOutAtAServerWhoseBacklogIsFull)
     Error error = Error::none;
     for (auto& client : clients) {
         error = client.connect(kShort, server.name());
-        if (error != Error::none) {
+        if (error != Error::none)
             break;
-        }
     }
     EXPECT_EQ(error, Error::timed_out);
 }
@@ -146,9 +144,8 @@ TEST(Call, PutsAnAnswerTogetherThatComesByteByByte)
     Answer answer;
     const auto drip = [](int fd) {
         (void)receive_line(fd);
-        for (const char byte : frame(R"({"data": "abc", "status": 0})")) {
+        for (const char byte : frame(R"({"data": "abc", "status": 0})"))
             send_all(fd, std::string_view(&byte, 1));
-        }
     };
     ASSERT_EQ(call(drip, answer), Error::none);
     EXPECT_EQ(answer.data(), R"("abc")");
@@ -213,9 +210,8 @@ TEST(Call, TimesOutAndClosesWhenNoAnswerComes)
 TEST(Call, TimesOutWhenTheRequestIsNotRead)
 {
     const FakeServer server([](int) {
-        for (;;) {
+        for (;;)
             ::pause();
-        }
     });
     Client client;
     Answer answer;

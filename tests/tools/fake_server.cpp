@@ -15,9 +15,8 @@ namespace {
 
 void require(bool condition)
 {
-    if (!condition) {
+    if (!condition)
         std::abort();
-    }
 }
 
 int listen_on(const std::string& name, int backlog)
@@ -41,9 +40,8 @@ int listen_on(const std::string& name, int backlog)
         script(client);
         ::close(client);
     }
-    for (;;) {
+    for (;;)
         ::pause();
-    }
 }
 
 } // namespace
@@ -55,9 +53,8 @@ FakeServer::FakeServer(const std::function<void(int client)>& script, int backlo
     const int listener = listen_on(m_name, backlog);
     m_child = ::fork();
     require(m_child != -1);
-    if (m_child == 0) {
+    if (m_child == 0)
         serve(listener, script);
-    }
     ::close(listener);
 }
 
@@ -93,9 +90,8 @@ std::string receive_line(int fd)
 {
     std::string line;
     char byte = 0;
-    while (::read(fd, &byte, 1) == 1 && byte != '\n') {
+    while (::read(fd, &byte, 1) == 1 && byte != '\n')
         line += byte;
-    }
     return line;
 }
 

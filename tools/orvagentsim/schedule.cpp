@@ -22,10 +22,9 @@ std::optional<Reply> va_set_schedule(Simulation& /*simulation*/, const Call& cal
 {
     if (!json_is_object(call.data))
         return refusal("a schedule is a JSON object");
-    for (const char* const name : {"enabled", "scheduled"}) {
+    for (const char* const name : {"enabled", "scheduled"})
         if (!is_boolean_or_absent(call.data, name))
             return refusal(std::string(name) + " is neither true nor false");
-    }
     const std::string text = to_text(call.data);
     if (orv::setMgmt::setKey(kScheduleKey, text) != 0)
         return refusal("settings store not writable");

@@ -12,11 +12,9 @@ namespace {
 
 bool is_table(const json_t* data)
 {
-    for (std::size_t i = 0; i < json_array_size(data); ++i) {
-        if (!json_is_object(json_array_get(data, i))) {
+    for (std::size_t i = 0; i < json_array_size(data); ++i)
+        if (!json_is_object(json_array_get(data, i)))
             return false;
-        }
-    }
     return json_array_size(data) > 0;
 }
 
@@ -28,9 +26,8 @@ std::vector<std::string> column_names(const json_t* data)
         json_t* value = nullptr;
         json_object_foreach(json_array_get(data, i), name, value)
         {
-            if (std::find(names.begin(), names.end(), name) == names.end()) {
+            if (std::find(names.begin(), names.end(), name) == names.end())
                 names.emplace_back(name);
-            }
         }
     }
     return names;
@@ -59,9 +56,8 @@ std::string values_of(const json_t* object)
 
 std::string cell(const json_t* value)
 {
-    if (!json_is_array(value)) {
+    if (!json_is_array(value))
         return value == nullptr ? std::string() : plain(value);
-    }
     std::string text;
     for (std::size_t i = 0; i < json_array_size(value); ++i) {
         const json_t* element = json_array_get(value, i);
@@ -87,9 +83,8 @@ void print_table(const json_t* data, Output& output)
     for (std::size_t i = 0; i < json_array_size(data); ++i) {
         std::vector<std::string> row;
         row.reserve(names.size());
-        for (const auto& name : names) {
+        for (const auto& name : names)
             row.push_back(cell(json_object_get(json_array_get(data, i), name.c_str())));
-        }
         rows.push_back(std::move(row));
     }
     std::vector<std::string> titles;

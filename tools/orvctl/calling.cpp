@@ -80,23 +80,18 @@ int follow(orvbroker::Client& client, const SubscribeOptions& subscribe, orvbrok
     std::string event;
     for (unsigned long seen = 0; subscribe.count == 0 || seen < subscribe.count;) {
         const Wake wake = wait_for_input(client.fd(), deadline);
-        if (wake == Wake::output_closed) {
+        if (wake == Wake::output_closed)
             return kSuccess;
-        }
-        if (wake == Wake::timed_out) {
+        if (wake == Wake::timed_out)
             return subscribe.count == 0 ? kSuccess : kFailed;
-        }
         const Error error = client.next_event(event, std::chrono::milliseconds{0});
-        if (error == Error::timed_out) {
+        if (error == Error::timed_out)
             continue; // a part of an event
-        }
-        if (error != Error::none) {
+        if (error != Error::none)
             return report(error);
-        }
         print_event(event, subscribe, output);
-        if (!output.is_open()) {
+        if (!output.is_open())
             return kSuccess;
-        }
         ++seen;
     }
     return kSuccess;
@@ -109,23 +104,19 @@ int run_call(const CallOptions& call, const Options& options, Output& output)
     std::string data = call.data;
     if (data == "-") {
         data.clear();
-        if (!read_standard_input(data, orvbroker::kMaxRequestSize, "JSON")) {
+        if (!read_standard_input(data, orvbroker::kMaxRequestSize, "JSON"))
             return kUsage;
-        }
     }
-    if ((!data.empty() || call.data == "-") && !check_json(data)) {
+    if ((!data.empty() || call.data == "-") && !check_json(data))
         return kUsage;
-    }
     const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kCallTimeout));
     orvbroker::Client client;
     orvbroker::Answer answer;
     Error error = connect(client, deadline);
-    if (error == Error::none) {
+    if (error == Error::none)
         error = client.call(call.name, data, answer, orvbroker::time_left(deadline));
-    }
-    if (error != Error::none) {
+    if (error != Error::none)
         return report(error);
-    }
     print_answer(answer, output);
     warn_of_unknown_name(call.name, answer);
     return answer.status() == 0 ? kSuccess : kFailed;

@@ -144,32 +144,28 @@ void print_entry(std::string_view name, std::string_view summary,
 {
     if (output.is_for_people()) {
         output.line(output.emphasized(name) + "  " + std::string(summary));
-        for (const auto& [label, shape] : shapes) {
+        for (const auto& [label, shape] : shapes)
             output.line("    " + label + ": " + std::string(shape));
-        }
         return;
     }
     std::string line =
         R"({"name": )" + orvbroker::quote(name) + R"(, "summary": )" + orvbroker::quote(summary);
-    for (const auto& [label, shape] : shapes) {
+    for (const auto& [label, shape] : shapes)
         line += ", " + orvbroker::quote(label) + ": " + orvbroker::quote(shape);
-    }
     output.json(line + "}");
 }
 
 int print_commands(Output& output)
 {
-    for (const auto& row : commands()) {
+    for (const auto& row : commands())
         print_entry(row.name, row.summary, {{"data", row.argument}, {"answer", row.answer}}, output);
-    }
     return kSuccess;
 }
 
 int print_events(Output& output)
 {
-    for (const auto& row : events()) {
+    for (const auto& row : events())
         print_entry(row.name, row.summary, {{"data", row.shape}}, output);
-    }
     return kSuccess;
 }
 
@@ -410,40 +406,33 @@ void add_status(CommandLine& line)
 std::vector<Word> words_of_catalogue(const std::string& path)
 {
     std::vector<Word> words;
-    if (path == " call") {
-        for (const auto& row : commands()) {
+    if (path == " call")
+        for (const auto& row : commands())
             words.push_back({std::string(row.name), std::string(row.summary)});
-        }
-    } else if (path == " subscribe") {
-        for (const auto& row : events()) {
+    else if (path == " subscribe")
+        for (const auto& row : events())
             words.push_back({std::string(row.name), std::string(row.summary)});
-        }
-    } else if (path == " completion") {
+    else if (path == " completion")
         words = {{"bash", "for bash"}, {"fish", "for fish"}, {"zsh", "for zsh"}};
-    }
     return words;
 }
 
 OptionWord option_word(const CLI::Option& option, const std::string& name)
 {
     OptionWord result{{name, option.get_description()}, option.get_items_expected_max() > 0, {}};
-    if (name == "--color") {
-        for (const auto& [when, color] : kColors) {
+    if (name == "--color")
+        for (const auto& [when, color] : kColors)
             result.values.push_back(when);
-        }
-    }
     return result;
 }
 
 void add_options(const CLI::App& app, Level& level)
 {
     for (const CLI::Option* option : app.get_options()) {
-        for (const auto& name : option->get_lnames()) {
+        for (const auto& name : option->get_lnames())
             level.options.push_back(option_word(*option, "--" + name));
-        }
-        for (const auto& name : option->get_snames()) {
+        for (const auto& name : option->get_snames())
             level.options.push_back(option_word(*option, "-" + name));
-        }
     }
 }
 
@@ -466,13 +455,11 @@ void add_levels(const CLI::App& root, const CLI::App& app, const std::string& pa
                             level.options.end());
     }
     const auto below = app.get_subcommands([](const CLI::App*) { return true; });
-    for (const CLI::App* command : below) {
+    for (const CLI::App* command : below)
         level.words.push_back({command->get_name(), command->get_description()});
-    }
     levels.push_back(std::move(level));
-    for (const CLI::App* command : below) {
+    for (const CLI::App* command : below)
         add_levels(root, *command, path + " " + command->get_name(), levels);
-    }
 }
 
 const std::map<std::string, std::string (*)(const std::vector<Level>&)> kShells{
@@ -535,9 +522,8 @@ int print_information(const CommandLine& line, const CLI::ParseError& request)
 /// Tells what is wrong with the line, or prints the information that it asks for.
 int end_without_work(const CommandLine& line, const CLI::ParseError& problem)
 {
-    if (problem.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+    if (problem.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success))
         return print_information(line, problem);
-    }
     // A misspelt sub-command shows as one that is missing; what is left over names the mistake.
     const auto unknown = line.app.remaining(true);
     const bool misspelt =

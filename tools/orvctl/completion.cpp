@@ -13,18 +13,16 @@ namespace {
 std::string quoted(const std::string& text, const char* quote = R"('\'')")
 {
     std::string out = "'";
-    for (const char byte : text) {
+    for (const char byte : text)
         out += byte == '\'' ? std::string(quote) : std::string(1, byte);
-    }
     return out + "'";
 }
 
 std::string joined(const std::vector<std::string>& texts, const std::string& between)
 {
     std::string out;
-    for (const auto& text : texts) {
+    for (const auto& text : texts)
         out += (out.empty() ? "" : between) + text;
-    }
     return out;
 }
 
@@ -32,9 +30,8 @@ std::vector<std::string> texts_of(const std::vector<Word>& words)
 {
     std::vector<std::string> texts;
     texts.reserve(words.size());
-    for (const auto& word : words) {
+    for (const auto& word : words)
         texts.push_back(word.text);
-    }
     return texts;
 }
 
@@ -42,9 +39,8 @@ std::vector<std::string> texts_of(const std::vector<OptionWord>& options)
 {
     std::vector<std::string> texts;
     texts.reserve(options.size());
-    for (const auto& option : options) {
+    for (const auto& option : options)
         texts.push_back(option.word.text);
-    }
     return texts;
 }
 
@@ -57,9 +53,8 @@ std::vector<OptionWord> options_with_values(const std::vector<Level>& levels)
             const bool is_known = std::any_of(found.begin(), found.end(), [&option](const OptionWord& other) {
                 return other.word.text == option.word.text;
             });
-            if (option.takes_value && !is_known) {
+            if (option.takes_value && !is_known)
                 found.push_back(option);
-            }
         }
     }
     return found;
@@ -69,11 +64,9 @@ std::vector<OptionWord> options_with_values(const std::vector<Level>& levels)
 std::vector<std::string> quoted_paths(const std::vector<Level>& levels)
 {
     std::vector<std::string> paths;
-    for (const auto& level : levels) {
-        if (!level.path.empty()) {
+    for (const auto& level : levels)
+        if (!level.path.empty())
             paths.push_back(quoted(level.path));
-        }
-    }
     return paths;
 }
 
@@ -82,9 +75,8 @@ std::string filled(std::string frame, const std::vector<std::pair<std::string, s
 {
     for (const auto& [name, text] : parts) {
         const std::string mark = "@" + name + "@";
-        for (auto found = frame.find(mark); found != std::string::npos; found = frame.find(mark)) {
+        for (auto found = frame.find(mark); found != std::string::npos; found = frame.find(mark))
             frame.replace(found, mark.size(), text);
-        }
     }
     return frame;
 }
@@ -96,9 +88,8 @@ std::string branches(const std::vector<Level>& levels,
     std::string out;
     for (const auto& level : levels) {
         const std::string text = text_of(level);
-        if (!text.empty()) {
+        if (!text.empty())
             out.append("            ").append(quoted(level.path)).append(") ").append(text).append(" ;;\n");
-        }
     }
     return out;
 }
@@ -110,9 +101,8 @@ std::string value_branches(const std::vector<Level>& levels, const std::string& 
     std::string out;
     for (const auto& option : options_with_values(levels)) {
         out.append("        ").append(option.word.text).append(") ");
-        if (!option.values.empty()) {
+        if (!option.values.empty())
             out.append(before).append(joined(option.values, " ")).append(after).append("; ");
-        }
         out.append("return ;;\n");
     }
     return out;
@@ -263,12 +253,10 @@ std::string fish_option(const Level& level, const OptionWord& option)
     const bool is_long = text.compare(0, 2, "--") == 0;
     std::string line = "complete -c orvctl -n \"__orvctl_after " + fish_quoted(level.path) + "\"" +
                        (is_long ? " -l " + text.substr(2) : " -s " + text.substr(1));
-    if (option.takes_value) {
+    if (option.takes_value)
         line += " -x";
-    }
-    if (!option.values.empty()) {
+    if (!option.values.empty())
         line += " -a " + fish_quoted(joined(option.values, " "));
-    }
     return line + " -d " + fish_quoted(option.word.summary) + "\n";
 }
 
@@ -294,9 +282,8 @@ std::string zsh_completion(const std::vector<Level>& levels)
 {
     const auto options = [](const Level& level) {
         std::vector<std::string> offers;
-        for (const auto& option : level.options) {
+        for (const auto& option : level.options)
             offers.push_back(zsh_offer(option.word));
-        }
         return zsh_offers(offers);
     };
     const auto words = [](const Level& level) {
@@ -320,9 +307,8 @@ std::string fish_completion(const std::vector<Level>& levels)
             out += "complete -c orvctl -n \"__orvctl_first " + fish_quoted(level.path) + "\" -a " +
                    fish_quoted(word.text) + " -d " + fish_quoted(word.summary) + "\n";
         }
-        for (const auto& option : level.options) {
+        for (const auto& option : level.options)
             out += fish_option(level, option);
-        }
     }
     return out;
 }

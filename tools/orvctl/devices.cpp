@@ -36,9 +36,8 @@ int report_failure(const std::string& what)
 
 int report_absence(const std::string& id)
 {
-    if (orv::_get_orverrno() != static_cast<int>(orv::Error::no_such_key)) {
+    if (orv::_get_orverrno() != static_cast<int>(orv::Error::no_such_key))
         return report_failure(id);
-    }
     complain("no such device: " + id);
     return kFailed;
 }
@@ -61,14 +60,12 @@ std::string addresses_of(const Device& device)
     std::map<std::string, std::string> found;
     for (const auto& [mac, addresses] : device.macs) {
         std::string& text = found[mac.to_string(false)];
-        for (const auto& address : addresses) {
+        for (const auto& address : addresses)
             text += " " + address.to_string(false);
-        }
     }
     std::string all;
-    for (const auto& [mac, addresses] : found) {
+    for (const auto& [mac, addresses] : found)
         all.append(all.empty() ? "" : ", ").append(mac).append(addresses);
-    }
     return all;
 }
 
@@ -104,9 +101,8 @@ int read_devices(std::string_view text, std::vector<Device>& devices)
     const std::string owner = orv::setMgmt::getKeyValue(orv::kDeviceIdKey, "");
     do {
         const Json json = take_value(text);
-        if (json == nullptr) {
+        if (json == nullptr)
             return kUsage;
-        }
         std::string problem;
         devices.emplace_back();
         if (!orv::devMgmt::device_from_json(json.get(), owner, devices.back(), problem)) {
@@ -119,12 +115,10 @@ int read_devices(std::string_view text, std::vector<Device>& devices)
 
 int put(const Device& device)
 {
-    if (orv::devMgmt::put_device(device) == 0) {
+    if (orv::devMgmt::put_device(device) == 0)
         return kSuccess;
-    }
-    if (orv::_get_orverrno() != static_cast<int>(orv::Error::invalid_argument)) {
+    if (orv::_get_orverrno() != static_cast<int>(orv::Error::invalid_argument))
         return report_failure(device.did);
-    }
     complain("refused, larger than a record can be (" + std::to_string(orv::devMgmt::kMaxRecordSize) +
              " bytes): " + device.did);
     return kFailed;
@@ -135,36 +129,30 @@ int put(const Device& device)
 int run_device_list(Output& output)
 {
     const OpenedStore store(Store::devices);
-    if (!store.is_open()) {
+    if (!store.is_open())
         return report_closed(Store::devices);
-    }
     std::vector<Device> devices;
-    if (orv::devMgmt::get_devices(devices) != 0) {
+    if (orv::devMgmt::get_devices(devices) != 0)
         return report_failure("list");
-    }
     if (output.is_for_people()) {
         print_table(devices, output);
         return kSuccess;
     }
     int status = kSuccess;
-    for (const auto& device : devices) {
-        if (print(device, output) != kSuccess) {
+    for (const auto& device : devices)
+        if (print(device, output) != kSuccess)
             status = kFailed; // the others are shown all the same
-        }
-    }
     return status;
 }
 
 int run_device_show(const std::string& id, Output& output)
 {
     const OpenedStore store(Store::devices);
-    if (!store.is_open()) {
+    if (!store.is_open())
         return report_closed(Store::devices);
-    }
     Device device;
-    if (orv::devMgmt::get_device(id, device) == 0) {
+    if (orv::devMgmt::get_device(id, device) == 0)
         return report_absence(id);
-    }
     return print(device, output);
 }
 
@@ -173,35 +161,29 @@ int run_device_put(const std::string& data)
     std::string text = data;
     if (data == "-") {
         text.clear();
-        if (!read_standard_input(text, kMaxInputSize, "devices")) {
+        if (!read_standard_input(text, kMaxInputSize, "devices"))
             return kUsage;
-        }
-        if (text.find_first_not_of(kBlanks) == std::string::npos) {
+        if (text.find_first_not_of(kBlanks) == std::string::npos)
             return kSuccess; // an empty store was listed: there is nothing to bring back
-        }
     }
     const OpenedStore settings(Store::settings);
-    if (!settings.is_open()) {
+    if (!settings.is_open())
         return report_closed(Store::settings);
-    }
     const OpenedStore store(Store::devices);
-    if (!store.is_open()) {
+    if (!store.is_open())
         return report_closed(Store::devices);
-    }
     std::vector<Device> devices;
     int status = read_devices(text, devices);
-    for (std::size_t i = 0; status == kSuccess && i < devices.size(); ++i) {
+    for (std::size_t i = 0; status == kSuccess && i < devices.size(); ++i)
         status = put(devices[i]);
-    }
     return status;
 }
 
 int run_device_remove(const std::string& id)
 {
     const OpenedStore store(Store::devices);
-    if (!store.is_open()) {
+    if (!store.is_open())
         return report_closed(Store::devices);
-    }
     return orv::devMgmt::remove_device(id) == 0 ? kSuccess : report_absence(id);
 }
 

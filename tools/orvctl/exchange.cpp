@@ -80,9 +80,8 @@ bool is_gone(Orvex* orvex)
 /// Why something that can be sent, was not.
 int cannot_send(Orvex* orvex)
 {
-    if (is_gone(orvex)) {
+    if (is_gone(orvex))
         return bus_gone();
-    }
     complain("cannot send: out of memory");
     return kFailed;
 }
@@ -96,9 +95,8 @@ End serve_until(Orvex* orvex, orvbroker::Deadline deadline, const std::function<
     while (!done()) {
         switch (wait_for_input(orvex_get_fd(orvex), deadline, reader)) {
         case Wake::input:
-            if (is_gone(orvex) && !done()) {
+            if (is_gone(orvex) && !done())
                 return End::bus_gone;
-            }
             break;
         case Wake::output_closed:
             return End::output_closed;
@@ -123,13 +121,11 @@ void keep_answer(void* arg, const Message* response)
 int request(const SendOptions& send, const Options& options, std::optional<Answer>& answer)
 {
     const Handle orvex = join();
-    if (orvex == nullptr) {
+    if (orvex == nullptr)
         return no_bus();
-    }
     if (orvex_send_request(orvex.get(), send.name.c_str(), send.data.data(), send.data.size(), keep_answer,
-                           &answer) != 0) {
+                           &answer) != 0)
         return cannot_send(orvex.get());
-    }
     const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kCallTimeout));
     switch (serve_until(orvex.get(), deadline, [&answer] { return answer.has_value(); })) {
     case End::done:
@@ -152,9 +148,8 @@ int request(const SendOptions& send, const Options& options, std::optional<Answe
 /// Replaces "-" by what standard input holds.
 bool complete(SendOptions& send)
 {
-    if (send.data != "-") {
+    if (send.data != "-")
         return true;
-    }
     send.data.clear();
     return read_standard_input(send.data, kOrvexMaxPayload, "the payload");
 }
@@ -165,9 +160,8 @@ int flush(Orvex* orvex, const bool& event_came, const Options& options)
 {
     const std::string event = "orvctl_flush_" + std::to_string(::getpid());
     const char* name = event.c_str();
-    if (orvex_subscribe(orvex, &name, 1) != 0 || orvex_publish(orvex, name, "", 0, nullptr) != 0) {
+    if (orvex_subscribe(orvex, &name, 1) != 0 || orvex_publish(orvex, name, "", 0, nullptr) != 0)
         return cannot_send(orvex);
-    }
     const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kCallTimeout));
     switch (serve_until(
         orvex, deadline, [&event_came] { return event_came; }, Reader::not_needed)) {
@@ -187,21 +181,17 @@ int flush(Orvex* orvex, const bool& event_came, const Options& options)
 int send_one_way(SendOptions send, const Options& options,
                  const std::function<int(Orvex*, const SendOptions&)>& work)
 {
-    if (!complete(send)) {
+    if (!complete(send))
         return kUsage;
-    }
     bool event_came = false;
     const Handle orvex =
         join([&event_came](OrvexKind kind, const Message&) { event_came |= kind == OrvexKind::event; });
-    if (orvex == nullptr) {
+    if (orvex == nullptr)
         return no_bus();
-    }
-    if (work(orvex.get(), send) != 0) {
+    if (work(orvex.get(), send) != 0)
         return cannot_send(orvex.get());
-    }
-    if (send.data.size() > kSurelyWritten) {
+    if (send.data.size() > kSurelyWritten)
         return flush(orvex.get(), event_came, options);
-    }
     return is_gone(orvex.get()) ? bus_gone() : kSuccess;
 }
 
@@ -246,12 +236,10 @@ std::string to_line(const OrvexTraffic& traffic, const Output& output)
     std::string line =
         time_stamp() + " " + text_of(traffic.kind) + " " + output.emphasized(printable(traffic.name));
     line.append(" ").append(printable(traffic.from));
-    if (!traffic.to.empty()) {
+    if (!traffic.to.empty())
         line.append(" -> ").append(printable(traffic.to));
-    }
-    if (!traffic.type.empty()) {
+    if (!traffic.type.empty())
         line.append(" type ").append(printable(traffic.type));
-    }
     return line + " " + printable(as_json(traffic.data));
 }
 
@@ -259,18 +247,15 @@ std::string to_line(const OrvexTraffic& traffic, const Output& output)
 
 int run_exchange_request(const SendOptions& send, const Options& options, Output& output)
 {
-    if (!is_target(send.name)) {
+    if (!is_target(send.name))
         return bad_name(send.name, kTargetForm);
-    }
     SendOptions complete_send = send;
-    if (!complete(complete_send)) {
+    if (!complete(complete_send))
         return kUsage;
-    }
     std::optional<Answer> answer;
     const int status = request(complete_send, options, answer);
-    if (!answer) {
+    if (!answer)
         return status;
-    }
     if (output.is_json_wanted()) {
         output.json(R"({"type": )" + orvbroker::quote(answer->type) + R"(, "data": )" +
                     as_json(answer->data) + "}");
@@ -286,9 +271,8 @@ int run_exchange_request(const SendOptions& send, const Options& options, Output
 
 int run_exchange_message(const SendOptions& send, const Options& options)
 {
-    if (!is_target(send.name)) {
+    if (!is_target(send.name))
         return bad_name(send.name, kTargetForm);
-    }
     return send_one_way(send, options, [](Orvex* orvex, const SendOptions& what) {
         return orvex_send_message(orvex, what.name.c_str(), what.data.data(), what.data.size());
     });
@@ -296,9 +280,8 @@ int run_exchange_message(const SendOptions& send, const Options& options)
 
 int run_exchange_publish(const SendOptions& send, const Options& options)
 {
-    if (!is_event(send.name)) {
+    if (!is_event(send.name))
         return bad_name(send.name, kEventForm);
-    }
     return send_one_way(send, options, [](Orvex* orvex, const SendOptions& what) {
         return orvex_publish(orvex, what.name.c_str(), what.data.data(), what.data.size(), nullptr);
     });
@@ -309,20 +292,17 @@ int run_exchange_monitor(const MonitorOptions& monitor, const Options& options, 
     unsigned long seen = 0;
     const auto is_enough = [&] { return !output.is_open() || (monitor.count != 0 && seen >= monitor.count); };
     const auto print = [&](const OrvexTraffic& traffic) {
-        if (is_enough() || !is_wanted(monitor, traffic)) {
+        if (is_enough() || !is_wanted(monitor, traffic))
             return;
-        }
         ++seen;
-        if (output.is_for_people()) {
+        if (output.is_for_people())
             output.line(to_line(traffic, output));
-        } else {
+        else
             output.json(to_json(traffic));
-        }
     };
     const Handle orvex(orvex_monitor(print, false), &orvex_uninit);
-    if (orvex == nullptr) {
+    if (orvex == nullptr)
         return no_bus();
-    }
     const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kForever));
     switch (serve_until(orvex.get(), deadline, is_enough)) {
     case End::done:

@@ -12,9 +12,8 @@ constexpr int kNothing = orv::log::kError - 1;
 
 void log_up_to(int level)
 {
-    if (!orv::log::detail::parse_level(std::getenv("ORV_LOG_LEVEL"))) {
+    if (!orv::log::detail::parse_level(std::getenv("ORV_LOG_LEVEL")))
         orv::log::detail::set_threshold(level);
-    }
 }
 
 } // namespace

@@ -49,9 +49,8 @@ std::string indented(std::string_view text)
     constexpr std::size_t kIndent = 2;
     const std::unique_ptr<json_t, decltype(&json_decref)> value(
         json_loadb(text.data(), text.size(), JSON_DECODE_ANY | JSON_ALLOW_NUL, nullptr), &json_decref);
-    if (value == nullptr) {
+    if (value == nullptr)
         return printable(as_json(text));
-    }
     const std::unique_ptr<char, decltype(&std::free)> dumped(
         json_dumps(value.get(), JSON_INDENT(kIndent) | JSON_ENCODE_ANY), &std::free);
     return printable(dumped == nullptr ? text : dumped.get(), "\n");
@@ -61,17 +60,15 @@ std::string indented(std::string_view text)
 std::size_t string_size(std::string_view text)
 {
     std::size_t at = 1;
-    while (at < text.size() && text[at] != '"') {
+    while (at < text.size() && text[at] != '"')
         at += text[at] == '\\' ? 2 : 1;
-    }
     return std::min(at + 1, text.size());
 }
 
 std::string_view color_of(std::string_view token, std::string_view rest)
 {
-    if (token.front() != '"') {
+    if (token.front() != '"')
         return kLiteralColor;
-    }
     return !rest.empty() && rest.front() == ':' ? kKeyColor : kStringColor;
 }
 
@@ -83,9 +80,8 @@ std::string colored(std::string_view text)
         const std::size_t blank = std::min(text.find_first_not_of(kStructure), text.size());
         out += text.substr(0, blank);
         text.remove_prefix(blank);
-        if (text.empty()) {
+        if (text.empty())
             break;
-        }
         const std::size_t size =
             text.front() == '"' ? string_size(text) : std::min(text.find_first_of(kStructure), text.size());
         const std::string_view token = text.substr(0, size);
@@ -108,9 +104,8 @@ std::string aligned(const std::vector<std::string>& cells, const std::vector<std
     std::string line;
     for (std::size_t i = 0; i < cells.size(); ++i) {
         line += cells[i];
-        if (i + 1 < cells.size()) {
+        if (i + 1 < cells.size())
             line.append(widths[i] - width(cells[i]) + 2, ' ');
-        }
     }
     return line;
 }
@@ -148,14 +143,12 @@ int Output::fd()
 
 void Output::text(std::string_view text)
 {
-    if (!m_open || write_all(STDOUT_FILENO, text)) {
+    if (!m_open || write_all(STDOUT_FILENO, text))
         return;
-    }
     m_open = false;
     m_failed = errno != EPIPE;
-    if (m_failed) {
+    if (m_failed)
         complain(std::string("cannot write: ") + std::strerror(errno));
-    }
 }
 
 void Output::line(std::string_view text)
@@ -178,15 +171,13 @@ void Output::table(const std::vector<std::string>& titles, std::vector<std::vect
     std::vector<std::size_t> widths;
     for (std::size_t i = 0; i < titles.size(); ++i) {
         std::size_t widest = width(titles[i]);
-        for (const auto& row : rows) {
+        for (const auto& row : rows)
             widest = std::max(widest, width(row[i]));
-        }
         widths.push_back(widest);
     }
     line(emphasized(aligned(titles, widths)));
-    for (const auto& row : rows) {
+    for (const auto& row : rows)
         line(aligned(row, widths));
-    }
 }
 
 std::string Output::emphasized(std::string_view text) const

@@ -69,9 +69,8 @@ int print_tree(const orv::path& key, std::size_t depth, Output& output)
 {
     constexpr std::size_t kIndent = 2;
     std::optional<std::string> value;
-    if (const int result = read_value(key, value); result < 0) {
+    if (const int result = read_value(key, value); result < 0)
         return report(key, result);
-    }
     if (output.is_for_people()) {
         output.line(std::string(depth * kIndent, ' ') +
                     output.emphasized(printable(depth == 0 ? key.str() : last_piece(key))) +
@@ -80,14 +79,11 @@ int print_tree(const orv::path& key, std::size_t depth, Output& output)
         output.json(to_json(key, value));
     }
     std::vector<std::string> names;
-    if (const int result = store::enumSubkeys(key, names); result < 0) {
+    if (const int result = store::enumSubkeys(key, names); result < 0)
         return report(key, result);
-    }
-    for (const auto& name : names) {
-        if (const int status = print_tree(key / name, depth + 1, output); status != kSuccess) {
+    for (const auto& name : names)
+        if (const int status = print_tree(key / name, depth + 1, output); status != kSuccess)
             return status;
-        }
-    }
     return kSuccess;
 }
 
@@ -102,14 +98,12 @@ int check_presence(const std::string& key)
 {
     std::string value;
     const int result = store::getKey(key, value);
-    if (result >= 0 || result == -static_cast<int>(orv::Error::no_value)) {
+    if (result >= 0 || result == -static_cast<int>(orv::Error::no_value))
         return kSuccess;
-    }
     std::vector<std::string> names;
     const int children = store::enumSubkeys(key, names);
-    if (children < 0) {
+    if (children < 0)
         return report(key, children);
-    }
     return children > 0 || is_root(key) ? kSuccess : report(key, result);
 }
 
@@ -121,11 +115,10 @@ bool print_change(const std::string& key, Output& output)
         (void)report(key, result);
         return false;
     }
-    if (!output.is_for_people()) {
+    if (!output.is_for_people())
         output.json(to_json(key, value));
-    } else {
+    else
         output.line(output.emphasized(key) + (value ? " = " + printable(*value) : " deleted"));
-    }
     return true;
 }
 
@@ -138,9 +131,8 @@ int print_child(const orv::path& parent, const std::string& name, Output& output
     }
     const orv::path key = parent / name;
     std::optional<std::string> value;
-    if (const int result = read_value(key, value); result < 0) {
+    if (const int result = read_value(key, value); result < 0)
         return report(key, result);
-    }
     output.json(to_json(key, value));
     return kSuccess;
 }
@@ -162,9 +154,8 @@ int follow(store::MonitoredKey& watch, const unsigned long& seen, unsigned long 
         case Wake::output_closed:
             return kSuccess;
         case Wake::timed_out:
-            if (orvbroker::is_over(deadline)) {
+            if (orvbroker::is_over(deadline))
                 return count == 0 ? kSuccess : kFailed;
-            }
             break;
         }
     }
@@ -176,28 +167,24 @@ int follow(store::MonitoredKey& watch, const unsigned long& seen, unsigned long 
 int run_settings_get(const std::string& key, Output& output)
 {
     const OpenedStore opened(Store::settings);
-    if (!opened.is_open()) {
+    if (!opened.is_open())
         return report_closed(Store::settings);
-    }
     std::string value;
     const int result = store::getKey(key, value);
-    if (result < 0) {
+    if (result < 0)
         return report(key, result);
-    }
-    if (output.is_json_wanted()) {
+    if (output.is_json_wanted())
         output.json(to_json(key, value));
-    } else {
+    else
         output.line(value);
-    }
     return kSuccess;
 }
 
 int run_settings_set(const std::string& key, const std::string& value)
 {
     const OpenedStore opened(Store::settings);
-    if (!opened.is_open()) {
+    if (!opened.is_open())
         return report_closed(Store::settings);
-    }
     const int result = store::setKey(key, value);
     return result < 0 ? report(key, result) : kSuccess;
 }
@@ -205,9 +192,8 @@ int run_settings_set(const std::string& key, const std::string& value)
 int run_settings_delete(const std::string& key)
 {
     const OpenedStore opened(Store::settings);
-    if (!opened.is_open()) {
+    if (!opened.is_open())
         return report_closed(Store::settings);
-    }
     const int result = store::deleteKey(key);
     return result < 0 ? report(key, result) : kSuccess;
 }
@@ -215,46 +201,37 @@ int run_settings_delete(const std::string& key)
 int run_settings_list(const std::string& key, Output& output)
 {
     const OpenedStore opened(Store::settings);
-    if (!opened.is_open()) {
+    if (!opened.is_open())
         return report_closed(Store::settings);
-    }
-    if (const int status = check_presence(key); status != kSuccess) {
+    if (const int status = check_presence(key); status != kSuccess)
         return status;
-    }
     std::vector<std::string> names;
-    if (const int result = store::enumSubkeys(key, names); result < 0) {
+    if (const int result = store::enumSubkeys(key, names); result < 0)
         return report(key, result);
-    }
-    for (const auto& name : names) {
-        if (const int status = print_child(key, name, output); status != kSuccess) {
+    for (const auto& name : names)
+        if (const int status = print_child(key, name, output); status != kSuccess)
             return status;
-        }
-    }
     return kSuccess;
 }
 
 int run_settings_tree(const std::string& key, Output& output)
 {
     const OpenedStore opened(Store::settings);
-    if (!opened.is_open()) {
+    if (!opened.is_open())
         return report_closed(Store::settings);
-    }
-    if (const int status = check_presence(key); status != kSuccess) {
+    if (const int status = check_presence(key); status != kSuccess)
         return status;
-    }
     return print_tree(key, 0, output);
 }
 
 int run_settings_watch(const std::string& key, unsigned long count, const Options& options, Output& output)
 {
     const OpenedStore opened(Store::settings);
-    if (!opened.is_open()) {
+    if (!opened.is_open())
         return report_closed(Store::settings);
-    }
     const int unusable = -static_cast<int>(orv::Error::invalid_argument);
-    if (std::string value; is_root(key) || store::getKey(key, value) == unusable) {
+    if (std::string value; is_root(key) || store::getKey(key, value) == unusable)
         return report(key, unusable);
-    }
     unsigned long seen = 0;
     const auto on_change = [&](const orv::path&, void*) {
         seen += print_change(key, output) ? 1 : 0;

@@ -52,9 +52,8 @@ Error ask(const char* command, const Options& options, Json& data)
     orvbroker::Client client;
     orvbroker::Answer answer;
     Error error = client.connect(timeout);
-    if (error == Error::none) {
+    if (error == Error::none)
         error = client.call(command, "", answer, timeout);
-    }
     if (error == Error::none && answer.status() == 0) {
         const auto text = answer.data();
         data.reset(json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr));
@@ -78,13 +77,11 @@ json_t* telemetry_waiting()
 Json look()
 {
     const OpenedStore settings(Store::settings); // what a closed one holds is null in what follows
-    if (!settings.is_open()) {
+    if (!settings.is_open())
         (void)report_closed(Store::settings);
-    }
     const OpenedStore devices(Store::devices);
-    if (!devices.is_open()) {
+    if (!devices.is_open())
         (void)report_closed(Store::devices);
-    }
     orv::diagnosis::Manager manager;
     manager.add(orv::diagnosis::get_defaults({{"exchange", "address"},
                                               {"exchange", "reachable"},
@@ -105,9 +102,8 @@ Json look()
 /// Lets an object's members take the places of those that `seen` has.
 void take_over(json_t* seen, json_t* members)
 {
-    if (json_is_object(seen) && json_is_object(members)) {
+    if (json_is_object(seen) && json_is_object(members))
         (void)json_object_update(seen, members); // without memory, what was seen stays
-    }
 }
 
 /// Lets the daemon's answers take the places of what was seen; tells how it is.
@@ -117,20 +113,17 @@ Error ask_daemon(const Options& options, json_t* seen)
     Json services;
     Json version;
     Error error = ask("get_status_report", options, report);
-    if (error == Error::none) {
+    if (error == Error::none)
         error = ask("get_services_status", options, services);
-    }
-    if (error == Error::none) {
+    if (error == Error::none)
         error = ask("get_version_info", options, version);
-    }
     json_t* agent = json_object_get(seen, "agent");
     take_over(agent, json_object_get(report.get(), "agent"));
     take_over(json_object_get(seen, "va"), json_object_get(report.get(), "va"));
     take_over(agent, version.get());
     const json_t* status = json_object_get(services.get(), "status");
-    if (status != nullptr) {
+    if (status != nullptr)
         (void)json_object_set_new(agent, "enabled", json_boolean(json_integer_value(status) == 1));
-    }
     return error;
 }
 
@@ -142,9 +135,8 @@ const json_t* at(const Json& status, const char* group, const char* name)
 /// A value for people: texts without quotes, "unknown" for what is not known.
 std::string shown(const json_t* value)
 {
-    if (json_is_string(value)) {
+    if (json_is_string(value))
         return std::string(json_string_value(value), json_string_length(value));
-    }
     return value == nullptr || json_is_null(value) ? "unknown" : to_text(value);
 }
 
@@ -203,11 +195,10 @@ int run_status(const Options& options, Output& output)
         complain("cannot make JSON of the status");
         return kFailed;
     }
-    if (output.is_for_people()) {
+    if (output.is_for_people())
         print_screen(status, output);
-    } else {
+    else
         output.json(text);
-    }
     return is_all_up(status, daemon) ? kSuccess : kUnavailable;
 }
 

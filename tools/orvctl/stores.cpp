@@ -65,9 +65,8 @@ std::string with_reason(const std::string& name)
 std::string fault_of_file(const std::string& name)
 {
     const int fd = ::open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd == -1) {
+    if (fd == -1)
         return errno == ENOENT ? "" : with_reason(name);
-    }
     const auto verdict = orv::detail::check_store_file(fd);
     ::close(fd);
     const bool damaged = verdict.state == orv::detail::StoreState::damaged;
@@ -102,9 +101,8 @@ OpenedStore::OpenedStore(Store store) : m_store(store), m_open(open(store)) {}
 
 OpenedStore::~OpenedStore()
 {
-    if (!m_open) {
+    if (!m_open)
         return;
-    }
     switch (m_store) {
     case Store::settings:
         orv::setMgmt::uninit();
@@ -122,11 +120,9 @@ int report_closed(Store store)
 {
     const Place place = place_of(store);
     std::string fault;
-    for (const char* directory : place.directories) {
-        if (fault.empty()) {
+    for (const char* directory : place.directories)
+        if (fault.empty())
             fault = fault_of(orv::detail::root_path(directory));
-        }
-    }
     complain(std::string("cannot open the ") + place.name + ": " +
              (fault.empty() ? "with ORV_LOG_LEVEL=0 the reason is logged" : fault));
     return kUnavailable;

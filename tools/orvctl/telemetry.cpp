@@ -18,13 +18,11 @@ namespace outbox = orv::karma::outbox;
 int with_outbox(const std::function<orv::Error()>& work)
 {
     const OpenedStore opened(Store::telemetry);
-    if (!opened.is_open()) {
+    if (!opened.is_open())
         return report_closed(Store::telemetry);
-    }
     const orv::Error error = work();
-    if (error == orv::Error::none) {
+    if (error == orv::Error::none)
         return kSuccess;
-    }
     complain("the telemetry outbox failed (error " + std::to_string(static_cast<int>(error)) + ")");
     return kUnavailable;
 }
@@ -32,16 +30,14 @@ int with_outbox(const std::function<orv::Error()>& work)
 void print(const std::vector<outbox::Entry>& entries, Output& output)
 {
     if (!output.is_for_people()) {
-        for (const auto& entry : entries) {
+        for (const auto& entry : entries)
             output.json(entry.text);
-        }
         return;
     }
     std::vector<std::vector<std::string>> rows;
     rows.reserve(entries.size());
-    for (const auto& entry : entries) {
+    for (const auto& entry : entries)
         rows.push_back({entry.id, entry.text});
-    }
     output.table({"ID", "EVENT"}, rows);
 }
 
@@ -51,9 +47,8 @@ int run_telemetry_list(Output& output)
 {
     std::vector<outbox::Entry> entries;
     const int status = with_outbox([&entries] { return outbox::read(entries); });
-    if (status == kSuccess) {
+    if (status == kSuccess)
         print(entries, output);
-    }
     return status;
 }
 

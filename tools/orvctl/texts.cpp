@@ -17,15 +17,13 @@ namespace orvctl {
 
 bool read_standard_input(std::string& text, std::size_t limit, std::string_view what)
 {
-    if (::isatty(STDIN_FILENO) == 1) {
+    if (::isatty(STDIN_FILENO) == 1)
         complain("reading " + std::string(what) + " from standard input, end it with Ctrl-D");
-    }
     std::array<char, 16384> chunk{};
     while (text.size() <= limit) {
         const ssize_t got = ::read(STDIN_FILENO, chunk.data(), chunk.size());
-        if (got == 0) {
+        if (got == 0)
             return true;
-        }
         if (got == -1 && errno != EINTR) {
             complain(std::string("cannot read standard input: ") + std::strerror(errno));
             return false;
@@ -48,9 +46,8 @@ bool is_json(std::string_view text)
 
 std::string as_json(std::string_view payload)
 {
-    if (!is_json(payload)) {
+    if (!is_json(payload))
         return orvbroker::quote(payload);
-    }
     // Line breaks stand between the tokens only.
     const auto is_line_break = [](char byte) { return byte == '\n' || byte == '\r'; };
     std::string text(payload);
@@ -85,9 +82,8 @@ std::string time_stamp()
     std::tm parts{};
     std::array<char, 32> seconds{};
     if (::gmtime_r(&now.tv_sec, &parts) == nullptr ||
-        std::strftime(seconds.data(), seconds.size(), "%Y-%m-%dT%H:%M:%S", &parts) == 0) {
+        std::strftime(seconds.data(), seconds.size(), "%Y-%m-%dT%H:%M:%S", &parts) == 0)
         return "-";
-    }
     const std::string milliseconds = std::to_string(1000 + now.tv_nsec / 1000000);
     return std::string(seconds.data()) + "." + milliseconds.substr(1) + "Z";
 }

@@ -810,12 +810,11 @@ int process_set_router_interfaces(json_t* data)
 
     std::vector<std::string> previous;
     setMgmt::enumSubkeys(kNetworkInterfacesKey, previous);
-    for (std::size_t i = 0; i < size; ++i) {
+    for (std::size_t i = 0; i < size; ++i)
         if (const json_t* entry = json_array_get(data, i))
             process_interface(entry, previous);
         else
             ORV_LOG(log::kError, "invalid interface {:d}", i);
-    }
     delete_interfaces(previous);
 
     if (setMgmt::unlockKey(kNetworkInterfacesKey) < 0)

@@ -142,9 +142,8 @@ Client::~Client()
 
 void Client::close()
 {
-    if (m_fd != -1) {
+    if (m_fd != -1)
         ::close(m_fd);
-    }
     m_fd = -1;
     m_subscribed = false;
     m_frame.clear();
@@ -163,23 +162,19 @@ Error Client::connect(std::chrono::milliseconds timeout, std::string_view socket
     close();
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (socket_name.size() >= sizeof(address.sun_path)) {
+    if (socket_name.size() >= sizeof(address.sun_path))
         return Error::invalid_argument;
-    }
     // The NUL byte before the name makes it an abstract one.
     std::memcpy(address.sun_path + 1, socket_name.data(), socket_name.size());
 
     m_fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (m_fd == -1) {
+    if (m_fd == -1)
         return Error::system;
-    }
     const timeval limit = to_timeval(timeout);
-    if (::setsockopt(m_fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) == -1) {
+    if (::setsockopt(m_fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) == -1)
         return fail(Error::system);
-    }
-    if (connect_retrying(m_fd, address, socket_name.size()) == -1) {
+    if (connect_retrying(m_fd, address, socket_name.size()) == -1)
         return fail(connect_error());
-    }
     return Error::none;
 }
 
@@ -193,12 +188,10 @@ Error Client::subscribe(std::string_view event, std::chrono::milliseconds timeou
 {
     Answer answer;
     const Error error = exchange(request_line("subscribe", event, ""), answer, deadline_after(timeout));
-    if (error != Error::none) {
+    if (error != Error::none)
         return error;
-    }
-    if (answer.status() != 0) {
+    if (answer.status() != 0)
         return fail(Error::refused);
-    }
     m_subscribed = true;
     return Error::none;
 }
@@ -211,26 +204,22 @@ Error Client::next_event(std::string& event, std::chrono::milliseconds timeout)
 
 Error Client::exchange(const std::string& request, Answer& answer, Deadline deadline)
 {
-    if (m_subscribed || !is_sendable(request)) {
+    if (m_subscribed || !is_sendable(request))
         return Error::invalid_argument;
-    }
     Error error = send(request, deadline);
     std::string text;
-    if (error == Error::none) {
+    if (error == Error::none)
         error = receive_frame(text, deadline);
-    }
-    if (error == Error::none && !answer.parse(std::move(text))) {
+    if (error == Error::none && !answer.parse(std::move(text)))
         error = Error::malformed_answer;
-    }
     // A late answer must not be taken for the next call's, hence no connection survives a time-out.
     return error == Error::none ? error : fail(error);
 }
 
 Error Client::send(std::string_view bytes, Deadline deadline)
 {
-    if (m_fd == -1) {
+    if (m_fd == -1)
         return Error::connection_lost;
-    }
     while (!bytes.empty()) {
         const ssize_t sent = ::send(m_fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (sent > 0) {
@@ -238,34 +227,28 @@ Error Client::send(std::string_view bytes, Deadline deadline)
             continue;
         }
         Error error = transfer_error();
-        if (error == Error::none) {
+        if (error == Error::none)
             error = wait(POLLOUT, deadline);
-        }
-        if (error != Error::none) {
+        if (error != Error::none)
             return error;
-        }
     }
     return Error::none;
 }
 
 Error Client::receive_frame(std::string& text, Deadline deadline)
 {
-    if (m_fd == -1) {
+    if (m_fd == -1)
         return Error::connection_lost;
-    }
     Length length = 0;
     Error error = fill(sizeof(length), deadline);
-    if (error != Error::none) {
+    if (error != Error::none)
         return error;
-    }
     std::memcpy(&length, m_frame.data(), sizeof(length));
-    if (length > kMaxFrameSize) {
+    if (length > kMaxFrameSize)
         return Error::malformed_answer;
-    }
     error = fill(sizeof(length) + length, deadline);
-    if (error != Error::none) {
+    if (error != Error::none)
         return error;
-    }
     text.assign(m_frame, sizeof(length), length);
     m_frame.clear();
     return Error::none;
@@ -279,16 +262,13 @@ Error Client::fill(std::size_t size, Deadline deadline)
         m_frame.resize(std::min(size, have + kReadStep));
         const ssize_t got = ::recv(m_fd, &m_frame[have], m_frame.size() - have, MSG_DONTWAIT);
         m_frame.resize(have + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-        if (got > 0) {
+        if (got > 0)
             continue;
-        }
         Error error = got == 0 ? Error::connection_lost : transfer_error();
-        if (error == Error::none) {
+        if (error == Error::none)
             error = wait(POLLIN, deadline);
-        }
-        if (error != Error::none) {
+        if (error != Error::none)
             return error;
-        }
     }
     return Error::none;
 }
@@ -297,9 +277,8 @@ Error Client::wait(short events, Deadline deadline) const
 {
     pollfd watched{m_fd, events, 0};
     const int ready = ::poll(&watched, 1, poll_timeout(deadline));
-    if (ready == -1) {
+    if (ready == -1)
         return errno == EINTR ? Error::none : Error::system;
-    }
     return ready == 0 && is_over(deadline) ? Error::timed_out : Error::none;
 }
 

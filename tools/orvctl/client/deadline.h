@@ -24,9 +24,8 @@ using Deadline = std::chrono::steady_clock::time_point;
 /// The time until then, 0 once it is over; milliseconds::max() for never.
 [[nodiscard]] inline std::chrono::milliseconds time_left(Deadline deadline)
 {
-    if (deadline == Deadline::max()) {
+    if (deadline == Deadline::max())
         return std::chrono::milliseconds::max();
-    }
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     return std::max(left, std::chrono::milliseconds{0});
@@ -36,9 +35,8 @@ using Deadline = std::chrono::steady_clock::time_point;
 /// A far deadline is waited for in steps of an hour.
 [[nodiscard]] inline int poll_timeout(Deadline deadline)
 {
-    if (deadline == Deadline::max()) {
+    if (deadline == Deadline::max())
         return -1;
-    }
     constexpr std::chrono::milliseconds kHour{3'600'000};
     return static_cast<int>(std::min(time_left(deadline), kHour).count());
 }

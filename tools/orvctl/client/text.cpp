@@ -17,9 +17,8 @@ constexpr std::string_view kReplacement = "\xEF\xBF\xBD"; // U+FFFD
 
 bool parse_status(std::string_view text, int& status)
 {
-    if (text.empty() || text.back() != '}') {
+    if (text.empty() || text.back() != '}')
         return false;
-    }
     text.remove_suffix(1);
     const char* end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, status);
@@ -34,15 +33,12 @@ bool is_continuation(char byte)
 /// How many bytes a UTF-8 sequence has by its first byte; 0 when none begins with it.
 std::size_t sequence_size(unsigned char first)
 {
-    if (first < 0x80) {
+    if (first < 0x80)
         return 1;
-    }
-    if (first >= 0xC2 && first <= 0xDF) {
+    if (first >= 0xC2 && first <= 0xDF)
         return 2;
-    }
-    if (first >= 0xE0 && first <= 0xEF) {
+    if (first >= 0xE0 && first <= 0xEF)
         return 3;
-    }
     return first >= 0xF0 && first <= 0xF4 ? 4 : 0;
 }
 
@@ -68,14 +64,11 @@ std::size_t valid_prefix(std::string_view text)
 {
     const auto first = static_cast<unsigned char>(text.front());
     const std::size_t size = sequence_size(first);
-    if (size == 0 || size > text.size()) {
+    if (size == 0 || size > text.size())
         return 0;
-    }
-    for (std::size_t i = 1; i < size; ++i) {
-        if (!is_continuation(text[i])) {
+    for (std::size_t i = 1; i < size; ++i)
+        if (!is_continuation(text[i]))
             return 0;
-        }
-    }
     return size == 1 || is_second_byte_valid(first, static_cast<unsigned char>(text[1])) ? size : 0;
 }
 
@@ -98,13 +91,11 @@ bool Answer::parse(std::string envelope)
 {
     const std::size_t status_at = envelope.rfind(kStatus);
     if (envelope.compare(0, kHead.size(), kHead) != 0 || status_at == std::string::npos ||
-        status_at <= kHead.size()) {
+        status_at <= kHead.size())
         return false;
-    }
     int status = 0;
-    if (!parse_status(std::string_view(envelope).substr(status_at + kStatus.size()), status)) {
+    if (!parse_status(std::string_view(envelope).substr(status_at + kStatus.size()), status))
         return false;
-    }
     m_envelope = std::move(envelope);
     m_data_size = status_at - kHead.size();
     m_status = status;
@@ -121,11 +112,10 @@ std::string quote(std::string_view text)
     std::string quoted = "\"";
     while (!text.empty()) {
         const std::size_t size = valid_prefix(text);
-        if (size == 1) {
+        if (size == 1)
             append_ascii(quoted, text.front());
-        } else {
+        else
             quoted += size == 0 ? kReplacement : text.substr(0, size);
-        }
         text.remove_prefix(size == 0 ? 1 : size);
     }
     quoted += '"';
