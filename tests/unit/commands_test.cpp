@@ -3,6 +3,7 @@
 
 #include "support/fixture.h"
 
+#include "answer.h"
 #include "orvbrokerd.h"
 
 #include <algorithm>
@@ -13,8 +14,6 @@ namespace {
 
 using brokerd::build_error_response;
 using brokerd::build_response;
-using brokerd::JsonPtr;
-using brokerd::TextPtr;
 using fake::Calls;
 using fake::Logs;
 using testing::ElementsAre;

@@ -3,7 +3,8 @@
 #include "support/scenario.h"
 
 #include "commandsproc.h"
-#include "json.h"
+
+#include <orvutils/json.h>
 
 #include <fmt/format.h>
 
@@ -152,8 +153,8 @@ std::string patterns(int n)
 
 Scenario refuse(const std::string& list, const std::string& message)
 {
-    const brokerd::JsonPtr text(json_string(message.c_str()));
-    const brokerd::TextPtr json(json_dumps(text.get(), JSON_ENCODE_ANY));
+    const JsonPtr text(json_string(message.c_str()));
+    const TextPtr json(json_dumps(text.get(), JSON_ENCODE_ANY));
     return exclude(list).with({{kKey, "00:00:00:00:00:00"}}).logs({{0, message}}).fails(json.get());
 }
 
@@ -188,7 +189,7 @@ TEST_F(Scanner, ExclusionsComeBackAsASet)
     EXPECT_EQ(ask(peer, command("va_set_exclusions", patterns(16))), R"({"data": null, "status": 0})");
     const auto frame = ask(peer, command("va_get_exclusions"));
     ASSERT_TRUE(frame);
-    const brokerd::JsonPtr answer(json_loads(frame->c_str(), 0, nullptr));
+    const JsonPtr answer(json_loads(frame->c_str(), 0, nullptr));
     const json_t* list = json_object_get(answer.get(), "data");
     std::set<std::string> read;
     for (std::size_t i = 0; i < json_array_size(list); ++i)

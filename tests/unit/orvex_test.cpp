@@ -16,7 +16,6 @@ using brokerd::Connection;
 using brokerd::g_exchange_events;
 using brokerd::g_exchange_subscriptions;
 using brokerd::g_request_callbacks;
-using brokerd::JsonPtr;
 using brokerd::orvex_add_sub;
 using brokerd::orvex_cloud_message;
 using brokerd::orvex_del_sub;

@@ -17,7 +17,6 @@ using brokerd::AgentStatus;
 using brokerd::find_connections;
 using brokerd::g_client_subscriptions;
 using brokerd::g_exchange_subscriptions;
-using brokerd::JsonPtr;
 using brokerd::report_agent_status;
 using brokerd::send_json;
 using testing::Contains;
@@ -375,7 +374,7 @@ TEST_F(AgentStatusReport, SubmitsTheStatusText)
 
 TEST_F(AgentStatusReport, TakesATextAndDoesNotUseIt)
 {
-    brokerd::TextPtr extra(strdup("something else"));
+    TextPtr extra(strdup("something else"));
     report_agent_status(AgentStatus::registered, std::move(extra));
     for (const std::string& call : platform->take_calls())
         EXPECT_EQ(call.find("something else"), std::string::npos);

@@ -3,11 +3,12 @@
 
 #include "commandsproc.h"
 
+#include "agent_status.h"
+#include "device_view.h"
 #include "exclusion.h"
 #include "formatters.h"
-#include "orvbrokerd.h"
 #include "orvex.h"
-#include "subevhandlers.h"
+#include "state.h"
 
 #include <orvdevmgmt/orvdevmgmt.h>
 #include <orvdiagnosis/orvdiagnosis.h>
@@ -96,7 +97,7 @@ int respond(json_t*& out, JsonPtr value)
 {
     if (!value)
         return kFailed;
-    set_response(out, std::move(value));
+    set_out(out, std::move(value));
     return kDone;
 }
 
@@ -170,8 +171,7 @@ int process_register(json_t* data, json_t*& response)
         ORV_LOG(log::kInfo, "Starting token, mac, redeem registration");
         return kPending;
     }
-    set_response(response,
-                 JsonPtr(build_error_response(kErrorSchema, "JSON did not match registration schema")));
+    set_out(response, JsonPtr(build_error_response(kErrorSchema, "JSON did not match registration schema")));
     return kFailed;
 }
 
@@ -184,7 +184,7 @@ int process_start_registration(json_t* data, json_t*& response)
         if (process_start_cloud_registration(data) == kDone)
             return kDone;
     }
-    set_response(response, JsonPtr(build_error_response(kErrorCommand, kInvalidCommand)));
+    set_out(response, JsonPtr(build_error_response(kErrorCommand, kInvalidCommand)));
     return kFailed;
 }
 
@@ -231,7 +231,7 @@ int process_get_feature(const json_t* data, json_t*& response)
         if (set_status(statuses.get(), name, status) != 0)
             return kFailed;
     }
-    set_response(response, std::move(statuses));
+    set_out(response, std::move(statuses));
     return kDone;
 }
 
@@ -264,7 +264,7 @@ int process_set_feature(const json_t* data, json_t*& response)
         if (set_status(statuses.get(), name, featureutl::get_feature(feature)) != 0)
             return kFailed;
     }
-    set_response(response, std::move(statuses));
+    set_out(response, std::move(statuses));
     return kDone;
 }
 
@@ -281,7 +281,7 @@ int process_get_features_list(json_t*& response)
         ORV_LOG(log::kError, "orv::json::to_json() failed");
         return kFailed;
     }
-    set_response(response, std::move(names));
+    set_out(response, std::move(names));
     return kDone;
 }
 
@@ -465,7 +465,7 @@ int process_get_devices(json_t* data, json_t*& response)
     for (const auto& device : devices)
         if (device.owner == own_id)
             json_array_append_new(list.get(), device_to_json(device).release());
-    set_response(response, std::move(list));
+    set_out(response, std::move(list));
     return kDone;
 }
 
@@ -787,7 +787,7 @@ int process_get_router_interfaces(json_t*& response)
         if (json_array_append_new(list.get(), entry) != 0)
             return kFailed;
     }
-    set_response(response, std::move(list));
+    set_out(response, std::move(list));
     return kDone;
 }
 
@@ -853,7 +853,7 @@ int process_remove_satellite(const json_t* data, Connection* conn, int epfd, jso
     std::string did;
     if (devMgmt::get_device_id_by_mac(mac, did) < 0) {
         ORV_LOG(log::kError, "failed to get device id for mac '{}': {}", mac_text, _get_orverrno());
-        set_response(out, JsonPtr(json_pack("{s:s,s:i}", "error", "not found", "code", -2)));
+        set_out(out, JsonPtr(json_pack("{s:s,s:i}", "error", "not found", "code", -2)));
         return kFailed;
     }
     ORV_LOG(log::kDebug, "mac '{}' has device id '{:s}'", mac_text, did);
@@ -989,7 +989,7 @@ int process_va_status(Connection* conn, int epfd)
 Result get_va_scan_status_cb(const Message* response, json_t*& out, void* /*arg*/)
 {
     // The scanner's object goes to the client unchanged; where there is none, the client gets no answer.
-    set_response(out, JsonPtr(json_loadb(response->data, response->datalen, 0, nullptr)));
+    set_out(out, JsonPtr(json_loadb(response->data, response->datalen, 0, nullptr)));
     return out ? kDone : kFailed;
 }
 
@@ -1017,13 +1017,13 @@ Result va_set_schedule_cb(const Message* response, json_t*& out, void* /*arg*/)
         JsonPtr error(
             json_pack("{s:s%}", "error", response->data, static_cast<std::size_t>(response->datalen)));
         if (error) {
-            set_response(out, std::move(error));
+            set_out(out, std::move(error));
             return kFailed;
         }
         ORV_LOG(log::kError, "failed to pack error response");
     }
     // Not valid JSON, and kept so: the client then gets no answer, and its connection is closed.
-    set_response(out, JsonPtr(json_loads("{\"error\", \"internal error\"}", 0, nullptr)));
+    set_out(out, JsonPtr(json_loads("{\"error\", \"internal error\"}", 0, nullptr)));
     return kFailed;
 }
 
@@ -1032,7 +1032,7 @@ namespace {
 int refuse_exclusions(json_t*& out, const std::string& message)
 {
     ORV_LOG(log::kError, "{}", message);
-    set_response(out, JsonPtr(json_string(message.c_str())));
+    set_out(out, JsonPtr(json_string(message.c_str())));
     return kFailed;
 }
 
@@ -1079,7 +1079,7 @@ int process_va_get_exclusions(json_t*& out)
             return kFailed;
     if (!list)
         return kFailed;
-    set_response(out, std::move(list));
+    set_out(out, std::move(list));
     return kDone;
 }
 
@@ -1088,7 +1088,7 @@ int process_get_va_cloud_trigger(json_t*& out)
     std::string value;
     if (setMgmt::getKey(kVaCloudTriggerKey, value) < 0)
         return kFailed;
-    set_response(out, JsonPtr(json_boolean(value == "1")));
+    set_out(out, JsonPtr(json_boolean(value == "1")));
     return kDone;
 }
 

@@ -7,11 +7,11 @@
 
 #include "evhandler.h"
 
+#include "answer.h"
 #include "commandsproc.h"
-#include "orvbrokerd.h"
 #include "orvex.h"
+#include "state.h"
 
-#include <orvkarma/orvkarma.h>
 #include <orvutils/io.h>
 #include <orvutils/log_format.h>
 
@@ -27,42 +27,6 @@
 namespace orv::brokerd {
 
 // ---- connections
-
-Connection::Connection(int socket)
-    : fd(socket), rx(ConnectionBufferType::receive, fmt::format_int(socket).str()),
-      tx(ConnectionBufferType::send, fmt::format_int(socket).str())
-{
-}
-
-void Connection::put(const void* data, unsigned len)
-{
-    const char* rest = static_cast<const char*>(data);
-    while (len > 0) {
-        const unsigned taken = tx.put(rest, len);
-        if (taken == 0)
-            return;
-        rest += taken;
-        len -= taken;
-    }
-}
-
-void put_frame(Connection* conn, const char* text, std::uint32_t len)
-{
-    conn->put(&len, sizeof len);
-    conn->put(text, len);
-}
-
-void watch_for_output(const Connection* conn, int epfd)
-{
-    if (epfd != -1)
-        io::epoll_set_fd(epfd, conn->fd, EPOLLIN | EPOLLOUT);
-}
-
-void queue_frame(Connection* conn, const char* text, std::uint32_t len, int epfd)
-{
-    put_frame(conn, text, len);
-    watch_for_output(conn, epfd);
-}
 
 namespace {
 
@@ -366,37 +330,6 @@ int handle_command(Connection* conn, const char* text, const int& epfd)
     return 0;
 }
 
-char* build_response(int status, json_t* data)
-{
-    // The envelope is always the same, so only what is in it goes through the JSON library. This is on the way
-    // of every answer.
-    static constexpr std::string_view kBegin = R"({"data": )";
-    static constexpr std::string_view kMiddle = R"(, "status": )";
-
-    const JsonPtr owned(data);
-    const TextPtr text(json_dumps(data, JSON_ENCODE_ANY));
-    if (!text)
-        return nullptr;
-    const std::size_t length = std::strlen(text.get());
-    const fmt::format_int number(status);
-    auto* response =
-        static_cast<char*>(std::malloc(kBegin.size() + length + kMiddle.size() + number.size() + sizeof "}"));
-    if (!response)
-        return nullptr;
-
-    char* end = std::copy(kBegin.begin(), kBegin.end(), response);
-    end = std::copy_n(text.get(), length, end);
-    end = std::copy(kMiddle.begin(), kMiddle.end(), end);
-    end = std::copy_n(number.data(), number.size(), end);
-    std::memcpy(end, "}", sizeof "}");
-    return response;
-}
-
-json_t* build_error_response(int code, const char* description)
-{
-    return json_pack("{s:i,s:s}", "code", code, "description", description);
-}
-
 // ---- subscriptions
 
 std::unordered_map<std::string, std::vector<Connection*>> g_client_subscriptions;
@@ -484,37 +417,6 @@ int send_json(const std::vector<Connection*>& connections, json_t* event)
         queue_frame(conn, text.get(), len, epollfd);
     ORV_LOG(log::kInfo, "send json: {:s}", text.get());
     return 0;
-}
-
-// ---- the agent's status
-
-namespace {
-
-const char* agent_status_text(AgentStatus status)
-{
-    switch (status) {
-    case AgentStatus::deployed:
-        return "deployed";
-    case AgentStatus::registered:
-        return "registered";
-    case AgentStatus::activated:
-        return "activated";
-    case AgentStatus::deactivated:
-        return "deactivated";
-    }
-    return "(unknown)";
-}
-
-} // namespace
-
-void report_agent_status(AgentStatus status, TextPtr /*extra*/)
-{
-    const JsonPtr state(json_pack("{s:s}", "agent_state", agent_status_text(status)));
-    if (!state)
-        return;
-    const JsonPtr event(karma::build_karma_event_json("tuvo_agent_status", state.get()));
-    if (event)
-        karma::submit_karma_event(event.get(), orvex);
 }
 
 } // namespace orv::brokerd

@@ -7,6 +7,8 @@
 
 #include "orvbrokerd.h"
 
+#include "agent_status.h"
+#include "evhandler.h"
 #include "orvex.h"
 #include "orvexproc.h"
 #include "sock.h"

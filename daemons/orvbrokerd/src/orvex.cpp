@@ -9,8 +9,7 @@
 
 #include "orvex.h"
 
-#include "orvbrokerd.h"
-#include "orvexproc.h"
+#include "state.h"
 
 #include <orvutils/log_format.h>
 
@@ -79,10 +78,6 @@ void orvex_response_trampoline(void* arg, const Message* response)
 }
 
 } // namespace
-
-const std::unordered_map<std::string, LibraryCallback> g_request_callbacks{
-    {"start_cloud_registration", orvex_cloud_registration_status_cb},
-};
 
 std::unordered_map<std::string, std::unordered_map<EventCallback, std::vector<Connection*>>>
     g_exchange_subscriptions;

@@ -1,6 +1,7 @@
 #pragma once
 
-#include "evhandler.h"
+#include "answer.h"
+#include "connection.h"
 
 #include <orvexchange/orvexchange.h>
 

@@ -4,8 +4,10 @@
 
 #include "orvexproc.h"
 
+#include "agent_status.h"
+#include "evhandler.h"
 #include "formatters.h"
-#include "orvbrokerd.h"
+#include "state.h"
 
 #include <orvutils/log_format.h>
 #include <orvutils/orvcommon/cache.h>
@@ -52,6 +54,10 @@ const std::unordered_map<std::string, std::vector<std::pair<std::string, EventCa
     {"device_discovery", {{"guster_user_agent", orvex_guster_user_agent_cb}}},
     {"orvagent_started", {{"orvagent_started", orvex_orvagent_started_cb}}},
     {"va_status_changed", {{"va_status_changed", orvex_va_status_changed_cb}}},
+};
+
+const std::unordered_map<std::string, LibraryCallback> g_request_callbacks{
+    {"start_cloud_registration", orvex_cloud_registration_status_cb},
 };
 
 void orvex_callback(const Message* msg)

@@ -3,6 +3,7 @@
 
 #include "subevhandlers.h"
 
+#include "device_view.h"
 #include "evhandler.h"
 #include "formatters.h"
 
@@ -23,13 +24,6 @@ const std::vector<std::string> g_dev_info_fields{
 
 std::unordered_map<std::string, std::string> g_events_cache;
 std::mutex g_events_cache_mutex;
-
-std::string first_v4_text(const std::set<sockutl::address>& addresses)
-{
-    const auto is_v4 = [](const sockutl::address& address) { return address.is_v4(); };
-    const auto found = std::find_if(addresses.begin(), addresses.end(), is_v4);
-    return found == addresses.end() ? std::string() : found->to_string(false);
-}
 
 namespace {
 

@@ -13,9 +13,6 @@
 
 namespace orv::brokerd {
 
-/// The daemon's own part of the settings store: keys that do not survive a reboot.
-inline const path kDaemonTmpPath{"/tmp/daemons/orvbrokerd"};
-
 /// The device fields whose changes are of interest.
 extern const std::vector<std::string> g_dev_info_fields;
 
@@ -23,9 +20,6 @@ extern const std::vector<std::string> g_dev_info_fields;
 /// identifier. Guarded by the mutex, since it is the device library that calls the change callbacks.
 extern std::unordered_map<std::string, std::string> g_events_cache;
 extern std::mutex g_events_cache_mutex;
-
-/// What clients are told as the IP address of a MAC: its first IPv4 address; empty when it has none.
-[[nodiscard]] std::string first_v4_text(const std::set<sockutl::address>& addresses);
 
 /// Notes the change for the next "devices_list_updated". A changed friendly name only drops the name that was
 /// given through this daemon.

@@ -3,6 +3,7 @@
 #include "client.h"
 #include "fake/fake.h"
 
+#include "agent_status.h"
 #include "evhandler.h"
 
 #include <gmock/gmock.h>

@@ -6,7 +6,6 @@
 
 namespace orv::test {
 
-using brokerd::JsonPtr;
 using fake::Calls;
 using fake::Logs;
 

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <orvutils/json.h>
+
+// What a handler returns, and the answer that is made of it.
+
+namespace orv::brokerd {
+
+/// Error codes in the error object.
+constexpr int kErrorSchema = 2;  ///< the data matches no schema of the command
+constexpr int kErrorCommand = 3; ///< the command is not usable at all
+constexpr char kInvalidCommand[] = "daemon received invalid command";
+
+/// What a command handler or a response callback returns.
+using Result = int;
+constexpr Result kDone = 0;
+constexpr Result kFailed = -1;
+constexpr Result kPending = 1; ///< the answer comes later, from a response callback
+
+/// The response envelope {"data": data, "status": status} as text; takes ownership of `data`. Null when it
+/// cannot be built, also for null data. Freed by the caller with free().
+[[nodiscard]] char* build_response(int status, json_t* data);
+
+/// Puts `value` (a new reference) where a handler leaves what the client gets, dropping what was there.
+inline void set_out(json_t*& out, JsonPtr value)
+{
+    json_decref(out);
+    out = value.release();
+}
+
+/// A new error object {"code": code, "description": description}.
+[[nodiscard]] json_t* build_error_response(int code, const char* description);
+
+} // namespace orv::brokerd

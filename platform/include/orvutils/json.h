@@ -1,0 +1,22 @@
+#pragma once
+
+#include <orvutils/memory.h>
+
+#include <jansson.h>
+
+#include <memory>
+
+namespace orv {
+
+/// Gives back one reference on a JSON value.
+struct JsonDeleter {
+    void operator()(json_t* value) const { json_decref(value); }
+};
+
+/// One owned reference on a JSON value; null for none.
+using JsonPtr = std::unique_ptr<json_t, JsonDeleter>;
+
+/// A text that a C library allocated with malloc(), json_dumps() for example; null for none.
+using TextPtr = std::unique_ptr<char, PtrDeleter<char>>;
+
+} // namespace orv
