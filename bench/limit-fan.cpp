@@ -139,7 +139,7 @@ void serve_client(const epoll_event& ev)
         const int n = epoll_wait(g_epoll, events, kReadyAtOnce, 1000);
         for (int i = 0; i < n; ++i)
             if (events[i].data.fd == orvex_get_fd(exchange))
-                orvex_read_fd(exchange);
+                (void)orvex_read_fd(exchange);
             else if (events[i].data.fd == listener)
                 accept_client(listener);
             else

@@ -23,7 +23,7 @@ std::vector<std::string_view> names_of(const Rows& rows)
 
 TEST(Catalogue, ListsTheDaemonsCommandsInTheOrderOfItsTable)
 {
-    EXPECT_EQ(names_of(orvctl::commands()), orv::brokerd::command_names());
+    EXPECT_EQ(names_of(orvctl::commands()), names_of(orv::brokerd::commands()));
 }
 
 TEST(Catalogue, ListsEveryEventThatComesOverTheExchange)

@@ -66,7 +66,7 @@ protected:
 
 // ---- the table
 
-enum class Argument { none, optional, required, string };
+using brokerd::Argument;
 
 struct Row {
     const char* name;
@@ -80,7 +80,7 @@ constexpr char kInvalidCommand[] =
 
 const Row kRows[] = {
     {"start_cloud_registration", Argument::required, kPlainFailure},
-    {"start_registration", Argument::required, kInvalidCommand},
+    {"start_registration", Argument::explained, kInvalidCommand},
     {"set_router_model", Argument::string, kPlainFailure},
     {"set_router_name", Argument::string, kPlainFailure},
     {"set_router_feature_set_level", Argument::string, kPlainFailure},
@@ -121,17 +121,19 @@ const Row kRows[] = {
 
 TEST_F(Commands, AreTheseThirtyEightInThisOrder)
 {
-    const auto names = brokerd::command_names();
-    ASSERT_EQ(names.size(), std::size(kRows));
-    ASSERT_EQ(names.size(), 38U);
-    for (std::size_t i = 0; i < names.size(); ++i)
-        EXPECT_EQ(names[i], kRows[i].name);
+    const auto commands = brokerd::commands();
+    ASSERT_EQ(commands.size(), std::size(kRows));
+    ASSERT_EQ(commands.size(), 38U);
+    for (std::size_t i = 0; i < commands.size(); ++i) {
+        EXPECT_EQ(commands[i].name, kRows[i].name);
+        EXPECT_EQ(commands[i].argument, kRows[i].argument) << kRows[i].name;
+    }
 }
 
 TEST_F(Commands, WithoutTheArgumentThatTheyNeedFailBeforeAnythingIsDone)
 {
     for (const Row& row : kRows) {
-        if (row.argument != Argument::required && row.argument != Argument::string)
+        if (!row.without_argument)
             continue;
         SCOPED_TRACE(row.name);
         const Outcome outcome = run(command(row.name));

@@ -30,8 +30,7 @@ protected:
     /// Queues a frame with that text the way exchange events do.
     void queue(Peer& peer, const std::string& text)
     {
-        brokerd::queue_frame(peer.conn, text.data(), static_cast<std::uint32_t>(text.size()),
-                             brokerd::epollfd);
+        brokerd::queue_frame(peer.conn, text, brokerd::epollfd);
     }
 };
 
@@ -343,7 +342,7 @@ TEST_F(ClientConnection, PutsWhatFitsOfEachPieceWhenItsSendBufferIsNearlyFull)
     Peer peer = connect();
     const std::string filling(kBufferMaximumSize - 6, 'x');
     peer.conn->put(filling.data(), static_cast<unsigned>(filling.size()));
-    brokerd::put_frame(peer.conn, "abcdef", 6);
+    brokerd::put_frame(peer.conn, "abcdef");
     EXPECT_EQ(peer.conn->tx.pending(), kBufferMaximumSize);
 
     std::string received;
@@ -358,7 +357,7 @@ TEST_F(ClientConnection, QueuesAlsoWhileThereIsNoLoop)
 {
     Peer peer = connect();
     forget_records();
-    brokerd::queue_frame(peer.conn, "{}", 2, -1);
+    brokerd::queue_frame(peer.conn, "{}", -1);
     EXPECT_EQ(peer.conn->tx.pending(), 6U);
     EXPECT_TRUE(platform->take_calls().empty());
 }

@@ -244,7 +244,7 @@ TEST_F(Subscription, LeavesNoTableNamingAConnectionThatHasEndedInWhicheverWay)
         {"a send error",
          [this](Peer& peer) {
              platform->fail("send(");
-             brokerd::queue_frame(peer.conn, "{}", 2, brokerd::epollfd);
+             brokerd::queue_frame(peer.conn, "{}", brokerd::epollfd);
              EXPECT_FALSE(handle(peer, EPOLLOUT));
          }},
         {"its last frame was sent",

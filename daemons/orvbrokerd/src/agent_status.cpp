@@ -7,7 +7,6 @@
 #include <orvkarma/orvkarma.h>
 
 namespace orv::brokerd {
-
 namespace {
 
 const char* agent_status_text(AgentStatus status)
@@ -33,8 +32,9 @@ void report_agent_status(AgentStatus status, TextPtr /*extra*/)
     if (!state)
         return;
     const JsonPtr event(karma::build_karma_event_json("tuvo_agent_status", state.get()));
-    if (event)
-        karma::submit_karma_event(event.get(), orvex);
+    if (!event)
+        return;
+    (void)karma::submit_karma_event(event.get(), orvex); // what is not sent now stays in the outbox
 }
 
 } // namespace orv::brokerd

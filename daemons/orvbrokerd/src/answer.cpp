@@ -37,6 +37,11 @@ char* build_response(int status, json_t* data)
     return response;
 }
 
+JsonPtr parse_payload(const Message* msg)
+{
+    return JsonPtr(json_loadb(msg->data, msg->datalen, /*flags=*/0, /*error=*/nullptr));
+}
+
 json_t* build_error_response(int code, const char* description)
 {
     return json_pack("{s:i,s:s}", "code", code, "description", description);

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <orvexchange/orvexchange.h>
 #include <orvutils/json.h>
+
+#include <utility>
 
 // What a handler returns, and the answer that is made of it.
 
@@ -27,6 +30,18 @@ inline void set_out(json_t*& out, JsonPtr value)
     json_decref(out);
     out = value.release();
 }
+
+/// The same, and what a handler returns then: done with what there is, failed without.
+[[nodiscard]] inline Result respond(json_t*& out, JsonPtr value)
+{
+    if (!value)
+        return kFailed;
+    set_out(out, std::move(value));
+    return kDone;
+}
+
+/// The payload of an answer or event of the exchange as JSON; null when it is none.
+[[nodiscard]] JsonPtr parse_payload(const Message* msg);
 
 /// A new error object {"code": code, "description": description}.
 [[nodiscard]] json_t* build_error_response(int code, const char* description);

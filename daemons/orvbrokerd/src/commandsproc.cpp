@@ -1,9 +1,13 @@
 // The handlers of the client commands. Each takes what the dispatcher has checked by the command table, reads
-// or changes the stores or asks another daemon over the exchange, and returns; nothing here waits.
+// or changes the stores or asks another daemon over the exchange, and returns; nothing here waits, but for the
+// firewall script.
+//
+// A section for each family: registration, features, devices, the router's identity, the router's interfaces and
+// firewall, satellites, vulnerability assessment, reports. The helpers that all of them use come first. What a
+// helper has to say, it says in the name of the handler that it works for.
 
 #include "commandsproc.h"
 
-#include "agent_status.h"
 #include "device_view.h"
 #include "exclusion.h"
 #include "formatters.h"
@@ -40,15 +44,7 @@ namespace {
 constexpr char kEmptyPayload[] = "{}";
 constexpr int kVaMaxExclusions = 16; ///< patterns accepted, unless a settings key says otherwise
 
-int set_flag(const path& key, const char* value, const char* failure)
-{
-    if (setMgmt::setKey(key, value) >= 0)
-        return kDone;
-    ORV_LOG(log::kError, fmt::runtime(failure));
-    return kFailed;
-}
-
-int send_empty_message(const char* name)
+Result send_empty_message(const char* name)
 {
     return orvex_send_msg(name, kEmptyPayload) == 0 ? kDone : kFailed;
 }
@@ -66,11 +62,11 @@ bool text_to_int(const char* text, int& value)
     return true;
 }
 
-bool answer_code(const Message* response, int& code)
+bool answer_code(const Message* answer, int& code, log::Caller caller = log::caller())
 {
-    if (text_to_int(response->type, code))
+    if (text_to_int(answer->type, code))
         return true;
-    ORV_LOG(log::kError, "Failed to convert value {:s} of type to int", response->type);
+    ORV_LOG_AS(caller, log::kError, "Failed to convert value {:s} of type to int", answer->type);
     return false;
 }
 
@@ -85,82 +81,44 @@ template <typename Context, typename Deleter>
 Result send_request(const char* name, const JsonPtr& payload, ResponseCallback callback,
                     std::unique_ptr<Context, Deleter> context, Connection* conn, int epfd)
 {
-    const TextPtr text(json_dumps(payload.get(), 0));
+    const TextPtr text = dump(payload.get());
     if (!text || orvex_send_req(name, text.get(), callback, context.get(), conn, epfd) != 1)
         return kFailed;
     (void)context.release(); // the callback's from here on
     return kPending;
 }
 
-/// Done with what there is, failed without.
-int respond(json_t*& out, JsonPtr value)
+/// The same without a context.
+Result send_request(const char* name, const char* payload, ResponseCallback callback, Connection* conn,
+                    int epfd)
 {
-    if (!value)
-        return kFailed;
-    set_out(out, std::move(value));
-    return kDone;
+    const int sent = orvex_send_req(name, payload, callback, /*arg=*/nullptr, conn, epfd);
+    return sent == 1 ? kPending : kFailed;
 }
 
 /// Leaves a key's value as a JSON string.
-int get_key_as_string(const path& key, json_t*& response)
+Result get_key_as_string(const path& key, json_t*& out)
 {
     std::string value;
     if (setMgmt::getKey(key, value) < 0)
         return kFailed;
-    return respond(response, JsonPtr(json_string(value.c_str())));
+    return respond(out, JsonPtr(json_string(value.c_str())));
 }
 
 } // namespace
 
-// ---- protection services
-
-int process_enable_services()
-{
-    if (set_flag(kProtectionEnabledKey, "1", "failed to set protection_enabled key to 1") != kDone)
-        return kFailed;
-    report_agent_status(AgentStatus::activated, nullptr);
-    return kDone;
-}
-
-int process_disable_services()
-{
-    if (set_flag(kProtectionEnabledKey, "0", "failed to set protection_enabled key to 0") != kDone)
-        return kFailed;
-    report_agent_status(AgentStatus::deactivated, nullptr);
-    return kDone;
-}
-
-int process_get_services_status(json_t*& response)
-{
-    static const std::string fallback = fmt::format("{:d}", kProtectionEnabledDefault);
-    const std::string value = setMgmt::getKeyValue(kProtectionEnabledKey, fallback);
-    if (value != "0" && value != "1")
-        return kFailed;
-    return respond(response, JsonPtr(json_pack("{s:i}", "status", value == "1" ? 1 : 0)));
-}
-
-int process_pro_features_enable()
-{
-    return set_flag(kProFeaturesEnabledKey, "1", "failed to set kProFeaturesEnabledKey key to 1");
-}
-
-int process_pro_features_disable()
-{
-    return set_flag(kProFeaturesEnabledKey, "0", "failed to set kProFeaturesEnabledKey key to 0");
-}
-
 // ---- registration
 
-int process_start_cloud_registration(json_t* data)
+Result process_start_cloud_registration(json_t* data)
 {
-    const TextPtr payload(json_dumps(data, 0));
+    const TextPtr payload = dump(data);
     if (!payload)
         return kFailed;
     orvex_send_req("start_cloud_registration", payload.get(), epollfd);
     return kDone;
 }
 
-int process_register(json_t* data, json_t*& response)
+Result process_register(json_t* data, json_t*& out)
 {
     constexpr std::size_t kCheckOnly = JSON_VALIDATE_ONLY | JSON_STRICT;
     if (json_unpack_ex(data, nullptr, kCheckOnly, "{s:s}", "router_id") == 0) {
@@ -171,20 +129,16 @@ int process_register(json_t* data, json_t*& response)
         ORV_LOG(log::kInfo, "Starting token, mac, redeem registration");
         return kPending;
     }
-    set_out(response, JsonPtr(build_error_response(kErrorSchema, "JSON did not match registration schema")));
+    set_out(out, JsonPtr(build_error_response(kErrorSchema, "JSON did not match registration schema")));
     return kFailed;
 }
 
-int process_start_registration(json_t* data, json_t*& response)
+Result process_start_registration(json_t* data, json_t*& out)
 {
-    if (data) {
-        // A wrong shape is answered with status 0: the error object says what is wrong.
-        if (process_register(data, response) != kPending)
-            return kDone;
-        if (process_start_cloud_registration(data) == kDone)
-            return kDone;
-    }
-    set_out(response, JsonPtr(build_error_response(kErrorCommand, kInvalidCommand)));
+    // A wrong shape is answered with status 0: the error object says what is wrong.
+    if (process_register(data, out) != kPending || process_start_cloud_registration(data) == kDone)
+        return kDone;
+    set_out(out, JsonPtr(build_error_response(kErrorCommand, kInvalidCommand)));
     return kFailed;
 }
 
@@ -203,9 +157,34 @@ int set_status(json_t* statuses, const char* name, featureutl::FeatureStatus sta
                                text_value(featureutl::feature_status_to_str(status)).release());
 }
 
+/// 0, also for what is no feature's name; -1 without memory.
+int add_feature(json_t* statuses, const char* name)
+{
+    const auto feature = featureutl::str_to_feature(name);
+    if (feature == featureutl::Feature::unknown)
+        return 0;
+    const auto status = featureutl::get_feature(feature);
+    return status == featureutl::FeatureStatus::unknown ? 0 : set_status(statuses, name, status);
+}
+
+/// Sets a feature and adds what is read back. 0, also for what is no feature or no status or cannot be set; -1
+/// without memory.
+int set_feature(json_t* statuses, const char* name, const char* text, log::Caller caller = log::caller())
+{
+    const auto status = featureutl::str_to_feature_status(text);
+    const auto feature = featureutl::str_to_feature(name);
+    if (status == featureutl::FeatureStatus::unknown || feature == featureutl::Feature::unknown)
+        return 0;
+    if (featureutl::set_feature(feature, status) != 0)
+        return set_status(statuses, name, featureutl::get_feature(feature));
+    ORV_LOG_AS(caller, log::kError, "Failed setting feature {} to {}", featureutl::feature_to_str(feature),
+               featureutl::feature_status_to_str(status));
+    return 0;
+}
+
 } // namespace
 
-int process_get_feature(const json_t* data, json_t*& response)
+Result process_get_feature(const json_t* data, json_t*& out)
 {
     if (!json_is_array(data)) {
         ORV_LOG(log::kError, "Invalid parameters for get_feature");
@@ -220,22 +199,13 @@ int process_get_feature(const json_t* data, json_t*& response)
     json_array_foreach(data, index, element)
     {
         const char* name = json_string_value(element);
-        if (!name)
-            continue;
-        const auto feature = featureutl::str_to_feature(name);
-        if (feature == featureutl::Feature::unknown)
-            continue;
-        const auto status = featureutl::get_feature(feature);
-        if (status == featureutl::FeatureStatus::unknown)
-            continue;
-        if (set_status(statuses.get(), name, status) != 0)
+        if (name && add_feature(statuses.get(), name) != 0)
             return kFailed;
     }
-    set_out(response, std::move(statuses));
-    return kDone;
+    return respond(out, std::move(statuses));
 }
 
-int process_set_feature(const json_t* data, json_t*& response)
+Result process_set_feature(const json_t* data, json_t*& out)
 {
     if (!json_is_object(data)) {
         ORV_LOG(log::kError, "Invalid parameters for get_feature"); // one message for both commands
@@ -250,25 +220,13 @@ int process_set_feature(const json_t* data, json_t*& response)
     json_object_foreach(const_cast<json_t*>(data), name, value)
     {
         const char* text = json_string_value(value);
-        if (!text)
-            continue;
-        const auto status = featureutl::str_to_feature_status(text);
-        const auto feature = featureutl::str_to_feature(name);
-        if (status == featureutl::FeatureStatus::unknown || feature == featureutl::Feature::unknown)
-            continue;
-        if (featureutl::set_feature(feature, status) == 0) {
-            ORV_LOG(log::kError, "Failed setting feature {} to {}", featureutl::feature_to_str(feature),
-                    featureutl::feature_status_to_str(status));
-            continue;
-        }
-        if (set_status(statuses.get(), name, featureutl::get_feature(feature)) != 0)
+        if (text && set_feature(statuses.get(), name, text) != 0)
             return kFailed;
     }
-    set_out(response, std::move(statuses));
-    return kDone;
+    return respond(out, std::move(statuses));
 }
 
-int process_get_features_list(json_t*& response)
+Result process_get_features_list(json_t*& out)
 {
     auto features = featureutl::list_features();
     std::sort(features.begin(), features.end());
@@ -281,7 +239,7 @@ int process_get_features_list(json_t*& response)
         ORV_LOG(log::kError, "orv::json::to_json() failed");
         return kFailed;
     }
-    set_out(response, std::move(names));
+    set_out(out, std::move(names));
     return kDone;
 }
 
@@ -302,12 +260,15 @@ void find_devices(const json_t* ids, std::vector<devMgmt::Device>& devices)
     }
 }
 
+// A member that finds no place, such as a text that is not UTF-8, is left out; the device is not.
+
 JsonPtr macs_to_json(const devMgmt::Device& device)
 {
     JsonPtr macs(json_array());
     for (const auto& [mac, addresses] : device.macs)
-        json_array_append_new(macs.get(), json_pack("{s:s,s:s}", "mac", mac.to_string(false).c_str(), "ip",
-                                                    first_v4_text(addresses).c_str()));
+        json_array_append_new(macs.get(),
+                              json_pack("{s:s,s:s}", "mac", mac.to_string(/*upper_case=*/false).c_str(), "ip",
+                                        first_v4_text(addresses).c_str()));
     return macs;
 }
 
@@ -329,26 +290,20 @@ JsonPtr device_to_json(const devMgmt::Device& device)
     return object;
 }
 
-/// Where the name last given through this daemon is kept.
-path friendly_name_key(const char* did)
-{
-    return kDaemonTmpPath / did / "friendly_name";
-}
-
-bool find_device(const char* did, devMgmt::Device& device)
+bool find_device(const char* did, devMgmt::Device& device, log::Caller caller = log::caller())
 {
     if (devMgmt::get_device(did, device) != 0)
         return true;
-    ORV_LOG(log::kError, "device_id={:s} not found", did);
+    ORV_LOG_AS(caller, log::kError, "device_id={:s} not found", did);
     return false;
 }
 
-bool find_friendly_name(const char* did, std::string& name)
+bool find_friendly_name(const char* did, std::string& name, log::Caller caller = log::caller())
 {
-    if (setMgmt::getKey(friendly_name_key(did), name) >= 0)
+    if (setMgmt::getKey(given_name_key(did), name) >= 0)
         return true;
     devMgmt::Device device;
-    if (!find_device(did, device))
+    if (!find_device(did, device, caller))
         return false;
     name = device.friendly_name;
     return true;
@@ -370,33 +325,33 @@ Result send_rename(TextPtr device_id, const char* name, const JsonPtr& payload, 
                         conn, epfd);
 }
 
-Result store_device_name(const char* did, const char* name)
+Result store_device_name(const char* did, const char* name, log::Caller caller = log::caller())
 {
-    if (setMgmt::setKey(friendly_name_key(did), name) < 0)
+    if (setMgmt::setKey(given_name_key(did), name) < 0)
         return kFailed;
-    ORV_LOG(log::kInfo, "Set name={:s} for device_id={:s}", name, did);
+    ORV_LOG_AS(caller, log::kInfo, "Set name={:s} for device_id={:s}", name, did);
     return kDone;
 }
 
-Result store_router_name(const char* name)
+Result store_router_name(const char* name, log::Caller caller = log::caller())
 {
     if (setMgmt::setKey(kRegistrationTuvoNameKey, name) < 0) {
-        ORV_LOG(log::kError, "failed to set tuvo_name={:s}", name);
+        ORV_LOG_AS(caller, log::kError, "failed to set tuvo_name={:s}", name);
         return kFailed;
     }
-    ORV_LOG(log::kInfo, "Set tuvo_name={:s}", name);
+    ORV_LOG_AS(caller, log::kInfo, "Set tuvo_name={:s}", name);
     return kDone;
 }
 
 /// What the device-management daemon's answer says: its result code travels as the answer's type.
-bool is_confirmed(const Message* response)
+bool is_confirmed(const Message* answer, log::Caller caller = log::caller())
 {
     int code = 0;
-    if (!answer_code(response, code))
+    if (!answer_code(answer, code, caller))
         return false;
     if (code == 0)
         return true;
-    ORV_LOG(log::kError, "Received error response from cloud");
+    ORV_LOG_AS(caller, log::kError, "Received error response from cloud");
     return false;
 }
 
@@ -412,45 +367,45 @@ const std::string kLeasesCountKey = kLeasesRequestsKey + "/count";
 constexpr unsigned kMaxLeasesRequests = 100;
 
 /// The index for the next request. A full queue is emptied: what is old is of no use to the leases daemon.
-unsigned next_leases_index()
+unsigned next_leases_index(log::Caller caller)
 {
     // A negative number, which nobody here writes, counts as one that is too large.
     const auto count = static_cast<unsigned>(setMgmt::getKeyValue(kLeasesCountKey, 0));
     if (count < kMaxLeasesRequests)
         return count;
     if (setMgmt::deleteKey(kLeasesRequestsKey) < 0)
-        ORV_LOG(log::kError, "Failed to delete key '{:s}': ", kLeasesRequestsKey);
+        ORV_LOG_AS(caller, log::kError, "Failed to delete key '{:s}': ", kLeasesRequestsKey);
     return 0;
 }
 
-void store_leases_request(const char* text)
+void store_leases_request(const char* text, log::Caller caller)
 {
-    const unsigned index = next_leases_index();
+    const unsigned index = next_leases_index(caller);
     if (setMgmt::setKey(fmt::format("{:s}/{:d}", kLeasesRequestsKey, index), text) < 0) {
-        ORV_LOG(log::kError, "Failed to set key for req '{:s}': {}", text, _get_orverrno());
+        ORV_LOG_AS(caller, log::kError, "Failed to set key for req '{:s}': {}", text, _get_orverrno());
         return;
     }
     if (setMgmt::setKey(kLeasesCountKey, fmt::format_int(index + 1).str()) < 0) {
-        ORV_LOG(log::kError, "Failed to set key '{:s}': {}", kLeasesCountKey, _get_orverrno());
+        ORV_LOG_AS(caller, log::kError, "Failed to set key '{:s}': {}", kLeasesCountKey, _get_orverrno());
         return;
     }
-    ORV_LOG(log::kDebug, "Saved req '{:s}' at index {:d}", text, index);
+    ORV_LOG_AS(caller, log::kDebug, "Saved req '{:s}' at index {:d}", text, index);
 }
 
-void queue_leases_request(const char* text)
+void queue_leases_request(const char* text, log::Caller caller = log::caller())
 {
     if (setMgmt::lockKey(kLeasesRequestsKey) < 0) {
-        ORV_LOG(log::kError, "Failed to lock key '{:s}': ", kLeasesRequestsKey);
+        ORV_LOG_AS(caller, log::kError, "Failed to lock key '{:s}': ", kLeasesRequestsKey);
         return;
     }
-    store_leases_request(text);
+    store_leases_request(text, caller);
     if (setMgmt::unlockKey(kLeasesRequestsKey) < 0)
-        ORV_LOG(log::kError, "Failed to unlock key '{:s}': ", kLeasesRequestsKey);
+        ORV_LOG_AS(caller, log::kError, "Failed to unlock key '{:s}': ", kLeasesRequestsKey);
 }
 
 } // namespace
 
-int process_get_devices(json_t* data, json_t*& response)
+Result process_get_devices(json_t* data, json_t*& out)
 {
     std::vector<devMgmt::Device> devices;
     if (json_array_size(data) > 0)
@@ -465,11 +420,11 @@ int process_get_devices(json_t* data, json_t*& response)
     for (const auto& device : devices)
         if (device.owner == own_id)
             json_array_append_new(list.get(), device_to_json(device).release());
-    set_out(response, std::move(list));
+    set_out(out, std::move(list));
     return kDone;
 }
 
-int process_set_device_name(json_t* data, Connection* conn, int epfd)
+Result process_set_device_name(json_t* data, Connection* conn, int epfd)
 {
     const char* did = nullptr;
     const char* name = nullptr;
@@ -500,16 +455,16 @@ int process_set_device_name(json_t* data, Connection* conn, int epfd)
     return send_rename(std::move(copy), name, payload, conn, epfd);
 }
 
-Result set_friendly_name_cb(const Message* response, json_t*& /*out*/, void* arg)
+Result set_friendly_name_cb(const Message* answer, json_t*& /*out*/, void* arg)
 {
     const std::unique_ptr<FriendlyNameData> context(static_cast<FriendlyNameData*>(arg));
-    if (!is_confirmed(response))
+    if (!is_confirmed(answer))
         return kFailed;
     return context->device_id ? store_device_name(context->device_id.get(), context->name.get())
                               : store_router_name(context->name.get());
 }
 
-int process_set_device_traffic_blocked(json_t* data, Connection* conn, int epfd)
+Result process_set_device_traffic_blocked(json_t* data, Connection* conn, int epfd)
 {
     const char* did = nullptr;
     json_int_t wanted = 0; // wide, so that no other number is taken for 0 or 1
@@ -543,18 +498,18 @@ int process_set_device_traffic_blocked(json_t* data, Connection* conn, int epfd)
                         std::move(context), conn, epfd);
 }
 
-Result set_device_traffic_blocked_cb(const Message* response, json_t*& /*out*/, void* arg)
+Result set_device_traffic_blocked_cb(const Message* answer, json_t*& /*out*/, void* arg)
 {
     // Nothing is stored here: the record changes when the device-management daemon reports it.
     const std::unique_ptr<TrafficBlockedData> context(static_cast<TrafficBlockedData*>(arg));
-    if (!is_confirmed(response))
+    if (!is_confirmed(answer))
         return kFailed;
     ORV_LOG(log::kInfo, "Set traffic_blocked={:d} for device_id={:s}", context->traffic_blocked,
             context->device_id.get());
     return kDone;
 }
 
-int process_set_device_online_status(json_t* data)
+Result process_set_device_online_status(json_t* data)
 {
     if (log::can_log(log::kDefaultChannel, log::kInfo)) {
         const TextPtr shown(json_dumps(data, JSON_ENCODE_ANY));
@@ -566,7 +521,7 @@ int process_set_device_online_status(json_t* data)
                 orvleases_mode_to_str(mode));
         return kFailed;
     }
-    const TextPtr text(json_dumps(data, 0));
+    const TextPtr text = dump(data);
     if (!text || orvex_send_msg("broker-devmgmt:set_online_status", text.get()) != 0)
         return kFailed;
     queue_leases_request(text.get());
@@ -584,12 +539,13 @@ bool is_registered()
 }
 
 /// Keeps a value for the time after the registration. Succeeds whether or not it could be kept.
-int keep_for_later(const path& key, const std::string& value, const char* failure)
+Result keep_for_later(const path& key, const std::string& value, const char* failure,
+                      log::Caller caller = log::caller())
 {
-    ORV_LOG(log::kError, "Router is not registered.");
+    ORV_LOG_AS(caller, log::kError, "Router is not registered.");
     if (setMgmt::setKey(key, value) < 0)
-        ORV_LOG(log::kError, fmt::runtime(failure));
-    ORV_LOG(log::kInfo, "Set key {} with value {:s}", key, value);
+        ORV_LOG_AS(caller, log::kError, "{}", failure);
+    ORV_LOG_AS(caller, log::kInfo, "Set key {} with value {:s}", key, value);
     return kDone;
 }
 
@@ -598,14 +554,14 @@ struct RegistrationIdentity {
     std::string mac;
 };
 
-bool read_identity(RegistrationIdentity& identity)
+bool read_identity(RegistrationIdentity& identity, log::Caller caller = log::caller())
 {
     if (setMgmt::getKey(kRegistrationTuvoNameKey, identity.name) < 0) {
-        ORV_LOG(log::kError, "Router name missing.");
+        ORV_LOG_AS(caller, log::kError, "Router name missing.");
         return false;
     }
     if (setMgmt::getKey(kRegistrationMacKey, identity.mac) < 0) {
-        ORV_LOG(log::kError, "Router registration mac missing.");
+        ORV_LOG_AS(caller, log::kError, "Router registration mac missing.");
         return false;
     }
     return true;
@@ -628,38 +584,39 @@ bool is_valid_feature_set_level(const std::string& level)
 }
 
 /// Stores what the answer has confirmed: any object with a "result" does, whatever the result.
-Result store_confirmed(const Message* response, void* arg, const path& key, const char* what)
+Result store_confirmed(const Message* answer, void* arg, const path& key, const char* what,
+                       log::Caller caller = log::caller())
 {
     const TextPtr value(static_cast<char*>(arg));
-    const JsonPtr root(json_loadb(response->data, response->datalen, 0, nullptr));
+    const JsonPtr root = parse_payload(answer);
     if (!json_object_get(root.get(), "result"))
         return kFailed;
     if (setMgmt::setKey(key, value.get()) < 0) {
-        ORV_LOG(log::kError, "failed to set {:s}={:s}", what, value.get());
+        ORV_LOG_AS(caller, log::kError, "failed to set {:s}={:s}", what, value.get());
         return kFailed;
     }
-    ORV_LOG(log::kInfo, "Set {:s}={:s}", what, value.get());
+    ORV_LOG_AS(caller, log::kInfo, "Set {:s}={:s}", what, value.get());
     return kDone;
 }
 
 } // namespace
 
-int process_get_router_name(json_t*& response)
+Result process_get_router_name(json_t*& out)
 {
-    return get_key_as_string(kRegistrationTuvoNameKey, response);
+    return get_key_as_string(kRegistrationTuvoNameKey, out);
 }
 
-int process_get_router_model(json_t*& response)
+Result process_get_router_model(json_t*& out)
 {
-    return get_key_as_string(kRegistrationDeviceModelKey, response);
+    return get_key_as_string(kRegistrationDeviceModelKey, out);
 }
 
-int process_get_router_feature_set_level(json_t*& response)
+Result process_get_router_feature_set_level(json_t*& out)
 {
-    return get_key_as_string(kRegistrationFeatureSetLevelKey, response);
+    return get_key_as_string(kRegistrationFeatureSetLevelKey, out);
 }
 
-int process_set_router_name(const std::string& name, Connection* conn, int epfd)
+Result process_set_router_name(const std::string& name, Connection* conn, int epfd)
 {
     if (name.empty()) {
         ORV_LOG(log::kInfo, "Router name is empty string.");
@@ -675,7 +632,7 @@ int process_set_router_name(const std::string& name, Connection* conn, int epfd)
     return send_rename(nullptr, name.c_str(), payload, conn, epfd);
 }
 
-int process_set_router_model(const std::string& model, Connection* conn, int epfd)
+Result process_set_router_model(const std::string& model, Connection* conn, int epfd)
 {
     if (!is_registered())
         return keep_for_later(kRegistrationDeviceModelKey, model,
@@ -692,7 +649,7 @@ int process_set_router_model(const std::string& model, Connection* conn, int epf
     return send_register_tuvo(payload, set_router_model_cb, model, conn, epfd);
 }
 
-int process_set_router_feature_set_level(const std::string& level, Connection* conn, int epfd)
+Result process_set_router_feature_set_level(const std::string& level, Connection* conn, int epfd)
 {
     if (!is_valid_feature_set_level(level)) {
         ORV_LOG(log::kError, "Invalid feature set level");
@@ -715,14 +672,14 @@ int process_set_router_feature_set_level(const std::string& level, Connection* c
     return send_register_tuvo(payload, set_feature_set_level_cb, level, conn, epfd);
 }
 
-Result set_router_model_cb(const Message* response, json_t*& /*out*/, void* arg)
+Result set_router_model_cb(const Message* answer, json_t*& /*out*/, void* arg)
 {
-    return store_confirmed(response, arg, kRegistrationDeviceModelKey, "router device_model");
+    return store_confirmed(answer, arg, kRegistrationDeviceModelKey, "router device_model");
 }
 
-Result set_feature_set_level_cb(const Message* response, json_t*& /*out*/, void* arg)
+Result set_feature_set_level_cb(const Message* answer, json_t*& /*out*/, void* arg)
 {
-    return store_confirmed(response, arg, kRegistrationFeatureSetLevelKey, "feature_set_level");
+    return store_confirmed(answer, arg, kRegistrationFeatureSetLevelKey, "feature_set_level");
 }
 
 // ---- the router's interfaces
@@ -734,48 +691,61 @@ bool is_interface_type(const char* type)
     return std::strcmp(type, "wan") == 0 || std::strcmp(type, "lan") == 0 || std::strcmp(type, "guest") == 0;
 }
 
-void set_interface(const char* name, const char* type)
+void set_interface(const char* name, const char* type, log::Caller caller)
 {
     if (setMgmt::setKey(kNetworkInterfacesKey / name, type) < 0)
-        ORV_LOG(log::kError, "failed to set interface name={:s} type={:s}", name, type);
+        ORV_LOG_AS(caller, log::kError, "failed to set interface name={:s} type={:s}", name, type);
     else
-        ORV_LOG(log::kInfo, "Set interface name={:s} type={:s}", name, type);
+        ORV_LOG_AS(caller, log::kInfo, "Set interface name={:s} type={:s}", name, type);
 }
 
 /// Stores one entry of the list and strikes its name off those to be deleted, which holds for an entry of a
 /// bad type too: its stored value stays.
-void process_interface(const json_t* entry, std::vector<std::string>& previous)
+void process_interface(const json_t* entry, std::vector<std::string>& previous, log::Caller caller)
 {
     const char* name = json_string_value(json_object_get(entry, "name"));
     if (!name) {
-        ORV_LOG(log::kError, "could not extract interface name");
+        ORV_LOG_AS(caller, log::kError, "could not extract interface name");
         return;
     }
     previous.erase(std::remove(previous.begin(), previous.end(), name), previous.end());
 
     const char* type = json_string_value(json_object_get(entry, "type"));
     if (!type) {
-        ORV_LOG(log::kError, "could not extract interface type");
+        ORV_LOG_AS(caller, log::kError, "could not extract interface type");
         return;
     }
     if (!is_interface_type(type)) {
-        ORV_LOG(log::kWarning, "invalid interface type for '{:s}', ignoring", name);
+        ORV_LOG_AS(caller, log::kWarning, "invalid interface type for '{:s}', ignoring", name);
         return;
     }
-    set_interface(name, type);
+    set_interface(name, type, caller);
 }
 
-void delete_interfaces(const std::vector<std::string>& names)
+void delete_interfaces(const std::vector<std::string>& names, log::Caller caller)
 {
     for (const auto& name : names)
         if (setMgmt::deleteKey(kNetworkInterfacesKey / name) < 0)
-            ORV_LOG(log::kError, "failed to delete previous interface '{:s}'' key: {}", name,
-                    _get_orverrno());
+            ORV_LOG_AS(caller, log::kError, "failed to delete previous interface '{:s}'' key: {}", name,
+                       _get_orverrno());
+}
+
+/// Called with the list locked, so that nobody sees it half-written.
+void replace_interfaces(const json_t* list, std::size_t size, log::Caller caller = log::caller())
+{
+    std::vector<std::string> previous;
+    (void)setMgmt::enumSubkeys(kNetworkInterfacesKey, previous); // what cannot be listed is not deleted
+    for (std::size_t i = 0; i < size; ++i)
+        if (const json_t* entry = json_array_get(list, i))
+            process_interface(entry, previous, caller);
+        else
+            ORV_LOG_AS(caller, log::kError, "invalid interface {:d}", i);
+    delete_interfaces(previous, caller);
 }
 
 } // namespace
 
-int process_get_router_interfaces(json_t*& response)
+Result process_get_router_interfaces(json_t*& out)
 {
     JsonPtr list(json_array());
     std::vector<std::string> names;
@@ -787,11 +757,11 @@ int process_get_router_interfaces(json_t*& response)
         if (json_array_append_new(list.get(), entry) != 0)
             return kFailed;
     }
-    set_out(response, std::move(list));
+    set_out(out, std::move(list));
     return kDone;
 }
 
-int process_set_router_interfaces(json_t* data)
+Result process_set_router_interfaces(json_t* data)
 {
     if (!data) {
         ORV_LOG(log::kInfo, "No interfaces list provided. Skipping...");
@@ -808,21 +778,13 @@ int process_set_router_interfaces(json_t* data)
         return kFailed;
     }
 
-    std::vector<std::string> previous;
-    setMgmt::enumSubkeys(kNetworkInterfacesKey, previous);
-    for (std::size_t i = 0; i < size; ++i)
-        if (const json_t* entry = json_array_get(data, i))
-            process_interface(entry, previous);
-        else
-            ORV_LOG(log::kError, "invalid interface {:d}", i);
-    delete_interfaces(previous);
-
+    replace_interfaces(data, size);
     if (setMgmt::unlockKey(kNetworkInterfacesKey) < 0)
         ORV_LOG(log::kWarning, "Failed to unlock {}, orverrno: {}", kNetworkInterfacesKey, _get_orverrno());
     return kDone;
 }
 
-int process_reapply_firewall_rules()
+Result process_reapply_firewall_rules()
 {
     static const auto commands = [] {
         std::ostringstream directory;
@@ -830,7 +792,7 @@ int process_reapply_firewall_rules()
         const path script = path(directory.str()) / "orv_init_fw.sh";
         return std::vector<std::vector<std::string>>{{script.str()}};
     }();
-    if (exec_script(commands, "/bin/sh", 0) >= 0)
+    if (exec_script(commands, "/bin/sh", /*flags=*/0) >= 0)
         return kDone;
     ORV_LOG(log::kError, "Error running reapply_firewall_rules script {}", _get_orverrno());
     return kFailed;
@@ -838,7 +800,44 @@ int process_reapply_firewall_rules()
 
 // ---- satellites
 
-int process_remove_satellite(const json_t* data, Connection* conn, int epfd, json_t*& out)
+namespace {
+
+/// The id of the device with that MAC, unless it is the router's own: the router never removes itself.
+bool find_satellite(const std::string& mac_text, const sockutl::macaddr& mac, std::string& did, json_t*& out,
+                    log::Caller caller = log::caller())
+{
+    if (devMgmt::get_device_id_by_mac(mac, did) < 0) {
+        ORV_LOG_AS(caller, log::kError, "failed to get device id for mac '{}': {}", mac_text,
+                   _get_orverrno());
+        set_out(out, JsonPtr(json_pack("{s:s,s:i}", "error", "not found", "code", -2)));
+        return false;
+    }
+    ORV_LOG_AS(caller, log::kDebug, "mac '{}' has device id '{:s}'", mac_text, did);
+    std::string own_id;
+    if (setMgmt::getKey(kDeviceIdKey, own_id) < 0) {
+        ORV_LOG_AS(caller, log::kError, "failed to get self device id: {}", _get_orverrno());
+        return false;
+    }
+    if (!did.empty() && did != own_id)
+        return true;
+    ORV_LOG_AS(caller, log::kError, "invalid/empty device id: '{:s}'", did);
+    return false;
+}
+
+Result send_remove_satellite(const std::string& did, Connection* conn, int epfd,
+                             log::Caller caller = log::caller())
+{
+    const JsonPtr payload(json_pack("{s:[s]}", "device_ids", did.c_str()));
+    const TextPtr text = dump(payload.get());
+    if (!text)
+        return kFailed;
+    ORV_LOG_AS(caller, log::kInfo, "sending remove satellite request for device id '{:s}'", did);
+    return send_request("broker-devmgmt:remove_satellites", text.get(), remove_satellite_cb, conn, epfd);
+}
+
+} // namespace
+
+Result process_remove_satellite(const json_t* data, Connection* conn, int epfd, json_t*& out)
 {
     const char* text = json_string_value(json_object_get(data, "mac"));
     if (!text)
@@ -848,48 +847,27 @@ int process_remove_satellite(const json_t* data, Connection* conn, int epfd, jso
         ORV_LOG(log::kError, "invalid mac: '{:s}'", text);
         return kFailed;
     }
-    const std::string mac_text = mac.to_string(false);
-
+    const std::string mac_text = mac.to_string(/*upper_case=*/false);
     std::string did;
-    if (devMgmt::get_device_id_by_mac(mac, did) < 0) {
-        ORV_LOG(log::kError, "failed to get device id for mac '{}': {}", mac_text, _get_orverrno());
-        set_out(out, JsonPtr(json_pack("{s:s,s:i}", "error", "not found", "code", -2)));
+    if (!find_satellite(mac_text, mac, did, out))
         return kFailed;
-    }
-    ORV_LOG(log::kDebug, "mac '{}' has device id '{:s}'", mac_text, did);
-    std::string own_id;
-    if (setMgmt::getKey(kDeviceIdKey, own_id) < 0) {
-        ORV_LOG(log::kError, "failed to get self device id: {}", _get_orverrno());
-        return kFailed;
-    }
-    if (did.empty() || did == own_id) { // the router never removes itself
-        ORV_LOG(log::kError, "invalid/empty device id: '{:s}'", did);
-        return kFailed;
-    }
-
-    const JsonPtr payload(json_pack("{s:[s]}", "device_ids", did.c_str()));
-    const TextPtr request(json_dumps(payload.get(), 0));
-    if (!request)
-        return kFailed;
-    ORV_LOG(log::kInfo, "sending remove satellite request for device id '{:s}'", did);
-    if (orvex_send_req("broker-devmgmt:remove_satellites", request.get(), remove_satellite_cb, nullptr, conn,
-                       epfd) != 1)
+    if (send_remove_satellite(did, conn, epfd) != kPending)
         return kFailed;
 
-    // On the lists before the answer: neither scan nor discovery shall treat it again, whatever the cloud
-    // says.
+    // On the lists before the answer: neither scan nor discovery shall treat it again, whatever the cloud says.
+    // A list that cannot be written has been told of, and changes nothing about the request.
     (void)blacklist_add(kVaBlacklistSatellitesKey, mac_text);
     (void)blacklist_add(kDiscoveryBlacklistSatellitesKey, mac_text);
     return kPending;
 }
 
-Result remove_satellite_cb(const Message* response, json_t*& /*out*/, void* /*arg*/)
+Result remove_satellite_cb(const Message* answer, json_t*& /*out*/, void* /*arg*/)
 {
     int code = 0;
-    if (!answer_code(response, code))
+    if (!answer_code(answer, code))
         return kFailed;
     if (code != 0) {
-        ORV_LOG(log::kError, "received timeout/error from cloud: {}", *response);
+        ORV_LOG(log::kError, "received timeout/error from cloud: {}", *answer);
         return kFailed;
     }
     ORV_LOG(log::kInfo, "successfully sent remove satellite cloud request");
@@ -956,66 +934,55 @@ int blacklist_add(const path& key, const std::string& entry)
 
 // ---- vulnerability assessment
 
-int process_set_va_cloud_trigger(json_t* data)
-{
-    if (!json_is_boolean(data) && !json_is_integer(data))
-        return kFailed;
-    const bool on = json_is_true(data) || json_integer_value(data) != 0;
-    return set_flag(kVaCloudTriggerKey, on ? "1" : "0", "failed to set kVaCloudTriggerKey key");
-}
-
-int process_va_start()
+Result process_va_start()
 {
     return send_empty_message("orvvad:va_network_scan_start");
 }
 
-int process_va_stop()
+Result process_va_stop()
 {
     return send_empty_message("orvvad:va_scan_stop");
 }
 
-int process_va_self_scan_start()
+Result process_va_self_scan_start()
 {
     return send_empty_message("orvvad:va_self_scan_start");
 }
 
-int process_va_status(Connection* conn, int epfd)
+Result process_va_status(Connection* conn, int epfd)
 {
-    const int sent =
-        orvex_send_req("orvvad:va_scan_status", kEmptyPayload, get_va_scan_status_cb, nullptr, conn, epfd);
-    return sent == 1 ? kPending : kFailed;
+    return send_request("orvvad:va_scan_status", kEmptyPayload, get_va_scan_status_cb, conn, epfd);
 }
 
-Result get_va_scan_status_cb(const Message* response, json_t*& out, void* /*arg*/)
+Result get_va_scan_status_cb(const Message* answer, json_t*& out, void* /*arg*/)
 {
     // The scanner's object goes to the client unchanged; where there is none, the client gets no answer.
-    set_out(out, JsonPtr(json_loadb(response->data, response->datalen, 0, nullptr)));
+    set_out(out, parse_payload(answer));
     return out ? kDone : kFailed;
 }
 
-int process_va_set_schedule(const json_t* data, Connection* conn, int epfd)
+Result process_va_set_schedule(const json_t* data, Connection* conn, int epfd)
 {
-    const TextPtr payload(json_dumps(data, 0));
+    const TextPtr payload = dump(data);
     if (!payload) {
         ORV_LOG(log::kError, "Failed to build payload");
         return kFailed;
     }
-    if (orvex_send_req("orvtuvosettings:va_set_schedule", payload.get(), va_set_schedule_cb, nullptr, conn,
-                       epfd) == 1)
-        return kPending;
-    ORV_LOG(log::kError, "Failed to send set_schedule request");
-    return kFailed;
+    const Result sent =
+        send_request("orvtuvosettings:va_set_schedule", payload.get(), va_set_schedule_cb, conn, epfd);
+    if (sent != kPending)
+        ORV_LOG(log::kError, "Failed to send set_schedule request");
+    return sent;
 }
 
-Result va_set_schedule_cb(const Message* response, json_t*& out, void* /*arg*/)
+Result va_set_schedule_cb(const Message* answer, json_t*& out, void* /*arg*/)
 {
     constexpr int kScheduleError = 2;
     int code = 0;
-    if (text_to_int(response->type, code)) {
+    if (text_to_int(answer->type, code)) {
         if (code != kScheduleError)
             return kDone;
-        JsonPtr error(
-            json_pack("{s:s%}", "error", response->data, static_cast<std::size_t>(response->datalen)));
+        JsonPtr error(json_pack("{s:s%}", "error", answer->data, static_cast<std::size_t>(answer->datalen)));
         if (error) {
             set_out(out, std::move(error));
             return kFailed;
@@ -1023,22 +990,22 @@ Result va_set_schedule_cb(const Message* response, json_t*& out, void* /*arg*/)
         ORV_LOG(log::kError, "failed to pack error response");
     }
     // Not valid JSON, and kept so: the client then gets no answer, and its connection is closed.
-    set_out(out, JsonPtr(json_loads("{\"error\", \"internal error\"}", 0, nullptr)));
+    set_out(out, JsonPtr(json_loads("{\"error\", \"internal error\"}", /*flags=*/0, /*error=*/nullptr)));
     return kFailed;
 }
 
 namespace {
 
-int refuse_exclusions(json_t*& out, const std::string& message)
+Result refuse_exclusions(json_t*& out, const std::string& message, log::Caller caller = log::caller())
 {
-    ORV_LOG(log::kError, "{}", message);
+    ORV_LOG_AS(caller, log::kError, "{}", message);
     set_out(out, JsonPtr(json_string(message.c_str())));
     return kFailed;
 }
 
 } // namespace
 
-int process_va_set_exclusions(const json_t* data, json_t*& out)
+Result process_va_set_exclusions(const json_t* data, json_t*& out)
 {
     if (!json_is_array(data))
         return kFailed;
@@ -1068,7 +1035,7 @@ int process_va_set_exclusions(const json_t* data, json_t*& out)
     return kDone;
 }
 
-int process_va_get_exclusions(json_t*& out)
+Result process_va_get_exclusions(json_t*& out)
 {
     const auto entries = get_key_with_sep(kVaBlacklistExclusionsKey);
     if (!entries)
@@ -1083,7 +1050,7 @@ int process_va_get_exclusions(json_t*& out)
     return kDone;
 }
 
-int process_get_va_cloud_trigger(json_t*& out)
+Result process_get_va_cloud_trigger(json_t*& out)
 {
     std::string value;
     if (setMgmt::getKey(kVaCloudTriggerKey, value) < 0)
@@ -1096,19 +1063,20 @@ int process_get_va_cloud_trigger(json_t*& out)
 
 namespace {
 
-constexpr char kSubscriptionName[] = "global";
 constexpr char kReleaseVersionDefault[] = "2.0.0.0";
 
-void lock_subscription()
+void lock_subscription(log::Caller caller = log::caller())
 {
     if (setMgmt::lockKey(kSubscriptionPath) < 0)
-        ORV_LOG(log::kWarning, "Failed to lock {} orverrno: {}", kSubscriptionPath, _get_orverrno());
+        ORV_LOG_AS(caller, log::kWarning, "Failed to lock {} orverrno: {}", kSubscriptionPath,
+                   _get_orverrno());
 }
 
-void unlock_subscription()
+void unlock_subscription(log::Caller caller = log::caller())
 {
     if (setMgmt::unlockKey(kSubscriptionPath) < 0)
-        ORV_LOG(log::kWarning, "Failed to unlock {} orverrno: {}", kSubscriptionPath, _get_orverrno());
+        ORV_LOG_AS(caller, log::kWarning, "Failed to unlock {} orverrno: {}", kSubscriptionPath,
+                   _get_orverrno());
 }
 
 bool read_status(std::string& status)
@@ -1170,7 +1138,7 @@ JsonPtr subscription_update_to_json()
 
 } // namespace
 
-int process_get_version_info(json_t*& out)
+Result process_get_version_info(json_t*& out)
 {
     const std::string version = get_release_version().value_or(kReleaseVersionDefault);
     const std::string patch = get_patch_version();
@@ -1183,7 +1151,7 @@ int process_get_version_info(json_t*& out)
     return respond(out, std::move(info));
 }
 
-int process_get_subscription_status(json_t*& out)
+Result process_get_subscription_status(json_t*& out)
 {
     std::string status;
     std::string expiry;
@@ -1194,14 +1162,12 @@ int process_get_subscription_status(json_t*& out)
     return has_status && has_expiry ? respond(out, subscription_to_json(status, expiry)) : kFailed;
 }
 
-int process_update_subscription_status(Connection* conn, int epfd)
+Result process_update_subscription_status(Connection* conn, int epfd)
 {
-    const int sent =
-        orvex_send_req("update_subscription", kEmptyPayload, update_subscription_cb, nullptr, conn, epfd);
-    return sent == 1 ? kPending : kFailed;
+    return send_request("update_subscription", kEmptyPayload, update_subscription_cb, conn, epfd);
 }
 
-Result update_subscription_cb(const Message* /*response*/, json_t*& out, void* /*arg*/)
+Result update_subscription_cb(const Message* /*answer*/, json_t*& out, void* /*arg*/)
 {
     // What the update did is in the settings store; the answer only says that it is over.
     lock_subscription();
@@ -1210,14 +1176,14 @@ Result update_subscription_cb(const Message* /*response*/, json_t*& out, void* /
     return respond(out, std::move(object));
 }
 
-int process_get_diagnosis_report(json_t*& out)
+Result process_get_diagnosis_report(json_t*& out)
 {
     diagnosis::Manager manager;
     manager.add(diagnosis::get_defaults());
     return respond(out, JsonPtr(manager.report()));
 }
 
-int process_get_status_report(json_t*& out)
+Result process_get_status_report(json_t*& out)
 {
     static const std::vector<diagnosis::RecordId> records{
         {"agent", "version"}, {"agent", "registered"}, {"agent", "subscription"},

@@ -9,6 +9,8 @@
 
 #include <sys/epoll.h>
 
+#include <cstdint>
+
 namespace orv::brokerd {
 
 Connection::Connection(int socket)
@@ -29,22 +31,37 @@ void Connection::put(const void* data, unsigned len)
     }
 }
 
-void put_frame(Connection* conn, const char* text, std::uint32_t len)
+void put_frame(Connection* conn, std::string_view text)
 {
+    const auto len = static_cast<std::uint32_t>(text.size());
     conn->put(&len, sizeof len);
-    conn->put(text, len);
+    conn->put(text.data(), len);
 }
 
 void watch_for_output(const Connection* conn, int epfd)
 {
-    if (epfd != -1)
-        io::epoll_set_fd(epfd, conn->fd, EPOLLIN | EPOLLOUT);
+    if (epfd == -1)
+        return;
+    // The socket is ours and watched already: nothing can fail, and what is queued stays for the next time.
+    (void)io::epoll_set_fd(epfd, conn->fd, EPOLLIN | EPOLLOUT);
 }
 
-void queue_frame(Connection* conn, const char* text, std::uint32_t len, int epfd)
+void queue_frame(Connection* conn, std::string_view text, int epfd)
 {
-    put_frame(conn, text, len);
+    put_frame(conn, text);
     watch_for_output(conn, epfd);
+}
+
+void put_frames(const std::vector<Connection*>& conns, std::string_view text)
+{
+    for (Connection* conn : conns)
+        put_frame(conn, text);
+}
+
+void queue_frames(const std::vector<Connection*>& conns, std::string_view text, int epfd)
+{
+    for (Connection* conn : conns)
+        queue_frame(conn, text, epfd);
 }
 
 } // namespace orv::brokerd

@@ -2,8 +2,9 @@
 
 #include <orvutils/connection_buffer.h>
 
-#include <cstdint>
 #include <string>
+#include <string_view>
+#include <vector>
 
 // One client connection and the framing of what goes to it.
 
@@ -36,13 +37,17 @@ struct Connection {
 };
 
 /// Appends one frame to a connection's send buffer: a 4-byte length in native byte order and the text.
-void put_frame(Connection* conn, const char* text, std::uint32_t len);
+void put_frame(Connection* conn, std::string_view text);
 
 /// Watches a connection for input and output, so that what is pending gets written. `epfd` may be -1 while
 /// there is no loop.
 void watch_for_output(const Connection* conn, int epfd);
 
 /// Both of the above.
-void queue_frame(Connection* conn, const char* text, std::uint32_t len, int epfd);
+void queue_frame(Connection* conn, std::string_view text, int epfd);
+
+/// One frame to each of these connections: only appended, or watched for output as well.
+void put_frames(const std::vector<Connection*>& conns, std::string_view text);
+void queue_frames(const std::vector<Connection*>& conns, std::string_view text, int epfd);
 
 } // namespace orv::brokerd

@@ -1,28 +1,28 @@
-// Client connections: framing, the command table, subscriptions and the fan-out of events.
+// Client connections: the dispatch of requests, the command table, subscriptions and the fan-out of events.
 //
-// A request is one line of JSON, an answer or event is a 4-byte length and JSON. At most one request is taken
-// per readable event, and at most 16 KiB are written per writable one, so that no client can keep the loop
-// for itself. A connection that ends by itself is torn down here (teardown()); whatever else ends it goes
-// through forget_connection(), so that no table ever names a connection that is gone.
+// A request is one line of JSON. At most one is taken per readable event, and at most 16 KiB are written per
+// writable one, so that no client can keep the loop for itself. A connection that ends by itself is torn down
+// here (teardown()); whatever else ends it goes through forget_connection(), so that no table ever names a
+// connection that is gone.
 
 #include "evhandler.h"
 
+#include "agent_status.h"
 #include "answer.h"
 #include "commandsproc.h"
 #include "orvex.h"
 #include "state.h"
 
 #include <orvutils/io.h>
+#include <orvutils/keys.h>
 #include <orvutils/log_format.h>
+#include <orvutils/setmgmt.h>
 
 #include <sys/epoll.h>
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
-#include <string_view>
 
 namespace orv::brokerd {
 
@@ -42,7 +42,7 @@ int teardown(const Connection* conn)
 /// False when the connection is to be torn down.
 bool read_input(Connection* conn, const int& epfd)
 {
-    if (conn->rx.recv(conn->fd, 0) < 1)
+    if (conn->rx.recv(conn->fd, /*flags=*/0) < 1)
         return false;
     if (conn->mode == kCommandMode) {
         // One request only, however many are there: the next one waits for the next readable event.
@@ -56,7 +56,7 @@ bool read_input(Connection* conn, const int& epfd)
 }
 
 /// False when the connection is to be torn down.
-bool write_output(Connection* conn, const int& epfd)
+bool write_output(Connection* conn, int epfd)
 {
     const int pending = conn->tx.send(conn->fd, kMaxSendPerEvent);
     if (pending == -1)
@@ -65,7 +65,8 @@ bool write_output(Connection* conn, const int& epfd)
         return true;
     if (conn->close_after_send)
         return false;
-    io::epoll_set_fd(epfd, conn->fd, EPOLLIN);
+    // If it failed, the next writable event, with nothing to write, would try again.
+    (void)io::epoll_set_fd(epfd, conn->fd, EPOLLIN);
     return true;
 }
 
@@ -81,24 +82,74 @@ int process_client_events(Connection* conn, unsigned events, const int& epfd)
     return 0;
 }
 
-// ---- commands
+// ---- the commands that the dispatcher carries out by itself
 
 namespace {
 
 struct Request {
     Connection* conn;
     int epfd;
-    json_t* data;      ///< the request's argument, null without one
-    json_t*& response; ///< what becomes the answer's data
+    json_t* data;       ///< the request's argument, null without one
+    json_t*& out;       ///< what the client gets as the answer's data
+    log::Caller caller; ///< in whose name the dispatcher's own commands log
 };
 
-/// What a command needs as "data"; a request that has not got it fails before the handler runs.
-enum class Argument {
-    none,
-    optional,
-    required,
-    string,
-};
+Result set_flag(const Request& request, const path& key, const char* value, const char* failure)
+{
+    if (setMgmt::setKey(key, value) >= 0)
+        return kDone;
+    ORV_LOG_AS(request.caller, log::kError, "{}", failure);
+    return kFailed;
+}
+
+Result enable_services(Request& request)
+{
+    if (set_flag(request, kProtectionEnabledKey, "1", "failed to set protection_enabled key to 1") != kDone)
+        return kFailed;
+    report_agent_status(AgentStatus::activated, /*extra=*/nullptr);
+    return kDone;
+}
+
+Result disable_services(Request& request)
+{
+    if (set_flag(request, kProtectionEnabledKey, "0", "failed to set protection_enabled key to 0") != kDone)
+        return kFailed;
+    report_agent_status(AgentStatus::deactivated, /*extra=*/nullptr);
+    return kDone;
+}
+
+Result get_services_status(Request& request)
+{
+    static const std::string fallback = fmt::format("{:d}", kProtectionEnabledDefault);
+    const std::string value = setMgmt::getKeyValue(kProtectionEnabledKey, fallback);
+    if (value != "0" && value != "1")
+        return kFailed;
+    return respond(request.out, JsonPtr(json_pack("{s:i}", "status", value == "1" ? 1 : 0)));
+}
+
+Result pro_features_enable(Request& request)
+{
+    return set_flag(request, kProFeaturesEnabledKey, "1", "failed to set kProFeaturesEnabledKey key to 1");
+}
+
+Result pro_features_disable(Request& request)
+{
+    return set_flag(request, kProFeaturesEnabledKey, "0", "failed to set kProFeaturesEnabledKey key to 0");
+}
+
+Result set_va_cloud_trigger(Request& request)
+{
+    if (!json_is_boolean(request.data) && !json_is_integer(request.data))
+        return kFailed;
+    const bool on = json_is_true(request.data) || json_integer_value(request.data) != 0;
+    return set_flag(request, kVaCloudTriggerKey, on ? "1" : "0", "failed to set kVaCloudTriggerKey key");
+}
+
+} // namespace
+
+// ---- the command table
+
+namespace {
 
 /// How a handler's result becomes the answer's status.
 enum class Status {
@@ -114,43 +165,37 @@ struct Command {
 };
 
 // Handlers have the parameters that they need; these call each shape.
-Result call(int (*handler)(), Request&)
+Result call(Result (*handler)(), Request&)
 {
     return handler();
 }
-Result call(int (*handler)(json_t*&), Request& request)
+Result call(Result (*handler)(json_t*&), Request& request)
 {
-    return handler(request.response);
+    return handler(request.out);
 }
-Result call(int (*handler)(json_t*), Request& request)
+Result call(Result (*handler)(json_t*), Request& request)
 {
     return handler(request.data);
 }
-Result call(int (*handler)(json_t*, json_t*&), Request& request)
+template <typename Json> // json_t, const or not
+Result call(Result (*handler)(Json*, json_t*&), Request& request)
 {
-    return handler(request.data, request.response);
+    return handler(request.data, request.out);
 }
-Result call(int (*handler)(const json_t*, json_t*&), Request& request)
-{
-    return handler(request.data, request.response);
-}
-Result call(int (*handler)(Connection*, int), Request& request)
+Result call(Result (*handler)(Connection*, int), Request& request)
 {
     return handler(request.conn, request.epfd);
 }
-Result call(int (*handler)(json_t*, Connection*, int), Request& request)
+template <typename Json>
+Result call(Result (*handler)(Json*, Connection*, int), Request& request)
 {
     return handler(request.data, request.conn, request.epfd);
 }
-Result call(int (*handler)(const json_t*, Connection*, int), Request& request)
+Result call(Result (*handler)(const json_t*, Connection*, int, json_t*&), Request& request)
 {
-    return handler(request.data, request.conn, request.epfd);
+    return handler(request.data, request.conn, request.epfd, request.out);
 }
-Result call(int (*handler)(const json_t*, Connection*, int, json_t*&), Request& request)
-{
-    return handler(request.data, request.conn, request.epfd, request.response);
-}
-Result call(int (*handler)(const std::string&, Connection*, int), Request& request)
+Result call(Result (*handler)(const std::string&, Connection*, int), Request& request)
 {
     return handler(json_string_value(request.data), request.conn, request.epfd);
 }
@@ -167,44 +212,44 @@ constexpr Status zero_or_failed = Status::zero_or_failed;
 
 constexpr std::array kCommands{
     // clang-format off
-    Command{"start_cloud_registration",     needs::required, as_returned,    process<process_start_cloud_registration>},
-    Command{"start_registration",           needs::optional, as_returned,    process<process_start_registration>},
-    Command{"set_router_model",             needs::string,   as_returned,    process<process_set_router_model>},
-    Command{"set_router_name",              needs::string,   as_returned,    process<process_set_router_name>},
-    Command{"set_router_feature_set_level", needs::string,   as_returned,    process<process_set_router_feature_set_level>},
-    Command{"set_router_interfaces",        needs::required, as_returned,    process<process_set_router_interfaces>},
-    Command{"enable_services",              needs::none,     as_returned,    process<process_enable_services>},
-    Command{"disable_services",             needs::none,     as_returned,    process<process_disable_services>},
-    Command{"get_services_status",          needs::none,     as_returned,    process<process_get_services_status>},
-    Command{"get_subscription_status",      needs::none,     zero_or_failed, process<process_get_subscription_status>},
-    Command{"update_subscription_status",   needs::none,     as_returned,    process<process_update_subscription_status>},
-    Command{"get_version_info",             needs::none,     zero_or_failed, process<process_get_version_info>},
-    Command{"set_device_name",              needs::required, as_returned,    process<process_set_device_name>},
-    Command{"set_device_traffic_blocked",   needs::required, as_returned,    process<process_set_device_traffic_blocked>},
-    Command{"set_device_online_status",     needs::required, as_returned,    process<process_set_device_online_status>},
-    Command{"get_devices",                  needs::optional, zero_or_failed, process<process_get_devices>},
-    Command{"remove_satellite",             needs::required, as_returned,    process<process_remove_satellite>},
-    Command{"va_start",                     needs::none,     as_returned,    process<process_va_start>},
-    Command{"va_stop",                      needs::none,     as_returned,    process<process_va_stop>},
-    Command{"va_status",                    needs::none,     as_returned,    process<process_va_status>},
-    Command{"va_self_scan_start",           needs::none,     as_returned,    process<process_va_self_scan_start>},
-    Command{"va_set_schedule",              needs::required, as_returned,    process<process_va_set_schedule>},
-    Command{"va_set_exclusions",            needs::required, as_returned,    process<process_va_set_exclusions>},
-    Command{"va_get_exclusions",            needs::none,     as_returned,    process<process_va_get_exclusions>},
-    Command{"pro_features_enable",          needs::none,     as_returned,    process<process_pro_features_enable>},
-    Command{"pro_features_disable",         needs::none,     as_returned,    process<process_pro_features_disable>},
-    Command{"set_va_cloud_trigger",         needs::required, as_returned,    process<process_set_va_cloud_trigger>},
-    Command{"get_va_cloud_trigger",         needs::none,     as_returned,    process<process_get_va_cloud_trigger>},
-    Command{"get_router_name",              needs::none,     as_returned,    process<process_get_router_name>},
-    Command{"get_router_model",             needs::none,     as_returned,    process<process_get_router_model>},
-    Command{"get_router_feature_set_level", needs::none,     as_returned,    process<process_get_router_feature_set_level>},
-    Command{"get_router_interfaces",        needs::none,     as_returned,    process<process_get_router_interfaces>},
-    Command{"reapply_firewall_rules",       needs::none,     as_returned,    process<process_reapply_firewall_rules>},
-    Command{"get_feature",                  needs::optional, as_returned,    process<process_get_feature>},
-    Command{"set_feature",                  needs::optional, as_returned,    process<process_set_feature>},
-    Command{"list_all_features",            needs::none,     as_returned,    process<process_get_features_list>},
-    Command{"get_diagnosis_report",         needs::none,     as_returned,    process<process_get_diagnosis_report>},
-    Command{"get_status_report",            needs::none,     as_returned,    process<process_get_status_report>},
+    Command{"start_cloud_registration",     needs::required,  as_returned,    process<process_start_cloud_registration>},
+    Command{"start_registration",           needs::explained, as_returned,    process<process_start_registration>},
+    Command{"set_router_model",             needs::string,    as_returned,    process<process_set_router_model>},
+    Command{"set_router_name",              needs::string,    as_returned,    process<process_set_router_name>},
+    Command{"set_router_feature_set_level", needs::string,    as_returned,    process<process_set_router_feature_set_level>},
+    Command{"set_router_interfaces",        needs::required,  as_returned,    process<process_set_router_interfaces>},
+    Command{"enable_services",              needs::none,      as_returned,    enable_services},
+    Command{"disable_services",             needs::none,      as_returned,    disable_services},
+    Command{"get_services_status",          needs::none,      as_returned,    get_services_status},
+    Command{"get_subscription_status",      needs::none,      zero_or_failed, process<process_get_subscription_status>},
+    Command{"update_subscription_status",   needs::none,      as_returned,    process<process_update_subscription_status>},
+    Command{"get_version_info",             needs::none,      zero_or_failed, process<process_get_version_info>},
+    Command{"set_device_name",              needs::required,  as_returned,    process<process_set_device_name>},
+    Command{"set_device_traffic_blocked",   needs::required,  as_returned,    process<process_set_device_traffic_blocked>},
+    Command{"set_device_online_status",     needs::required,  as_returned,    process<process_set_device_online_status>},
+    Command{"get_devices",                  needs::optional,  zero_or_failed, process<process_get_devices>},
+    Command{"remove_satellite",             needs::required,  as_returned,    process<process_remove_satellite>},
+    Command{"va_start",                     needs::none,      as_returned,    process<process_va_start>},
+    Command{"va_stop",                      needs::none,      as_returned,    process<process_va_stop>},
+    Command{"va_status",                    needs::none,      as_returned,    process<process_va_status>},
+    Command{"va_self_scan_start",           needs::none,      as_returned,    process<process_va_self_scan_start>},
+    Command{"va_set_schedule",              needs::required,  as_returned,    process<process_va_set_schedule>},
+    Command{"va_set_exclusions",            needs::required,  as_returned,    process<process_va_set_exclusions>},
+    Command{"va_get_exclusions",            needs::none,      as_returned,    process<process_va_get_exclusions>},
+    Command{"pro_features_enable",          needs::none,      as_returned,    pro_features_enable},
+    Command{"pro_features_disable",         needs::none,      as_returned,    pro_features_disable},
+    Command{"set_va_cloud_trigger",         needs::required,  as_returned,    set_va_cloud_trigger},
+    Command{"get_va_cloud_trigger",         needs::none,      as_returned,    process<process_get_va_cloud_trigger>},
+    Command{"get_router_name",              needs::none,      as_returned,    process<process_get_router_name>},
+    Command{"get_router_model",             needs::none,      as_returned,    process<process_get_router_model>},
+    Command{"get_router_feature_set_level", needs::none,      as_returned,    process<process_get_router_feature_set_level>},
+    Command{"get_router_interfaces",        needs::none,      as_returned,    process<process_get_router_interfaces>},
+    Command{"reapply_firewall_rules",       needs::none,      as_returned,    process<process_reapply_firewall_rules>},
+    Command{"get_feature",                  needs::optional,  as_returned,    process<process_get_feature>},
+    Command{"set_feature",                  needs::optional,  as_returned,    process<process_set_feature>},
+    Command{"list_all_features",            needs::none,      as_returned,    process<process_get_features_list>},
+    Command{"get_diagnosis_report",         needs::none,      as_returned,    process<process_get_diagnosis_report>},
+    Command{"get_status_report",            needs::none,      as_returned,    process<process_get_status_report>},
     // clang-format on
 };
 static_assert(kCommands.size() == 38);
@@ -226,6 +271,7 @@ bool has_argument(const Command& command, const json_t* data)
     case Argument::optional:
         return true;
     case Argument::required:
+    case Argument::explained:
         return data != nullptr;
     case Argument::string:
         return json_is_string(data);
@@ -235,8 +281,11 @@ bool has_argument(const Command& command, const json_t* data)
 
 Result run(const Command& command, Request& request)
 {
-    if (!has_argument(command, request.data))
+    if (!has_argument(command, request.data)) {
+        if (command.argument == Argument::explained)
+            set_out(request.out, JsonPtr(build_error_response(kErrorCommand, kInvalidCommand)));
         return kFailed;
+    }
     const Result result = command.process(request);
     if (command.status == Status::zero_or_failed)
         return result == kFailed ? kFailed : kDone;
@@ -245,13 +294,28 @@ Result run(const Command& command, Request& request)
 
 Result process_command(const char* name, Request& request)
 {
-    ORV_LOG(log::kInfo, "process {:s} command", name);
+    ORV_LOG_AS(request.caller, log::kInfo, "process {:s} command", name);
     const std::string_view wanted(name);
     for (const Command& command : kCommands)
         if (command.name == wanted)
             return run(command, request);
     return kDone; // unknown commands are not rejected, on purpose
 }
+
+} // namespace
+
+std::vector<CommandShape> commands()
+{
+    std::vector<CommandShape> shapes;
+    shapes.reserve(kCommands.size());
+    for (const Command& command : kCommands)
+        shapes.push_back({command.name, command.argument});
+    return shapes;
+}
+
+// ---- requests
+
+namespace {
 
 void process_subscription(Connection* conn, const char* name)
 {
@@ -264,7 +328,7 @@ void process_subscription(Connection* conn, const char* name)
         return;
     for (const auto& [event, callback] : found->second)
         orvex_add_sub(event, conn, callback);
-    orvex_subscribe();
+    (void)orvex_subscribe(); // what it cannot do now is made good by the next subscription
 }
 
 Result process_request(std::string_view type, const json_t* root, Request& request)
@@ -274,58 +338,59 @@ Result process_request(std::string_view type, const json_t* root, Request& reque
         return kFailed;
     if (type == "command")
         return process_command(name, request);
-    if (type == "subscribe") {
-        process_subscription(request.conn, name);
-        return kDone;
+    if (type != "subscribe")
+        return kFailed;
+    process_subscription(request.conn, name);
+    return kDone;
+}
+
+/// Null, with a line in the log, when the request is not usable.
+const char* find_type(const json_t* root, const char* text, log::Caller caller = log::caller())
+{
+    if (!root) {
+        ORV_LOG_AS(caller, log::kError, "failed to load json: {:s}", text);
+        return nullptr;
     }
-    return kFailed;
+    const json_t* value = json_object_get(root, "type");
+    if (!value) {
+        ORV_LOG_AS(caller, log::kError, "no 'type' field in json: {:s}", text);
+        return nullptr;
+    }
+    const char* type = json_string_value(value);
+    if (!type)
+        ORV_LOG_AS(caller, log::kError, "'type' is not a valid string in json: {:s}", text);
+    return type;
+}
+
+void send_answer(Connection* conn, Result status, json_t* out, int epfd)
+{
+    const TextPtr answer(build_response(status, out));
+    if (!answer)
+        return;
+    queue_frame(conn, answer.get(), epfd);
+    if (status != kDone)
+        conn->close_after_send = true;
 }
 
 } // namespace
 
-std::vector<std::string_view> command_names()
-{
-    std::vector<std::string_view> names;
-    names.reserve(kCommands.size());
-    for (const Command& command : kCommands)
-        names.push_back(command.name);
-    return names;
-}
-
 int handle_command(Connection* conn, const char* text, const int& epfd)
 {
-    const JsonPtr root(json_loads(text, 0, nullptr));
-    if (!root) {
-        ORV_LOG(log::kError, "failed to load json: {:s}", text);
+    const JsonPtr root(json_loads(text, /*flags=*/0, /*error=*/nullptr));
+    const char* type = find_type(root.get(), text);
+    if (!type)
         return -1;
-    }
-    const json_t* type_value = json_object_get(root.get(), "type");
-    if (!type_value) {
-        ORV_LOG(log::kError, "no 'type' field in json: {:s}", text);
-        return -1;
-    }
-    const char* type = json_string_value(type_value);
-    if (!type) {
-        ORV_LOG(log::kError, "'type' is not a valid string in json: {:s}", text);
-        return -1;
-    }
 
-    json_t* response = json_null();
-    Request request{conn, epfd, json_object_get(root.get(), "data"), response};
+    json_t* out = json_null();
+    Request request{conn, epfd, json_object_get(root.get(), "data"), out, log::caller()};
     const Result status = process_request(type, root.get(), request);
     ORV_LOG(log::kInfo, "last operation status is {:d}", status);
     if (status == kPending) {
-        json_decref(response);
+        json_decref(out); // the answer comes from the exchange
         return 0;
     }
-
-    const TextPtr answer(build_response(status, response));
-    if (answer) {
-        queue_frame(conn, answer.get(), static_cast<std::uint32_t>(std::strlen(answer.get())), epfd);
-        if (status != kDone)
-            conn->close_after_send = true;
-    }
-    if (std::strcmp(type, "subscribe") == 0)
+    send_answer(conn, status, out, epfd);
+    if (std::string_view(type) == "subscribe")
         conn->mode = kSubscriberMode;
     return 0;
 }
@@ -346,7 +411,7 @@ void unsubscribe(const Connection* conn)
         return;
     for (const auto& binding : found->second)
         orvex_del_sub(binding.first, conn);
-    orvex_subscribe();
+    (void)orvex_subscribe(); // as above
 }
 
 bool is_bound(const std::string& exchange_event, const Connection* conn)
@@ -354,8 +419,8 @@ bool is_bound(const std::string& exchange_event, const Connection* conn)
     const auto found = g_exchange_subscriptions.find(exchange_event);
     if (found == g_exchange_subscriptions.end())
         return false;
-    for (const auto& [callback, connections] : found->second)
-        if (std::find(connections.begin(), connections.end(), conn) != connections.end())
+    for (const auto& [callback, conns] : found->second)
+        if (std::find(conns.begin(), conns.end(), conn) != conns.end())
             return true;
     return false;
 }
@@ -365,9 +430,9 @@ void forget_subscription(const Connection* conn)
     const auto found = g_client_subscriptions.find(conn->subscription);
     if (found == g_client_subscriptions.end())
         return;
-    auto& connections = found->second;
-    connections.erase(std::remove(connections.begin(), connections.end(), conn), connections.end());
-    if (connections.empty())
+    auto& conns = found->second;
+    conns.erase(std::remove(conns.begin(), conns.end(), conn), conns.end());
+    if (conns.empty())
         g_client_subscriptions.erase(found);
 }
 
@@ -384,7 +449,7 @@ void forget_bindings(const Connection* conn)
         changed = true;
     }
     if (changed && orvex)
-        orvex_subscribe();
+        (void)orvex_subscribe(); // as above
 }
 
 } // namespace
@@ -404,17 +469,15 @@ std::vector<Connection*> find_connections(const char* event)
     return found == g_client_subscriptions.end() ? std::vector<Connection*>() : found->second;
 }
 
-int send_json(const std::vector<Connection*>& connections, json_t* event)
+int send_json(const std::vector<Connection*>& conns, json_t* event)
 {
-    if (connections.empty())
+    if (conns.empty())
         return 0;
-    const TextPtr text(json_dumps(event, 0));
+    const TextPtr text = dump(event);
     if (!text)
         return -1;
 
-    const auto len = static_cast<std::uint32_t>(std::strlen(text.get()));
-    for (Connection* conn : connections)
-        queue_frame(conn, text.get(), len, epollfd);
+    queue_frames(conns, text.get(), epollfd);
     ORV_LOG(log::kInfo, "send json: {:s}", text.get());
     return 0;
 }

@@ -19,8 +19,23 @@ namespace orv::brokerd {
 /// else 0.
 [[nodiscard]] int handle_command(Connection* conn, const char* text, const int& epfd);
 
-/// The names of all commands, in the order of their table.
-[[nodiscard]] std::vector<std::string_view> command_names();
+/// What a command needs as "data"; a request that has not got it fails before the handler runs.
+enum class Argument {
+    none,
+    optional,
+    required,
+    explained, ///< required, and who leaves it out is told so by an error object
+    string,
+};
+
+/// What a client has to know to call a command.
+struct CommandShape {
+    std::string_view name;
+    Argument argument;
+};
+
+/// All commands, in the order of their table.
+[[nodiscard]] std::vector<CommandShape> commands();
 
 /// Connections by the client event that they have subscribed to, in the order of subscription. Does not own
 /// them. When one of them ends by itself, its event's whole entry goes: the others stay connected, but
@@ -32,7 +47,7 @@ extern std::unordered_map<std::string, std::vector<Connection*>> g_client_subscr
 
 /// Queues an event, serialised once, on every connection. 0, or -1 when it cannot be serialised. Does not
 /// take ownership.
-int send_json(const std::vector<Connection*>& connections, json_t* event);
+[[nodiscard]] int send_json(const std::vector<Connection*>& conns, json_t* event);
 
 /// Takes a connection that is about to be destroyed out of the subscription tables, whichever way it ended.
 void forget_connection(const Connection* conn);

@@ -1,9 +1,10 @@
 // The spine of the daemon: start-up, the main loop, shutdown.
 //
-// Start-up is a table of steps, each with what it takes to undo it; when a step fails, those before it are
-// undone by the same table, newest first. The loop waits on one epoll instance and hands each ready
-// descriptor to its owner. The exchange's descriptor is fetched anew each pass, since a reconnection may
-// change it; the settings watch is registered only while waiting.
+// Start-up is a table of steps, each with what is said when it fails and what it takes to undo it; when one fails,
+// those before it are undone by the same table, newest first. The loop waits on one epoll instance and hands each
+// ready descriptor to its owner. The exchange's descriptor is fetched anew each pass, since a reconnection may
+// change it. The settings watch is taken out of epoll after each pass that had something to do, and put in again
+// before the next wait; after an idle or interrupted wait it simply stays in.
 
 #include "orvbrokerd.h"
 
@@ -30,9 +31,11 @@
 
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <new>
 #include <sstream>
+#include <vector>
 
 namespace orv::brokerd {
 
@@ -85,7 +88,7 @@ path version_file_path()
 
 bool write_version_file()
 {
-    FILE* file = std::fopen(version_file_path().c_str(), "we");
+    FILE* file = std::fopen(version_file_path().c_str(), "we"); // no child inherits it
     if (!file)
         return false;
     // A failed write shows at closing at the latest.
@@ -93,7 +96,7 @@ bool write_version_file()
     return std::fclose(file) == 0 && written;
 }
 
-/// The guard against a second daemon. It says nothing: whoever runs already has said it all.
+/// The guard against a second daemon.
 bool lock_version_file()
 {
     auto lock = locking::plock::make(version_file_path(), locking::flags::create);
@@ -106,127 +109,54 @@ bool lock_version_file()
 bool create_epoll()
 {
     epollfd = epoll_create(1);
-    if (epollfd != -1)
-        return true;
-    ORV_LOG(log::kError, "failed to open epoll");
-    return false;
+    return epollfd != -1;
 }
 
-bool watch(int fd, const char* failure)
+bool watch(int fd)
 {
-    if (io::epoll_set_fd_ro(epollfd, fd) != -1)
-        return true;
-    ORV_LOG(log::kError, fmt::runtime(failure));
-    return false;
-}
-
-bool watch_stop_descriptor()
-{
-    return watch(g_stop_fd, "failed to add stop exec fd to epoll");
+    return io::epoll_set_fd_ro(epollfd, fd) != -1;
 }
 
 bool open_server_socket()
 {
     g_server_socket = create_server_socket();
-    if (g_server_socket != -1)
-        return true;
-    ORV_LOG(log::kError, "failed to open server socket");
-    return false;
+    return g_server_socket != -1;
 }
 
-bool watch_server_socket()
-{
-    return watch(g_server_socket, "failed to add server socket to epoll");
-}
-
-bool open_settings()
-{
-    if (setMgmt::init() >= 0)
-        return true;
-    ORV_LOG(log::kError, "orvsetmgmt error: {}", _get_orverrno());
-    return false;
-}
-
-bool open_features()
-{
-    if (featureutl::init())
-        return true;
-    ORV_LOG(log::kError, "featureutl error: {}", _get_orverrno());
-    return false;
-}
-
-bool create_timer(int& timer, const char* failure)
+bool create_timer(int& timer)
 {
     timer = time::timer_init(time::TimerType::monotonic);
-    if (timer != -1)
-        return true;
-    ORV_LOG(log::kError, fmt::runtime(failure));
-    return false;
+    return timer != -1;
 }
 
-bool start_timer(int timer, long first, long period, const char* failure)
+bool start_timer(int timer, long first, long period)
 {
-    if (time::timer_start(timer, first, period, false) != -1)
-        return true;
-    ORV_LOG(log::kError, fmt::runtime(failure));
-    return false;
+    return time::timer_start(timer, first, period, /*absolute=*/false) != -1;
 }
 
-bool create_karma_timer()
+bool start_cache_timer()
 {
-    return create_timer(g_karma_timer, "failed to init karma timer");
-}
-
-bool arm_karma_timer()
-{
-    return watch(g_karma_timer, "failed to add karma fd to epoll") &&
-           start_timer(g_karma_timer, kKarmaFirst, kKarmaPeriod, "failed to start karma timer");
-}
-
-bool create_cache_timer()
-{
-    return create_timer(g_cache_timer, "failed to init cache timer");
-}
-
-bool arm_cache_timer()
-{
-    if (!watch(g_cache_timer, "failed to add cache fd to epoll"))
-        return false;
     const long interval = setMgmt::getKeyValue(kCacheIntervalKey, kCacheIntervalDefault);
-    return start_timer(g_cache_timer, interval, interval, "failed to start cache process timer");
-}
-
-bool open_devices()
-{
-    if (devMgmt::init() != -1)
-        return true;
-    ORV_LOG(log::kError, "failed to init devmgmt");
-    return false;
-}
-
-bool open_telemetry()
-{
-    if (karma::init() != -1)
-        return true;
-    ORV_LOG(log::kError, "failed to init liborvkarma");
-    return false;
+    return start_timer(g_cache_timer, interval, interval);
 }
 
 bool register_device_callbacks()
 {
-    devMgmt::set_on_dev_info_change(g_dev_info_fields, on_device_info_change_cb);
-    devMgmt::set_on_dev_info_change(g_dev_info_fields, on_device_info_change_old_cb);
+    // Without them clients hear of no device; all else works, so the daemon starts even so.
+    (void)devMgmt::set_on_dev_info_change(g_dev_info_fields, on_device_info_change_cb);
+    (void)devMgmt::set_on_dev_info_change(g_dev_info_fields, on_device_info_change_old_cb);
     return true;
 }
 
 bool connect_to_exchange()
 {
-    orvex = orvex_init_eventloop(kParticipantName, orvex_callback, 0, 1);
-    if (!orvex) {
-        ORV_LOG(log::kError, "failed to connect to orv exchange daemon");
-        return false;
-    }
-    orvex_subscribe();
+    orvex = orvex_init_eventloop(kParticipantName, orvex_callback, /*flags=*/0, /*auto_reconnect=*/1);
+    return orvex != nullptr;
+}
+
+bool subscribe_to_exchange()
+{
+    (void)orvex_subscribe(); // what it cannot do now is made good by the first client's subscription
     return true;
 }
 
@@ -244,7 +174,7 @@ void close_stop_descriptor()
 
 void close_listener()
 {
-    close_server_socket(g_server_socket);
+    (void)close_server_socket(g_server_socket); // gone either way
     g_server_socket = -1;
 }
 
@@ -256,35 +186,64 @@ void release_timer(int& timer)
 
 void unregister_device_callbacks()
 {
-    devMgmt::unset_on_dev_info_change(g_dev_info_fields, on_device_info_change_old_cb);
-    devMgmt::unset_on_dev_info_change(g_dev_info_fields, on_device_info_change_cb);
+    // One that was not registered is not there to be taken back.
+    (void)devMgmt::unset_on_dev_info_change(g_dev_info_fields, on_device_info_change_old_cb);
+    (void)devMgmt::unset_on_dev_info_change(g_dev_info_fields, on_device_info_change_cb);
 }
 
+enum class Says {
+    nothing,
+    text,
+    text_and_error, ///< the text, a colon and the library's error number
+};
+
 struct Step {
-    bool (*start)(); ///< logs its own failure, and leaves nothing behind then
+    bool (*start)(); ///< leaves nothing behind when it fails
+    Says says;       ///< what init() then logs
+    const char* text;
     void (*undo)();
 };
 
 void nothing_to_undo() {}
 
 constexpr std::array kSteps{
-    Step{write_version_file, nothing_to_undo},
-    Step{lock_version_file, nothing_to_undo}, // the lock falls with the process
-    Step{create_epoll, close_epoll},
-    Step{watch_stop_descriptor, close_stop_descriptor},
-    Step{open_server_socket, close_listener},
-    Step{watch_server_socket, nothing_to_undo},
-    Step{open_settings, setMgmt::uninit},
-    Step{open_features, featureutl::uninit},
-    Step{create_karma_timer, [] { release_timer(g_karma_timer); }},
-    Step{arm_karma_timer, nothing_to_undo},
-    Step{create_cache_timer, [] { release_timer(g_cache_timer); }},
-    Step{arm_cache_timer, nothing_to_undo},
-    Step{open_devices, devMgmt::uninit},
-    Step{open_telemetry, karma::uninit},
-    Step{register_device_callbacks, unregister_device_callbacks},
-    Step{connect_to_exchange, nothing_to_undo}, // the last step: nothing can fail after it
+    // clang-format off
+    // A daemon that runs already has said it all.
+    Step{write_version_file, Says::nothing, "", nothing_to_undo},
+    Step{lock_version_file, Says::nothing, "", nothing_to_undo}, // the lock falls with the process
+    Step{create_epoll, Says::text, "failed to open epoll", close_epoll},
+    Step{[] { return watch(g_stop_fd); }, Says::text, "failed to add stop exec fd to epoll", close_stop_descriptor},
+    Step{open_server_socket, Says::text, "failed to open server socket", close_listener},
+    Step{[] { return watch(g_server_socket); }, Says::text, "failed to add server socket to epoll", nothing_to_undo},
+    Step{[] { return setMgmt::init() >= 0; }, Says::text_and_error, "orvsetmgmt error", setMgmt::uninit},
+    Step{featureutl::init, Says::text_and_error, "featureutl error", featureutl::uninit},
+    Step{[] { return create_timer(g_karma_timer); }, Says::text, "failed to init karma timer", [] { release_timer(g_karma_timer); }},
+    Step{[] { return watch(g_karma_timer); }, Says::text, "failed to add karma fd to epoll", nothing_to_undo},
+    Step{[] { return start_timer(g_karma_timer, kKarmaFirst, kKarmaPeriod); }, Says::text, "failed to start karma timer", nothing_to_undo},
+    Step{[] { return create_timer(g_cache_timer); }, Says::text, "failed to init cache timer", [] { release_timer(g_cache_timer); }},
+    Step{[] { return watch(g_cache_timer); }, Says::text, "failed to add cache fd to epoll", nothing_to_undo},
+    Step{start_cache_timer, Says::text, "failed to start cache process timer", nothing_to_undo},
+    Step{[] { return devMgmt::init() != -1; }, Says::text, "failed to init devmgmt", devMgmt::uninit},
+    Step{[] { return karma::init() != -1; }, Says::text, "failed to init liborvkarma", karma::uninit},
+    Step{register_device_callbacks, Says::nothing, "", unregister_device_callbacks},
+    Step{connect_to_exchange, Says::text, "failed to connect to orv exchange daemon", nothing_to_undo},
+    Step{subscribe_to_exchange, Says::nothing, "", nothing_to_undo}, // nothing can fail from here on
+    // clang-format on
 };
+
+void say(const Step& step, log::Caller caller = log::caller())
+{
+    switch (step.says) {
+    case Says::nothing:
+        return;
+    case Says::text:
+        ORV_LOG_AS(caller, log::kError, "{}", step.text);
+        return;
+    case Says::text_and_error:
+        ORV_LOG_AS(caller, log::kError, "{}: {}", step.text, _get_orverrno());
+        return;
+    }
+}
 
 } // namespace
 
@@ -294,6 +253,7 @@ bool init()
     for (std::size_t i = 0; i < kSteps.size(); ++i) {
         if (kSteps[i].start())
             continue;
+        say(kSteps[i]);
         while (i-- > 0)
             kSteps[i].undo();
         ORV_LOG(log::kInfo, "stop orv broker daemon");
@@ -304,68 +264,78 @@ bool init()
 
 // ---- connections
 
-void destroy_connection(Connection* connection)
+void destroy_connection(Connection* conn)
 {
-    forget_connection(connection);
-    epoll_ctl(epollfd, EPOLL_CTL_DEL, connection->fd, nullptr);
-    close(connection->fd);
-    connection->tx.uninit();
-    connection->rx.uninit();
-    delete connection;
+    forget_connection(conn);
+    // Closing alone would take it out, too; one that never got in is not there to be taken out.
+    (void)epoll_ctl(epollfd, EPOLL_CTL_DEL, conn->fd, /*event=*/nullptr);
+    close(conn->fd);
+    conn->tx.uninit();
+    conn->rx.uninit();
+    delete conn;
 }
 
 namespace {
 
-bool init_buffers(Connection* connection)
+bool init_buffers(Connection* conn)
 {
-    if (!connection->tx.init(kBufferInitialSize, kBufferMaximumSize))
+    if (!conn->tx.init(kBufferInitialSize, kBufferMaximumSize))
         return false;
-    if (connection->rx.init(kBufferInitialSize, kBufferMaximumSize))
+    if (conn->rx.init(kBufferInitialSize, kBufferMaximumSize))
         return true;
-    connection->tx.uninit();
+    conn->tx.uninit();
     return false;
 }
 
-bool remember(Connection* connection)
+bool remember(Connection* conn)
 {
     try {
-        g_connections[connection->fd] = connection;
+        g_connections[conn->fd] = conn;
         return true;
     } catch (const std::bad_alloc&) {
         return false;
     }
 }
 
-void accept_client()
+/// Takes over an accepted socket: closes it when it cannot become a connection in the table, which is then null.
+Connection* create_connection(int fd, log::Caller caller)
 {
-    const int fd = accept(g_server_socket, nullptr, nullptr);
-    if (fd < 0) {
-        ORV_LOG(log::kWarning, "failed to accept client");
-        return;
-    }
-    auto* connection = new (std::nothrow) Connection(fd);
-    if (!connection) {
-        ORV_LOG(log::kError, "failed to create new connection");
+    auto* conn = new (std::nothrow) Connection(fd);
+    if (!conn) {
+        ORV_LOG_AS(caller, log::kError, "failed to create new connection");
         close(fd);
+        return nullptr;
+    }
+    if (!init_buffers(conn)) {
+        ORV_LOG_AS(caller, log::kError, "failed to init new connection");
+        destroy_connection(conn);
+        return nullptr;
+    }
+    if (!remember(conn)) {
+        ORV_LOG_AS(caller, log::kError, "failed to create new connection");
+        destroy_connection(conn);
+        return nullptr;
+    }
+    return conn;
+}
+
+void accept_client(log::Caller caller)
+{
+    const int fd = accept(g_server_socket, /*addr=*/nullptr, /*addrlen=*/nullptr);
+    if (fd < 0) {
+        ORV_LOG_AS(caller, log::kWarning, "failed to accept client");
         return;
     }
-    if (!init_buffers(connection)) {
-        ORV_LOG(log::kError, "failed to init new connection");
-        destroy_connection(connection);
+    Connection* conn = create_connection(fd, caller);
+    if (!conn)
         return;
-    }
-    if (!remember(connection)) {
-        ORV_LOG(log::kError, "failed to create new connection");
-        destroy_connection(connection);
-        return;
-    }
-    if (io::epoll_set_fd_ro(epollfd, fd) == -1) {
-        ORV_LOG(log::kError, "failed to add client socket to epoll");
+    if (!watch(fd)) {
+        ORV_LOG_AS(caller, log::kError, "failed to add client socket to epoll");
         g_connections.erase(fd);
-        destroy_connection(connection);
+        destroy_connection(conn);
         return;
     }
-    ORV_LOG(log::kTrace, "new client socket {:d} is connected", fd);
+    ORV_LOG_AS(caller, log::kTrace, "new client socket {:d} is connected", fd);
 }
 
 void serve_client(const epoll_event& event)
@@ -403,7 +373,7 @@ void retry_karma_events()
         return;
     }
     for (json_t* event : events)
-        karma::submit_karma_event(event, orvex);
+        (void)karma::submit_karma_event(event, orvex); // what is not confirmed stays for the next time
     for (json_t* event : events)
         json_decref(event);
 }
@@ -415,17 +385,17 @@ void report_deployed_once()
 {
     if (setMgmt::getKeyValue(kDeployedKey, 0) != 0)
         return;
-    report_agent_status(AgentStatus::deployed, nullptr);
+    report_agent_status(AgentStatus::deployed, /*extra=*/nullptr);
     (void)setMgmt::setKey(kDeployedKey, "1"); // when it fails, the next start reports once more
 }
 
-int watch_exchange()
+int watch_exchange(log::Caller caller)
 {
     const int fd = orvex_get_fd(orvex);
     if (fd < 0)
-        ORV_LOG(log::kWarning, "failed to get orvex fd");
-    else if (io::epoll_set_fd_ro(epollfd, fd) == -1)
-        ORV_LOG(log::kError, "failed to add orvex fd to epoll");
+        ORV_LOG_AS(caller, log::kWarning, "failed to get orvex fd");
+    else if (!watch(fd))
+        ORV_LOG_AS(caller, log::kError, "failed to add orvex fd to epoll");
     return fd;
 }
 
@@ -433,13 +403,14 @@ int watch_settings(const setMgmt::MonitoredKey& key)
 {
     const int fd = key.get_fd();
     if (fd >= 0)
-        io::epoll_set_fd_ro(epollfd, fd);
+        (void)watch(fd); // when it fails, the next pass tries again
     return fd;
 }
 
 /// What an event's descriptor is compared with, besides those that never change.
 struct Pass {
     setMgmt::MonitoredKey& key;
+    log::Caller caller;
     int exchange_fd = -1;
     int settings_fd = -1;
     bool stop = false;
@@ -449,18 +420,18 @@ void dispatch(const epoll_event& event, Pass& pass)
 {
     const int fd = event.data.fd;
     if (fd == pass.exchange_fd) {
-        orvex_read_fd(orvex);
+        (void)orvex_read_fd(orvex); // an exchange that is away comes back by itself
         destroy_requested_connections();
     } else if (fd == g_server_socket) {
-        accept_client();
+        accept_client(pass.caller);
     } else if (fd == g_karma_timer) {
         if (time::timer_tick(fd) > 0)
             retry_karma_events();
     } else if (fd == g_cache_timer) {
         if (time::timer_tick(fd) > 0)
-            process_cached_events(epollfd);
+            (void)process_cached_events(epollfd); // what was not sent waits for the next tick
     } else if (fd == pass.settings_fd) {
-        pass.key.read_notifications();
+        pass.key.read_notifications(); // changes of devices come this way, too
     } else if (fd == g_stop_fd) {
         pass.stop = true;
     } else {
@@ -469,20 +440,20 @@ void dispatch(const epoll_event& event, Pass& pass)
 }
 
 /// Waits once and handles what is ready. False when the daemon has to stop.
-bool run_pass(setMgmt::MonitoredKey& key)
+bool run_pass(setMgmt::MonitoredKey& key, log::Caller caller = log::caller())
 {
     std::array<epoll_event, kMaxEvents> events;
-    Pass pass{key};
-    pass.exchange_fd = watch_exchange();
+    Pass pass{key, caller};
+    pass.exchange_fd = watch_exchange(caller);
     pass.settings_fd = watch_settings(key);
 
     const int count = epoll_wait(epollfd, events.data(), kMaxEvents, kWaitTimeout);
     if (count == -1 && errno == EINTR) {
-        ORV_LOG(log::kWarning, "waiting on epoll was interrupted by a signal");
+        ORV_LOG_AS(caller, log::kWarning, "waiting on epoll was interrupted by a signal");
         return true;
     }
     if (count == -1) {
-        ORV_LOG(log::kError, "failed to wait on epoll");
+        ORV_LOG_AS(caller, log::kError, "failed to wait on epoll");
         return false;
     }
     if (count == 0)
@@ -490,8 +461,8 @@ bool run_pass(setMgmt::MonitoredKey& key)
 
     for (int i = 0; i < count; ++i)
         dispatch(events[static_cast<std::size_t>(i)], pass);
-    if (pass.settings_fd >= 0)
-        epoll_ctl(epollfd, EPOLL_CTL_DEL, pass.settings_fd, nullptr);
+    if (pass.settings_fd >= 0) // it may be gone by now: the next pass fetches what there is
+        (void)epoll_ctl(epollfd, EPOLL_CTL_DEL, pass.settings_fd, /*event=*/nullptr);
     return !pass.stop;
 }
 
@@ -501,7 +472,7 @@ void destroy_all_connections()
         destroy_connection(it->second);
 }
 
-void shut_down()
+void shut_down(log::Caller caller = log::caller())
 {
     orvex_uninit(orvex);
     orvex = nullptr;
@@ -516,7 +487,7 @@ void shut_down()
     close_listener();
     close_epoll();
     close_stop_descriptor();
-    ORV_LOG(log::kInfo, "stop orv broker daemon");
+    ORV_LOG_AS(caller, log::kInfo, "stop orv broker daemon");
 }
 
 } // namespace
@@ -527,10 +498,10 @@ int run()
     setMgmt::MonitoredKey subscription_refresh(
         kSubscriptionRefreshPath.c_str(),
         [](const path&, void*) {
-            on_subscription_changed_cb(epollfd);
+            (void)on_subscription_changed_cb(epollfd); // it has said why, if it failed
             return true;
         },
-        false, nullptr, true);
+        /*notify_now=*/false, /*user=*/nullptr, /*keep=*/true);
 
     while (run_pass(subscription_refresh)) {
     }

@@ -16,7 +16,7 @@ int run();
 
 /// Ends a connection: out of epoll, closed, out of every table that could name it, freed. The caller erases
 /// its entry of g_connections.
-void destroy_connection(Connection* connection);
+void destroy_connection(Connection* conn);
 
 /// Submits the telemetry events of the outbox again.
 void retry_karma_events();

@@ -23,12 +23,14 @@
 namespace orv::brokerd {
 namespace {
 
+constexpr char kRegistrationStatusChanged[] = "registration_status_changed";
+
 /// One request in flight. The library holds it between sending and answer; the trampoline frees it.
 struct AsyncContext {
     ResponseCallback callback;
     void* arg;
     Connection* connection; ///< who waits for the answer; null when gone
-    int epoll_fd;
+    int epfd;
 
     AsyncContext* next = nullptr; ///< links of the list of requests in flight
     AsyncContext** link = nullptr;
@@ -52,29 +54,41 @@ void remove_in_flight(AsyncContext* context)
         context->next->link = context->link;
 }
 
-void answer_connection(Connection* conn, const char* text, int epoll_fd)
+void answer_connection(Connection* conn, const char* text, int epfd)
 {
     if (!text) {
         conn->close_requested = true;
         return;
     }
-    queue_frame(conn, text, static_cast<std::uint32_t>(std::strlen(text)), epoll_fd);
+    queue_frame(conn, text, epfd);
     conn->close_after_send = true;
 }
 
 /// The library calls this with every answer to a request that a client waits for.
-void orvex_response_trampoline(void* arg, const Message* response)
+void orvex_response_trampoline(void* arg, const Message* answer)
 {
     const std::unique_ptr<AsyncContext> context(static_cast<AsyncContext*>(arg));
     remove_in_flight(context.get());
 
     json_t* out = json_null();
-    const Result result = context->callback(response, out, context->arg);
+    const Result result = context->callback(answer, out, context->arg);
     const TextPtr text(build_response(result, out));
     if (!context->connection)
         return;
     orvex_forget_waiting(context->connection); // its last frame: further answers may come before it is sent
-    answer_connection(context->connection, text.get(), context->epoll_fd);
+    answer_connection(context->connection, text.get(), context->epfd);
+}
+
+/// Hands a request over to the library, which will call `callback` with `arg` when there is an answer.
+bool send_request(const std::string& name, const char* payload, LibraryCallback callback, void* arg,
+                  log::Caller caller = log::caller())
+{
+    if (orvex_send_request(orvex, name.c_str(), payload, std::strlen(payload), callback, arg) != 0) {
+        ORV_LOG_AS(caller, log::kError, "failed to send {:s} request: {:s}", name, payload);
+        return false;
+    }
+    ORV_LOG_AS(caller, log::kInfo, "successfully sent {:s} request: {:s}", name, payload);
+    return true;
 }
 
 } // namespace
@@ -95,7 +109,7 @@ int orvex_subscribe()
     const char** name = names.get();
     for (const auto& subscription : g_exchange_subscriptions)
         *name++ = subscription.first.c_str();
-    *name = "registration_status_changed"; // of interest whether or not a client listens
+    *name = kRegistrationStatusChanged; // of interest whether or not a client listens
 
     if (::orvex_subscribe(orvex, names.get(), static_cast<int>(count)) == -1)
         ORV_LOG(log::kError, "orvex_subscribe() failed; auto-retrying...");
@@ -111,26 +125,39 @@ void orvex_del_sub(const std::string& event, const Connection* conn)
 {
     auto& callbacks = g_exchange_subscriptions[event];
     for (auto it = callbacks.begin(); it != callbacks.end();) {
-        auto& connections = it->second;
-        connections.erase(std::remove(connections.begin(), connections.end(), conn), connections.end());
-        it = connections.empty() ? callbacks.erase(it) : std::next(it);
+        auto& conns = it->second;
+        conns.erase(std::remove(conns.begin(), conns.end(), conn), conns.end());
+        it = conns.empty() ? callbacks.erase(it) : std::next(it);
     }
     if (callbacks.empty())
         g_exchange_subscriptions.erase(event);
 }
 
-int orvex_process_event(const Message* msg, int epoll_fd)
+// ---- events
+
+void orvex_callback(const Message* msg)
+{
+    if (std::strcmp(msg->type, kRegistrationStatusChanged) == 0) {
+        ORV_LOG(log::kInfo, "Received registration_status_changed event");
+        orvex_process_registration_status_changed(msg);
+        return;
+    }
+    if (orvex_process_event(msg, epollfd) < 0)
+        ORV_LOG(log::kError, "unknown {:s} event", msg->type);
+}
+
+int orvex_process_event(const Message* msg, int epfd)
 {
     const auto found = g_exchange_subscriptions.find(msg->type);
     if (found == g_exchange_subscriptions.end())
         return -1;
 
     ORV_LOG(log::kDebug, "{:s} event received", found->first);
-    for (const auto& [callback, connections] : found->second) {
-        if (callback(connections, msg) != 0)
+    for (const auto& [callback, conns] : found->second) {
+        if (callback(conns, msg) != 0)
             continue;
-        for (const Connection* conn : connections)
-            watch_for_output(conn, epoll_fd);
+        for (const Connection* conn : conns)
+            watch_for_output(conn, epfd);
     }
     return 0;
 }
@@ -138,26 +165,23 @@ int orvex_process_event(const Message* msg, int epoll_fd)
 // ---- requests and messages
 
 int orvex_send_req(const std::string& name, const char* payload, ResponseCallback callback, void* arg,
-                   Connection* conn, int epoll_fd)
+                   Connection* conn, int epfd)
 {
-    std::unique_ptr<AsyncContext> context(new (std::nothrow) AsyncContext{callback, arg, conn, epoll_fd});
+    std::unique_ptr<AsyncContext> context(new (std::nothrow) AsyncContext{callback, arg, conn, epfd});
     if (!context) {
         conn->close_requested = true;
         return 0;
     }
     add_in_flight(context.get());
-    if (orvex_send_request(orvex, name.c_str(), payload, std::strlen(payload), orvex_response_trampoline,
-                           context.get()) != 0) {
+    if (!send_request(name, payload, orvex_response_trampoline, context.get())) {
         remove_in_flight(context.get());
-        ORV_LOG(log::kError, "failed to send {:s} request: {:s}", name, payload);
         return 0;
     }
     (void)context.release(); // the library's until the answer
-    ORV_LOG(log::kInfo, "successfully sent {:s} request: {:s}", name, payload);
     return 1;
 }
 
-void orvex_send_req(const std::string& name, const char* payload, const int& epoll_fd)
+void orvex_send_req(const std::string& name, const char* payload, const int& epfd)
 {
     const auto found = g_request_callbacks.find(name);
     if (found == g_request_callbacks.end() || !found->second) {
@@ -165,12 +189,8 @@ void orvex_send_req(const std::string& name, const char* payload, const int& epo
         return;
     }
     // The library hands the argument back as it is; the callback only reads the descriptor through it.
-    void* arg = const_cast<int*>(&epoll_fd);
-    if (orvex_send_request(orvex, name.c_str(), payload, std::strlen(payload), found->second, arg) != 0) {
-        ORV_LOG(log::kError, "failed to send {:s} request: {:s}", name, payload);
-        return;
-    }
-    ORV_LOG(log::kInfo, "successfully sent {:s} request: {:s}", name, payload);
+    void* arg = const_cast<int*>(&epfd);
+    (void)send_request(name, payload, found->second, arg); // it has said so; nobody waits for the answer
 }
 
 int orvex_send_msg(const std::string& name, const char* payload)
@@ -185,7 +205,7 @@ int orvex_send_msg(const std::string& name, const char* payload)
 
 int orvex_cloud_message(Orvex* handle, const std::string& name, json_t* json)
 {
-    const TextPtr text(json_dumps(json, 0));
+    const TextPtr text = dump(json);
     if (!text)
         return 0;
     if (orvex_send_message(handle, name.c_str(), text.get(), std::strlen(text.get())) != 0) {

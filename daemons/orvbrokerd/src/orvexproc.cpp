@@ -5,6 +5,7 @@
 #include "orvexproc.h"
 
 #include "agent_status.h"
+#include "client_events.h"
 #include "evhandler.h"
 #include "formatters.h"
 #include "state.h"
@@ -20,18 +21,6 @@ namespace {
 /// User agents seen lately by MAC address: how many, and for how many seconds at least.
 constexpr unsigned kUserAgentCacheCapacity = 1024;
 constexpr int kUserAgentCacheLifetime = 120;
-
-/// Appends one frame to every connection; orvex_process_event() then watches them for output.
-void put_frames(const std::vector<Connection*>& connections, const char* text, std::uint32_t len)
-{
-    for (Connection* conn : connections)
-        put_frame(conn, text, len);
-}
-
-JsonPtr parse_payload(const Message* msg)
-{
-    return JsonPtr(json_loadb(msg->data, msg->datalen, 0, nullptr));
-}
 
 /// Moves a member to a new key. False when there is no such member.
 bool rename_member(json_t* object, const char* from, const char* to)
@@ -51,25 +40,14 @@ Cache<std::string, std::string>& user_agent_cache()
 } // namespace
 
 const std::unordered_map<std::string, std::vector<std::pair<std::string, EventCallback>>> g_exchange_events{
-    {"device_discovery", {{"guster_user_agent", orvex_guster_user_agent_cb}}},
-    {"orvagent_started", {{"orvagent_started", orvex_orvagent_started_cb}}},
-    {"va_status_changed", {{"va_status_changed", orvex_va_status_changed_cb}}},
+    {kDeviceDiscovery, {{"guster_user_agent", orvex_guster_user_agent_cb}}},
+    {kOrvagentStarted, {{"orvagent_started", orvex_orvagent_started_cb}}},
+    {kVaStatusChanged, {{"va_status_changed", orvex_va_status_changed_cb}}},
 };
 
 const std::unordered_map<std::string, LibraryCallback> g_request_callbacks{
     {"start_cloud_registration", orvex_cloud_registration_status_cb},
 };
-
-void orvex_callback(const Message* msg)
-{
-    if (std::strcmp(msg->type, "registration_status_changed") == 0) {
-        ORV_LOG(log::kInfo, "Received registration_status_changed event");
-        orvex_process_registration_status_changed(msg);
-        return;
-    }
-    if (orvex_process_event(msg, epollfd) < 0)
-        ORV_LOG(log::kError, "unknown {:s} event", msg->type);
-}
 
 // ---- registration
 
@@ -82,7 +60,7 @@ RegistrationStatus process_cloud_registration_status(const Message* msg)
         return {0, nullptr};
     if (std::strcmp(result, "ok") == 0) {
         const JsonPtr status(json_pack("{s:b}", "successful", 1));
-        return {1, TextPtr(json_dumps(status.get(), 0))};
+        return {1, dump(status.get())};
     }
 
     const char* reason = json_string_value(json_object_get(root.get(), "reason"));
@@ -90,7 +68,7 @@ RegistrationStatus process_cloud_registration_status(const Message* msg)
         return {0, nullptr};
     ORV_LOG(log::kError, "cloud_registration error: {:s} ({:s})", result, reason);
     const JsonPtr status(json_pack("{s:b,s:s,s:s}", "successful", 0, "error", result, "reason", reason));
-    return {0, TextPtr(json_dumps(status.get(), 0))};
+    return {0, dump(status.get())};
 }
 
 void orvex_process_registration_status_changed(const Message* msg)
@@ -103,38 +81,36 @@ void orvex_process_registration_status_changed(const Message* msg)
     report_agent_status(static_cast<AgentStatus>(status.ok), std::move(status.json));
 }
 
-void orvex_cloud_registration_status_cb(void* arg, const Message* response)
+void orvex_cloud_registration_status_cb(void* arg, const Message* answer)
 {
-    const auto connections = find_connections("cloud_registration_status");
-    if (connections.empty()) {
+    const auto conns = find_connections(kCloudRegistrationStatus);
+    if (conns.empty()) {
         ORV_LOG(log::kWarning, "failed to find connections for cloud_registration_status event");
         return;
     }
-    const RegistrationStatus status = process_cloud_registration_status(response);
+    const RegistrationStatus status = process_cloud_registration_status(answer);
     if (!status.json) {
         ORV_LOG(log::kError, "failed to process cloud_registration_status event");
         return;
     }
 
-    const auto len = static_cast<std::uint32_t>(std::strlen(status.json.get()));
-    for (Connection* conn : connections)
-        queue_frame(conn, status.json.get(), len, *static_cast<const int*>(arg));
+    queue_frames(conns, status.json.get(), *static_cast<const int*>(arg));
     if (status.ok == 1)
-        report_agent_status(AgentStatus::registered, nullptr);
+        report_agent_status(AgentStatus::registered, /*extra=*/nullptr);
 }
 
 // ---- events for subscribers
 
-int orvex_default_cb(const std::vector<Connection*>& connections, const Message* msg)
+int orvex_default_cb(const std::vector<Connection*>& conns, const Message* msg)
 {
-    put_frames(connections, msg->data, msg->datalen);
+    put_frames(conns, {msg->data, msg->datalen});
     ORV_LOG(log::kInfo, "send json: {}", *msg);
     return 0;
 }
 
-int orvex_va_status_changed_cb(const std::vector<Connection*>& connections, const Message* msg)
+int orvex_va_status_changed_cb(const std::vector<Connection*>& conns, const Message* msg)
 {
-    return orvex_default_cb(connections, msg);
+    return orvex_default_cb(conns, msg);
 }
 
 int process_guster_user_agent_event(const Message* msg, char** out_json, int* out_len)
@@ -151,9 +127,9 @@ int process_guster_user_agent_event(const Message* msg, char** out_json, int* ou
         ORV_LOG(log::kDebug, "device with mac {:s} already has user-agent {:s}", mac, user_agent);
         return -1;
     }
-    user_agent_cache().add(mac, user_agent); // when it is full, clients may see a sighting twice
+    (void)user_agent_cache().add(mac, user_agent); // when it is full, clients may see a sighting twice
 
-    TextPtr text(json_dumps(root.get(), 0));
+    TextPtr text = dump(root.get());
     if (!text)
         return -1;
     *out_len = static_cast<int>(std::strlen(text.get()));
@@ -161,29 +137,29 @@ int process_guster_user_agent_event(const Message* msg, char** out_json, int* ou
     return 0;
 }
 
-int orvex_guster_user_agent_cb(const std::vector<Connection*>& connections, const Message* msg)
+int orvex_guster_user_agent_cb(const std::vector<Connection*>& conns, const Message* msg)
 {
     char* json = nullptr;
     int len = 0;
     if (process_guster_user_agent_event(msg, &json, &len) == -1)
         return -1;
     const TextPtr text(json);
-    put_frames(connections, json, static_cast<std::uint32_t>(len));
+    put_frames(conns, {json, static_cast<std::size_t>(len)});
     ORV_LOG(log::kInfo, "send json: {:s}", json);
     return 0;
 }
 
-int orvex_orvagent_started_cb(const std::vector<Connection*>& connections, const Message* msg)
+int orvex_orvagent_started_cb(const std::vector<Connection*>& conns, const Message* msg)
 {
     static constexpr char kAck[] = "orvagent_started_ack";
     static constexpr char kEvent[] = "{}";
 
     ORV_LOG(log::kTrace, "sending ACK for 'orvagent_started' event' ...");
-    if (orvex_send_response(orvex, 0, msg->request_id, kAck, sizeof kAck - 1) != 0) {
+    if (orvex_send_response(orvex, /*status=*/0, msg->request_id, kAck, sizeof kAck - 1) != 0) {
         ORV_LOG(log::kError, "failed to send ACK for 'orvagent_started' event");
         return -1;
     }
-    put_frames(connections, kEvent, sizeof kEvent - 1);
+    put_frames(conns, kEvent);
     ORV_LOG(log::kInfo, "send json: {}", kEvent);
     return 0;
 }

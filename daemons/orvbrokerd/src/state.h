@@ -13,6 +13,8 @@ namespace orv::brokerd {
 /// has changed.
 inline const path kSubscriptionPath{"/tmp/subscription"};
 inline const path kSubscriptionRefreshPath = kSubscriptionPath / "refresh";
+/// Of all that it may hold, the one that is told of.
+constexpr char kSubscriptionName[] = "global";
 
 // The state of the process. Used from the main thread only, hence without locks.
 

@@ -1,10 +1,9 @@
 #pragma once
 
 #include <orvdevmgmt/orvdevmgmt.h>
-#include <orvutils/path.h>
+#include <orvutils/json.h>
 
 #include <mutex>
-#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -32,10 +31,13 @@ void on_device_info_change_old_cb(devMgmt::DevInfoChangeType type, const devMgmt
 
 /// Tells the "subscription_changed" subscribers, unless it is what they were told last. 0 when told or
 /// skipped, -1 on failure.
-int on_subscription_changed_cb(int epfd);
+[[nodiscard]] int on_subscription_changed_cb(int epfd);
+
+/// The event that "subscription_changed" subscribers were told last; null before the first time.
+extern JsonPtr g_last_reported;
 
 /// Sends what g_events_cache holds to the "devices_list_updated" subscribers. 0 when sent; -1 when there is
 /// nothing to send or nobody to send it to, which keeps the changes for the next time.
-int process_cached_events(int epfd);
+[[nodiscard]] int process_cached_events(int epfd);
 
 } // namespace orv::brokerd

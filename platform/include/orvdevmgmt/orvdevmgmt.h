@@ -44,14 +44,17 @@ using DevInfoChangeCallback = void (*)(DevInfoChangeType type, const Device& dev
 void uninit();
 
 /// Registers a callback for new and removed devices and for changes of the listed fields. Callbacks run in
-/// the order of their registration, on the caller's thread, from inside MonitoredKey::read_notifications().
-int set_on_dev_info_change(const std::vector<std::string>& fields, DevInfoChangeCallback callback);
-int unset_on_dev_info_change(const std::vector<std::string>& fields, DevInfoChangeCallback callback);
+/// the order of their registration, on the caller's thread, from inside MonitoredKey::read_notifications(). 0 or -1.
+[[nodiscard]] int set_on_dev_info_change(const std::vector<std::string>& fields,
+                                         DevInfoChangeCallback callback);
+/// Takes back one such registration, of the same fields. 0, or -1 when there is none.
+[[nodiscard]] int unset_on_dev_info_change(const std::vector<std::string>& fields,
+                                           DevInfoChangeCallback callback);
 
 /// Not 0 when the device was found and filled in.
 [[nodiscard]] int get_device(const std::string& id, Device& device);
 /// Fills in all devices, in the order of their ids. 0 or -1.
-int get_devices(std::vector<Device>& devices);
+[[nodiscard]] int get_devices(std::vector<Device>& devices);
 /// 0 when there is a device with that MAC and its id was filled in, else -1.
 [[nodiscard]] int get_device_id_by_mac(const sockutl::macaddr& mac, std::string& id);
 

@@ -37,19 +37,19 @@ constexpr std::size_t kOrvexMaxRequests = 4096;
 /// arrives. Null when the exchange cannot be reached or the name is taken. `flags` is 0; `auto_reconnect` is
 /// 1 for a participant that comes back by itself, name and subscriptions included, after the exchange was
 /// away.
-Orvex* orvex_init_eventloop(const char* name, void (*event_callback)(const Message*), int flags,
-                            int auto_reconnect);
+[[nodiscard]] Orvex* orvex_init_eventloop(const char* name, void (*event_callback)(const Message*), int flags,
+                                          int auto_reconnect);
 
 /// The one descriptor to watch for input, or -1.
-int orvex_get_fd(Orvex* orvex);
+[[nodiscard]] int orvex_get_fd(Orvex* orvex);
 
 /// Does what is to be done: reads, writes, times out, reconnects; calls the callbacks. -1 when called from a
 /// callback, and when the exchange is gone for good (without auto_reconnect).
-int orvex_read_fd(Orvex* orvex);
+[[nodiscard]] int orvex_read_fd(Orvex* orvex);
 
 /// Replaces the events that this participant receives. -1 as well while the exchange is away; the list is
 /// kept even so, and renewed by itself when the exchange is back. A bad name changes nothing.
-int orvex_subscribe(Orvex* orvex, const char** names, int count);
+[[nodiscard]] int orvex_subscribe(Orvex* orvex, const char** names, int count);
 
 /// Sends a request to "participant:request", or with a bare request name to "orvagent". After 0,
 /// `response_callback(arg, answer)` is called exactly once, in the order of the answers: type "0" for
@@ -57,16 +57,17 @@ int orvex_subscribe(Orvex* orvex, const char** names, int count);
 /// out, exchange gone, orvex_uninit() excepted: it drops what is pending). After -1 it is never called.
 /// -1 as well while kOrvexMaxRequests to the same participant wait for their answers, so that one that never
 /// answers does not use up what the exchange keeps for all.
-int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::size_t length,
-                       void (*response_callback)(void* arg, const Message* response), void* arg);
+[[nodiscard]] int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::size_t length,
+                                     void (*response_callback)(void* arg, const Message* response),
+                                     void* arg);
 
 /// Sends a one-way message; success says that it was handed over, not that anyone received it.
-int orvex_send_message(Orvex* orvex, const char* name, const char* data, std::size_t length);
+[[nodiscard]] int orvex_send_message(Orvex* orvex, const char* name, const char* data, std::size_t length);
 
 /// Answers the event or request whose identifier is `request_id`, once. `status` is 0. The identifiers of the
 /// last 1024 events and requests are known; a request that is older and has no answer is refused by itself.
-int orvex_send_response(Orvex* orvex, int status, std::uint64_t request_id, const char* data,
-                        std::size_t length);
+[[nodiscard]] int orvex_send_response(Orvex* orvex, int status, std::uint64_t request_id, const char* data,
+                                      std::size_t length);
 
 /// Leaves the exchange and frees the handle; what was sent before is written out as far as that does not
 /// block. Requests in flight are dropped: their callbacks are not called.

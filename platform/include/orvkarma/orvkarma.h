@@ -24,6 +24,6 @@ void uninit();
 
 /// Keeps the event in the outbox, unless it is already there, and sends it over the exchange. Does not take
 /// ownership. 0 when it is kept and sent, -1 otherwise; a kept event can be submitted again later.
-int submit_karma_event(json_t* event, Orvex* orvex);
+[[nodiscard]] int submit_karma_event(json_t* event, Orvex* orvex);
 
 } // namespace orv::karma

@@ -16,6 +16,19 @@ struct Source {
     const char* function;
 };
 
+/// In whose name a line is logged. A reader of the log knows functions, not their helpers: a helper that has
+/// something to say on behalf of its caller takes one as its last parameter and logs with ORV_LOG_AS.
+struct Caller {
+    const char* function;
+};
+
+/// As the default of such a parameter: the function that calls the helper. As an ordinary argument: the
+/// function in which it stands.
+constexpr Caller caller(const char* function = __builtin_FUNCTION())
+{
+    return {function};
+}
+
 /// Formats a line after the house's one template and prints it. Use ORV_LOG, which asks can_log() first.
 void vformat_and_print(int channel, int level, const Source& source, fmt::string_view format,
                        fmt::format_args arguments);
@@ -41,3 +54,12 @@ void format_and_print(int channel, int level, const Source& source, fmt::format_
 /// The same on the default channel.
 // NOLINTNEXTLINE(cppcoreguidelines-macro-usage)
 #define ORV_LOG(level, ...) ORV_LOG_ON(::orv::log::kDefaultChannel, level, __VA_ARGS__)
+
+/// The same in the name of somebody else, a Caller.
+// NOLINTNEXTLINE(cppcoreguidelines-macro-usage)
+#define ORV_LOG_AS(caller, level, ...)                                                                       \
+    do {                                                                                                     \
+        if (::orv::log::can_log(::orv::log::kDefaultChannel, (level)))                                       \
+            ::orv::log::format_and_print(::orv::log::kDefaultChannel, (level),                               \
+                                         {__FILE__, __LINE__, (caller).function}, __VA_ARGS__);              \
+    } while (false)

@@ -41,7 +41,7 @@ void uninit();
 
 /// Fills in the names of a key's children, in lexical order. Returns their number (0 for a key that is not
 /// there), or below 0.
-int enumSubkeys(const std::string& key, std::vector<std::string>& names);
+[[nodiscard]] int enumSubkeys(const std::string& key, std::vector<std::string>& names);
 
 /// Takes the lock named by a key (which need not exist) against other processes, waiting at most one second
 /// (then error 3). Within this process locks are counted. The lock falls with its holder.

@@ -13,10 +13,10 @@ enum class TimerType : int {
 
 /// Arms the timer to expire after `first` seconds and then every `period` seconds; 0 as `first` disarms it.
 /// With `absolute`, `first` is a point of the timer's clock. Returns 0, or -1 on failure (a negative time).
-int timer_start(int fd, long first, long period, bool absolute);
+[[nodiscard]] int timer_start(int fd, long first, long period, bool absolute);
 
 /// How often the timer has expired since it was last asked, 0 if not at all. Never blocks.
-std::uint64_t timer_tick(int fd);
+[[nodiscard]] std::uint64_t timer_tick(int fd);
 
 /// Releases the timer.
 void timer_uninit(int fd);

@@ -108,6 +108,7 @@ void PlatformTest::expect_tables_empty()
     brokerd::g_client_subscriptions.clear();
     brokerd::g_exchange_subscriptions.clear();
     brokerd::g_events_cache.clear();
+    brokerd::g_last_reported.reset();
 }
 
 // ---- ServiceTest
@@ -206,7 +207,7 @@ std::optional<std::string> ServiceTest::ask(Peer& peer, const std::string& line)
 
 void ServiceTest::read_exchange()
 {
-    orvex_read_fd(brokerd::orvex);
+    EXPECT_EQ(orvex_read_fd(brokerd::orvex), 0);
 }
 
 void ServiceTest::destroy(Peer& peer)

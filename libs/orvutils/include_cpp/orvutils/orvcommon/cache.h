@@ -32,7 +32,7 @@ public:
     Cache(unsigned capacity, int lifetime) : m_capacity(capacity), m_lifetime(lifetime) {}
 
     /// Appends the pair, dropping expired entries if there is no room. False when there is still none.
-    bool add(const K& key, const V& value)
+    [[nodiscard]] bool add(const K& key, const V& value)
     {
         const std::lock_guard<std::recursive_mutex> lock(m_mutex);
         if (!make_space())
