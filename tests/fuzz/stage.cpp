@@ -2,7 +2,6 @@
 
 #include "orvbrokerd.h"
 #include "orvex.h"
-#include "orvexproc.h"
 
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -14,7 +13,6 @@
 
 namespace orv::fuzz {
 
-using brokerd::Connection;
 using fake::Fake;
 
 void require(bool holds, const char* rule)
@@ -25,48 +23,17 @@ void require(bool holds, const char* rule)
     std::abort();
 }
 
-Stage::Stage()
-{
-    const Fake::Paused paused;
-    brokerd::epollfd = epoll_create1(EPOLL_CLOEXEC);
-    brokerd::orvex = platform.connect(brokerd::orvex_callback);
-}
-
 Stage::~Stage()
 {
-    while (!platform.requests.empty()) {
-        platform.answer("{}");
-        read_exchange();
-    }
-    auto& connections = brokerd::g_connections;
-    for (auto it = connections.begin(); it != connections.end(); it = connections.erase(it))
-        brokerd::destroy_connection(it->second);
+    m_stage.reset();
     require(brokerd::g_client_subscriptions.empty(), "no table names a connection that is gone");
     require(brokerd::g_exchange_subscriptions.empty(), "no table names a connection that is gone");
-    const Fake::Paused paused;
-    close(brokerd::epollfd);
-    brokerd::epollfd = -1;
-    brokerd::orvex = nullptr;
-}
-
-Stage::Peer Stage::connect()
-{
-    const Fake::Paused paused;
-    int ends[2] = {-1, -1};
-    require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "sockets can be made");
-    auto* conn = new Connection(ends[0]);
-    require(conn->tx.init(brokerd::kBufferInitialSize, brokerd::kBufferMaximumSize) &&
-                conn->rx.init(brokerd::kBufferInitialSize, brokerd::kBufferMaximumSize),
-            "buffers can be made");
-    brokerd::g_connections[ends[0]] = conn;
-    return {conn, ends[1]};
 }
 
 Stage::Peer Stage::subscribe(const std::string& event)
 {
     Peer peer = connect();
-    require(receive(peer, R"({"type":"subscribe","name":")" + event + "\"}\n") && drain(peer),
-            "a client can subscribe");
+    require(receive(peer, test::subscription(event) + "\n") && drain(peer), "a client can subscribe");
     return peer;
 }
 
@@ -97,8 +64,7 @@ bool Stage::handle(Peer& peer, unsigned events)
 {
     if (brokerd::process_client_events(peer.conn, events, brokerd::epollfd) >= 0)
         return true;
-    brokerd::g_connections.erase(peer.conn->fd);
-    brokerd::destroy_connection(peer.conn);
+    test::Stage::destroy(peer.conn);
     const Fake::Paused paused;
     close(peer.client);
     peer = {nullptr, -1};

@@ -1,10 +1,12 @@
 #pragma once
 
 #include "fake/fake.h"
+#include "support/stage.h"
 
 #include "evhandler.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,17 +15,14 @@ namespace orv::fuzz {
 /// The daemon below its main loop, on the fake platform, for one input.
 class Stage {
 public:
-    Stage();
+    Stage() = default;
     Stage(const Stage&) = delete;
     Stage& operator=(const Stage&) = delete;
     ~Stage();
 
     /// A client whose end of the connection is `client`; destroyed with the stage unless it ends before.
-    struct Peer {
-        brokerd::Connection* conn;
-        int client;
-    };
-    Peer connect();
+    using Peer = test::Stage::Ends;
+    Peer connect() { return m_stage->connect(); }
     /// A client that has subscribed to an event.
     Peer subscribe(const std::string& event);
 
@@ -37,6 +36,8 @@ public:
 
 private:
     bool handle(Peer& peer, unsigned events);
+
+    std::optional<test::Stage> m_stage{platform};
 };
 
 /// Ends the program when a rule does not hold, so that the fuzzer sees it.

@@ -21,11 +21,6 @@ using testing::ElementsAre;
 const std::string kDone = R"({"data": null, "status": 0})";
 const std::string kFailed = R"({"data": null, "status": -1})";
 
-std::string command(const std::string& name, const std::string& data = {})
-{
-    return R"({"type":"command","name":")" + name + "\"" + (data.empty() ? "" : ",\"data\":" + data) + "}";
-}
-
 class Commands : public ServiceTest {
 protected:
     /// What a request made the daemon do, and how it was answered.

@@ -1,5 +1,6 @@
 // Listing and renaming devices, blocking their traffic, and the queue of online-status requests.
 
+#include "make_device.h"
 #include "support/scenario.h"
 
 #include <fmt/format.h>
@@ -14,21 +15,6 @@ using sockutl::macaddr;
 constexpr char kOwnId[] = "router-1";
 const std::string kReadOwnId = "setMgmt::getKeyValue(/registration/device_id, \"\")";
 const Settings kRouter{{"/registration/device_id", kOwnId}};
-
-Device make_device(const std::string& did, const std::string& owner = kOwnId)
-{
-    Device device;
-    device.did = did;
-    device.owner = owner;
-    device.display_name = "Shown";
-    device.friendly_name = "Given";
-    device.device_type = "phone";
-    device.device_os = "os";
-    device.device_os_version = "7.1";
-    device.device_manufacturer = "maker";
-    device.last_va_scan_ts = "1699999999";
-    return device;
-}
 
 /// How a device is listed; `macs` is the array's text.
 std::string listed(const Device& device, const std::string& macs = "[]")
@@ -295,20 +281,20 @@ TEST_F(Devices, ThatAreUnknownCannotBeRenamedUnlessTheyHadANameFromHere)
 TEST_F(Devices, ThatHaveTheNameAlreadyAreNotRenamed)
 {
     constexpr char kSame[] = "Current device name is same as given name.";
-    check(rename(R"({"device_id":"d1","name":"Given"})") // as the record says
+    check(rename(R"({"device_id":"d1","name":"My TV"})") // as the record says
               .calls({kReadName, look_up("d1")})
-              .logs({{2, "device_id=d1 name=Given"}, {2, kSame}})
+              .logs({{2, "device_id=d1 name=My TV"}, {2, kSame}})
               .succeeds());
     check(rename() // as stored here, whatever the record says
               .with({{kNameKey, "New"}})
               .calls({kReadName})
               .logs({{2, "device_id=d1 name=New"}, {2, kSame}})
               .succeeds());
-    check(rename(R"({"device_id":"d1","name":"Given"})") // another one is stored here
+    check(rename(R"({"device_id":"d1","name":"My TV"})") // another one is stored here
               .with({{kNameKey, "Stored"}})
               .calls({kReadName})
-              .logs({{2, "device_id=d1 name=Given"}})
-              .asks(kRename, R"({"connect_destination": {"device_id": "d1"}, "friendly_name": "Given"})")
+              .logs({{2, "device_id=d1 name=My TV"}})
+              .asks(kRename, R"({"connect_destination": {"device_id": "d1"}, "friendly_name": "My TV"})")
               .then("2")
               .logs({{0, "Received error response from cloud"}})
               .fails());
@@ -323,11 +309,11 @@ TEST_F(Devices, ThatHaveTheNameAlreadyAreNotRenamed)
 
 TEST_F(Devices, AreLookedUpWhenTheNameStoredHereCannotBeRead)
 {
-    check(rename(R"({"device_id":"d1","name":"Given"})")
+    check(rename(R"({"device_id":"d1","name":"My TV"})")
               .with({{kNameKey, "Stored"}})
               .failing(kReadName)
               .calls({kReadName, look_up("d1")})
-              .logs({{2, "device_id=d1 name=Given"}, {2, "Current device name is same as given name."}})
+              .logs({{2, "device_id=d1 name=My TV"}, {2, "Current device name is same as given name."}})
               .succeeds());
     check(rename()
               .failing(look_up("d1"))

@@ -5,6 +5,7 @@
 // another piece of memory missing. Whatever it logs must be in the table, and everything in the table must have
 // been logged.
 
+#include "make_device.h"
 #include "support/scenario.h"
 
 #include "client_events.h"
@@ -206,8 +207,7 @@ const Row kRows[] = {
     {2, kHandlers, "process_va_set_exclusions", "Set entries of '{}' to: {}"},
     {0, kHandlers, "process_va_set_exclusions", "setKey('{}'): {}"},
 
-    {0, kHandlers, "process_get_version_info",
-     "Failed to pack info into json: version={:s} patch={:s} {:s}"},
+    {0, kHandlers, "process_get_version_info", "Failed to pack info into json: version={:s} patch={:s} {:s}"},
     {1, kHandlers, "process_get_subscription_status", "Failed to lock {} orverrno: {}"},
     {1, kHandlers, "process_get_subscription_status", "Failed to unlock {} orverrno: {}"},
     {1, kHandlers, "update_subscription_cb", "Failed to lock {} orverrno: {}"},
@@ -224,8 +224,7 @@ const Row kRows[] = {
     {0, kExchange, "orvex_send_msg", "failed to send {:s} message: {:s}"},
     {1, kExchange, "orvex_cloud_message", "Failed to send message to {:s}"},
 
-    {3, kMeanings, "process_cloud_registration_status",
-     "Message: (from:{} type:{} datalen:{} data:{})"},
+    {3, kMeanings, "process_cloud_registration_status", "Message: (from:{} type:{} datalen:{} data:{})"},
     {0, kMeanings, "process_cloud_registration_status", "cloud_registration error: {:s} ({:s})"},
     {0, kMeanings, "orvex_process_registration_status_changed",
      "failed to process registration_status_changed event"},
@@ -244,7 +243,8 @@ std::regex pattern_of(const std::string& text)
 {
     static const std::regex special(R"([\^\$\\\.\*\+\?\(\)\[\]\|])");
     static const std::regex placeholder(R"(\{[^}]*\})");
-    return std::regex(std::regex_replace(std::regex_replace(text, special, R"(\$&)"), placeholder, R"([^]*)"));
+    return std::regex(
+        std::regex_replace(std::regex_replace(text, special, R"(\$&)"), placeholder, R"([^]*)"));
 }
 
 // ---- what makes the daemon speak
@@ -275,7 +275,8 @@ const Act kActs[] = {
     {"set_router_feature_set_level", R"("velm-light-1.0")", kResults},
     {"set_router_feature_set_level", R"("none")"},
     {"set_router_interfaces", "[]"},
-    {"set_router_interfaces", R"([{"name": "eth0", "type": "wan"}, {"name": "wl1", "type": "x"}, {"name": "w"}, {}])"},
+    {"set_router_interfaces",
+     R"([{"name": "eth0", "type": "wan"}, {"name": "wl1", "type": "x"}, {"name": "w"}, {}])"},
     {"enable_services", ""},
     {"disable_services", ""},
     {"get_services_status", ""},
@@ -351,7 +352,8 @@ const Settings kListed{
     {"/discovery/blacklist/satellites", "aa:bb:cc:00:00:01"},
 };
 
-using Seen = std::set<std::tuple<int, std::string, std::string, std::string>>; ///< level, file, function, text
+using Seen =
+    std::set<std::tuple<int, std::string, std::string, std::string>>; ///< level, file, function, text
 
 void collect(fake::Fake& platform, Seen& seen)
 {
@@ -448,22 +450,22 @@ private:
 
 devMgmt::Device device(const std::string& did, const std::string& mac)
 {
-    devMgmt::Device result;
-    result.did = did;
-    result.owner = "r1";
+    devMgmt::Device result = make_device(did, "r1");
     result.macs[sockutl::macaddr(mac)].insert(sockutl::address("192.168.1.20"));
     return result;
 }
 
 TEST_F(LogLines, HaveTheirLevelAndComeFromTheFunctionThatTheReaderKnows)
 {
-    platform->devices = {{"d1", device("d1", "aa:bb:cc:00:00:01")}, {"r1", device("r1", "aa:bb:cc:00:00:02")}};
+    platform->devices = {{"d1", device("d1", "aa:bb:cc:00:00:01")},
+                         {"r1", device("r1", "aa:bb:cc:00:00:02")}};
 
     // Commands.
     for (const Settings& settings : {kRegistered, kUnregistered, kListed})
         for (const Act& act : kActs)
             play_failing(settings, act);
-    for (const char* line : {"garbage", "{}", R"({"type": 5})", R"({"type": "subscribe"})", R"({"type": "x"})"})
+    for (const char* line :
+         {"garbage", "{}", R"({"type": 5})", R"({"type": "subscribe"})", R"({"type": "x"})"})
         ask_and_drain(line);
     EXPECT_EQ(brokerd::process_set_router_interfaces(nullptr), 0);
 
@@ -471,13 +473,14 @@ TEST_F(LogLines, HaveTheirLevelAndComeFromTheFunctionThatTheReaderKnows)
     std::vector<Peer> peers;
     for (const char* event : brokerd::kClientEvents) {
         peers.push_back(connect());
-        (void)ask(peers.back(), std::string(R"({"type":"subscribe","name":")") + event + "\"}");
+        (void)ask(peers.back(), subscription(event));
     }
     for (const Act& act : {kActs[0], kActs[1]})
         play(kRegistered, act);
 
     // Events of the exchange, with and without what they need.
-    const char* sighting = R"({"src_ip": "1.2.3.4", "src_mac": "aa:aa:aa:aa:aa:aa", "user_agent": "log lines"})";
+    const char* sighting =
+        R"({"src_ip": "1.2.3.4", "src_mac": "aa:aa:aa:aa:aa:aa", "user_agent": "log lines"})";
     for (const auto& [type, data] : std::vector<std::pair<std::string, std::string>>{
              {"registration_status_changed", R"({"result": "ok"})"},
              {"registration_status_changed", R"({"result": "no", "reason": "why"})"},

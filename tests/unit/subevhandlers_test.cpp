@@ -1,5 +1,6 @@
 // Changes of devices and of the service subscription, as events for clients.
 
+#include "make_device.h"
 #include "support/fixture.h"
 
 #include "orvbrokerd.h"
@@ -28,15 +29,8 @@ constexpr char kOtherMac[] = "aa:bb:cc:00:00:02";
 
 Device device()
 {
-    Device dev;
-    dev.did = "d1";
+    Device dev = make_device("d1");
     dev.macs[sockutl::macaddr(kMac)] = {sockutl::address("192.168.1.20")};
-    dev.display_name = "TV";
-    dev.friendly_name = "My TV";
-    dev.device_type = "tv";
-    dev.device_os = "Linux";
-    dev.device_os_version = "6.1";
-    dev.device_manufacturer = "Acme";
     dev.traffic_blocked = 1;
     return dev;
 }

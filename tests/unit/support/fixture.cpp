@@ -2,13 +2,11 @@
 
 #include "orvbrokerd.h"
 #include "orvex.h"
-#include "orvexproc.h"
 #include "subevhandlers.h"
 
 #include <dirent.h>
 #include <ftw.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,7 +16,6 @@
 
 namespace orv::test {
 
-using brokerd::Connection;
 using fake::Fake;
 
 std::set<int> open_descriptors()
@@ -115,50 +112,24 @@ void PlatformTest::expect_tables_empty()
 
 ServiceTest::ServiceTest()
 {
-    const Fake::Paused paused;
-    brokerd::epollfd = epoll_create1(EPOLL_CLOEXEC);
-    platform->name_fd(brokerd::epollfd, "epoll");
-    brokerd::orvex = platform->connect(brokerd::orvex_callback);
+    m_stage.emplace(*platform);
 }
 
 ServiceTest::~ServiceTest()
 {
-    while (!platform->requests.empty()) { // who still waits gets an answer, so that what it owns is freed
-        platform->answer("{}");
-        read_exchange();
-    }
-    while (!brokerd::g_connections.empty()) {
-        brokerd::destroy_connection(brokerd::g_connections.begin()->second);
-        brokerd::g_connections.erase(brokerd::g_connections.begin());
-    }
-    const Fake::Paused paused;
-    close(brokerd::epollfd);
-    brokerd::epollfd = -1;
-    brokerd::orvex = nullptr;
+    m_stage.reset(); // before the platform
 }
 
 ServiceTest::Peer ServiceTest::connect()
 {
-    const Fake::Paused paused;
-    int ends[2] = {-1, -1};
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    auto* conn = new Connection(ends[0]);
-    EXPECT_TRUE(conn->tx.init(brokerd::kBufferInitialSize, brokerd::kBufferMaximumSize));
-    EXPECT_TRUE(conn->rx.init(brokerd::kBufferInitialSize, brokerd::kBufferMaximumSize));
-    brokerd::g_connections[ends[0]] = conn;
-    platform->name_fd(ends[0], platform->next_name("client"));
-    epoll_event event = {};
-    event.events = EPOLLIN;
-    event.data.fd = ends[0];
-    EXPECT_EQ(epoll_ctl(brokerd::epollfd, EPOLL_CTL_ADD, ends[0], &event), 0);
-    return {conn, Client(ends[1])};
+    const Stage::Ends ends = m_stage->connect();
+    return {ends.conn, Client(ends.client)};
 }
 
 ServiceTest::Peer ServiceTest::subscribe(const std::string& event)
 {
     Peer peer = connect();
-    EXPECT_EQ(ask(peer, R"({"type":"subscribe","name":")" + event + R"("})"),
-              R"({"data": null, "status": 0})");
+    EXPECT_EQ(ask(peer, subscription(event)), R"({"data": null, "status": 0})");
     forget_records();
     return peer;
 }
@@ -212,9 +183,7 @@ void ServiceTest::read_exchange()
 
 void ServiceTest::destroy(Peer& peer)
 {
-    const int fd = peer.conn->fd;
-    brokerd::destroy_connection(peer.conn);
-    brokerd::g_connections.erase(fd);
+    Stage::destroy(peer.conn);
     peer.conn = nullptr;
 }
 

@@ -2,6 +2,7 @@
 
 #include "client.h"
 #include "fake/fake.h"
+#include "stage.h"
 
 #include "agent_status.h"
 #include "evhandler.h"
@@ -56,8 +57,7 @@ private:
     std::set<int> m_descriptors;
 };
 
-/// A test of the code below the main loop: epoll, the exchange's handle and client connections are there
-/// without start-up.
+/// A test of the code below the main loop.
 class ServiceTest : public PlatformTest {
 public:
     ServiceTest();
@@ -95,6 +95,9 @@ protected:
 
     /// Drops what was recorded so far.
     void forget_records();
+
+private:
+    std::optional<Stage> m_stage;
 };
 
 fake::Logs lines(std::initializer_list<std::pair<int, std::string>> list);

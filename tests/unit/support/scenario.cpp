@@ -9,11 +9,6 @@ namespace orv::test {
 using fake::Calls;
 using fake::Logs;
 
-std::string command(const std::string& name, const std::string& data)
-{
-    return R"({"type":"command","name":")" + name + "\"" + (data.empty() ? "" : ",\"data\":" + data) + "}";
-}
-
 // ---- Scenario
 
 Scenario::Scenario(std::string name, std::string data) : m_name(std::move(name)), m_data(std::move(data)) {}

@@ -14,9 +14,6 @@ namespace orv::test {
 
 using Settings = std::map<std::string, std::string>;
 
-/// A request line for a command; `data` is JSON, empty for none.
-std::string command(const std::string& name, const std::string& data = {});
-
 /// One command from its request to its answer: what it finds, and everything that must come of it. A request
 /// to the exchange makes a second stage: then() says what the exchange answers, and what is said after it is
 /// about that. What is not said must not happen: no call, no line, no change of the settings.
