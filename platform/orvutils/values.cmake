@@ -2,6 +2,7 @@ add_library(orvutils_values STATIC
   connection_buffer.cpp
   error_state.cpp
   io.cpp
+  json.cpp
   log_format.cpp
   path.cpp
   sockutl.cpp)

@@ -19,7 +19,7 @@ char* build_response(int status, json_t* data)
     static constexpr std::string_view kMiddle = R"(, "status": )";
 
     const JsonPtr owned(data);
-    const TextPtr text(json_dumps(data, JSON_ENCODE_ANY));
+    const TextPtr text = dump(data, JSON_ENCODE_ANY);
     if (!text)
         return nullptr;
     const std::size_t length = std::strlen(text.get());
@@ -39,7 +39,7 @@ char* build_response(int status, json_t* data)
 
 JsonPtr parse_payload(const Message* msg)
 {
-    return JsonPtr(json_loadb(msg->data, msg->datalen, /*flags=*/0, /*error=*/nullptr));
+    return parse_json({msg->data, msg->datalen});
 }
 
 json_t* build_error_response(int code, const char* description)

@@ -376,7 +376,7 @@ void send_answer(Connection* conn, Result status, json_t* out, int epfd)
 
 int handle_command(Connection* conn, const char* text, const int& epfd)
 {
-    const JsonPtr root(json_loads(text, /*flags=*/0, /*error=*/nullptr));
+    const JsonPtr root = parse_json(text);
     const char* type = find_type(root.get(), text);
     if (!type)
         return -1;

@@ -4,7 +4,9 @@
 
 #include <jansson.h>
 
+#include <cstddef>
 #include <memory>
+#include <string_view>
 
 namespace orv {
 
@@ -16,14 +18,19 @@ struct JsonDeleter {
 /// One owned reference on a JSON value; null for none.
 using JsonPtr = std::unique_ptr<json_t, JsonDeleter>;
 
-/// A text that a C library allocated with malloc(), json_dumps() for example; null for none.
+/// A text that a C library allocated with malloc(), dump() for example; null for none.
 using TextPtr = std::unique_ptr<char, PtrDeleter<char>>;
 
-/// An object's or array's text on one line, with a blank after each comma and colon; null on failure, and for
-/// every other value.
-[[nodiscard]] inline TextPtr dump(const json_t* value)
-{
-    return TextPtr(json_dumps(value, /*flags=*/0));
-}
+/// Parses an object or array. Null when the text is none, or memory is short: then nothing is left behind. The
+/// value's memory comes in few large pieces, which go back as soon as nothing of the value is left.
+[[nodiscard]] JsonPtr parse_json(std::string_view text);
+
+/// A value's text on one line, with a blank after each comma and colon; null for null and when memory is short.
+/// Without JSON_ENCODE_ANY in `flags`, of objects and arrays only.
+[[nodiscard]] TextPtr dump(const json_t* value, std::size_t flags = 0);
+
+/// The same in pieces, to a function that returns whether it goes on. True when all of it was taken.
+[[nodiscard]] bool dump_to(const json_t* value, std::size_t flags,
+                           bool (*take)(std::string_view piece, void* user), void* user);
 
 } // namespace orv
