@@ -1,17 +1,17 @@
-#include "json.h"
+// A payload is any JSON value, not only an object or a list: what the daemon passes on may be a bare number.
 
-#include <cstdlib>
+#include "json.h"
 
 namespace orvagentsim {
 
-JsonPtr parse_json(std::string_view text)
+orv::JsonPtr parse_json(std::string_view text)
 {
-    return JsonPtr{json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr)};
+    return orv::JsonPtr{json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr)};
 }
 
 std::string to_text(const json_t* value)
 {
-    const std::unique_ptr<char, void (*)(void*)> text{json_dumps(value, JSON_ENCODE_ANY), std::free};
+    const orv::TextPtr text{json_dumps(value, JSON_ENCODE_ANY)};
     return text ? text.get() : "";
 }
 

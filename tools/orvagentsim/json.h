@@ -1,22 +1,14 @@
 #pragma once
 
-#include <jansson.h>
+#include <orvutils/json.h>
 
-#include <memory>
 #include <string>
 #include <string_view>
 
 namespace orvagentsim {
 
-struct JsonDeleter {
-    void operator()(json_t* value) const { json_decref(value); }
-};
-
-/// One owned reference on a JSON value.
-using JsonPtr = std::unique_ptr<json_t, JsonDeleter>;
-
 /// Any JSON value; null when the text is none.
-[[nodiscard]] JsonPtr parse_json(std::string_view text);
+[[nodiscard]] orv::JsonPtr parse_json(std::string_view text);
 
 /// A value's text in one line, empty on failure.
 [[nodiscard]] std::string to_text(const json_t* value);

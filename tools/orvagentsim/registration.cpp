@@ -1,3 +1,6 @@
+// The outcome of a registration is derived from its request alone, so that a test knows it beforehand and the
+// same router gets the same identity each time.
+
 #include "registration.h"
 
 #include "json.h"
@@ -22,7 +25,7 @@ std::string without_colons(std::string mac)
 
 bool has_text(const char* text)
 {
-    return text != nullptr && *text != '\0';
+    return text && *text != '\0';
 }
 
 /// A value that may have been set before the registration stays.
@@ -43,11 +46,11 @@ bool store_mac(const std::string& mac)
 
 std::optional<Registration> read_registration(const json_t* data, std::string& failure)
 {
-    if (const char* const id = string_member(data, "router_id"); has_text(id))
+    if (const char* id = string_member(data, "router_id"); has_text(id))
         return Registration{id, std::string("token-") + id, ""};
 
-    const char* const token = string_member(data, "token");
-    const char* const mac_text = string_member(data, "mac");
+    const char* token = string_member(data, "token");
+    const char* mac_text = string_member(data, "mac");
     if (!has_text(token) || !has_text(mac_text) || !has_text(string_member(data, "redeem"))) {
         failure = kMalformed;
         return std::nullopt;
