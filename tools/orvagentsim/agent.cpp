@@ -3,10 +3,11 @@
 
 #include "agent.h"
 
-#include "json.h"
 #include "narration.h"
 #include "registration.h"
 #include "subscription.h"
+
+#include <orvtools/json.h>
 
 #include <ctime>
 
@@ -21,7 +22,7 @@ constexpr char kCloudRefused[] = "refused by the cloud";
 std::string error_result(const std::string& reason)
 {
     const orv::JsonPtr result{json_pack("{s:s,s:s}", "result", "error", "reason", reason.c_str())};
-    return to_text(result.get());
+    return orvtools::to_text(result.get());
 }
 
 } // namespace
@@ -73,7 +74,7 @@ Reply Agent::telemetry_event(const Call& call)
 {
     if (!json_is_object(call.data))
         return refusal("a telemetry event is a JSON object");
-    const char* type = string_member(call.data, "type");
+    const char* type = orvtools::string_member(call.data, "type");
     narrate(kName, "telemetry event {}: {}", ++m_telemetry_events, type ? type : "(no type)");
     return success("{}");
 }

@@ -3,10 +3,10 @@
 
 #include "device_manager.h"
 
-#include "json.h"
 #include "narration.h"
 
 #include <orvdevmgmt/orvdevmgmt.h>
+#include <orvtools/json.h>
 
 #include <device_writer.h>
 
@@ -30,7 +30,7 @@ const json_t* destination(const json_t* data)
 /// Finds the device that a request is about; without one, the answer says why.
 std::optional<Reply> find_device(const json_t* data, Device& device)
 {
-    const char* id = string_member(destination(data), "device_id");
+    const char* id = orvtools::string_member(destination(data), "device_id");
     if (!id)
         return refusal(kMalformed);
     if (orv::devMgmt::get_device(id, device) == 0)
@@ -77,13 +77,13 @@ void publish_sighting(Exchange& exchange, const Sighting& sighting)
 {
     const orv::JsonPtr event{json_pack("{s:s,s:s,s:s}", "src_ip", sighting.ip.c_str(), "src_mac",
                                        sighting.mac.c_str(), "user_agent", sighting.user_agent.c_str())};
-    exchange.publish(Participant::device_manager, "guster_user_agent", to_text(event.get()));
+    exchange.publish(Participant::device_manager, "guster_user_agent", orvtools::to_text(event.get()));
     narrate(kName, "{} is heard as {}", sighting.mac, sighting.user_agent);
 }
 
 Reply set_friendly_name(const Call& call)
 {
-    const char* name = string_member(call.data, "friendly_name");
+    const char* name = orvtools::string_member(call.data, "friendly_name");
     if (!name)
         return refusal(kMalformed);
     if (!destination(call.data)) {
@@ -116,16 +116,16 @@ Reply set_online_status(const Call& call)
 {
     if (!call.data)
         return refusal(kMalformed);
-    narrate(kName, "online status: {}", to_text(call.data));
+    narrate(kName, "online status: {}", orvtools::to_text(call.data));
     return success("{}");
 }
 
 Reply register_tuvo(const Call& call)
 {
-    const char* name = string_member(call.data, "tuvo_detected_name");
+    const char* name = orvtools::string_member(call.data, "tuvo_detected_name");
     if (!name || !is_mac_list(json_object_get(call.data, "macs")))
         return refusal(kMalformed);
-    narrate(kName, "the cloud knows the router '{}': {}", name, to_text(call.data));
+    narrate(kName, "the cloud knows the router '{}': {}", name, orvtools::to_text(call.data));
     return success(R"({"result": "ok"})");
 }
 

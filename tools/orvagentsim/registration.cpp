@@ -3,8 +3,7 @@
 
 #include "registration.h"
 
-#include "json.h"
-
+#include <orvtools/json.h>
 #include <orvutils/keys.h>
 #include <orvutils/setmgmt.h>
 #include <orvutils/sockutl.h>
@@ -46,12 +45,12 @@ bool store_mac(const std::string& mac)
 
 std::optional<Registration> read_registration(const json_t* data, std::string& failure)
 {
-    if (const char* id = string_member(data, "router_id"); has_text(id))
+    if (const char* id = orvtools::string_member(data, "router_id"); has_text(id))
         return Registration{id, std::string("token-") + id, ""};
 
-    const char* token = string_member(data, "token");
-    const char* mac_text = string_member(data, "mac");
-    if (!has_text(token) || !has_text(mac_text) || !has_text(string_member(data, "redeem"))) {
+    const char* token = orvtools::string_member(data, "token");
+    const char* mac_text = orvtools::string_member(data, "mac");
+    if (!has_text(token) || !has_text(mac_text) || !has_text(orvtools::string_member(data, "redeem"))) {
         failure = kMalformed;
         return std::nullopt;
     }

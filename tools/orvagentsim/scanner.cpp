@@ -3,8 +3,9 @@
 
 #include "scanner.h"
 
-#include "json.h"
 #include "narration.h"
+
+#include <orvtools/json.h>
 
 namespace orvagentsim {
 namespace {
@@ -54,7 +55,7 @@ std::string Scanner::status() const
 {
     const orv::JsonPtr status{
         json_pack("{s:s,s:s,s:i}", "state", m_state, "scan", m_scan, "progress", m_progress)};
-    return to_text(status.get());
+    return orvtools::to_text(status.get());
 }
 
 void Scanner::enter(const char* state, int progress)

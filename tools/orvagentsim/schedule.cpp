@@ -3,9 +3,9 @@
 #include "schedule.h"
 
 #include "exchange.h"
-#include "json.h"
 #include "narration.h"
 
+#include <orvtools/json.h>
 #include <orvutils/setmgmt.h>
 
 namespace orvagentsim {
@@ -28,7 +28,7 @@ Reply va_set_schedule(const Call& call)
     for (const char* name : {"enabled", "scheduled"})
         if (!is_boolean_or_absent(call.data, name))
             return refusal(std::string(name) + " is neither true nor false");
-    const std::string text = to_text(call.data);
+    const std::string text = orvtools::to_text(call.data);
     if (orv::setMgmt::setKey(kScheduleKey, text) != 0)
         return refusal("settings store not writable");
     narrate(name_of(Participant::settings), "scan schedule: {}", text);

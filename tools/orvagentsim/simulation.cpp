@@ -5,10 +5,10 @@
 
 #include "device_manager.h"
 #include "exit_status.h"
-#include "json.h"
 #include "narration.h"
 
 #include <orvdevmgmt/orvdevmgmt.h>
+#include <orvtools/json.h>
 #include <orvutils/keys.h>
 
 #include <cerrno>
@@ -146,7 +146,7 @@ void Simulation::receive(Participant to, OrvexKind kind, const Message& message)
 void Simulation::process(Participant to, const Message& message)
 {
     const Request* request = find_request(to, message.type);
-    const orv::JsonPtr data = parse_json({message.data, message.datalen});
+    const orv::JsonPtr data = orvtools::parse_json({message.data, message.datalen});
     const Call call{message.request_id, data.get()};
     const std::optional<Reply> reply = reply_to(request, message, call);
     if (!reply)

@@ -4,6 +4,7 @@
 #include "exchange.h"
 
 #include "exit_status.h"
+#include "input.h"
 #include "texts.h"
 #include "waiting.h"
 
