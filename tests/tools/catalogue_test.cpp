@@ -1,4 +1,5 @@
 // What orvctl shows of the daemon against what the daemon has.
+
 #include "catalogue.h"
 
 #include <evhandler.h>

@@ -1,6 +1,7 @@
 // A list of objects has no columns of its own: they are the members' names, in the order in which they are
 // first met. What is nested in a cell is written without the JSON marks that a list on a screen can do
 // without.
+
 #include "answers.h"
 
 #include <orvtools/json.h>

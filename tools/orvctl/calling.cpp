@@ -1,5 +1,6 @@
 // One command, or one subscription, on a connection of its own. Data is checked before it is sent: the daemon
 // only closes the connection on what it cannot parse, which says nothing about where the mistake is.
+
 #include "calling.h"
 
 #include "answers.h"

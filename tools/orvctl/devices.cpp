@@ -1,5 +1,6 @@
 // On the device store's writer interface, as the device-management daemon uses it: whoever watches the store
 // is told of each change.
+
 #include "devices.h"
 
 #include "exit_status.h"

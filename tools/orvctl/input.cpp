@@ -1,5 +1,5 @@
-// Read to its end before anything is done, so that a request is whole or is not sent. The limit is that of what
-// will be made of it: nobody is let type or pipe more than can be of use.
+// Read to its end before anything is done, so that a request is whole or is not sent. The limit is that of
+// what will be made of it: nobody is let type or pipe more than can be of use.
 
 #include "input.h"
 

@@ -1,5 +1,6 @@
 // Everything goes out by write(2) at once: whoever reads the other end of a pipe has each line when it
 // happens.
+
 #include "output.h"
 
 #include "exit_status.h"
@@ -41,7 +42,8 @@ bool are_colors_wanted(Color color, bool terminal)
     return terminal && !refused && type && std::strcmp(type, "dumb") != 0;
 }
 
-/// The text indented, what is not JSON as a JSON string. It may be anyone's: nothing in it steers the terminal.
+/// The text indented, what is not JSON as a JSON string. It may be anyone's: nothing in it steers the
+/// terminal.
 std::string indented(std::string_view text)
 {
     constexpr std::size_t kIndent = 2;
@@ -106,8 +108,8 @@ std::string aligned(const std::vector<std::string>& cells, const std::vector<std
     return line;
 }
 
-/// Writes all of a text, waiting for room in a descriptor that does not block: whoever shares it may have made
-/// it so. False with errno set on failure.
+/// Writes all of a text, waiting for room in a descriptor that does not block: whoever shares it may have
+/// made it so. False with errno set on failure.
 bool write_all(int fd, std::string_view text)
 {
     while (!text.empty()) {

@@ -1,6 +1,7 @@
 // All that is found out goes into one JSON object, which is printed as it is or as a screen. It begins with
 // what can be seen without the daemon; then the daemon's own answers take the places of what they tell. So
 // the screen is complete, but for null where nothing is known, whatever is down.
+
 #include "status.h"
 
 #include "exit_status.h"

@@ -1,5 +1,5 @@
-// What a text of somebody else's may do to a line of JSON or to a terminal is decided here, byte by byte; the text
-// itself is never understood.
+// What a text of somebody else's may do to a line of JSON or to a terminal is decided here, byte by byte; the
+// text itself is never understood.
 
 #include "texts.h"
 

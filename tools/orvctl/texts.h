@@ -8,8 +8,8 @@ namespace orvctl {
 
 [[nodiscard]] bool is_json(std::string_view text);
 
-/// A payload as a JSON line or a part of one: itself when it is JSON, its line breaks replaced by blanks, else
-/// a JSON string.
+/// A payload as a JSON line or a part of one: itself when it is JSON, its line breaks replaced by blanks,
+/// else a JSON string.
 [[nodiscard]] std::string as_json(std::string_view payload);
 
 /// The text on one line, with a question mark for each control character but tabs, which become blanks, lest

@@ -1,5 +1,5 @@
-// What the C interface adds to the C++ one: texts that end with a NUL byte, null clients, and no exceptions. What
-// both share is in client_test.cpp.
+// What the C interface adds to the C++ one: texts that end with a NUL byte, null clients, and no exceptions.
+// What both share is in client_test.cpp.
 
 #include "fake_server.h"
 

@@ -3,8 +3,8 @@
 #include <stddef.h>
 
 /**
- * The client of the broker daemon for programs in C. <orvbroker/client.h> is the same for C++ and tells of the
- * protocol's rules at length.
+ * The client of the broker daemon for programs in C. <orvbroker/client.h> is the same for C++ and tells of
+ * the protocol's rules at length.
  *
  *     struct orvbroker_client* client = orvbroker_new();
  *     int error = orvbroker_connect(client, ORVBROKER_CONNECT_TIMEOUT);
@@ -16,9 +16,10 @@
  *         puts(orvbroker_data(client, NULL)); // {"status": 1}
  *     orvbroker_free(client);
  *
- * Every time-out is in milliseconds; ORVBROKER_FOREVER, or any number below 0, is none. Every function takes a
- * null client, which behaves like one that is not connected, so that only orvbroker_connect() need be checked.
- * No exception leaves these functions. Nothing here is thread-safe; different clients in different threads are.
+ * Every time-out is in milliseconds; ORVBROKER_FOREVER, or any number below 0, is none. Every function takes
+ * a null client, which behaves like one that is not connected, so that only orvbroker_connect() need be
+ * checked. No exception leaves these functions. Nothing here is thread-safe; different clients in different
+ * threads are.
  */
 
 #ifdef __cplusplus
@@ -60,9 +61,10 @@ int orvbroker_connect(struct orvbroker_client* client, int timeout);
 int orvbroker_connect_to(struct orvbroker_client* client, const char* socket_name, int timeout);
 
 /**
- * Sends the command `name` with the JSON text `data`, none when it is null or empty, and waits for its answer.
- * A failed command is an answer like any other: look at orvbroker_status(). The daemon closes the connection
- * after an answer whose status is not 0, and on a text that is not JSON: ORVBROKER_CONNECTION_LOST.
+ * Sends the command `name` with the JSON text `data`, none when it is null or empty, and waits for its
+ * answer. A failed command is an answer like any other: look at orvbroker_status(). The daemon closes the
+ * connection after an answer whose status is not 0, and on a text that is not JSON:
+ * ORVBROKER_CONNECTION_LOST.
  */
 int orvbroker_call(struct orvbroker_client* client, const char* name, const char* data, int timeout);
 
@@ -77,8 +79,8 @@ const char* orvbroker_data(const struct orvbroker_client* client, size_t* length
 /** Subscribes to an event; from then on this connection only receives. */
 int orvbroker_subscribe(struct orvbroker_client* client, const char* event, int timeout);
 /**
- * Waits for the next event, whose text orvbroker_event() gives. ORVBROKER_TIMED_OUT leaves the connection open,
- * and a half received event is continued by the next call.
+ * Waits for the next event, whose text orvbroker_event() gives. ORVBROKER_TIMED_OUT leaves the connection
+ * open, and a half received event is continued by the next call.
  */
 int orvbroker_next_event(struct orvbroker_client* client, int timeout);
 /** The text of the last event, mostly JSON, as for orvbroker_data(); empty as long as there is none. */
