@@ -60,6 +60,7 @@ template <typename Rows>
 std::vector<std::string> names_of(const Rows& rows)
 {
     std::vector<std::string> names;
+    names.reserve(rows.size());
     for (const auto& row : rows)
         names.emplace_back(row.name);
     return names;

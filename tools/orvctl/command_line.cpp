@@ -406,6 +406,7 @@ template <typename Rows>
 std::vector<Word> words_of(const Rows& rows)
 {
     std::vector<Word> words;
+    words.reserve(rows.size());
     for (const auto& row : rows)
         words.push_back({std::string(row.name), std::string(row.summary)});
     return words;
