@@ -12,26 +12,21 @@
 //     churn ID                 puts and removes a device for ever; answers "churning" once
 //     lock KEY                 the lock of a settings key, held to the end of this program
 
-#include "device_store.h"
-#include "device_writer.h"
-
+#include <orvtools/json.h>
 #include <orvutils/error.h>
 #include <orvutils/setmgmt.h>
 
+#include <device_store.h>
+#include <device_writer.h>
+
 #include <cstdio>
-#include <cstdlib>
 #include <iostream>
-#include <memory>
 #include <sstream>
 #include <string>
 
 using namespace orv::devMgmt;
 
 namespace {
-
-struct DropReference {
-    void operator()(json_t* json) const { json_decref(json); }
-};
 
 std::string outcome(bool is_good)
 {
@@ -40,7 +35,7 @@ std::string outcome(bool is_good)
 
 std::string put(const std::string& text)
 {
-    const std::unique_ptr<json_t, DropReference> json(json_loads(text.c_str(), 0, nullptr));
+    const orv::JsonPtr json = orvtools::parse_json(text);
     Device device;
     std::string error;
     if (!device_from_json(json.get(), "", device, error))
@@ -53,9 +48,9 @@ std::string show(const std::string& id)
     Device device;
     if (get_device(id, device) == 0)
         return outcome(false);
-    const std::unique_ptr<json_t, DropReference> json(device_to_json(device));
-    const std::unique_ptr<char, decltype(&std::free)> text(json_dumps(json.get(), 0), std::free);
-    return text ? text.get() : "failed";
+    const orv::JsonPtr json(device_to_json(device));
+    const std::string text = orvtools::to_text(json.get());
+    return text.empty() ? "failed" : text;
 }
 
 std::string rename_often(const std::string& id, const std::string& name, unsigned count)

@@ -15,7 +15,7 @@
 //     storm NAME FIRST COUNT SIZE    -> "done"; COUNT events, whose data are their numbers from FIRST on, in SIZE digits
 // clang-format on
 
-#include "../platform/exchange_support.h"
+#include "exchange_support.h"
 
 #include <fstream>
 #include <iostream>

@@ -194,7 +194,7 @@ class Router(Commands):
         self.check("get_router_name", answer=("Router", 0))
 
     def test_reapply_firewall_rules_runs_the_script(self):
-        self.check("reapply_firewall_rules", answer=FAILED)  # there is none; the rest is in test_script.py
+        self.check("reapply_firewall_rules", answer=FAILED)  # there is none; the rest is in test_firewall_script.py
 
     def test_get_feature_tells_the_known_ones(self):
         self.check("get_feature", ["va_scan", "no_such", 5, None, "va_scan", "telemetry"],

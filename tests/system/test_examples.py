@@ -12,6 +12,7 @@ CLIENTS = {
     "shell": ["sh", os.path.join(EXAMPLES, "client.sh")],
     "python": [world.sys.executable, os.path.join(EXAMPLES, "client.py")],
     "c++": [world.program("example_client")],
+    "c": [world.program("example_client_c")],
 }
 SUCCESS, FAILED, USAGE, UNAVAILABLE = range(4)
 
@@ -87,8 +88,8 @@ class Examples(world.TestCase):
                 self.end(process)
 
     def test_a_subscription_ends_with_the_daemon(self):
-        subscribers = [self.start(name, "subscribe", "va_status_changed") for name in ("python", "c++")]
-        self.wait_for_subscriber("va_status_changed", 2)
+        subscribers = [self.start(name, "subscribe", "va_status_changed") for name in ("python", "c++", "c")]
+        self.wait_for_subscriber("va_status_changed", 3)
         self.served.stop_daemon()
         for process in subscribers:
             self.assertEqual(process.wait(world.DEADLINE), UNAVAILABLE)

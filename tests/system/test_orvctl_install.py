@@ -1,5 +1,6 @@
 """What is installed: it runs from there, and its documents and scripts tell the truth."""
 
+import glob
 import os
 import re
 import shutil
@@ -11,6 +12,7 @@ import world
 BUILD = os.path.dirname(world.BIN.rstrip("/"))
 SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 PROGRAMS = ["orvagentsim", "orvbrokerd", "orvctl", "orvexchanged"]
+NOT_RUNNING = "the broker daemon is not running (nobody listens on its socket in this network namespace)\n"
 PAGES = ["man1/orvagentsim.1", "man1/orvctl.1", "man1/orvexchanged.1", "man8/orvbrokerd.8"]
 
 
@@ -62,6 +64,20 @@ class Installed(world.TestCase):
         for shell, path in (("bash", "bash-completion/completions/orvctl"), ("zsh", "zsh/site-functions/_orvctl"),
                             ("fish", "fish/vendor_completions.d/orvctl.fish")):
             self.assertEqual(output_of(self.at("bin", "orvctl"), "completion", shell), (0, self.read("share", path)))
+
+    def test_programs_in_c_and_cpp_are_built_with_the_installed_client_library(self):
+        with open(os.path.join(BUILD, "CMakeCache.txt"), encoding="utf-8") as file:
+            cache = dict(re.findall(r"^(\w+):\w+=(.*)$", file.read(), re.MULTILINE))
+        sanitizers = ["-fsanitize=address,undefined"] if cache.get("ORV_SANITIZE") == "ON" else []
+        (package,) = glob.glob(self.at("lib*", "**", "orvbroker-client.pc"), recursive=True)
+        status, flags = output_of("pkg-config", "--cflags", "--libs", package)
+        self.assertEqual(status, 0, flags)
+        for source, compiler in (("client.c", ["C"]), ("client.cpp", ["CXX", "-std=c++17"])):
+            program = self.at(source + ".program")
+            command = [cache["CMAKE_%s_COMPILER" % compiler[0]], *compiler[1:], *sanitizers, "-o", program,
+                       os.path.join(SOURCE, "examples", source), *flags.split()]
+            self.assertEqual(output_of(*command), (0, ""))
+            self.assertEqual(output_of(program, "call", "get_services_status"), (3, "orvbrokerd: " + NOT_RUNNING))
 
     def test_the_daemon_works_on_the_installed_bus_configuration(self):
         one = self.world()

@@ -3,13 +3,14 @@
 
 #include "exchange_support.h"
 
-#include <device_writer.h>
 #include <orvdevmgmt/orvdevmgmt.h>
 #include <orvutils/keys.h>
 #include <orvutils/setmgmt.h>
 
-#include <fcntl.h>
+#include <device_writer.h>
 #include <fmt/format.h>
+
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -401,8 +402,8 @@ TEST_F(AgentSimTest, ARegistrationKeepsTheNameAndModelThatWereThere)
 TEST_F(AgentSimTest, RefusesARegistrationThatNamesNoRouter)
 {
     start({"--delay", "0"});
-    for (const char* const data : {"", "{", "[]", "7", "{}", R"({"router_id": ""})", R"({"router_id": 5})",
-                                   R"({"token": "t"})", R"({"token": "t", "mac": "02:00:00:00:00:01"})"})
+    for (const char* data : {"", "{", "[]", "7", "{}", R"({"router_id": ""})", R"({"router_id": 5})",
+                             R"({"token": "t"})", R"({"token": "t", "mac": "02:00:00:00:00:01"})"})
         EXPECT_EQ(ask("start_cloud_registration", data).first, "2") << data;
     const std::string invalid = R"({"result": "error", "reason": "invalid mac"})";
     EXPECT_EQ(ask("start_cloud_registration", R"({"token": "t", "mac": "02:00", "redeem": "x"})"),
@@ -593,14 +594,14 @@ TEST_F(AgentSimTest, DevicesComeChangeAndGoAndNamesGivenStay)
     start({"--churn", "0.01", "--devices", "4"});
     EXPECT_TRUE(wait_for_log(" comes")) << log();
     EXPECT_TRUE(wait_for_log(" goes")) << log();
-    for (const char* const change : {" is called otherwise", " updates its system", " gets another address",
-                                     " switches its second interface"})
+    for (const char* change : {" is called otherwise", " updates its system", " gets another address",
+                               " switches its second interface"})
         EXPECT_TRUE(wait_for_log(change)) << log();
     EXPECT_TRUE(serve_until([] { return events("guster_user_agent").size() >= 100; }));
     const auto count = devices().size();
     EXPECT_TRUE(count >= 2 && count <= 8) << count;
     const std::string event = events("guster_user_agent").front();
-    for (const char* const member : {"src_ip", "src_mac", "user_agent"})
+    for (const char* member : {"src_ip", "src_mac", "user_agent"})
         EXPECT_NE(event.find('"' + std::string(member) + '"'), std::string::npos) << event;
 }
 

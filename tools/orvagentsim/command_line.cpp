@@ -1,6 +1,8 @@
 // CLI11 throws for a wrong line and for --help; its exceptions and its exit codes end here.
+
 #include "command_line.h"
 
+#include "exit_status.h"
 #include "requests.h"
 
 #include <CLI/CLI.hpp>

@@ -1,3 +1,6 @@
+// Four handles on one bus, one for each name, since the bus knows a sender by its connection. The order of
+// the names is that of the enumeration.
+
 #include "exchange.h"
 
 #include "narration.h"
@@ -35,10 +38,10 @@ bool Exchange::join_as(Participant participant, Loop& loop, const Handler& handl
     const auto receive = [participant, handler](OrvexKind kind, const Message& message) {
         handler(participant, kind, message);
     };
-    Orvex* const orvex = orvex_join(name_of(participant), receive, true);
+    Orvex* orvex = orvex_join(name_of(participant), receive, /*auto_reconnect=*/true);
     m_handles.at(static_cast<std::size_t>(participant)).reset(orvex);
     // A failed reading is the exchange gone: the handle sees to its return.
-    return orvex != nullptr && loop.watch(orvex_get_fd(orvex), [orvex] { (void)orvex_read_fd(orvex); });
+    return orvex && loop.watch(orvex_get_fd(orvex), [orvex] { (void)orvex_read_fd(orvex); });
 }
 
 Orvex* Exchange::handle(Participant participant) const
@@ -54,7 +57,7 @@ void Exchange::publish(Participant from, const char* event, const std::string& d
 
 void Exchange::answer(Participant from, std::uint64_t request_id, const Reply& reply)
 {
-    const char* const type = reply.is_refusal ? kTypeError : kTypeSuccess;
+    const char* type = reply.is_refusal ? kTypeError : kTypeSuccess;
     if (orvex_send_response_typed(handle(from), request_id, type, reply.data.data(), reply.data.size()) != 0)
         narrate(name_of(from), "cannot answer: whoever asked is gone");
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "call.h"
 #include "loop.h"
 
 #include <exchange_publisher.h>
@@ -18,12 +19,6 @@ constexpr std::size_t kParticipants = 4;
 
 /// A participant's name on the exchange.
 [[nodiscard]] const char* name_of(Participant participant);
-
-/// The answer to a request.
-struct Reply {
-    bool is_refusal;
-    std::string data; ///< of a refusal: the error's text
-};
 
 /// The four participants' ends of the exchange, each a handle of its own. One that loses the exchange comes
 /// back by itself.

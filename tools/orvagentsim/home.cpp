@@ -1,5 +1,6 @@
 // Random numbers come straight from std::mt19937, whose sequence is the same everywhere; the distributions of
 // the standard library are not.
+
 #include "home.h"
 
 #include <orvutils/keys.h>

@@ -1,5 +1,6 @@
 // All timers share one timerfd, set to the earliest of them. steady_clock is CLOCK_MONOTONIC on Linux, so its
 // points are the timerfd's own.
+
 #include "loop.h"
 
 #include <orvutils/io.h>

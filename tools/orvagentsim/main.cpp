@@ -1,4 +1,8 @@
+// Standard streams that were closed are opened first: else a store or the bus would get their numbers, and
+// what is narrated would go into it.
+
 #include "command_line.h"
+#include "exit_status.h"
 #include "simulation.h"
 
 #include <orvutils/standard_streams.h>

@@ -1,3 +1,6 @@
+// A line is put together first and written with one write(), so that lines of several programs on one
+// terminal do not get mixed up.
+
 #include "narration.h"
 
 #include <unistd.h>

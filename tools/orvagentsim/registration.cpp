@@ -1,7 +1,9 @@
+// The outcome of a registration is derived from its request alone, so that a test knows it beforehand and the
+// same router gets the same identity each time.
+
 #include "registration.h"
 
-#include "json.h"
-
+#include <orvtools/json.h>
 #include <orvutils/keys.h>
 #include <orvutils/setmgmt.h>
 #include <orvutils/sockutl.h>
@@ -22,7 +24,7 @@ std::string without_colons(std::string mac)
 
 bool has_text(const char* text)
 {
-    return text != nullptr && *text != '\0';
+    return text && *text != '\0';
 }
 
 /// A value that may have been set before the registration stays.
@@ -43,12 +45,12 @@ bool store_mac(const std::string& mac)
 
 std::optional<Registration> read_registration(const json_t* data, std::string& failure)
 {
-    if (const char* const id = string_member(data, "router_id"); has_text(id))
+    if (const char* id = orvtools::string_member(data, "router_id"); has_text(id))
         return Registration{id, std::string("token-") + id, ""};
 
-    const char* const token = string_member(data, "token");
-    const char* const mac_text = string_member(data, "mac");
-    if (!has_text(token) || !has_text(mac_text) || !has_text(string_member(data, "redeem"))) {
+    const char* token = orvtools::string_member(data, "token");
+    const char* mac_text = orvtools::string_member(data, "mac");
+    if (!has_text(token) || !has_text(mac_text) || !has_text(orvtools::string_member(data, "redeem"))) {
         failure = kMalformed;
         return std::nullopt;
     }

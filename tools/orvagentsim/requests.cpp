@@ -1,34 +1,59 @@
+// Each participant declares its handlers with what they need and no more; the adapters here give all of them
+// the one signature that a row has.
+
 #include "requests.h"
 
-#include "agent.h"
 #include "device_manager.h"
-#include "scanner.h"
 #include "schedule.h"
 
 #include <algorithm>
 
 namespace orvagentsim {
+namespace {
+
+/// A handler that needs nothing but the call.
+template <Reply (*Process)(const Call&)>
+std::optional<Reply> plain(Participants& /*participants*/, const Call& call)
+{
+    return Process(call);
+}
+
+template <auto Process>
+std::optional<Reply> agent(Participants& participants, const Call& call)
+{
+    return (participants.agent.*Process)(call);
+}
+
+template <auto Process>
+std::optional<Reply> scanner(Participants& participants, const Call& call)
+{
+    return (participants.scanner.*Process)(call);
+}
+
+} // namespace
 
 const std::vector<Request>& requests()
 {
     // clang-format off
     static const std::vector<Request> rows{
-        {Participant::device_manager, "set_friendly_name", set_friendly_name, nullptr},
-        {Participant::device_manager, "set_traffic_status", set_traffic_status, nullptr},
-        {Participant::device_manager, "set_online_status", set_online_status, nullptr},
-        {Participant::device_manager, "register_tuvo", register_tuvo, nullptr},
-        {Participant::device_manager, "remove_satellites", remove_satellites, nullptr},
+        {Participant::device_manager, "set_friendly_name",  plain<set_friendly_name>,  nullptr},
+        {Participant::device_manager, "set_traffic_status", plain<set_traffic_status>, nullptr},
+        {Participant::device_manager, "set_online_status",  plain<set_online_status>,  nullptr},
+        {Participant::device_manager, "register_tuvo",      plain<register_tuvo>,      nullptr},
+        {Participant::device_manager, "remove_satellites",  plain<remove_satellites>,  nullptr},
 
-        {Participant::scanner, "va_scan_status",        va_scan_status,           nullptr},
-        {Participant::scanner, "va_network_scan_start", va_network_scan_start,    nullptr},
-        {Participant::scanner, "va_self_scan_start",    va_self_scan_start,       nullptr},
-        {Participant::scanner, "va_scan_stop",          va_scan_stop,             nullptr},
+        {Participant::scanner, "va_scan_status",        scanner<&Scanner::va_scan_status>,        nullptr},
+        {Participant::scanner, "va_network_scan_start", scanner<&Scanner::va_network_scan_start>, nullptr},
+        {Participant::scanner, "va_self_scan_start",    scanner<&Scanner::va_self_scan_start>,    nullptr},
+        {Participant::scanner, "va_scan_stop",          scanner<&Scanner::va_scan_stop>,          nullptr},
 
-        {Participant::settings, "va_set_schedule", va_set_schedule, nullptr},
+        {Participant::settings, "va_set_schedule", plain<va_set_schedule>, nullptr},
 
-        {Participant::agent, "start_cloud_registration", start_cloud_registration, fail_cloud_registration},
-        {Participant::agent, "telemetry_event",          telemetry_event,          nullptr},
-        {Participant::agent, "update_subscription", update_subscription, fail_subscription_update},
+        {Participant::agent, "start_cloud_registration",
+         agent<&Agent::start_cloud_registration>, agent<&Agent::fail_cloud_registration>},
+        {Participant::agent, "telemetry_event", agent<&Agent::telemetry_event>, nullptr},
+        {Participant::agent, "update_subscription",
+         plain<update_subscription>, plain<fail_subscription_update>},
     };
     // clang-format on
     return rows;

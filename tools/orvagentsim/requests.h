@@ -1,10 +1,10 @@
 #pragma once
 
+#include "agent.h"
+#include "call.h"
 #include "exchange.h"
+#include "scanner.h"
 
-#include <jansson.h>
-
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,16 +12,14 @@
 
 namespace orvagentsim {
 
-class Simulation;
-
-/// A request or a one-way message that has arrived.
-struct Call {
-    std::uint64_t id;   ///< to answer it by; 0: no answer is wanted
-    const json_t* data; ///< null when the payload is no JSON
+/// Those of the four participants that remember something from one call to the next.
+struct Participants {
+    Agent agent;
+    Scanner scanner;
 };
 
 /// Does what a call asks for. Empty when the answer comes later, by Exchange::answer().
-using Handler = std::optional<Reply> (*)(Simulation& simulation, const Call& call);
+using Handler = std::optional<Reply> (*)(Participants& participants, const Call& call);
 
 /// One row of the table of all that can be asked of the participants.
 struct Request {
@@ -41,15 +39,5 @@ struct Request {
 
 /// Whether some participant knows the request, given as NAME or PARTICIPANT:NAME.
 [[nodiscard]] bool is_request(const std::string& name);
-
-[[nodiscard]] inline Reply success(std::string data)
-{
-    return {false, std::move(data)};
-}
-
-[[nodiscard]] inline Reply refusal(std::string text)
-{
-    return {true, std::move(text)};
-}
 
 } // namespace orvagentsim

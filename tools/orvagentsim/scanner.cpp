@@ -1,8 +1,11 @@
+// A scan is nothing but its timer: whether one is running is whether the timer is set. Every change of state
+// goes through enter(), so none can be made without being published.
+
 #include "scanner.h"
 
-#include "json.h"
 #include "narration.h"
-#include "simulation.h"
+
+#include <orvtools/json.h>
 
 namespace orvagentsim {
 namespace {
@@ -11,40 +14,48 @@ constexpr char kName[] = "orvvad";
 constexpr int kStepPercent = 25;
 constexpr int kCompletePercent = 100;
 
-Reply start(Simulation& simulation, const char* scan)
-{
-    if (!simulation.scanner.start(scan))
-        return refusal("a scan is running already");
-    return success(simulation.scanner.status());
-}
-
 } // namespace
 
-bool Scanner::start(const char* scan)
+Reply Scanner::va_scan_status(const Call& /*call*/) const
+{
+    return success(status());
+}
+
+Reply Scanner::va_network_scan_start(const Call& /*call*/)
+{
+    return start("network");
+}
+
+Reply Scanner::va_self_scan_start(const Call& /*call*/)
+{
+    return start("self");
+}
+
+Reply Scanner::va_scan_stop(const Call& /*call*/)
+{
+    if (!m_timer)
+        return refusal("no scan is running");
+    m_loop.cancel(*m_timer);
+    m_timer.reset();
+    enter("stopped", m_progress);
+    return success(status());
+}
+
+Reply Scanner::start(const char* scan)
 {
     if (m_timer)
-        return false;
+        return refusal("a scan is running already");
     m_scan = scan;
     enter("running", 0);
     wait_for_next_step();
-    return true;
-}
-
-bool Scanner::stop()
-{
-    if (!m_timer)
-        return false;
-    m_simulation.loop.cancel(*m_timer);
-    m_timer.reset();
-    enter("stopped", m_progress);
-    return true;
+    return success(status());
 }
 
 std::string Scanner::status() const
 {
-    const JsonPtr status{
+    const orv::JsonPtr status{
         json_pack("{s:s,s:s,s:i}", "state", m_state, "scan", m_scan, "progress", m_progress)};
-    return to_text(status.get());
+    return orvtools::to_text(status.get());
 }
 
 void Scanner::enter(const char* state, int progress)
@@ -52,12 +63,12 @@ void Scanner::enter(const char* state, int progress)
     m_state = state;
     m_progress = progress;
     narrate(kName, "{} scan: {}, {} %", m_scan, state, progress);
-    m_simulation.exchange.publish(Participant::scanner, "va_status_changed", status());
+    m_exchange.publish(Participant::scanner, "va_status_changed", status());
 }
 
 void Scanner::wait_for_next_step()
 {
-    m_timer = m_simulation.loop.after(m_simulation.options.delay, [this] { step(); });
+    m_timer = m_loop.after(m_step, [this] { step(); });
 }
 
 void Scanner::step()
@@ -70,28 +81,6 @@ void Scanner::step()
     }
     enter("running", progress);
     wait_for_next_step();
-}
-
-std::optional<Reply> va_scan_status(Simulation& simulation, const Call& /*call*/)
-{
-    return success(simulation.scanner.status());
-}
-
-std::optional<Reply> va_network_scan_start(Simulation& simulation, const Call& /*call*/)
-{
-    return start(simulation, "network");
-}
-
-std::optional<Reply> va_self_scan_start(Simulation& simulation, const Call& /*call*/)
-{
-    return start(simulation, "self");
-}
-
-std::optional<Reply> va_scan_stop(Simulation& simulation, const Call& /*call*/)
-{
-    if (!simulation.scanner.stop())
-        return refusal("no scan is running");
-    return success(simulation.scanner.status());
 }
 
 } // namespace orvagentsim

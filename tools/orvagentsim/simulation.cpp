@@ -1,19 +1,19 @@
+// Start, then dispatch by the table of requests, and the home's changes by a timer. The stores are open
+// exactly as long as the loop runs; a start that fails leaves the exchange again by the destructors.
+
 #include "simulation.h"
 
-#include "agent.h"
-#include "command_line.h"
 #include "device_manager.h"
-#include "json.h"
+#include "exit_status.h"
 #include "narration.h"
-#include "requests.h"
 
 #include <orvdevmgmt/orvdevmgmt.h>
+#include <orvtools/json.h>
 #include <orvutils/keys.h>
-#include <orvutils/setmgmt.h>
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
+#include <utility>
 
 namespace orvagentsim {
 namespace {
@@ -28,10 +28,10 @@ public:
     Store& operator=(const Store&) = delete;
     ~Store()
     {
-        if (m_close != nullptr)
+        if (m_close)
             m_close();
     }
-    [[nodiscard]] bool is_open() const { return m_close != nullptr; }
+    [[nodiscard]] bool is_open() const { return m_close; }
 
 private:
     void (*m_close)();
@@ -39,7 +39,12 @@ private:
 
 } // namespace
 
-Simulation::Simulation(Options wanted) : options(std::move(wanted)), scanner(*this), home(options.seed) {}
+Simulation::Simulation(Options options)
+    : m_options(std::move(options)),
+      m_home(m_options.seed), m_participants{{m_loop, m_exchange, m_home, m_options.delay},
+                                             {m_loop, m_exchange, m_options.delay}}
+{
+}
 
 int Simulation::run()
 {
@@ -55,7 +60,7 @@ int Simulation::run()
     }
     if (!start())
         return kUnavailable;
-    if (!loop.run()) {
+    if (!m_loop.run()) {
         narrate(kProgram, "cannot wait for events: {}", std::strerror(errno));
         return kUnavailable;
     }
@@ -65,23 +70,23 @@ int Simulation::run()
 
 bool Simulation::start()
 {
-    if (!loop.open()) {
+    if (!m_loop.open()) {
         narrate(kProgram, "cannot set up the event loop: {}", std::strerror(errno));
         return false;
     }
     const auto receiver = [this](Participant to, OrvexKind kind, const Message& message) {
         receive(to, kind, message);
     };
-    if (!exchange.join(loop, receiver) || !furnish_home() || !watch_router_id())
+    if (!m_exchange.join(m_loop, receiver) || !furnish_home() || !watch_router_id())
         return false;
-    announce_start(*this);
+    m_participants.agent.announce_start();
     narrate(kProgram, "ready");
     return true;
 }
 
 bool Simulation::furnish_home()
 {
-    if (!home.furnish(options.devices)) {
+    if (!m_home.furnish(m_options.devices)) {
         narrate(kProgram, "cannot write the devices");
         return false;
     }
@@ -93,32 +98,33 @@ bool Simulation::furnish_home()
 bool Simulation::watch_router_id()
 {
     const auto follow = [this](const orv::path& /*key*/, void* /*user*/) {
-        if (!home.adopt())
+        if (!m_home.adopt())
             narrate(kProgram, "cannot write the devices");
         return true;
     };
-    m_router_id = std::make_unique<orv::setMgmt::MonitoredKey>(orv::kDeviceIdKey.c_str(), follow, false,
-                                                               nullptr, false);
+    m_router_id =
+        std::make_unique<orv::setMgmt::MonitoredKey>(orv::kDeviceIdKey.c_str(), follow,
+                                                     /*notify_now=*/false, /*user=*/nullptr, /*keep=*/false);
     if (m_router_id->get_fd() < 0) {
         narrate(kProgram, "cannot watch the router's identifier");
         return false;
     }
     // Asking for the descriptor is also what notices that the store was replaced.
-    loop.follow([this] { return m_router_id->get_fd(); }, [this] { m_router_id->read_notifications(); });
+    m_loop.follow([this] { return m_router_id->get_fd(); }, [this] { m_router_id->read_notifications(); });
     return true;
 }
 
 void Simulation::wait_for_churn()
 {
-    if (options.churn.count() > 0)
-        loop.after(options.churn, [this] { churn(); });
+    if (m_options.churn.count() > 0)
+        m_loop.after(m_options.churn, [this] { churn(); });
 }
 
 void Simulation::churn()
 {
-    narrate(name_of(Participant::device_manager), "{}", home.change());
-    if (const auto sighting = home.listen())
-        publish_sighting(*this, *sighting);
+    narrate(name_of(Participant::device_manager), "{}", m_home.change());
+    if (const auto sighting = m_home.listen())
+        publish_sighting(m_exchange, *sighting);
     wait_for_churn();
 }
 
@@ -139,27 +145,27 @@ void Simulation::receive(Participant to, OrvexKind kind, const Message& message)
 
 void Simulation::process(Participant to, const Message& message)
 {
-    const Request* const request = find_request(to, message.type);
-    const bool is_failing = request != nullptr && options.failing.count(message.type) != 0;
-    const JsonPtr data = parse_json({message.data, message.datalen});
+    const Request* request = find_request(to, message.type);
+    const orv::JsonPtr data = orvtools::parse_json({message.data, message.datalen});
     const Call call{message.request_id, data.get()};
-
-    std::optional<Reply> reply;
-    if (request == nullptr)
-        reply = refusal("unknown request");
-    else if (!is_failing)
-        reply = request->process(*this, call);
-    else if (request->fail != nullptr)
-        reply = request->fail(*this, call);
-    else
-        reply = refusal(std::string(message.type) + " fails as it was told to");
-
+    const std::optional<Reply> reply = reply_to(request, message, call);
     if (!reply)
         return;
     if (reply->is_refusal)
         narrate(name_of(to), "{}: refused: {}", message.type, reply->data);
     if (call.id != 0)
-        exchange.answer(to, call.id, *reply);
+        m_exchange.answer(to, call.id, *reply);
+}
+
+std::optional<Reply> Simulation::reply_to(const Request* request, const Message& message, const Call& call)
+{
+    if (!request)
+        return refusal("unknown request");
+    if (m_options.failing.count(message.type) == 0)
+        return request->process(m_participants, call);
+    if (request->fail)
+        return request->fail(m_participants, call);
+    return refusal(std::string(message.type) + " fails as it was told to");
 }
 
 } // namespace orvagentsim

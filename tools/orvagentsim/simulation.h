@@ -4,11 +4,10 @@
 #include "home.h"
 #include "loop.h"
 #include "options.h"
-#include "scanner.h"
+#include "requests.h"
 
 #include <orvutils/setmgmt.h>
 
-#include <cstdint>
 #include <memory>
 
 namespace orvagentsim {
@@ -24,13 +23,6 @@ public:
     /// Plays until a signal asks for the end; returns the program's exit status.
     [[nodiscard]] int run();
 
-    const Options options;
-    Loop loop;
-    Exchange exchange;
-    Scanner scanner;
-    Home home;
-    std::uint64_t telemetry_events = 0; ///< received since the start
-
 private:
     [[nodiscard]] bool start();
     [[nodiscard]] bool furnish_home();
@@ -39,7 +31,14 @@ private:
     void churn();
     void receive(Participant to, OrvexKind kind, const Message& message);
     void process(Participant to, const Message& message);
+    [[nodiscard]] std::optional<Reply> reply_to(const Request* request, const Message& message,
+                                                const Call& call);
 
+    const Options m_options;
+    Loop m_loop;
+    Exchange m_exchange;
+    Home m_home;
+    Participants m_participants;
     std::unique_ptr<orv::setMgmt::MonitoredKey> m_router_id;
 };
 

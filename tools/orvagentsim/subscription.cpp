@@ -1,3 +1,6 @@
+// The library that reads subscriptions never writes one, so the keys are written here one by one, under the
+// lock that its readers take.
+
 #include "subscription.h"
 
 #include <orvutils/setmgmt.h>

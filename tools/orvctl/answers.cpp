@@ -1,9 +1,10 @@
 // A list of objects has no columns of its own: they are the members' names, in the order in which they are
 // first met. What is nested in a cell is written without the JSON marks that a list on a screen can do
 // without.
+
 #include "answers.h"
 
-#include "json.h"
+#include <orvtools/json.h>
 
 #include <algorithm>
 
@@ -36,7 +37,7 @@ std::vector<std::string> column_names(const json_t* data)
 std::string plain(const json_t* value)
 {
     return json_is_string(value) ? std::string(json_string_value(value), json_string_length(value))
-                                 : to_text(value);
+                                 : orvtools::to_text(value);
 }
 
 /// The values of an object, without the empty ones.
@@ -57,7 +58,7 @@ std::string values_of(const json_t* object)
 std::string cell(const json_t* value)
 {
     if (!json_is_array(value))
-        return value == nullptr ? std::string() : plain(value);
+        return value ? plain(value) : std::string();
     std::string text;
     for (std::size_t i = 0; i < json_array_size(value); ++i) {
         const json_t* element = json_array_get(value, i);
@@ -97,8 +98,7 @@ void print_table(const json_t* data, Output& output)
 void print_answer(const orvbroker::Answer& answer, Output& output)
 {
     if (output.is_for_people() && answer.status() == 0) {
-        const auto text = answer.data();
-        const Json data(json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr));
+        const orv::JsonPtr data = orvtools::parse_json(answer.data());
         if (is_table(data.get())) {
             print_table(data.get(), output);
             return;

@@ -1,15 +1,17 @@
 // One command, or one subscription, on a connection of its own. Data is checked before it is sent: the daemon
 // only closes the connection on what it cannot parse, which says nothing about where the mistake is.
+
 #include "calling.h"
 
 #include "answers.h"
 #include "catalogue.h"
 #include "exit_status.h"
+#include "input.h"
 #include "texts.h"
 #include "waiting.h"
 
-#include <jansson.h>
 #include <orvbroker/client.h>
+#include <orvtools/json.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -38,15 +40,12 @@ Error connect(orvbroker::Client& client, orvbroker::Deadline deadline)
 bool check_json(const std::string& text)
 {
     json_error_t error{};
-    json_t* value = json_loadb(text.data(), text.size(), JSON_DECODE_ANY, &error);
-    if (value == nullptr) {
-        complain("DATA is not JSON: " + std::string(error.text) + " (line " + std::to_string(error.line) +
-                 ", column " + std::to_string(error.column) +
-                 "); a string needs quotes of its own, as in '\"text\"'");
-        return false;
-    }
-    json_decref(value);
-    return true;
+    if (orvtools::parse_json(text, JSON_DECODE_ANY, &error))
+        return true;
+    complain("DATA is not JSON: " + std::string(error.text) + " (line " + std::to_string(error.line) +
+             ", column " + std::to_string(error.column) +
+             "); a string needs quotes of its own, as in '\"text\"'");
+    return false;
 }
 
 /// The daemon answers a name that it does not know as if all were well.

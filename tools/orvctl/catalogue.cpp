@@ -1,5 +1,6 @@
 // A command that the daemon learns gets its row here, in the order of the daemon's own table. What the lists,
 // the completion and the tests know of commands and events, they know from here.
+
 #include "catalogue.h"
 
 namespace orvctl {

@@ -4,8 +4,8 @@
 #include <vector>
 
 /// What clients can ask the daemon for, as orvctl shows it: one row per command and event. The shapes are
-/// JSON written with type names, "none" where there is no data. A test compares the names with the daemon's
-/// table.
+/// JSON written with type names, "none" where there is no data, "optional" after what may be left out. A test
+/// holds names, data and events against the daemon and against docs/protocol.md.
 namespace orvctl {
 
 struct CommandInfo {

@@ -2,6 +2,7 @@
 // lives as long as the parser and names the work to run once everything has been parsed; work starts only
 // after the whole line has proved right. CLI11 throws for a wrong line and for --help, so this is the one
 // place with a try block: its own exit codes end here.
+
 #include "command_line.h"
 
 #include "calling.h"
@@ -14,8 +15,9 @@
 #include "status.h"
 #include "telemetry.h"
 
-#include <CLI/CLI.hpp>
 #include <orvbroker/client.h>
+
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -57,6 +59,21 @@ CLI::App* add(CLI::App& parent, const std::string& name, const std::string& summ
     return command;
 }
 
+/// What a sub-command does, once the whole line has proved right.
+void set_work(CommandLine& line, CLI::App& command, Work work)
+{
+    command.callback([&line, work = std::move(work)] { line.work = work; });
+}
+
+/// The same with arguments of the sub-command's own, which live as long as its work.
+template <typename Arguments, typename Run>
+void set_work(CommandLine& line, CLI::App& command, const std::shared_ptr<Arguments>& arguments, Run run)
+{
+    set_work(line, command, [arguments, run = std::move(run)](const Options& options, Output& output) {
+        return run(*arguments, options, output);
+    });
+}
+
 std::string check_seconds(const std::string& text)
 {
     constexpr double kLongest = 1e9;
@@ -71,6 +88,12 @@ std::string check_count(const std::string& text)
     unsigned long count = 0;
     const bool usable = digits && CLI::detail::lexical_cast(text, count) && count > 0;
     return usable ? "" : "'" + text + "' is not a whole number greater than 0";
+}
+
+/// Ends after so many what would go on for ever.
+void add_count(CLI::App& command, unsigned long& count, const std::string& what)
+{
+    command.add_option("--count", count, "End after N " + what)->check(check_count)->type_name("N");
 }
 
 const std::map<std::string, Color> kColors{
@@ -109,11 +132,7 @@ void add_call(CommandLine& line)
             "\nThe daemon ignores a name that it does not know: null data and status 0.\n");
     command->add_option("NAME", call->name, "The command, see orvctl commands")->required();
     command->add_option("DATA", call->data, "Its data as JSON, - to read it from standard input");
-    command->callback([&line, call] {
-        line.work = [call](const Options& options, Output& output) {
-            return run_call(*call, options, output);
-        };
-    });
+    set_work(line, *command, call, run_call);
 }
 
 void add_subscribe(CommandLine& line)
@@ -127,15 +146,9 @@ void add_subscribe(CommandLine& line)
             "\nGoes on until interrupted, unless --count or --timeout is given. With both, fewer "
             "events in that\ntime are exit status 1. In a pipe each event is one JSON line.\n");
     command->add_option("EVENT", subscribe->event, "The event, see orvctl events")->required();
-    command->add_option("--count", subscribe->count, "End after N events")
-        ->check(check_count)
-        ->type_name("N");
+    add_count(*command, subscribe->count, "events");
     command->add_flag("--timestamps", subscribe->timestamps, "Tell when each event arrived, in UTC");
-    command->callback([&line, subscribe] {
-        line.work = [subscribe](const Options& options, Output& output) {
-            return run_subscribe(*subscribe, options, output);
-        };
-    });
+    set_work(line, *command, subscribe, run_subscribe);
 }
 
 /// One row of the catalogue: its name and what it is, then the shapes of its data, each on a line of its own.
@@ -171,16 +184,14 @@ int print_events(Output& output)
 
 void add_catalogue(CommandLine& line)
 {
-    add(line.app, "commands", "List the commands that can be called",
-        "  orvctl commands\n"
-        "  orvctl commands --json\n")
-        ->callback(
-            [&line] { line.work = [](const Options&, Output& output) { return print_commands(output); }; });
-    add(line.app, "events", "List the events that can be subscribed to",
-        "  orvctl events\n"
-        "  orvctl events --json\n")
-        ->callback(
-            [&line] { line.work = [](const Options&, Output& output) { return print_events(output); }; });
+    CLI::App* commands = add(line.app, "commands", "List the commands that can be called",
+                             "  orvctl commands\n"
+                             "  orvctl commands --json\n");
+    set_work(line, *commands, [](const Options&, Output& output) { return print_commands(output); });
+    CLI::App* events = add(line.app, "events", "List the events that can be subscribed to",
+                           "  orvctl events\n"
+                           "  orvctl events --json\n");
+    set_work(line, *events, [](const Options&, Output& output) { return print_events(output); });
 }
 
 constexpr const char* kKeyOrRoot = "The key, such as /protection; the whole store unless given";
@@ -193,11 +204,7 @@ CLI::App* add_on_key(CommandLine& line, CLI::App& parent, const std::string& nam
     const auto key = std::make_shared<std::string>("/");
     CLI::App* command = add(parent, name, summary, examples);
     command->add_option("KEY", *key, "The key, such as /protection/enabled");
-    command->callback([&line, key, work = std::move(work)] {
-        line.work = [key, work](const Options& options, Output& output) {
-            return work(*key, options, output);
-        };
-    });
+    set_work(line, *command, key, std::move(work));
     return command;
 }
 
@@ -232,7 +239,7 @@ void add_settings_changes(CommandLine& line, CLI::App& settings)
                                      return run_settings_watch(key, *count, options, output);
                                  });
     watch->get_option("KEY")->required();
-    watch->add_option("--count", *count, "End after N changes")->check(check_count)->type_name("N");
+    add_count(*watch, *count, "changes");
 }
 
 void add_settings(CommandLine& line)
@@ -279,11 +286,7 @@ void add_sending(CommandLine& line, CLI::App& parent, const std::string& name, c
     CLI::App* command = add(parent, name, summary, examples);
     command->add_option("NAME", send->name, target)->required();
     command->add_option("DATA", send->data, "Its payload, {} unless given, - to read it from standard input");
-    command->callback([&line, send, work = std::move(work)] {
-        line.work = [send, work](const Options& options, Output& output) {
-            return work(*send, options, output);
-        };
-    });
+    set_work(line, *command, send, std::move(work));
 }
 
 void add_exchange_monitor(CommandLine& line, CLI::App& exchange)
@@ -298,12 +301,8 @@ void add_exchange_monitor(CommandLine& line, CLI::App& exchange)
         "time are exit status 1.\n");
     command->add_option("NAME", monitor->names,
                         "Only what has one of these names or goes to one of these participants");
-    command->add_option("--count", monitor->count, "End after N lines")->check(check_count)->type_name("N");
-    command->callback([&line, monitor] {
-        line.work = [monitor](const Options& options, Output& output) {
-            return run_exchange_monitor(*monitor, options, output);
-        };
-    });
+    add_count(*command, monitor->count, "lines");
+    set_work(line, *command, monitor, run_exchange_monitor);
 }
 
 void add_exchange(CommandLine& line)
@@ -344,9 +343,10 @@ void add_on_device(CommandLine& line, CLI::App& parent, const std::string& name,
     const auto value = std::make_shared<std::string>();
     CLI::App* command = add(parent, name, summary, examples);
     command->add_option(argument, *value, meaning)->required();
-    command->callback([&line, value, work = std::move(work)] {
-        line.work = [value, work](const Options&, Output& output) { return work(*value, output); };
-    });
+    set_work(line, *command, value,
+             [work = std::move(work)](const std::string& text, const Options&, Output& output) {
+                 return work(text, output);
+             });
 }
 
 void add_device(CommandLine& line)
@@ -355,11 +355,10 @@ void add_device(CommandLine& line)
                            "  orvctl device list\n"
                            "  orvctl device show d1\n");
     device->require_subcommand(1);
-    add(*device, "list", "Print all devices",
-        "  orvctl device list\n"
-        "  orvctl device list --json > devices.jsonl\n")
-        ->callback(
-            [&line] { line.work = [](const Options&, Output& output) { return run_device_list(output); }; });
+    CLI::App* list = add(*device, "list", "Print all devices",
+                         "  orvctl device list\n"
+                         "  orvctl device list --json > devices.jsonl\n");
+    set_work(line, *list, [](const Options&, Output& output) { return run_device_list(output); });
     add_on_device(line, *device, "show", "Print one device", "ID", "The device's id",
                   "  orvctl device show d1\n", run_device_show);
     add_on_device(
@@ -382,39 +381,47 @@ void add_telemetry(CommandLine& line)
                               "  orvctl telemetry list\n"
                               "  orvctl telemetry clear\n");
     telemetry->require_subcommand(1);
-    add(*telemetry, "list", "Print the events that the agent has not confirmed yet",
-        "  orvctl telemetry list\n")
-        ->callback([&line] {
-            line.work = [](const Options&, Output& output) { return run_telemetry_list(output); };
-        });
-    add(*telemetry, "clear", "Remove all events from the outbox", "  orvctl telemetry clear\n")
-        ->callback([&line] { line.work = [](const Options&, Output&) { return run_telemetry_clear(); }; });
+    CLI::App* list = add(*telemetry, "list", "Print the events that the agent has not confirmed yet",
+                         "  orvctl telemetry list\n");
+    set_work(line, *list, [](const Options&, Output& output) { return run_telemetry_list(output); });
+    CLI::App* clear =
+        add(*telemetry, "clear", "Remove all events from the outbox", "  orvctl telemetry clear\n");
+    set_work(line, *clear, [](const Options&, Output&) { return run_telemetry_clear(); });
 }
 
 void add_status(CommandLine& line)
 {
-    add(line.app, "status", "Show how the agent is: daemon, bus, registration, devices, telemetry",
-        "  orvctl status\n"
-        "  orvctl status --json | jq .daemon.state\n"
-        "\nExit status 3 when the daemon, the bus or a store is not there; all that is known is printed "
-        "then, too.\n")
-        ->callback([&line] { line.work = run_status; });
+    CLI::App* status =
+        add(line.app, "status", "Show how the agent is: daemon, bus, registration, devices, telemetry",
+            "  orvctl status\n"
+            "  orvctl status --json | jq .daemon.state\n"
+            "\nExit status 3 when the daemon, the bus or a store is not there; all that is known is printed "
+            "then, too.\n");
+    set_work(line, *status, run_status);
 }
 
 // ---- completion: what can be typed is read off the declarations, so that the scripts know all of it
 
-std::vector<Word> words_of_catalogue(const std::string& path)
+template <typename Rows>
+std::vector<Word> words_of(const Rows& rows)
 {
     std::vector<Word> words;
-    if (path == " call")
-        for (const auto& row : commands())
-            words.push_back({std::string(row.name), std::string(row.summary)});
-    else if (path == " subscribe")
-        for (const auto& row : events())
-            words.push_back({std::string(row.name), std::string(row.summary)});
-    else if (path == " completion")
-        words = {{"bash", "for bash"}, {"fish", "for fish"}, {"zsh", "for zsh"}};
+    words.reserve(rows.size());
+    for (const auto& row : rows)
+        words.push_back({std::string(row.name), std::string(row.summary)});
     return words;
+}
+
+/// What the first argument of a sub-command can be, where that is known.
+std::vector<Word> first_arguments(const std::string& path)
+{
+    if (path == " call")
+        return words_of(commands());
+    if (path == " subscribe")
+        return words_of(events());
+    if (path == " completion")
+        return {{"bash", "for bash"}, {"fish", "for fish"}, {"zsh", "for zsh"}};
+    return {};
 }
 
 OptionWord option_word(const CLI::Option& option, const std::string& name)
@@ -440,7 +447,7 @@ void add_options(const CLI::App& app, Level& level)
 void add_levels(const CLI::App& root, const CLI::App& app, const std::string& path,
                 std::vector<Level>& levels)
 {
-    Level level{path, {}, words_of_catalogue(path)};
+    Level level{path, {}, first_arguments(path)};
     add_options(app, level);
     if (&app != &root) {
         const auto own_help = level.options.size();
@@ -478,13 +485,11 @@ void add_completion(CommandLine& line)
                             "  orvctl completion zsh > ~/.zfunc/_orvctl\n"
                             "  orvctl completion fish > ~/.config/fish/completions/orvctl.fish\n");
     command->add_option("SHELL", *shell, "bash, zsh or fish")->required()->check(check_shell);
-    command->callback([&line, shell] {
-        line.work = [&line, shell](const Options&, Output& output) {
-            std::vector<Level> levels;
-            add_levels(line.app, line.app, "", levels);
-            output.text(kShells.at(*shell)(levels));
-            return kSuccess;
-        };
+    set_work(line, *command, [&line, shell](const Options&, Output& output) {
+        std::vector<Level> levels;
+        add_levels(line.app, line.app, "", levels);
+        output.text(kShells.at(*shell)(levels));
+        return kSuccess;
     });
 }
 

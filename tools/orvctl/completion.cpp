@@ -1,6 +1,7 @@
 // The three scripts do the same. From the words before the cursor they find the level, the sub-commands that
 // were given, and count the arguments after them, skipping options and their values. Then they offer that
 // level's options to a word that begins with a dash, and its words to the first argument.
+
 #include "completion.h"
 
 #include <algorithm>
@@ -26,22 +27,32 @@ std::string joined(const std::vector<std::string>& texts, const std::string& bet
     return out;
 }
 
-std::vector<std::string> texts_of(const std::vector<Word>& words)
+const Word& word_of(const Word& word)
+{
+    return word;
+}
+
+const Word& word_of(const OptionWord& option)
+{
+    return option.word;
+}
+
+/// One text for each word or option.
+template <typename Words, typename TextOf>
+std::vector<std::string> texts_of(const Words& words, const TextOf& text_of)
 {
     std::vector<std::string> texts;
     texts.reserve(words.size());
     for (const auto& word : words)
-        texts.push_back(word.text);
+        texts.push_back(text_of(word_of(word)));
     return texts;
 }
 
-std::vector<std::string> texts_of(const std::vector<OptionWord>& options)
+/// The words or options themselves, with `between` between them.
+template <typename Words>
+std::string listed(const Words& words, const std::string& between)
 {
-    std::vector<std::string> texts;
-    texts.reserve(options.size());
-    for (const auto& option : options)
-        texts.push_back(option.word.text);
-    return texts;
+    return joined(texts_of(words, [](const Word& word) { return word.text; }), between);
 }
 
 /// The options of all levels that take a value, each once.
@@ -232,14 +243,15 @@ end
 complete -c orvctl -f
 )";
 
-std::string zsh_offers(const std::vector<std::string>& offers)
-{
-    return offers.empty() ? std::string() : "offers=(" + joined(offers, " ") + ")";
-}
-
 std::string zsh_offer(const Word& word)
 {
     return quoted(word.text + ":" + word.summary);
+}
+
+template <typename Words>
+std::string zsh_offers(const Words& words)
+{
+    return words.empty() ? "" : "offers=(" + joined(texts_of(words, zsh_offer), " ") + ")";
 }
 
 std::string fish_quoted(const std::string& text)
@@ -264,14 +276,12 @@ std::string fish_option(const Level& level, const OptionWord& option)
 
 std::string bash_completion(const std::vector<Level>& levels)
 {
-    const auto options = [](const Level& level) {
-        return "words=" + quoted(joined(texts_of(level.options), " "));
-    };
+    const auto options = [](const Level& level) { return "words=" + quoted(listed(level.options, " ")); };
     const auto words = [](const Level& level) {
-        return level.words.empty() ? "" : "words=" + quoted(joined(texts_of(level.words), " "));
+        return level.words.empty() ? "" : "words=" + quoted(listed(level.words, " "));
     };
     return filled(
-        kBash, {{"VALUED", joined(texts_of(options_with_values(levels)), " | ")},
+        kBash, {{"VALUED", listed(options_with_values(levels), " | ")},
                 {"PATHS", joined(quoted_paths(levels), " | ")},
                 {"VALUES", value_branches(levels, "mapfile -t COMPREPLY < <(compgen -W '", "' -- \"$cur\")")},
                 {"OPTIONS", branches(levels, options)},
@@ -280,18 +290,9 @@ std::string bash_completion(const std::vector<Level>& levels)
 
 std::string zsh_completion(const std::vector<Level>& levels)
 {
-    const auto options = [](const Level& level) {
-        std::vector<std::string> offers;
-        for (const auto& option : level.options)
-            offers.push_back(zsh_offer(option.word));
-        return zsh_offers(offers);
-    };
-    const auto words = [](const Level& level) {
-        std::vector<std::string> offers;
-        std::transform(level.words.begin(), level.words.end(), std::back_inserter(offers), zsh_offer);
-        return zsh_offers(offers);
-    };
-    return filled(kZsh, {{"VALUED", joined(texts_of(options_with_values(levels)), "|")},
+    const auto options = [](const Level& level) { return zsh_offers(level.options); };
+    const auto words = [](const Level& level) { return zsh_offers(level.words); };
+    return filled(kZsh, {{"VALUED", listed(options_with_values(levels), "|")},
                          {"PATHS", joined(quoted_paths(levels), "|")},
                          {"VALUES", value_branches(levels, "compadd ", "")},
                          {"OPTIONS", branches(levels, options)},
@@ -300,7 +301,7 @@ std::string zsh_completion(const std::vector<Level>& levels)
 
 std::string fish_completion(const std::vector<Level>& levels)
 {
-    std::string out = filled(kFish, {{"VALUED", joined(texts_of(options_with_values(levels)), " ")},
+    std::string out = filled(kFish, {{"VALUED", listed(options_with_values(levels), " ")},
                                      {"PATHS", joined(quoted_paths(levels), " ")}});
     for (const auto& level : levels) {
         for (const auto& word : level.words) {

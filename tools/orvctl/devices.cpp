@@ -1,17 +1,19 @@
 // On the device store's writer interface, as the device-management daemon uses it: whoever watches the store
 // is told of each change.
+
 #include "devices.h"
 
 #include "exit_status.h"
-#include "json.h"
+#include "input.h"
 #include "stores.h"
 #include "texts.h"
 
-#include <device_writer.h>
-#include <orvbroker/client.h>
+#include <orvtools/json.h>
 #include <orvutils/error.h>
 #include <orvutils/keys.h>
 #include <orvutils/setmgmt.h>
+
+#include <device_writer.h>
 
 #include <algorithm>
 #include <map>
@@ -44,8 +46,8 @@ int report_absence(const std::string& id)
 
 int print(const Device& device, Output& output)
 {
-    const Json json(orv::devMgmt::device_to_json(device));
-    const std::string text = to_text(json.get());
+    const orv::JsonPtr json(orv::devMgmt::device_to_json(device));
+    const std::string text = orvtools::to_text(json.get());
     if (text.empty()) {
         complain("cannot make JSON of the device: " + device.did);
         return kFailed;
@@ -82,11 +84,11 @@ void print_table(const std::vector<Device>& devices, Output& output)
 }
 
 /// Takes the next JSON value off a text; complains when there is none.
-Json take_value(std::string_view& text)
+orv::JsonPtr take_value(std::string_view& text)
 {
     json_error_t error{};
-    Json value(json_loadb(text.data(), text.size(), JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY, &error));
-    if (value == nullptr) {
+    auto value = orvtools::parse_json(text, JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY, &error);
+    if (!value) {
         complain("DATA is not JSON: " + std::string(error.text));
         return value;
     }
@@ -100,8 +102,8 @@ int read_devices(std::string_view text, std::vector<Device>& devices)
 {
     const std::string owner = orv::setMgmt::getKeyValue(orv::kDeviceIdKey, "");
     do {
-        const Json json = take_value(text);
-        if (json == nullptr)
+        const orv::JsonPtr json = take_value(text);
+        if (!json)
             return kUsage;
         std::string problem;
         devices.emplace_back();

@@ -1,14 +1,17 @@
 // Joins the exchange without a name of its own, so that no daemon's name is taken away from it, and leaves
 // when its work is done. The library's one descriptor is waited for; everything happens inside
 // orvex_read_fd().
+
 #include "exchange.h"
 
 #include "exit_status.h"
+#include "input.h"
 #include "texts.h"
 #include "waiting.h"
 
-#include <exchange_publisher.h>
 #include <orvbroker/client.h>
+
+#include <exchange_publisher.h>
 #include <wire.h>
 
 #include <unistd.h>
@@ -68,7 +71,7 @@ bool is_event(const std::string& name)
 
 Handle join(OrvexHandler handler = [](OrvexKind, const Message&) {})
 {
-    return {orvex_join(nullptr, std::move(handler), false), &orvex_uninit};
+    return {orvex_join(nullptr, std::move(handler), /*auto_reconnect=*/false), &orvex_uninit};
 }
 
 /// Whether the bus has been found gone: nothing else fails when asked to do what there is to be done.
@@ -121,7 +124,7 @@ void keep_answer(void* arg, const Message* response)
 int request(const SendOptions& send, const Options& options, std::optional<Answer>& answer)
 {
     const Handle orvex = join();
-    if (orvex == nullptr)
+    if (!orvex)
         return no_bus();
     if (orvex_send_request(orvex.get(), send.name.c_str(), send.data.data(), send.data.size(), keep_answer,
                            &answer) != 0)
@@ -186,7 +189,7 @@ int send_one_way(SendOptions send, const Options& options,
     bool event_came = false;
     const Handle orvex =
         join([&event_came](OrvexKind kind, const Message&) { event_came |= kind == OrvexKind::event; });
-    if (orvex == nullptr)
+    if (!orvex)
         return no_bus();
     if (work(orvex.get(), send) != 0)
         return cannot_send(orvex.get());
@@ -300,8 +303,8 @@ int run_exchange_monitor(const MonitorOptions& monitor, const Options& options, 
         else
             output.json(to_json(traffic));
     };
-    const Handle orvex(orvex_monitor(print, false), &orvex_uninit);
-    if (orvex == nullptr)
+    const Handle orvex(orvex_monitor(print, /*auto_reconnect=*/false), &orvex_uninit);
+    if (!orvex)
         return no_bus();
     const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kForever));
     switch (serve_until(orvex.get(), deadline, is_enough)) {

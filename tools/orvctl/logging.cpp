@@ -1,7 +1,11 @@
+// Through the library's own threshold and not its channels: it is what the library looks at first, before it
+// makes a line.
+
 #include "logging.h"
 
-#include <log_state.h>
 #include <orvutils/log.h>
+
+#include <log_state.h>
 
 #include <cstdlib>
 

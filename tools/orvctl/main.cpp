@@ -1,3 +1,6 @@
+// Standard streams that were closed are opened first: else a store or a socket would get their numbers, and
+// the answer would be written into it.
+
 #include "command_line.h"
 #include "exit_status.h"
 #include "logging.h"

@@ -1,12 +1,12 @@
 // Everything goes out by write(2) at once: whoever reads the other end of a pipe has each line when it
 // happens.
+
 #include "output.h"
 
 #include "exit_status.h"
 #include "texts.h"
 
-#include <jansson.h>
-#include <orvbroker/client.h>
+#include <orvtools/json.h>
 
 #include <poll.h>
 #include <unistd.h>
@@ -15,7 +15,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 namespace orvctl {
 namespace {
@@ -39,21 +38,20 @@ bool are_colors_wanted(Color color, bool terminal)
     }
     const char* type = std::getenv("TERM");
     const char* refusal = std::getenv("NO_COLOR");
-    const bool refused = refusal != nullptr && *refusal != '\0';
-    return terminal && !refused && type != nullptr && std::strcmp(type, "dumb") != 0;
+    const bool refused = refusal && *refusal != '\0';
+    return terminal && !refused && type && std::strcmp(type, "dumb") != 0;
 }
 
-/// The text indented, what is not JSON as a JSON string. It may be anyone's: nothing in it steers the terminal.
+/// The text indented, what is not JSON as a JSON string. It may be anyone's: nothing in it steers the
+/// terminal.
 std::string indented(std::string_view text)
 {
     constexpr std::size_t kIndent = 2;
-    const std::unique_ptr<json_t, decltype(&json_decref)> value(
-        json_loadb(text.data(), text.size(), JSON_DECODE_ANY | JSON_ALLOW_NUL, nullptr), &json_decref);
-    if (value == nullptr)
+    const orv::JsonPtr value = orvtools::parse_json(text, JSON_DECODE_ANY | JSON_ALLOW_NUL);
+    if (!value)
         return printable(as_json(text));
-    const std::unique_ptr<char, decltype(&std::free)> dumped(
-        json_dumps(value.get(), JSON_INDENT(kIndent) | JSON_ENCODE_ANY), &std::free);
-    return printable(dumped == nullptr ? text : dumped.get(), "\n");
+    const std::string dumped = orvtools::to_text(value.get(), JSON_INDENT(kIndent));
+    return printable(dumped.empty() ? text : dumped, "\n");
 }
 
 /// The size of the string that `text` begins with, both quotes included.
@@ -110,8 +108,8 @@ std::string aligned(const std::vector<std::string>& cells, const std::vector<std
     return line;
 }
 
-/// Writes all of a text, waiting for room in a descriptor that does not block: whoever shares it may have made
-/// it so. False with errno set on failure.
+/// Writes all of a text, waiting for room in a descriptor that does not block: whoever shares it may have
+/// made it so. False with errno set on failure.
 bool write_all(int fd, std::string_view text)
 {
     while (!text.empty()) {

@@ -1,4 +1,5 @@
 // Straight on the settings store's own library: what is written here is noticed by whoever watches the key.
+
 #include "settings.h"
 
 #include "exit_status.h"
@@ -64,7 +65,8 @@ std::string last_piece(const std::string& key)
     return key.substr(key.rfind('/') + 1);
 }
 
-/// One key and, indented by its depth, everything below it. The exit status, after a complaint when it is not 0.
+/// One key and, indented by its depth, everything below it. The exit status, after a complaint when it is not
+/// 0.
 int print_tree(const orv::path& key, std::size_t depth, Output& output)
 {
     constexpr std::size_t kIndent = 2;
@@ -237,7 +239,7 @@ int run_settings_watch(const std::string& key, unsigned long count, const Option
         seen += print_change(key, output) ? 1 : 0;
         return count == 0 || seen < count;
     };
-    store::MonitoredKey watch(key.c_str(), on_change, false, nullptr, true);
+    store::MonitoredKey watch(key.c_str(), on_change, /*notify_now=*/false, /*user=*/nullptr, /*keep=*/true);
     if (watch.get_fd() < 0) {
         complain("cannot watch the key: " + key);
         return kUnavailable;

@@ -1,17 +1,19 @@
 // All that is found out goes into one JSON object, which is printed as it is or as a screen. It begins with
 // what can be seen without the daemon; then the daemon's own answers take the places of what they tell. So
 // the screen is complete, but for null where nothing is known, whatever is down.
+
 #include "status.h"
 
 #include "exit_status.h"
-#include "json.h"
 #include "stores.h"
 #include "texts.h"
 
-#include <karma_outbox.h>
 #include <orvbroker/client.h>
 #include <orvdiagnosis/orvdiagnosis.h>
+#include <orvtools/json.h>
 #include <orvutils/version.h>
+
+#include <karma_outbox.h>
 
 #include <algorithm>
 #include <cstring>
@@ -46,7 +48,7 @@ const char* text_of(Error error)
 
 /// One command on a connection of its own, which the daemon closes after a failure. Null data for a failed
 /// one.
-Error ask(const char* command, const Options& options, Json& data)
+Error ask(const char* command, const Options& options, orv::JsonPtr& data)
 {
     const auto timeout = options.timeout.value_or(kAnswerTimeout);
     orvbroker::Client client;
@@ -54,10 +56,8 @@ Error ask(const char* command, const Options& options, Json& data)
     Error error = client.connect(timeout);
     if (error == Error::none)
         error = client.call(command, "", answer, timeout);
-    if (error == Error::none && answer.status() == 0) {
-        const auto text = answer.data();
-        data.reset(json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr));
-    }
+    if (error == Error::none && answer.status() == 0)
+        data = orvtools::parse_json(answer.data());
     return error;
 }
 
@@ -74,7 +74,7 @@ json_t* telemetry_waiting()
 }
 
 /// What can be seen without the daemon.
-Json look()
+orv::JsonPtr look()
 {
     const OpenedStore settings(Store::settings); // what a closed one holds is null in what follows
     if (!settings.is_open())
@@ -92,7 +92,7 @@ Json look()
                                               {"va", "scheduled"},
                                               {"devices", "count"},
                                               {"devices", "blocked"}}));
-    Json seen(manager.collect());
+    orv::JsonPtr seen(manager.collect());
     json_object_set_new(json_object_get(seen.get(), "agent"), "patch_level",
                         json_string(orv::get_patch_version().c_str()));
     json_object_set_new(seen.get(), "telemetry", json_pack("{s:o}", "waiting", telemetry_waiting()));
@@ -109,9 +109,9 @@ void take_over(json_t* seen, json_t* members)
 /// Lets the daemon's answers take the places of what was seen; tells how it is.
 Error ask_daemon(const Options& options, json_t* seen)
 {
-    Json report;
-    Json services;
-    Json version;
+    orv::JsonPtr report;
+    orv::JsonPtr services;
+    orv::JsonPtr version;
     Error error = ask("get_status_report", options, report);
     if (error == Error::none)
         error = ask("get_services_status", options, services);
@@ -122,12 +122,12 @@ Error ask_daemon(const Options& options, json_t* seen)
     take_over(json_object_get(seen, "va"), json_object_get(report.get(), "va"));
     take_over(agent, version.get());
     const json_t* status = json_object_get(services.get(), "status");
-    if (status != nullptr)
+    if (status)
         (void)json_object_set_new(agent, "enabled", json_boolean(json_integer_value(status) == 1));
     return error;
 }
 
-const json_t* at(const Json& status, const char* group, const char* name)
+const json_t* at(const orv::JsonPtr& status, const char* group, const char* name)
 {
     return json_object_get(json_object_get(status.get(), group), name);
 }
@@ -137,7 +137,7 @@ std::string shown(const json_t* value)
 {
     if (json_is_string(value))
         return std::string(json_string_value(value), json_string_length(value));
-    return value == nullptr || json_is_null(value) ? "unknown" : to_text(value);
+    return !value || json_is_null(value) ? "unknown" : orvtools::to_text(value);
 }
 
 std::string either(const json_t* value, const char* yes, const char* no)
@@ -145,13 +145,13 @@ std::string either(const json_t* value, const char* yes, const char* no)
     return json_is_boolean(value) ? (json_is_true(value) ? yes : no) : "unknown";
 }
 
-std::string version_of(const Json& status)
+std::string version_of(const orv::JsonPtr& status)
 {
     const std::string patch = shown(at(status, "agent", "patch_level"));
     return shown(at(status, "agent", "version")) + (patch.empty() ? "" : ", patch " + patch);
 }
 
-void print_screen(const Json& status, Output& output)
+void print_screen(const orv::JsonPtr& status, Output& output)
 {
     const auto row = [&](const char* title, const std::string& text) {
         constexpr std::size_t kColumn = 14;
@@ -171,7 +171,7 @@ void print_screen(const Json& status, Output& output)
     row("Telemetry", shown(at(status, "telemetry", "waiting")) + " waiting");
 }
 
-bool is_all_up(const Json& status, Error daemon)
+bool is_all_up(const orv::JsonPtr& status, Error daemon)
 {
     return daemon == Error::none && json_is_true(at(status, "exchange", "reachable")) &&
            json_is_integer(at(status, "devices", "count")) &&
@@ -182,15 +182,15 @@ bool is_all_up(const Json& status, Error daemon)
 
 int run_status(const Options& options, Output& output)
 {
-    Json seen = look();
-    if (seen == nullptr) {
+    orv::JsonPtr seen = look();
+    if (!seen) {
         complain("out of memory");
         return kUnavailable;
     }
     const Error daemon = ask_daemon(options, seen.get());
-    const Json status(json_pack("{s:{s:s}}", "daemon", "state", text_of(daemon)));
+    const orv::JsonPtr status(json_pack("{s:{s:s}}", "daemon", "state", text_of(daemon)));
     take_over(status.get(), seen.get());
-    const std::string text = to_text(status.get());
+    const std::string text = orvtools::to_text(status.get());
     if (text.empty()) {
         complain("cannot make JSON of the status");
         return kFailed;

@@ -1,3 +1,6 @@
+// Straight on the outbox's own library. The events are shown as they are kept: whoever looks wants to know
+// what will be sent.
+
 #include "telemetry.h"
 
 #include "exit_status.h"

@@ -1,47 +1,22 @@
+// What a text of somebody else's may do to a line of JSON or to a terminal is decided here, byte by byte; the
+// text itself is never understood.
+
 #include "texts.h"
 
-#include "output.h"
-
-#include <jansson.h>
 #include <orvbroker/client.h>
-
-#include <unistd.h>
+#include <orvtools/json.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
 #include <ctime>
 
 namespace orvctl {
-
-bool read_standard_input(std::string& text, std::size_t limit, std::string_view what)
-{
-    if (::isatty(STDIN_FILENO) == 1)
-        complain("reading " + std::string(what) + " from standard input, end it with Ctrl-D");
-    std::array<char, 16384> chunk{};
-    while (text.size() <= limit) {
-        const ssize_t got = ::read(STDIN_FILENO, chunk.data(), chunk.size());
-        if (got == 0)
-            return true;
-        if (got == -1 && errno != EINTR) {
-            complain(std::string("cannot read standard input: ") + std::strerror(errno));
-            return false;
-        }
-        text.append(chunk.data(), static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-    }
-    constexpr std::size_t kMebibyte = 1048576;
-    complain("standard input is longer than can be sent (" + std::to_string(limit / kMebibyte) + " MiB)");
-    return false;
-}
 
 bool is_json(std::string_view text)
 {
     // The flags keep the parser from refusing most of what JSON allows and C cannot hold.
     constexpr std::size_t kFlags = JSON_DECODE_ANY | JSON_ALLOW_NUL | JSON_DECODE_INT_AS_REAL;
-    json_t* value = json_loadb(text.data(), text.size(), kFlags, nullptr);
-    json_decref(value);
-    return value != nullptr;
+    return orvtools::parse_json(text, kFlags) != nullptr;
 }
 
 std::string as_json(std::string_view payload)
@@ -81,7 +56,7 @@ std::string time_stamp()
     (void)::clock_gettime(CLOCK_REALTIME, &now); // cannot fail for this clock
     std::tm parts{};
     std::array<char, 32> seconds{};
-    if (::gmtime_r(&now.tv_sec, &parts) == nullptr ||
+    if (!::gmtime_r(&now.tv_sec, &parts) ||
         std::strftime(seconds.data(), seconds.size(), "%Y-%m-%dT%H:%M:%S", &parts) == 0)
         return "-";
     const std::string milliseconds = std::to_string(1000 + now.tv_nsec / 1000000);

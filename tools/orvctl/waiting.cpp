@@ -1,3 +1,6 @@
+// poll() alone sees both ends at once: what orvctl waits for, and that whoever reads its output has gone,
+// which no write would tell before the next event.
+
 #include "waiting.h"
 
 #include "output.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "client/deadline.h"
+#include <orvbroker/deadline.h>
 
 namespace orvctl {
 

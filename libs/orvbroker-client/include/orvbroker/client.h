@@ -1,5 +1,7 @@
 #pragma once
 
+#include <orvbroker/deadline.h>
+
 #include <chrono>
 #include <cstddef>
 #include <string>
@@ -10,14 +12,12 @@
 ///     orvbroker::Client client;
 ///     orvbroker::Answer answer;
 ///     auto error = client.connect();
-///     if (error == orvbroker::Error::none) {
+///     if (error == orvbroker::Error::none)
 ///         error = client.call("get_services_status", "", answer);
-///     }
-///     if (error != orvbroker::Error::none) {
+///     if (error != orvbroker::Error::none)
 ///         std::cerr << orvbroker::message(error) << '\n';
-///     } else if (answer.status() == 0) {
+///     else if (answer.status() == 0)
 ///         std::cout << answer.data() << '\n'; // {"status": 1}
-///     }
 ///
 /// A connection either makes calls or is subscribed to one event. The daemon itself closes a connection after
 /// an answer whose status is not 0 and after every answer that came from another daemon of the agent: to go
@@ -108,8 +108,6 @@ public:
     void close();
 
 private:
-    using Deadline = std::chrono::steady_clock::time_point;
-
     [[nodiscard]] Error exchange(const std::string& request, Answer& answer, Deadline deadline);
     [[nodiscard]] Error send(std::string_view bytes, Deadline deadline);
     [[nodiscard]] Error receive_frame(std::string& text, Deadline deadline);

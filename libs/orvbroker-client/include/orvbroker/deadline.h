@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <chrono>
 
+/// Time-outs as points in time, for a loop that waits several times within one limit: the client's own, and
+/// that of whoever watches its descriptor.
 namespace orvbroker {
 
 /// A point in time by which something must have happened; time_point::max() for never.

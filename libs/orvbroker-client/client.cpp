@@ -3,9 +3,8 @@
 // (a full backlog of a Unix socket cannot be waited for with poll); everything after uses MSG_DONTWAIT and
 // poll against one deadline. A frame is read by exactly its own bytes, so that whoever watches the descriptor
 // never misses an event that already sits in a buffer here.
-#include <orvbroker/client.h>
 
-#include "deadline.h"
+#include <orvbroker/client.h>
 
 #include <poll.h>
 #include <sys/socket.h>

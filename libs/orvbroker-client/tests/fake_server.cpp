@@ -1,3 +1,6 @@
+// A server is a child process, so that it may block in whatever its script does and be ended at any point of
+// it.
+
 #include "fake_server.h"
 
 #include <sys/socket.h>

@@ -1,4 +1,5 @@
 // The client library against servers that behave and servers that do not.
+
 #include "fake_server.h"
 
 #include <orvbroker/client.h>

@@ -1,6 +1,7 @@
 // The few texts that a client has to write and read itself: strings of a request, and the envelope around an
 // answer. The daemon writes the envelope with "data" first and "status" last, so both ends of it are fixed
 // and what lies between them is the data, whatever it holds.
+
 #include <orvbroker/client.h>
 
 #include <array>
