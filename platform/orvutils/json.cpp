@@ -103,16 +103,16 @@ private:
         return true;
     }
 
-    Piece* m_pieces = nullptr;                 ///< newest first
-    char* m_end = m_first + sizeof m_first;    ///< of the newest piece
-    std::size_t m_left = sizeof m_first;       ///< bytes free before that
-    std::size_t m_blocks = 0;                  ///< in use
+    Piece* m_pieces = nullptr;              ///< newest first
+    char* m_end = m_first + sizeof m_first; ///< of the newest piece
+    std::size_t m_left = sizeof m_first;    ///< bytes free before that
+    std::size_t m_blocks = 0;               ///< in use
     alignas(kAlignment) char m_first[kFirstPiece];
 };
 
 static_assert(std::is_trivially_destructible_v<Arena>);
-Arena g_first;              ///< used again and again; in the list below while it is in use
-Arena* g_arenas = nullptr;  ///< all that have blocks in use
+Arena g_first;             ///< used again and again; in the list below while it is in use
+Arena* g_arenas = nullptr; ///< all that have blocks in use
 bool g_first_in_use = false;
 Arena* g_parsing = nullptr; ///< where the parser's memory comes from now
 
@@ -238,7 +238,8 @@ bool append(std::string_view piece, void* user)
     const std::size_t wanted = text.size + piece.size() + 1;
     if (wanted > text.capacity) {
         const std::size_t capacity = std::max(2 * text.capacity, std::max(wanted, kSmallestText));
-        auto* data = static_cast<char*>(std::realloc(text.data, capacity)); // NOLINT(cppcoreguidelines-no-malloc)
+        auto* data =
+            static_cast<char*>(std::realloc(text.data, capacity)); // NOLINT(cppcoreguidelines-no-malloc)
         if (!data)
             return false;
         text.data = data;

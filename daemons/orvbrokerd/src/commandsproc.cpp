@@ -96,6 +96,19 @@ Result send_request(const char* name, const char* payload, ResponseCallback call
     return sent == 1 ? kPending : kFailed;
 }
 
+/// Does something at the end of its scope, whichever way that is left.
+template <typename Action>
+class AtEnd {
+public:
+    explicit AtEnd(Action action) : m_action(std::move(action)) {}
+    AtEnd(const AtEnd&) = delete;
+    AtEnd& operator=(const AtEnd&) = delete;
+    ~AtEnd() { m_action(); }
+
+private:
+    Action m_action;
+};
+
 /// Leaves a key's value as a JSON string.
 Result get_key_as_string(const path& key, json_t*& out)
 {
@@ -398,9 +411,11 @@ void queue_leases_request(const char* text, log::Caller caller = log::caller())
         ORV_LOG_AS(caller, log::kError, "Failed to lock key '{:s}': ", kLeasesRequestsKey);
         return;
     }
+    const AtEnd unlock([&] {
+        if (setMgmt::unlockKey(kLeasesRequestsKey) < 0)
+            ORV_LOG_AS(caller, log::kError, "Failed to unlock key '{:s}': ", kLeasesRequestsKey);
+    });
     store_leases_request(text, caller);
-    if (setMgmt::unlockKey(kLeasesRequestsKey) < 0)
-        ORV_LOG_AS(caller, log::kError, "Failed to unlock key '{:s}': ", kLeasesRequestsKey);
 }
 
 } // namespace
@@ -778,9 +793,13 @@ Result process_set_router_interfaces(json_t* data)
         return kFailed;
     }
 
+    const log::Caller caller = log::caller();
+    const AtEnd unlock([&] {
+        if (setMgmt::unlockKey(kNetworkInterfacesKey) < 0)
+            ORV_LOG_AS(caller, log::kWarning, "Failed to unlock {}, orverrno: {}", kNetworkInterfacesKey,
+                       _get_orverrno());
+    });
     replace_interfaces(data, size);
-    if (setMgmt::unlockKey(kNetworkInterfacesKey) < 0)
-        ORV_LOG(log::kWarning, "Failed to unlock {}, orverrno: {}", kNetworkInterfacesKey, _get_orverrno());
     return kDone;
 }
 
@@ -1065,18 +1084,19 @@ namespace {
 
 constexpr char kReleaseVersionDefault[] = "2.0.0.0";
 
-void lock_subscription(log::Caller caller = log::caller())
+/// Goes on without the lock when it cannot be had.
+template <typename Action>
+void with_subscription_locked(const Action& action, log::Caller caller = log::caller())
 {
     if (setMgmt::lockKey(kSubscriptionPath) < 0)
         ORV_LOG_AS(caller, log::kWarning, "Failed to lock {} orverrno: {}", kSubscriptionPath,
                    _get_orverrno());
-}
-
-void unlock_subscription(log::Caller caller = log::caller())
-{
-    if (setMgmt::unlockKey(kSubscriptionPath) < 0)
-        ORV_LOG_AS(caller, log::kWarning, "Failed to unlock {} orverrno: {}", kSubscriptionPath,
-                   _get_orverrno());
+    const AtEnd unlock([&] {
+        if (setMgmt::unlockKey(kSubscriptionPath) < 0)
+            ORV_LOG_AS(caller, log::kWarning, "Failed to unlock {} orverrno: {}", kSubscriptionPath,
+                       _get_orverrno());
+    });
+    action();
 }
 
 bool read_status(std::string& status)
@@ -1155,10 +1175,12 @@ Result process_get_subscription_status(json_t*& out)
 {
     std::string status;
     std::string expiry;
-    lock_subscription();
-    const bool has_status = read_status(status);
-    const bool has_expiry = read_expiry(expiry);
-    unlock_subscription();
+    bool has_status = false;
+    bool has_expiry = false;
+    with_subscription_locked([&] {
+        has_status = read_status(status);
+        has_expiry = read_expiry(expiry);
+    });
     return has_status && has_expiry ? respond(out, subscription_to_json(status, expiry)) : kFailed;
 }
 
@@ -1170,9 +1192,8 @@ Result process_update_subscription_status(Connection* conn, int epfd)
 Result update_subscription_cb(const Message* /*answer*/, json_t*& out, void* /*arg*/)
 {
     // What the update did is in the settings store; the answer only says that it is over.
-    lock_subscription();
-    JsonPtr object = subscription_update_to_json();
-    unlock_subscription();
+    JsonPtr object;
+    with_subscription_locked([&] { object = subscription_update_to_json(); });
     return respond(out, std::move(object));
 }
 

@@ -12,6 +12,7 @@
 #include "commandsproc.h"
 #include "orvex.h"
 #include "state.h"
+#include "within_memory.h"
 
 #include <orvutils/io.h>
 #include <orvutils/keys.h>
@@ -75,11 +76,12 @@ bool write_output(Connection* conn, int epfd)
 int process_client_events(Connection* conn, unsigned events, const int& epfd)
 {
     ORV_LOG(log::kTrace, "received event on client socket {:d}", conn->fd);
-    if ((events & EPOLLIN) != 0 && !read_input(conn, epfd))
-        return teardown(conn);
-    if ((events & EPOLLOUT) != 0 && !write_output(conn, epfd))
-        return teardown(conn);
-    return 0;
+    bool stays = true;
+    const bool had_memory = within_memory([&] {
+        stays = ((events & EPOLLIN) == 0 || read_input(conn, epfd)) &&
+                ((events & EPOLLOUT) == 0 || write_output(conn, epfd));
+    });
+    return stays && had_memory ? 0 : teardown(conn);
 }
 
 // ---- the commands that the dispatcher carries out by itself
@@ -456,9 +458,8 @@ void forget_bindings(const Connection* conn)
 
 void forget_connection(const Connection* conn)
 {
+    // Whatever its mode: a subscription may have failed half-way.
     orvex_forget_waiting(conn);
-    if (conn->mode != kSubscriberMode)
-        return;
     forget_subscription(conn);
     forget_bindings(conn);
 }

@@ -14,6 +14,7 @@
 #include "orvexproc.h"
 #include "sock.h"
 #include "subevhandlers.h"
+#include "within_memory.h"
 
 #include <orvkarma/orvkarma.h>
 #include <orvutils/daemon.h>
@@ -34,6 +35,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <new>
+#include <optional>
 #include <sstream>
 #include <vector>
 
@@ -251,7 +253,8 @@ bool init()
 {
     ORV_LOG(log::kInfo, "start orv broker daemon");
     for (std::size_t i = 0; i < kSteps.size(); ++i) {
-        if (kSteps[i].start())
+        bool is_done = false;
+        if (within_memory([&] { is_done = kSteps[i].start(); }) && is_done)
             continue;
         say(kSteps[i]);
         while (i-- > 0)
@@ -460,7 +463,7 @@ bool run_pass(setMgmt::MonitoredKey& key, log::Caller caller = log::caller())
         return true;
 
     for (int i = 0; i < count; ++i)
-        dispatch(events[static_cast<std::size_t>(i)], pass);
+        (void)within_memory([&] { dispatch(events[static_cast<std::size_t>(i)], pass); }, caller);
     if (pass.settings_fd >= 0) // it may be gone by now: the next pass fetches what there is
         (void)epoll_ctl(epollfd, EPOLL_CTL_DEL, pass.settings_fd, /*event=*/nullptr);
     return !pass.stop;
@@ -494,16 +497,17 @@ void shut_down(log::Caller caller = log::caller())
 
 int run()
 {
-    report_deployed_once();
-    setMgmt::MonitoredKey subscription_refresh(
-        kSubscriptionRefreshPath.c_str(),
-        [](const path&, void*) {
-            (void)on_subscription_changed_cb(epollfd); // it has said why, if it failed
-            return true;
-        },
-        /*notify_now=*/false, /*user=*/nullptr, /*keep=*/true);
-
-    while (run_pass(subscription_refresh)) {
+    std::optional<setMgmt::MonitoredKey> subscription_refresh; // ends last of all
+    const auto tell = [](const path&, void*) {
+        (void)on_subscription_changed_cb(epollfd); // it has said why, if it failed
+        return true;
+    };
+    const bool is_ready = within_memory([&] {
+        report_deployed_once();
+        subscription_refresh.emplace(kSubscriptionRefreshPath.c_str(), tell, /*notify_now=*/false,
+                                     /*user=*/nullptr, /*keep=*/true);
+    });
+    while (is_ready && run_pass(*subscription_refresh)) {
     }
     shut_down();
     return 0;

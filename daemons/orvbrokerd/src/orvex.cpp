@@ -10,6 +10,7 @@
 #include "orvex.h"
 
 #include "state.h"
+#include "within_memory.h"
 
 #include <orvutils/log_format.h>
 
@@ -71,8 +72,12 @@ void orvex_response_trampoline(void* arg, const Message* answer)
     remove_in_flight(context.get());
 
     json_t* out = json_null();
-    const Result result = context->callback(answer, out, context->arg);
-    const TextPtr text(build_response(result, out));
+    Result result = kFailed;
+    TextPtr text;
+    if (within_memory([&] { result = context->callback(answer, out, context->arg); }))
+        text.reset(build_response(result, out));
+    else
+        json_decref(out);
     if (!context->connection)
         return;
     orvex_forget_waiting(context->connection); // its last frame: further answers may come before it is sent
@@ -123,27 +128,40 @@ void orvex_add_sub(const std::string& event, Connection* conn, EventCallback cal
 
 void orvex_del_sub(const std::string& event, const Connection* conn)
 {
-    auto& callbacks = g_exchange_subscriptions[event];
+    const auto found = g_exchange_subscriptions.find(event);
+    if (found == g_exchange_subscriptions.end())
+        return;
+    auto& callbacks = found->second;
     for (auto it = callbacks.begin(); it != callbacks.end();) {
         auto& conns = it->second;
         conns.erase(std::remove(conns.begin(), conns.end(), conn), conns.end());
         it = conns.empty() ? callbacks.erase(it) : std::next(it);
     }
     if (callbacks.empty())
-        g_exchange_subscriptions.erase(event);
+        g_exchange_subscriptions.erase(found);
 }
 
 // ---- events
 
-void orvex_callback(const Message* msg)
+namespace {
+
+void process_message(const Message* msg, log::Caller caller)
 {
     if (std::strcmp(msg->type, kRegistrationStatusChanged) == 0) {
-        ORV_LOG(log::kInfo, "Received registration_status_changed event");
+        ORV_LOG_AS(caller, log::kInfo, "Received registration_status_changed event");
         orvex_process_registration_status_changed(msg);
         return;
     }
     if (orvex_process_event(msg, epollfd) < 0)
-        ORV_LOG(log::kError, "unknown {:s} event", msg->type);
+        ORV_LOG_AS(caller, log::kError, "unknown {:s} event", msg->type);
+}
+
+} // namespace
+
+void orvex_callback(const Message* msg)
+{
+    const log::Caller caller = log::caller();
+    (void)within_memory([&] { process_message(msg, caller); }); // the event is lost, and it is said
 }
 
 int orvex_process_event(const Message* msg, int epfd)

@@ -9,6 +9,7 @@
 #include "evhandler.h"
 #include "formatters.h"
 #include "state.h"
+#include "within_memory.h"
 
 #include <orvutils/log_format.h>
 #include <orvutils/orvcommon/cache.h>
@@ -81,22 +82,33 @@ void orvex_process_registration_status_changed(const Message* msg)
     report_agent_status(static_cast<AgentStatus>(status.ok), std::move(status.json));
 }
 
-void orvex_cloud_registration_status_cb(void* arg, const Message* answer)
+namespace {
+
+void tell_registration_status(const Message* answer, int epfd, log::Caller caller)
 {
     const auto conns = find_connections(kCloudRegistrationStatus);
     if (conns.empty()) {
-        ORV_LOG(log::kWarning, "failed to find connections for cloud_registration_status event");
+        ORV_LOG_AS(caller, log::kWarning, "failed to find connections for cloud_registration_status event");
         return;
     }
     const RegistrationStatus status = process_cloud_registration_status(answer);
     if (!status.json) {
-        ORV_LOG(log::kError, "failed to process cloud_registration_status event");
+        ORV_LOG_AS(caller, log::kError, "failed to process cloud_registration_status event");
         return;
     }
 
-    queue_frames(conns, status.json.get(), *static_cast<const int*>(arg));
+    queue_frames(conns, status.json.get(), epfd);
     if (status.ok == 1)
         report_agent_status(AgentStatus::registered, /*extra=*/nullptr);
+}
+
+} // namespace
+
+void orvex_cloud_registration_status_cb(void* arg, const Message* answer)
+{
+    const log::Caller caller = log::caller();
+    const int epfd = *static_cast<const int*>(arg);
+    (void)within_memory([&] { tell_registration_status(answer, epfd, caller); }); // it has said so
 }
 
 // ---- events for subscribers

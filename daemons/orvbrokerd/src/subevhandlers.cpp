@@ -12,6 +12,7 @@
 #include "evhandler.h"
 #include "formatters.h"
 #include "state.h"
+#include "within_memory.h"
 
 #include <orvutils/log_format.h>
 #include <orvutils/setmgmt.h>
@@ -72,8 +73,7 @@ void send_field(const std::vector<Connection*>& conns, const devMgmt::Device& de
     }
 }
 
-void send_macs(const std::vector<Connection*>& conns, const devMgmt::Device& dev,
-               log::Caller caller = log::caller())
+void send_macs(const std::vector<Connection*>& conns, const devMgmt::Device& dev, log::Caller caller)
 {
     for (const auto& [mac, addresses] : dev.macs) {
         const std::string mac_text = mac.to_string(/*upper_case=*/false);
@@ -84,7 +84,7 @@ void send_macs(const std::vector<Connection*>& conns, const devMgmt::Device& dev
     }
 }
 
-void delete_given_name(const std::string& did, log::Caller caller = log::caller())
+void delete_given_name(const std::string& did, log::Caller caller)
 {
     const path key = given_name_key(did);
     ORV_LOG_AS(caller, log::kDebug, "Deleting key {}", key);
@@ -108,12 +108,8 @@ void note_change(devMgmt::DevInfoChangeType type, const std::string& did)
     }
 }
 
-} // namespace
-
-// ---- devices
-
-void on_device_info_change_old_cb(devMgmt::DevInfoChangeType type, const devMgmt::Device& dev,
-                                  const std::string& field)
+void tell_change(devMgmt::DevInfoChangeType type, const devMgmt::Device& dev, const std::string& field,
+                 log::Caller caller)
 {
     if (type == devMgmt::DevInfoChangeType::added || type == devMgmt::DevInfoChangeType::removed)
         return;
@@ -122,19 +118,32 @@ void on_device_info_change_old_cb(devMgmt::DevInfoChangeType type, const devMgmt
 
     const auto conns = find_connections(kDeviceDiscovery);
     if (field == "macs")
-        send_macs(conns, dev);
+        send_macs(conns, dev, caller);
     else
         send_field(conns, dev, field);
 }
 
+} // namespace
+
+// ---- devices
+
+void on_device_info_change_old_cb(devMgmt::DevInfoChangeType type, const devMgmt::Device& dev,
+                                  const std::string& field)
+{
+    const log::Caller caller = log::caller();
+    (void)within_memory([&] { tell_change(type, dev, field, caller); }); // it has said so
+}
 void on_device_info_change_cb(devMgmt::DevInfoChangeType type, const devMgmt::Device& dev,
                               const std::string& field)
 {
-    const std::lock_guard<std::mutex> lock(g_events_cache_mutex);
-    if (field == "friendly_name")
-        delete_given_name(dev.did);
-    else
-        note_change(type, dev.did);
+    const log::Caller caller = log::caller();
+    (void)within_memory([&] { // it has said so
+        const std::lock_guard<std::mutex> lock(g_events_cache_mutex);
+        if (field == "friendly_name")
+            delete_given_name(dev.did, caller);
+        else
+            note_change(type, dev.did);
+    });
 }
 
 // ---- the list of changed devices
@@ -205,7 +214,7 @@ JsonPtr g_last_reported;
 namespace {
 
 /// False, with a line in the log, when there is nothing to be told of.
-bool load_subscription(subs::Subscription& global, log::Caller caller = log::caller())
+bool load_subscription(subs::Subscription& global, log::Caller caller)
 {
     subs::MultiSubscription subscriptions;
     if (!subscriptions.load()) {
@@ -230,7 +239,7 @@ JsonPtr subscription_event(const subs::Subscription& subscription)
                              static_cast<json_int_t>(subscription.expiry)));
 }
 
-bool is_reported(const json_t* event, log::Caller caller = log::caller())
+bool is_reported(const json_t* event, log::Caller caller)
 {
     if (!g_last_reported || json_equal(g_last_reported.get(), event) == 0)
         return false;
@@ -239,27 +248,34 @@ bool is_reported(const json_t* event, log::Caller caller = log::caller())
     return true;
 }
 
-} // namespace
-
-int on_subscription_changed_cb(int epfd)
+int tell_subscription(int epfd, log::Caller caller)
 {
-    ORV_LOG(log::kInfo, "processing subscription changed");
     subs::Subscription global;
-    if (!load_subscription(global))
+    if (!load_subscription(global, caller))
         return -1;
     JsonPtr event = subscription_event(global);
     if (!event)
         return -1;
-    if (is_reported(event.get()))
+    if (is_reported(event.get(), caller))
         return 0;
     g_last_reported = std::move(event);
 
     const TextPtr text = dump(g_last_reported.get());
     if (!text)
         return -1;
-    ORV_LOG(log::kInfo, "subscription changed JSON: {}", text.get());
+    ORV_LOG_AS(caller, log::kInfo, "subscription changed JSON: {}", text.get());
     queue_frames(find_connections(kSubscriptionChanged), text.get(), epfd);
     return 0;
+}
+
+} // namespace
+
+int on_subscription_changed_cb(int epfd)
+{
+    ORV_LOG(log::kInfo, "processing subscription changed");
+    const log::Caller caller = log::caller();
+    int result = -1;
+    return within_memory([&] { result = tell_subscription(epfd, caller); }) ? result : -1;
 }
 
 } // namespace orv::brokerd

@@ -52,6 +52,7 @@ int g_threshold = kTrace;
 
 void print(int channel, int level, Text line)
 {
+    const Fake::Calm calm;
     if (!Fake::current())
         return;
     std::string text(line.data, line.size);
@@ -64,6 +65,7 @@ void print(int channel, int level, Text line)
 
 bool open_channel(int channel)
 {
+    const Fake::Calm calm;
     return !platform().fails("log::open_channel(" + std::to_string(channel) + ")");
 }
 
@@ -79,12 +81,16 @@ class FakeInstance : public Instance {
 public:
     int on_stop_pipe() override
     {
+        const Fake::Calm calm;
         return platform().fails("Instance::on_stop_pipe()") ? -1 : platform().fd("stop");
     }
 
     int run() override
     {
-        platform().note("Instance::run()");
+        {
+            const Fake::Calm calm;
+            platform().note("Instance::run()");
+        }
         return init_hook() ? run_hook() : 1;
     }
 };
@@ -93,6 +99,7 @@ public:
 
 std::shared_ptr<Instance> instance(int argc, char** /*argv*/)
 {
+    const Fake::Calm calm;
     platform().note("daemon::instance(" + std::to_string(argc) + ")");
     return std::make_shared<FakeInstance>();
 }
@@ -105,6 +112,7 @@ namespace orv::time {
 
 int timer_init(TimerType type)
 {
+    const Fake::Calm calm;
     Fake& fake = platform();
     if (fake.fails("timer_init(" + std::to_string(static_cast<int>(type)) + ")"))
         return -1;
@@ -115,6 +123,7 @@ int timer_init(TimerType type)
 
 int timer_start(int fd, long first, long period, bool absolute)
 {
+    const Fake::Calm calm;
     Fake& fake = platform();
     const bool failing = fake.fails("timer_start(" + fake.name(fd) + ", " + std::to_string(first) + ", " +
                                     std::to_string(period) + (absolute ? ", true)" : ", false)"));
@@ -123,6 +132,7 @@ int timer_start(int fd, long first, long period, bool absolute)
 
 std::uint64_t timer_tick(int fd)
 {
+    const Fake::Calm calm;
     Fake& fake = platform();
     eventfd_t expirations = 0;
     if (fake.fails("timer_tick(" + fake.name(fd) + ")") || eventfd_read(fd, &expirations) != 0)
@@ -132,6 +142,7 @@ std::uint64_t timer_tick(int fd)
 
 void timer_uninit(int fd)
 {
+    const Fake::Calm calm;
     Fake& fake = platform();
     fake.note("timer_uninit(" + fake.name(fd) + ")");
     fake.forget_fd(fd);
@@ -159,6 +170,7 @@ plock& plock::operator=(plock&& other) noexcept
 
 plock::~plock()
 {
+    const Fake::Calm calm;
     // The version lock outlives the test that took it: what a later one sees of it is not its own.
     if (Fake* fake = Fake::current(); fake && m_fd == fake->lock_serial)
         fake->note("plock::close()");
@@ -166,6 +178,7 @@ plock::~plock()
 
 std::optional<plock> plock::make(const path& file, flags how)
 {
+    const Fake::Calm calm;
     const std::string name = file.str().substr(file.str().rfind('/') + 1);
     if (platform().fails("plock::make(" + name + ", " + std::to_string(static_cast<int>(how)) + ")"))
         return std::nullopt;
@@ -174,6 +187,7 @@ std::optional<plock> plock::make(const path& file, flags how)
 
 result plock::lock(type which)
 {
+    const Fake::Calm calm;
     if (platform().fails("plock::lock(" + std::to_string(static_cast<int>(which)) + ")"))
         return result::busy;
     m_owned = true;
@@ -187,6 +201,7 @@ namespace orv {
 int exec_script(const std::vector<std::vector<std::string>>& commands, const std::string& interpreter,
                 int flags)
 {
+    const Fake::Calm calm;
     std::string text = "exec_script(" + interpreter + ", " + std::to_string(flags);
     for (const auto& command : commands) {
         text += ", [";
@@ -199,18 +214,21 @@ int exec_script(const std::vector<std::vector<std::string>>& commands, const std
 
 std::optional<std::string> get_release_version()
 {
+    const Fake::Calm calm;
     platform().note("get_release_version()");
     return platform().release_version;
 }
 
 std::string get_patch_version()
 {
+    const Fake::Calm calm;
     platform().note("get_patch_version()");
     return platform().patch_version;
 }
 
 void detail::print_common_path(std::ostream& out, common_path which)
 {
+    const Fake::Calm calm;
     out << platform().root << "/" << static_cast<int>(which);
 }
 
@@ -234,16 +252,19 @@ std::string joined(const std::vector<std::string>& fields)
 
 int init()
 {
+    const Fake::Calm calm;
     return platform().fails("devMgmt::init()") ? -1 : 0;
 }
 
 void uninit()
 {
+    const Fake::Calm calm;
     platform().note("devMgmt::uninit()");
 }
 
 int set_on_dev_info_change(const std::vector<std::string>& fields, DevInfoChangeCallback callback)
 {
+    const Fake::Calm calm;
     if (platform().fails("devMgmt::set_on_dev_info_change(" + joined(fields) + ")"))
         return -1;
     auto& callbacks = platform().change_callbacks;
@@ -253,6 +274,7 @@ int set_on_dev_info_change(const std::vector<std::string>& fields, DevInfoChange
 
 int unset_on_dev_info_change(const std::vector<std::string>& fields, DevInfoChangeCallback callback)
 {
+    const Fake::Calm calm;
     auto& callbacks = platform().change_callbacks;
     const auto found = std::find_if(callbacks.begin(), callbacks.end(), [&](const auto& registered) {
         return registered.callback == callback && registered.fields == fields;
@@ -267,6 +289,7 @@ int unset_on_dev_info_change(const std::vector<std::string>& fields, DevInfoChan
 
 int get_device(const std::string& id, Device& device)
 {
+    const Fake::Calm calm;
     const auto found = platform().devices.find(id);
     if (platform().fails("devMgmt::get_device(" + id + ")") || found == platform().devices.end())
         return 0;
@@ -276,6 +299,7 @@ int get_device(const std::string& id, Device& device)
 
 int get_devices(std::vector<Device>& devices)
 {
+    const Fake::Calm calm;
     if (platform().fails("devMgmt::get_devices()"))
         return -1;
     devices.clear();
@@ -286,6 +310,7 @@ int get_devices(std::vector<Device>& devices)
 
 int get_device_id_by_mac(const sockutl::macaddr& mac, std::string& id)
 {
+    const Fake::Calm calm;
     if (platform().fails("devMgmt::get_device_id_by_mac(" + mac.to_string(false) + ")"))
         return -1;
     for (const auto& device : platform().devices)
@@ -303,8 +328,10 @@ void Fake::change_device(orv::devMgmt::DevInfoChangeType type, const orv::devMgm
 {
     for (const auto& registered : change_callbacks)
         if (field.empty() ||
-            std::find(registered.fields.begin(), registered.fields.end(), field) != registered.fields.end())
+            std::find(registered.fields.begin(), registered.fields.end(), field) != registered.fields.end()) {
+            const Inside inside;
             registered.callback(type, device, field);
+        }
 }
 
 // ---- diagnosis
@@ -313,6 +340,7 @@ namespace orv::diagnosis {
 
 std::vector<Record> get_defaults(const std::vector<RecordId>& filter)
 {
+    const Fake::Calm calm;
     std::string text;
     for (const auto& id : filter)
         text += (text.empty() ? "" : " ") + id.first + "." + id.second;
@@ -330,6 +358,7 @@ std::vector<Record> get_defaults(const std::vector<RecordId>& filter)
 
 void Manager::add(std::vector<Record> records)
 {
+    const Fake::Calm calm;
     platform().note("diagnosis::Manager::add(" + std::to_string(records.size()) + " records)");
     for (auto& record : records)
         m_records.push_back(std::move(record));
@@ -353,11 +382,13 @@ json_t* collected(const std::vector<Record>& records)
 
 json_t* Manager::collect() const
 {
+    const Fake::Calm calm;
     return platform().fails("diagnosis::Manager::collect()") ? nullptr : collected(m_records);
 }
 
 json_t* Manager::report() const
 {
+    const Fake::Calm calm;
     if (platform().fails("diagnosis::Manager::report()"))
         return nullptr;
     json_t* all = collected(m_records);
@@ -373,16 +404,19 @@ namespace orv::karma {
 
 int init()
 {
+    const Fake::Calm calm;
     return platform().fails("karma::init()") ? -1 : 0;
 }
 
 void uninit()
 {
+    const Fake::Calm calm;
     platform().note("karma::uninit()");
 }
 
 int read_events(std::vector<json_t*>& events)
 {
+    const Fake::Calm calm;
     if (platform().fails("karma::read_events()"))
         return -1;
     for (const auto& text : platform().outbox)
@@ -392,6 +426,7 @@ int read_events(std::vector<json_t*>& events)
 
 json_t* build_karma_event_json(const char* type, json_t* data)
 {
+    const Fake::Calm calm;
     if (platform().fails("karma::build_karma_event_json(" + std::string(type) + ", " + dump(data) + ")"))
         return nullptr;
     return json_pack("{s:s,s:O}", "type", type, "data", data);
@@ -399,6 +434,7 @@ json_t* build_karma_event_json(const char* type, json_t* data)
 
 int submit_karma_event(json_t* event, Orvex* orvex)
 {
+    const Fake::Calm calm;
     const bool failing = platform().fails("karma::submit_karma_event(" + dump(event) + ")");
     return failing || !orvex ? -1 : 0;
 }

@@ -68,6 +68,7 @@ void Fake::deliver(const std::string& type, const std::string& data, std::uint64
 {
     deliver([=] {
         const MessageRecord message(type, data, id, from);
+        const Inside inside;
         event_callback(message.get());
     });
 }
@@ -78,6 +79,7 @@ void Fake::answer(const std::string& data, const std::string& type)
         const Request request = requests.front();
         requests.erase(requests.begin());
         const MessageRecord message(type, data);
+        const Inside inside;
         request.callback(request.arg, message.get());
     });
 }
@@ -98,6 +100,7 @@ void Fake::read_exchange()
 Orvex* orvex_init_eventloop(const char* name, void (*event_callback)(const Message*), int flags,
                             int auto_reconnect)
 {
+    const Fake::Calm calm;
     Fake* fake = Fake::current();
     if (fake->fails("orvex_init_eventloop(" + std::string(name) + ", " + std::to_string(flags) + ", " +
                     std::to_string(auto_reconnect) + ")"))
@@ -107,11 +110,13 @@ Orvex* orvex_init_eventloop(const char* name, void (*event_callback)(const Messa
 
 int orvex_get_fd(Orvex* orvex)
 {
+    const Fake::Calm calm;
     return Fake::current()->fails(orv::fake::call("orvex_get_fd", "", orvex)) ? -1 : orvex->fd;
 }
 
 int orvex_read_fd(Orvex* orvex)
 {
+    const Fake::Calm calm;
     Fake::current()->note(orv::fake::call("orvex_read_fd", "", orvex));
     Fake::current()->read_exchange();
     return 0;
@@ -119,6 +124,7 @@ int orvex_read_fd(Orvex* orvex)
 
 int orvex_subscribe(Orvex* orvex, const char** names, int count)
 {
+    const Fake::Calm calm;
     Fake* fake = Fake::current();
     fake->subscribed.assign(names, names + count);
     std::string text;
@@ -130,6 +136,7 @@ int orvex_subscribe(Orvex* orvex, const char** names, int count)
 int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::size_t length,
                        void (*response_callback)(void* arg, const Message* response), void* arg)
 {
+    const Fake::Calm calm;
     Fake* fake = Fake::current();
     const std::string payload(data, length);
     if (fake->fails(orv::fake::call("orvex_send_request", std::string(name) + ", " + payload, orvex)) ||
@@ -141,6 +148,7 @@ int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::si
 
 int orvex_send_message(Orvex* orvex, const char* name, const char* data, std::size_t length)
 {
+    const Fake::Calm calm;
     const std::string payload(data, length);
     const bool failing = Fake::current()->fails(
         orv::fake::call("orvex_send_message", std::string(name) + ", " + payload, orvex));
@@ -150,6 +158,7 @@ int orvex_send_message(Orvex* orvex, const char* name, const char* data, std::si
 int orvex_send_response(Orvex* orvex, int status, std::uint64_t request_id, const char* data,
                         std::size_t length)
 {
+    const Fake::Calm calm;
     const bool failing = Fake::current()->fails(orv::fake::call(
         "orvex_send_response",
         std::to_string(status) + ", " + std::to_string(request_id) + ", " + std::string(data, length),
@@ -159,6 +168,7 @@ int orvex_send_response(Orvex* orvex, int status, std::uint64_t request_id, cons
 
 void orvex_uninit(Orvex* orvex)
 {
+    const Fake::Calm calm;
     Fake* fake = Fake::current();
     fake->note(orv::fake::call("orvex_uninit", "", orvex));
     fake->requests.clear(); // what is in flight is dropped

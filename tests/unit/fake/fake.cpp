@@ -19,6 +19,7 @@ namespace {
 
 Fake* g_current = nullptr;
 int g_pauses = 0;
+bool g_inside = false;
 
 void* json_allocate(std::size_t size)
 {
@@ -62,6 +63,25 @@ Fake::~Fake()
 Fake* Fake::current()
 {
     return g_pauses == 0 ? g_current : nullptr;
+}
+
+Fake::Inside::Inside() : m_before(std::exchange(g_inside, true)) {}
+
+Fake::Inside::~Inside()
+{
+    g_inside = m_before;
+}
+
+Fake::Calm::Calm() : m_before(std::exchange(g_inside, false)) {}
+
+Fake::Calm::~Calm()
+{
+    g_inside = m_before;
+}
+
+bool Fake::is_inside()
+{
+    return g_inside;
 }
 
 Fake::Paused::Paused()

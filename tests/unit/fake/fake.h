@@ -97,6 +97,31 @@ public:
         ~Paused();
     };
 
+    /// Where the daemon's own code runs: only there `new` with exceptions can be made to fail. Tests hold one
+    /// around their calls into the daemon, the fake around its callbacks; while it does its own work it holds a
+    /// Calm.
+    class Inside {
+    public:
+        Inside();
+        Inside(const Inside&) = delete;
+        Inside& operator=(const Inside&) = delete;
+        ~Inside();
+
+    private:
+        bool m_before;
+    };
+    class Calm {
+    public:
+        Calm();
+        Calm(const Calm&) = delete;
+        Calm& operator=(const Calm&) = delete;
+        ~Calm();
+
+    private:
+        bool m_before;
+    };
+    [[nodiscard]] static bool is_inside();
+
     // ---- what the daemon did
 
     /// The calls since the last time.
@@ -123,8 +148,8 @@ public:
     [[nodiscard]] bool forget_failures();
     /// The n-th call (from 1, since the beginning) fails of those that can.
     void fail_nth(std::size_t n) { m_fail_nth = n; }
-    /// The n-th request for memory of a kind from now on gets none, 0 for never: "malloc", "strdup", "new" or
-    /// "new[]" (those without exceptions). Only the code of the daemon and of the platform's values is meant, not that of libraries.
+    /// The n-th request for memory of a kind from now on gets none, 0 for never: "malloc", "strdup", "new",
+    /// "new[]" (those without exceptions) or "throwing new" (of any kind). Only the code of the daemon and of the platform's values is meant, not that of libraries.
     void fail_memory(const std::string& kind, unsigned n = 1) { m_memory[kind] = n; }
     /// Whether that has happened.
     [[nodiscard]] bool memory_failed(const std::string& kind) const { return m_memory.at(kind) == 0; }

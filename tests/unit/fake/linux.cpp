@@ -64,6 +64,7 @@ extern "C" {
 void __real__ZN3orv7sockutl7addressC1EPKc(orv::sockutl::address* self, const char* text);
 void __wrap__ZN3orv7sockutl7addressC1EPKc(orv::sockutl::address* self, const char* text)
 {
+    const Fake::Calm calm;
     const Fake* fake = Fake::current();
     __real__ZN3orv7sockutl7addressC1EPKc(self, fake && !fake->has_addresses ? "" : text);
 }
@@ -85,6 +86,7 @@ char* __real_strdup(const char* text);
 
 int __wrap_epoll_create(int size)
 {
+    const Fake::Calm calm;
     Fake* fake = Fake::current();
     if (fake && fake->fails("epoll_create(" + std::to_string(size) + ")"))
         return -1;
@@ -96,6 +98,7 @@ int __wrap_epoll_create(int size)
 
 int __wrap_epoll_ctl(int epfd, int operation, int fd, epoll_event* event)
 {
+    const Fake::Calm calm;
     Fake* fake = Fake::current();
     if (!fake)
         return __real_epoll_ctl(epfd, operation, fd, event);
@@ -109,6 +112,7 @@ int __wrap_epoll_ctl(int epfd, int operation, int fd, epoll_event* event)
 
 int __wrap_epoll_wait(int epfd, epoll_event* events, int capacity, int timeout)
 {
+    const Fake::Calm calm;
     Fake* fake = Fake::current();
     return fake ? fake->wait(epfd, events, capacity, timeout)
                 : __real_epoll_wait(epfd, events, capacity, timeout);
@@ -116,6 +120,7 @@ int __wrap_epoll_wait(int epfd, epoll_event* events, int capacity, int timeout)
 
 int __wrap_socket(int domain, int type, int protocol)
 {
+    const Fake::Calm calm;
     Fake* fake = Fake::current();
     const bool expected = domain == AF_UNIX && type == SOCK_STREAM && protocol == 0;
     if (fake && fake->fails(expected ? "socket(UNIX, STREAM, 0)" : "socket(of another kind)"))
@@ -128,12 +133,14 @@ int __wrap_socket(int domain, int type, int protocol)
 
 int __wrap_bind(int fd, const sockaddr* address, socklen_t length)
 {
+    const Fake::Calm calm;
     Fake* fake = Fake::current();
     return fake && fake->fails("bind(" + fake->name(fd) + ")") ? -1 : __real_bind(fd, address, length);
 }
 
 int __wrap_listen(int fd, int backlog)
 {
+    const Fake::Calm calm;
     Fake* fake = Fake::current();
     if (fake && fake->fails("listen(" + fake->name(fd) + ", " + std::to_string(backlog) + ")"))
         return -1;
@@ -142,6 +149,7 @@ int __wrap_listen(int fd, int backlog)
 
 int __wrap_accept(int fd, sockaddr* address, socklen_t* length)
 {
+    const Fake::Calm calm;
     Fake* fake = Fake::current();
     if (!fake)
         return __real_accept(fd, address, length);
@@ -155,6 +163,7 @@ int __wrap_accept(int fd, sockaddr* address, socklen_t* length)
 
 int __wrap_close(int fd)
 {
+    const Fake::Calm calm;
     Fake* fake = Fake::current();
     if (!fake)
         return __real_close(fd);
@@ -166,6 +175,7 @@ int __wrap_close(int fd)
 
 ssize_t __wrap_recv(int fd, void* data, std::size_t size, int flags)
 {
+    const Fake::Calm calm;
     Fake* fake = Fake::current();
     if (fake && fake->fails("recv(" + fake->name(fd) + ")"))
         return -1;
@@ -174,6 +184,7 @@ ssize_t __wrap_recv(int fd, void* data, std::size_t size, int flags)
 
 ssize_t __wrap_send(int fd, const void* data, std::size_t size, int flags)
 {
+    const Fake::Calm calm;
     Fake* fake = Fake::current();
     if (fake && fake->fails("send(" + fake->name(fd) + ", " + std::to_string(size) + ")"))
         return -1;
@@ -182,6 +193,7 @@ ssize_t __wrap_send(int fd, const void* data, std::size_t size, int flags)
 
 static FILE* open_file(const char* path, const char* mode, FILE* (*open)(const char*, const char*))
 {
+    const Fake::Calm calm;
     Fake* fake = Fake::current();
     if (fake && fake->fails("fopen(" + file_name(path) + ", " + mode + ")"))
         return nullptr;
@@ -205,6 +217,7 @@ FILE* __wrap_fopen64(const char* path, const char* mode)
 
 int __wrap_fclose(FILE* file)
 {
+    const Fake::Calm calm;
     Fake* fake = Fake::current();
     const bool failing = fake && fake->fails("fclose()");
     const int result = __real_fclose(file);
@@ -240,6 +253,8 @@ void* THROWING_NEW(__real_)(std::size_t size);
 
 void* THROWING_NEW(__wrap_)(std::size_t size)
 {
+    if (Fake::is_inside() && no_memory("throwing new"))
+        throw std::bad_alloc();
     const Fake::Paused paused;
     return THROWING_NEW(__real_)(size);
 }

@@ -41,6 +41,7 @@ namespace {
 
 bool has_children(const std::string& key)
 {
+    const Fake::Calm calm;
     const auto next = platform().settings.lower_bound(key + "/");
     return next != platform().settings.end() && next->first.compare(0, key.size() + 1, key + "/") == 0;
 }
@@ -48,6 +49,7 @@ bool has_children(const std::string& key)
 /// Records the use of a key. 0, or what it has to return.
 int use(const char* what, const std::string& key, const std::string& more = {})
 {
+    const Fake::Calm calm;
     Fake& fake = platform();
     if (fake.fails(std::string("setMgmt::") + what + "(" + key + more + ")"))
         return -fake.error();
@@ -57,6 +59,7 @@ int use(const char* what, const std::string& key, const std::string& more = {})
 
 int read(const std::string& key, std::string& value)
 {
+    const Fake::Calm calm;
     const auto found = platform().settings.find(key);
     if (found == platform().settings.end())
         return detail::fail(has_children(key) ? Error::no_value : Error::no_such_key);
@@ -68,22 +71,26 @@ int read(const std::string& key, std::string& value)
 
 int init()
 {
+    const Fake::Calm calm;
     return platform().fails("setMgmt::init()") ? -platform().error() : 0;
 }
 
 void uninit()
 {
+    const Fake::Calm calm;
     platform().note("setMgmt::uninit()");
 }
 
 int getKey(const std::string& key, std::string& value)
 {
+    const Fake::Calm calm;
     const int result = use("getKey", key);
     return result < 0 ? result : read(key, value);
 }
 
 int getKeyValue(const std::string& key, int fallback)
 {
+    const Fake::Calm calm;
     std::string value;
     int number = 0;
     if (use("getKeyValue", key, ", " + std::to_string(fallback)) < 0 || read(key, value) < 0 ||
@@ -94,6 +101,7 @@ int getKeyValue(const std::string& key, int fallback)
 
 std::string getKeyValue(const std::string& key, const std::string& fallback)
 {
+    const Fake::Calm calm;
     std::string value;
     if (use("getKeyValue", key, ", \"" + fallback + "\"") < 0 || read(key, value) < 0)
         return fallback;
@@ -102,6 +110,7 @@ std::string getKeyValue(const std::string& key, const std::string& fallback)
 
 int setKey(const std::string& key, const std::string& value)
 {
+    const Fake::Calm calm;
     if (const int result = use("setKey", key, ", " + value); result < 0)
         return result;
     if (key.empty() || key.size() > kMaxKeySize || value.size() > kMaxValueSize)
@@ -112,6 +121,7 @@ int setKey(const std::string& key, const std::string& value)
 
 int deleteKey(const std::string& key)
 {
+    const Fake::Calm calm;
     if (const int result = use("deleteKey", key); result < 0)
         return result;
     auto& settings = platform().settings;
@@ -124,6 +134,7 @@ int deleteKey(const std::string& key)
 
 int enumSubkeys(const std::string& key, std::vector<std::string>& names)
 {
+    const Fake::Calm calm;
     if (const int result = use("enumSubkeys", key); result < 0)
         return result;
     const std::string prefix = key + "/";
@@ -138,6 +149,7 @@ int enumSubkeys(const std::string& key, std::vector<std::string>& names)
 
 int lockKey(const std::string& key)
 {
+    const Fake::Calm calm;
     const int result = use("lockKey", key);
     if (result >= 0)
         platform().locked.insert(key);
@@ -146,6 +158,7 @@ int lockKey(const std::string& key)
 
 int unlockKey(const std::string& key)
 {
+    const Fake::Calm calm;
     platform().locked.erase(key); // as far as the daemon is concerned, also when it fails
     return use("unlockKey", key);
 }
@@ -163,6 +176,7 @@ public:
 MonitoredKey::MonitoredKey(const char* key, Callback callback, bool notify_now, void* user, bool keep)
     : m_watch(std::make_unique<Watch>(key, user))
 {
+    const Fake::Calm calm;
     platform().note("MonitoredKey(" + m_watch->m_key.str() + (notify_now ? ", true, " : ", false, ") +
                     (user ? "user" : "null") + (keep ? ", true)" : ", false)"));
     platform().watch_callback = std::move(callback);
@@ -177,11 +191,13 @@ MonitoredKey::~MonitoredKey()
 
 int MonitoredKey::get_fd() const
 {
+    const Fake::Calm calm;
     return platform().fails("MonitoredKey::get_fd()") ? -1 : platform().fd("watch");
 }
 
 void MonitoredKey::read_notifications()
 {
+    const Fake::Calm calm;
     platform().note("MonitoredKey::read_notifications()");
     eventfd_t pending = 0;
     if (eventfd_read(platform().fd("watch"), &pending) != 0 || !platform().watch_callback)
@@ -192,6 +208,7 @@ void MonitoredKey::read_notifications()
 
 void MonitoredKey::cancel()
 {
+    const Fake::Calm calm;
     platform().note("MonitoredKey::cancel()");
     platform().watch_callback = nullptr;
 }
@@ -233,16 +250,19 @@ std::string key_of(Feature feature)
 
 bool init()
 {
+    const Fake::Calm calm;
     return !platform().fails("featureutl::init()");
 }
 
 void uninit()
 {
+    const Fake::Calm calm;
     platform().note("featureutl::uninit()");
 }
 
 std::vector<Feature> list_features()
 {
+    const Fake::Calm calm;
     platform().note("featureutl::list_features()");
     if (platform().features)
         return *platform().features;
@@ -275,6 +295,7 @@ std::string_view feature_status_to_str(FeatureStatus status)
 
 FeatureStatus get_feature(Feature feature)
 {
+    const Fake::Calm calm;
     if (platform().fails("featureutl::get_feature(" + std::string(feature_to_str(feature)) + ")") ||
         feature == Feature::unknown)
         return FeatureStatus::unknown;
@@ -284,6 +305,7 @@ FeatureStatus get_feature(Feature feature)
 
 int set_feature(Feature feature, FeatureStatus status)
 {
+    const Fake::Calm calm;
     const std::string text(feature_status_to_str(status));
     if (platform().fails("featureutl::set_feature(" + std::string(feature_to_str(feature)) + ", " + text +
                          ")") ||
@@ -331,6 +353,7 @@ path expiry_key(std::string_view name)
 
 bool MultiSubscription::load()
 {
+    const Fake::Calm calm;
     if (platform().fails("subs::load()"))
         return false;
     m_subscriptions.clear();
@@ -361,6 +384,7 @@ namespace orv {
 
 OrvleasesMode get_orvleases_mode()
 {
+    const Fake::Calm calm;
     platform().note("get_orvleases_mode()");
     const auto found = platform().settings.find("/leases/mode");
     const std::string mode = found == platform().settings.end() ? "" : found->second;

@@ -92,6 +92,7 @@ int PlatformTest::run_daemon()
 {
     char name[] = "orvbrokerd";
     char* arguments[] = {name, nullptr};
+    const Fake::Inside inside;
     return brokerd::daemon_main(1, arguments);
 }
 
@@ -153,7 +154,11 @@ bool ServiceTest::receive_all(Peer& peer, const std::string& bytes)
 
 bool ServiceTest::handle(Peer& peer, unsigned events)
 {
-    const int result = brokerd::process_client_events(peer.conn, events, brokerd::epollfd);
+    int result = 0;
+    {
+        const Fake::Inside inside;
+        result = brokerd::process_client_events(peer.conn, events, brokerd::epollfd);
+    }
     EXPECT_TRUE(result == 0 || result == -1) << result;
     if (result >= 0)
         return true;
