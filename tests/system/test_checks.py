@@ -1,6 +1,7 @@
 """The checks of the sources that CI makes, each in a small tree of its own."""
 
 import os
+import re
 import shutil
 import subprocess
 import tempfile
@@ -166,6 +167,31 @@ class Includes(unittest.TestCase):
         result = subprocess.run([os.path.join(self.tree, "scripts", "check-includes")], stderr=subprocess.PIPE,
                                 timeout=world.DEADLINE, check=False)
         self.assertEqual(result.returncode, 1, result.stderr)
+
+
+class Notices(unittest.TestCase):
+    """NOTICES, which goes with the programs"""
+
+    # What the build looks for, but does not put into the programs that are installed.
+    NOT_LINKED = {"PkgConfig", "Threads", "GTest", "Python3"}
+
+    def libraries(self):
+        files = subprocess.run(["git", "-C", ROOT, "ls-files", "*CMakeLists.txt", "*.cmake"], stdout=subprocess.PIPE,
+                               text=True, check=True).stdout.split()
+        for name in files:
+            with open(os.path.join(ROOT, name), encoding="utf-8") as file:
+                yield from re.findall(r"^\s*(?:find_package|pkg_check_modules)\((\w+)", file.read(), re.MULTILINE)
+
+    def test_every_library_that_is_linked_is_named_with_its_licence(self):
+        with open(os.path.join(ROOT, "NOTICES"), encoding="utf-8") as file:
+            parts = re.split(r"^=+\n(.+)\n=+\n", file.read(), flags=re.MULTILINE)
+        licences = dict(zip(parts[1::2], parts[2::2]))
+        linked = set(self.libraries()) - self.NOT_LINKED
+        self.assertTrue({"jansson", "lmdb", "dbus", "fmt", "CLI11"} <= linked, linked)
+        for library in [*linked, "libstdc++ and libgcc", "musl"]:
+            self.assertRegex(licences.get(library, "not named"), r"(?is)\A\s.*copyright .*(warranty|warranties)", library)
+            for name in library.split(" and "):
+                self.assertRegex(parts[0], r"(?m)^    %s " % re.escape(name), "the list at the top")
 
 
 if __name__ == "__main__":
