@@ -11,7 +11,7 @@
 
 #include "uwire.h"
 
-#include <exchange_publisher.h>
+#include <orvexchange/publisher.h>
 
 #include <cerrno>
 #include <cstdio>

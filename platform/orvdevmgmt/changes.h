@@ -1,6 +1,6 @@
 #pragma once
 
-#include "notify.h"
+#include <orvstore/notify.h>
 
 #include <orvdevmgmt/orvdevmgmt.h>
 

@@ -1,7 +1,7 @@
 // The JSON form of a device, both ways.
 
 #include "device_fields.h"
-#include "device_writer.h"
+#include <orvdevmgmt/device_writer.h>
 
 #include <fmt/format.h>
 

@@ -4,8 +4,8 @@
 
 #include "device_fields.h"
 #include "device_record.h"
-#include "device_writer.h"
-#include "error_state.h"
+#include <orvbase/error_number.h>
+#include <orvdevmgmt/device_writer.h>
 
 #include <orvutils/log_format.h>
 
@@ -160,7 +160,7 @@ Error remove(const std::string& did)
 
 int result(Error error)
 {
-    return error == Error::none ? 0 : detail::fail(error);
+    return error == Error::none ? 0 : base::fail(error);
 }
 
 bool decode_stored(std::string_view did, std::string_view record, Device& device)

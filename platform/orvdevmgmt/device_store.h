@@ -1,7 +1,7 @@
 #pragma once
 
-#include "journal.h"
-#include "lmdb_environment.h"
+#include <orvstore/environment.h>
+#include <orvstore/journal.h>
 
 #include <orvdevmgmt/orvdevmgmt.h>
 

@@ -2,7 +2,7 @@
 
 #include "changes.h"
 #include "device_store.h"
-#include "error_state.h"
+#include <orvbase/error_number.h>
 
 #include <orvdevmgmt/orvdevmgmt.h>
 
@@ -16,13 +16,6 @@ namespace {
 /// Null while the store is closed; shared with the listeners, which may be calling it.
 std::shared_ptr<Changes> g_changes;
 
-/// Notes the error; -1.
-int fail(Error error)
-{
-    detail::set_orverrno(error);
-    return -1;
-}
-
 } // namespace
 
 int init()
@@ -30,13 +23,13 @@ int init()
     if (g_changes != nullptr)
         return 0;
     if (const Error error = device_environment().open(); error != Error::none)
-        return fail(error);
+        return base::failed(error);
     auto changes = std::make_shared<Changes>();
     detail::notify::watch(device_environment()); // before the first look: no commit falls in between
     if (!changes->start()) {
         detail::notify::unwatch(device_environment());
         device_environment().close();
-        return fail(Error::input_output);
+        return base::failed(Error::input_output);
     }
     detail::notify::add(changes);
     g_changes = std::move(changes);
@@ -56,14 +49,16 @@ void uninit()
 int set_on_dev_info_change(const std::vector<std::string>& fields, DevInfoChangeCallback callback)
 {
     if (g_changes == nullptr || callback == nullptr)
-        return fail(Error::invalid_argument);
+        return base::failed(Error::invalid_argument);
     g_changes->add(fields, callback);
     return 0;
 }
 
 int unset_on_dev_info_change(const std::vector<std::string>& fields, DevInfoChangeCallback callback)
 {
-    return g_changes != nullptr && g_changes->remove(fields, callback) ? 0 : fail(Error::invalid_argument);
+    return g_changes != nullptr && g_changes->remove(fields, callback)
+               ? 0
+               : base::failed(Error::invalid_argument);
 }
 
 int get_device(const std::string& id, Device& device)
@@ -74,7 +69,7 @@ int get_device(const std::string& id, Device& device)
     if (error == Error::none)
         error = read_device(snapshot, id, found);
     if (error != Error::none) {
-        detail::set_orverrno(error);
+        base::set_error(error);
         return 0;
     }
     device = std::move(found);
@@ -89,7 +84,7 @@ int get_devices(std::vector<Device>& devices)
     if (error == Error::none)
         error = read_devices(snapshot, found);
     if (error != Error::none)
-        return fail(error);
+        return base::failed(error);
     devices = std::move(found);
     return 0;
 }
@@ -97,12 +92,12 @@ int get_devices(std::vector<Device>& devices)
 int get_device_id_by_mac(const sockutl::macaddr& mac, std::string& id)
 {
     if (!mac.is_valid())
-        return fail(Error::invalid_argument);
+        return base::failed(Error::invalid_argument);
     detail::LmdbRead snapshot(device_environment());
     Error error = snapshot.error();
     if (error == Error::none)
         error = find_by_mac(snapshot, mac, id);
-    return error == Error::none ? 0 : fail(error);
+    return error == Error::none ? 0 : base::failed(error);
 }
 
 } // namespace orv::devMgmt

@@ -1,6 +1,6 @@
 #include "records.h"
 
-#include "../orvutils/root.h"
+#include <orvbase/root.h>
 
 #include <orvutils/keys.h>
 #include <orvutils/setmgmt.h>
@@ -112,7 +112,7 @@ std::string exchange_address()
 {
     if (const char* const address = std::getenv("ORVEX_ADDRESS"); address != nullptr && *address != '\0')
         return address;
-    return std::string(kPathAddress) + escape(detail::root_path("run/exchange.skt"));
+    return std::string(kPathAddress) + escape(base::root_path("run/exchange.skt"));
 }
 
 /// The opposite of escape(); empty when a "%" is not followed by two digits.

@@ -1,8 +1,8 @@
 // The interface: checks what comes from the caller, and hands it to the participant. A null handle fails like
 // any other.
 
-#include "exchange_publisher.h"
 #include "participant.h"
+#include <orvexchange/publisher.h>
 
 #include <orvutils/log_format.h>
 
@@ -29,6 +29,16 @@ Orvex* orvex_init_eventloop(const char* name, void (*event_callback)(const Messa
             event_callback(&message);
     };
     return orvex_join(name, handler, auto_reconnect != 0);
+}
+
+bool orvex_is_name(const char* text)
+{
+    return is_name(text);
+}
+
+bool orvex_is_target(const char* text)
+{
+    return parse_target(text).has_value();
 }
 
 Orvex* orvex_join(const char* name, OrvexHandler handler, bool auto_reconnect)

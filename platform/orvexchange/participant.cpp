@@ -17,8 +17,8 @@
 
 #include "participant.h"
 
-#include "../orvutils/root.h"
 #include "traffic.h"
+#include <orvbase/root.h>
 
 #include <orvutils/log_format.h>
 #include <orvutils/setmgmt.h>
@@ -69,7 +69,7 @@ std::string bus_address()
 {
     if (const char* const address = std::getenv("ORVEX_ADDRESS"); address != nullptr && *address != '\0')
         return address;
-    const std::string socket = orv::detail::root_path("run/exchange.skt");
+    const std::string socket = orv::base::root_path("run/exchange.skt");
     const std::unique_ptr<char, void (*)(void*)> escaped{dbus_address_escape_value(socket.c_str()),
                                                          dbus_free};
     return std::string{"unix:path="} + (escaped ? escaped.get() : "");

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "exchange_publisher.h"
 #include "wire.h"
+#include <orvexchange/publisher.h>
 
 #include <cstdint>
 #include <deque>

@@ -6,9 +6,9 @@
 // number, so the table holds no more than one entry per event.
 
 #include "event.h"
-#include "karma_outbox.h"
+#include <orvkarma/outbox.h>
 
-#include "error_state.h"
+#include <orvbase/error_number.h>
 
 #include <orvkarma/orvkarma.h>
 #include <orvutils/log_format.h>
@@ -27,13 +27,6 @@ using Ticket = std::uintptr_t;
 
 std::map<Ticket, std::string> g_awaited; ///< ids of the events whose answer is due
 Ticket g_last_ticket = 0;
-
-/// Notes the error; -1.
-int fail(Error error)
-{
-    detail::set_orverrno(error);
-    return -1;
-}
 
 Ticket ticket_for(const std::string& id)
 {
@@ -72,7 +65,7 @@ int send(const std::string& id, const std::string& text, Orvex* orvex)
 int init()
 {
     const Error error = outbox::open();
-    return error == Error::none ? 0 : fail(error);
+    return error == Error::none ? 0 : base::failed(error);
 }
 
 void uninit()
@@ -85,7 +78,7 @@ int read_events(std::vector<json_t*>& events)
 {
     std::vector<outbox::Entry> entries;
     if (const Error error = outbox::read(entries); error != Error::none)
-        return fail(error);
+        return base::failed(error);
     for (const outbox::Entry& entry : entries) {
         Json event = parse_event(entry.text);
         if (event != nullptr) {
@@ -113,13 +106,13 @@ int submit_karma_event(json_t* event, Orvex* orvex)
 {
     const char* const id = event_id(event);
     if (id == nullptr)
-        return fail(Error::invalid_argument);
+        return base::failed(Error::invalid_argument);
     const std::string text = event_text(event);
     if (text.empty())
-        return fail(Error::invalid_argument);
+        return base::failed(Error::invalid_argument);
     const Error kept = outbox::put(id, text);
     if (kept != Error::none)
-        detail::set_orverrno(kept);
+        base::set_error(kept);
     // An event that could not be kept is sent all the same: it has no second chance.
     const int sent = send(id, text, orvex);
     return kept == Error::none && sent == 0 ? 0 : -1;

@@ -1,8 +1,8 @@
 // One LMDB tree: from the event's id to its text.
 
-#include "karma_outbox.h"
+#include <orvkarma/outbox.h>
 
-#include "lmdb_environment.h"
+#include <orvstore/environment.h>
 
 #include <orvutils/log_format.h>
 

@@ -12,7 +12,7 @@ add_executable(platform_base_tests
   base_script_test.cpp
   base_support.cpp
   base_values_test.cpp)
-target_include_directories(platform_base_tests PRIVATE ${CMAKE_SOURCE_DIR}/platform/orvutils)
+target_include_directories(platform_base_tests PRIVATE ${CMAKE_SOURCE_DIR}/platform/orvutils/base)
 target_compile_definitions(platform_base_tests PRIVATE BASE_PROBE="$<TARGET_FILE:base_probe>")
 target_link_libraries(platform_base_tests PRIVATE orvutils_base GTest::gtest_main)
 # Defined a second time instead, a function would clash with that of a C library that is linked statically.

@@ -2,7 +2,7 @@
 
 #include "base_support.h"
 
-#include "root.h"
+#include <orvbase/root.h>
 
 #include <orvutils/path.h>
 
@@ -20,8 +20,8 @@
 namespace {
 
 using orv::common_path;
-using orv::detail::make_directories;
-using orv::detail::root_path;
+using orv::base::make_directories;
+using orv::base::root_path;
 
 std::string printed(common_path which)
 {

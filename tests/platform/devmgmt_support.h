@@ -2,7 +2,7 @@
 
 #include "base_support.h"
 
-#include <device_writer.h>
+#include <orvdevmgmt/device_writer.h>
 #include <orvdevmgmt/orvdevmgmt.h>
 
 #include <gtest/gtest.h>

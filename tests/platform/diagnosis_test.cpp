@@ -5,7 +5,7 @@
 
 #include <orvdiagnosis/orvdiagnosis.h>
 
-#include <device_writer.h>
+#include <orvdevmgmt/device_writer.h>
 #include <orvdevmgmt/orvdevmgmt.h>
 #include <orvutils/keys.h>
 

@@ -7,9 +7,10 @@ add_executable(platform_exchange_tests
   exchange_script_test.cpp
   exchange_support.cpp
   exchange_tables_test.cpp)
+target_include_directories(platform_exchange_tests PRIVATE ${PROJECT_SOURCE_DIR}/platform/orvexchange)
 target_compile_definitions(platform_exchange_tests PRIVATE
   ORVEXCHANGED="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/orvexchanged"
   INSTALLED_CONFIGURATION="${PROJECT_SOURCE_DIR}/packaging/etc/exchange.conf")
 target_link_libraries(platform_exchange_tests PRIVATE
-  orvexchange_publisher orvutils PkgConfig::dbus GTest::gtest_main)
+  orvexchange orvutils PkgConfig::dbus GTest::gtest_main)
 gtest_discover_tests(platform_exchange_tests PROPERTIES TIMEOUT 120)

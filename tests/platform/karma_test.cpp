@@ -2,8 +2,8 @@
 
 #include "base_support.h"
 
-#include <karma_outbox.h>
 #include <orvkarma/orvkarma.h>
+#include <orvkarma/outbox.h>
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 // The examination of a data file: sound ones are never refused, damaged ones never crash the process.
 
-#include "lmdb_check.h"
-#include "lmdb_environment.h"
+#include "check.h"
 #include "store_support.h"
+#include <orvstore/environment.h>
 
 #include <fcntl.h>
 #include <unistd.h>

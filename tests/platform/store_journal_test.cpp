@@ -1,7 +1,7 @@
 // The journal of a store: writers append, readers keep their place.
 
-#include "journal.h"
 #include "store_support.h"
+#include <orvstore/journal.h>
 
 using namespace orv::detail;
 

@@ -13,7 +13,7 @@
 //     lock KEY                 the lock of a settings key, held to the end of this program
 
 #include "device_store.h"
-#include "device_writer.h"
+#include <orvdevmgmt/device_writer.h>
 
 #include <orvutils/error.h>
 #include <orvutils/setmgmt.h>

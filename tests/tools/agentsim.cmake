@@ -7,6 +7,6 @@ target_compile_definitions(orvagentsim_test PRIVATE
   ORVEXCHANGED="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/orvexchanged"
   ORVAGENTSIM="$<TARGET_FILE:orvagentsim>")
 target_link_libraries(orvagentsim_test PRIVATE
-  orvdevmgmt_writer orvexchange_publisher orvutils PkgConfig::dbus GTest::gtest_main)
+  orvdevmgmt orvexchange orvutils PkgConfig::dbus GTest::gtest_main)
 add_dependencies(orvagentsim_test orvagentsim)
 gtest_discover_tests(orvagentsim_test PROPERTIES TIMEOUT 120)

@@ -3,7 +3,7 @@
 
 #include "exchange_support.h"
 
-#include <device_writer.h>
+#include <orvdevmgmt/device_writer.h>
 #include <orvdevmgmt/orvdevmgmt.h>
 #include <orvutils/keys.h>
 #include <orvutils/setmgmt.h>

@@ -6,7 +6,7 @@
 
 #include <orvdevmgmt/orvdevmgmt.h>
 
-#include <device_writer.h>
+#include <orvdevmgmt/device_writer.h>
 
 #include <set>
 

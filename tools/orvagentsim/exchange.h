@@ -2,7 +2,7 @@
 
 #include "loop.h"
 
-#include <exchange_publisher.h>
+#include <orvexchange/publisher.h>
 
 #include <array>
 #include <functional>

@@ -7,8 +7,8 @@
 #include "stores.h"
 #include "texts.h"
 
-#include <device_writer.h>
 #include <orvbroker/client.h>
+#include <orvdevmgmt/device_writer.h>
 #include <orvutils/error.h>
 #include <orvutils/keys.h>
 #include <orvutils/setmgmt.h>

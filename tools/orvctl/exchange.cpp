@@ -7,9 +7,8 @@
 #include "texts.h"
 #include "waiting.h"
 
-#include <exchange_publisher.h>
 #include <orvbroker/client.h>
-#include <wire.h>
+#include <orvexchange/publisher.h>
 
 #include <unistd.h>
 
@@ -58,12 +57,12 @@ int bad_name(const std::string& name, std::string_view form)
 /// Whether a request or message can go to "participant:name" or "name".
 bool is_target(const std::string& name)
 {
-    return orv::exchange::parse_target(name.c_str()).has_value();
+    return orvex_is_target(name.c_str());
 }
 
 bool is_event(const std::string& name)
 {
-    return orv::exchange::is_name(name.c_str());
+    return orvex_is_name(name.c_str());
 }
 
 Handle join(OrvexHandler handler = [](OrvexKind, const Message&) {})

@@ -8,9 +8,9 @@
 #include "stores.h"
 #include "texts.h"
 
-#include <karma_outbox.h>
 #include <orvbroker/client.h>
 #include <orvdiagnosis/orvdiagnosis.h>
+#include <orvkarma/outbox.h>
 #include <orvutils/version.h>
 
 #include <algorithm>

@@ -7,11 +7,11 @@
 #include "logging.h"
 #include "output.h"
 
-#include <karma_outbox.h>
-#include <lmdb_check.h>
+#include <check.h>
+#include <orvbase/root.h>
 #include <orvdevmgmt/orvdevmgmt.h>
+#include <orvkarma/outbox.h>
 #include <orvutils/setmgmt.h>
-#include <root.h>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -86,7 +86,7 @@ std::string fault_of_lock(const std::string& directory)
 /// What is wrong with a store's directory, or in it; empty when nothing is found.
 std::string fault_of(const std::string& directory)
 {
-    if (!orv::detail::make_directories(directory, orv::detail::kDataDirectoryMode) ||
+    if (!orv::base::make_directories(directory, orv::base::kDataDirectoryMode) ||
         ::access(directory.c_str(), R_OK | X_OK) == -1) {
         return with_reason(directory) +
                " (ORV_ROOT names the agent's root directory, else it is /opt/orvane)";
@@ -122,7 +122,7 @@ int report_closed(Store store)
     std::string fault;
     for (const char* directory : place.directories)
         if (fault.empty())
-            fault = fault_of(orv::detail::root_path(directory));
+            fault = fault_of(orv::base::root_path(directory));
     complain(std::string("cannot open the ") + place.name + ": " +
              (fault.empty() ? "with ORV_LOG_LEVEL=0 the reason is logged" : fault));
     return kUnavailable;
