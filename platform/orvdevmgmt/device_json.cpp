@@ -1,6 +1,7 @@
 // The JSON form of a device, both ways.
 
 #include "device_fields.h"
+
 #include <orvdevmgmt/device_writer.h>
 
 #include <fmt/format.h>

@@ -1,10 +1,11 @@
 // The reader's side of the device store.
 
+#include <orvdevmgmt/orvdevmgmt.h>
+
 #include "changes.h"
 #include "device_store.h"
-#include <orvbase/error_number.h>
 
-#include <orvdevmgmt/orvdevmgmt.h>
+#include <orvbase/error_number.h>
 
 #include <memory>
 #include <utility>
@@ -25,13 +26,13 @@ int init()
     if (const Error error = device_environment().open(); error != Error::none)
         return base::failed(error);
     auto changes = std::make_shared<Changes>();
-    detail::notify::watch(device_environment()); // before the first look: no commit falls in between
+    store::notify::watch(device_environment()); // before the first look: no commit falls in between
     if (!changes->start()) {
-        detail::notify::unwatch(device_environment());
+        store::notify::unwatch(device_environment());
         device_environment().close();
         return base::failed(Error::input_output);
     }
-    detail::notify::add(changes);
+    store::notify::add(changes);
     g_changes = std::move(changes);
     return 0;
 }
@@ -40,8 +41,8 @@ void uninit()
 {
     if (g_changes == nullptr)
         return;
-    detail::notify::remove(*g_changes);
-    detail::notify::unwatch(device_environment());
+    store::notify::remove(*g_changes);
+    store::notify::unwatch(device_environment());
     g_changes.reset();
     device_environment().close();
 }
@@ -63,7 +64,7 @@ int unset_on_dev_info_change(const std::vector<std::string>& fields, DevInfoChan
 
 int get_device(const std::string& id, Device& device)
 {
-    detail::LmdbRead snapshot(device_environment());
+    store::Read snapshot(device_environment());
     Error error = snapshot.error();
     Device found;
     if (error == Error::none)
@@ -78,7 +79,7 @@ int get_device(const std::string& id, Device& device)
 
 int get_devices(std::vector<Device>& devices)
 {
-    detail::LmdbRead snapshot(device_environment());
+    store::Read snapshot(device_environment());
     Error error = snapshot.error();
     std::vector<Device> found;
     if (error == Error::none)
@@ -93,7 +94,7 @@ int get_device_id_by_mac(const sockutl::macaddr& mac, std::string& id)
 {
     if (!mac.is_valid())
         return base::failed(Error::invalid_argument);
-    detail::LmdbRead snapshot(device_environment());
+    store::Read snapshot(device_environment());
     Error error = snapshot.error();
     if (error == Error::none)
         error = find_by_mac(snapshot, mac, id);

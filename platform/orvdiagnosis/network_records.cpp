@@ -1,12 +1,12 @@
 #include "records.h"
 
 #include <orvbase/root.h>
-
 #include <orvutils/keys.h>
 #include <orvutils/setmgmt.h>
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
+
+#include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netinet/in.h>

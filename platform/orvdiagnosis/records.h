@@ -1,7 +1,6 @@
 #pragma once
 
 #include <orvdiagnosis/orvdiagnosis.h>
-
 #include <orvutils/path.h>
 
 #include <memory>

@@ -10,6 +10,7 @@
 #include <orvutils/log_format.h>
 
 #include <dbus/dbus.h>
+
 #include <poll.h>
 #include <sys/epoll.h>
 

@@ -2,8 +2,8 @@
 // any other.
 
 #include "participant.h"
-#include <orvexchange/publisher.h>
 
+#include <orvexchange/publisher.h>
 #include <orvutils/log_format.h>
 
 #include <utility>

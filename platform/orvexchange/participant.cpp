@@ -18,12 +18,13 @@
 #include "participant.h"
 
 #include "traffic.h"
-#include <orvbase/root.h>
 
+#include <orvbase/root.h>
 #include <orvutils/log_format.h>
 #include <orvutils/setmgmt.h>
 
 #include <dbus/dbus.h>
+
 #include <sys/epoll.h>
 
 #include <algorithm>

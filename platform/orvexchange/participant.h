@@ -5,6 +5,7 @@
 #include "origins.h"
 #include "requests.h"
 #include "wire.h"
+
 #include <orvexchange/publisher.h>
 
 #include <memory>

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "wire.h"
+
 #include <orvexchange/publisher.h>
 
 #include <cstdint>

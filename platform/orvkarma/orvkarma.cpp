@@ -5,12 +5,12 @@
 // uninit() finds nothing under its number. An event that is submitted again while its answer is due keeps its
 // number, so the table holds no more than one entry per event.
 
+#include <orvkarma/orvkarma.h>
+
 #include "event.h"
-#include <orvkarma/outbox.h>
 
 #include <orvbase/error_number.h>
-
-#include <orvkarma/orvkarma.h>
+#include <orvkarma/outbox.h>
 #include <orvutils/log_format.h>
 
 #include <cstdint>

@@ -13,12 +13,13 @@
 
 #include "check.h"
 
+#include <orvbase/io.h>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -26,10 +27,11 @@
 #include <utility>
 #include <vector>
 
-namespace orv::detail {
+namespace orv::store {
 
 namespace {
 
+using base::read_fully;
 using PageNumber = std::size_t;
 
 constexpr std::uint32_t kMagic = 0xBEEFC0DE;
@@ -97,22 +99,6 @@ T load(const std::vector<unsigned char>& bytes, std::size_t offset)
     T value;
     std::memcpy(&value, bytes.data() + offset, sizeof value);
     return value;
-}
-
-bool read_fully(int fd, void* data, std::size_t size, std::uint64_t offset)
-{
-    auto* to = static_cast<unsigned char*>(data);
-    while (size > 0) {
-        const ssize_t count = pread(fd, to, size, static_cast<off_t>(offset));
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return false;
-        to += count;
-        size -= static_cast<std::size_t>(count);
-        offset += static_cast<std::uint64_t>(count);
-    }
-    return true;
 }
 
 std::size_t data_size(const NodeHeader& node)
@@ -408,7 +394,7 @@ private:
 /// False for what is no regular file.
 bool file_size(int fd, std::uint64_t& size)
 {
-    struct stat status {};
+    struct stat status{};
     if (fstat(fd, &status) < 0 || !S_ISREG(status.st_mode))
         return false;
     size = static_cast<std::uint64_t>(status.st_size);
@@ -477,4 +463,4 @@ StoreVerdict check_store_file(int fd)
     return {StoreState::sound, ""}; // whoever commits that quickly has the store open and finds it sound
 }
 
-} // namespace orv::detail
+} // namespace orv::store

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-namespace orv::detail {
+namespace orv::store {
 
 /// What an LMDB data file looks like from outside.
 enum class StoreState {
@@ -22,4 +22,4 @@ struct StoreVerdict {
 /// Other processes may go on writing meanwhile.
 [[nodiscard]] StoreVerdict check_store_file(int fd);
 
-} // namespace orv::detail
+} // namespace orv::store

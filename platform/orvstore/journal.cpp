@@ -4,11 +4,9 @@
 
 #include <orvstore/journal.h>
 
-#include <orvutils/log_format.h>
-
 #include <array>
 
-namespace orv::detail {
+namespace orv::store {
 
 namespace {
 
@@ -27,12 +25,10 @@ std::string_view to_bytes(const NumberKey& key)
     return {key.data(), key.size()};
 }
 
-Error to_number(std::string_view key, std::uint64_t& number)
+Error to_number(const Transaction& transaction, std::string_view key, std::uint64_t& number)
 {
-    if (key.size() != NumberKey{}.size()) {
-        ORV_LOG(log::kError, "journal: a malformed key");
-        return Error::input_output;
-    }
+    if (key.size() != NumberKey{}.size())
+        return transaction.refuse("journal: a malformed key");
     number = 0;
     for (const char byte : key)
         number = number << 8U | static_cast<unsigned char>(byte);
@@ -40,23 +36,23 @@ Error to_number(std::string_view key, std::uint64_t& number)
 }
 
 /// The number of the first or last entry; 0 when there is none.
-Error number_at(LmdbCursor& cursor, bool (LmdbCursor::*edge)(), std::uint64_t& number)
+Error number_at(const Transaction& transaction, Cursor& cursor, bool (Cursor::*edge)(), std::uint64_t& number)
 {
     number = 0;
-    return (cursor.*edge)() ? to_number(cursor.key(), number) : cursor.error();
+    return (cursor.*edge)() ? to_number(transaction, cursor.key(), number) : cursor.error();
 }
 
 } // namespace
 
-Error Journal::append(LmdbWrite& transaction, std::string_view entry) const
+Error Journal::append(Write& transaction, std::string_view entry) const
 {
     std::uint64_t first = 0;
     std::uint64_t last = 0;
     {
-        LmdbCursor cursor(transaction, m_tree);
-        if (const Error error = number_at(cursor, &LmdbCursor::last, last); error != Error::none)
+        Cursor cursor(transaction, m_tree);
+        if (const Error error = number_at(transaction, cursor, &Cursor::last, last); error != Error::none)
             return error;
-        if (const Error error = number_at(cursor, &LmdbCursor::first, first); error != Error::none)
+        if (const Error error = number_at(transaction, cursor, &Cursor::first, first); error != Error::none)
             return error;
         if (first != 0 && last - first + 1 >= m_capacity)
             if (const Error error = cursor.remove(); error != Error::none)
@@ -65,21 +61,21 @@ Error Journal::append(LmdbWrite& transaction, std::string_view entry) const
     return transaction.put(m_tree, to_bytes(to_key(last + 1)), entry);
 }
 
-Error Journal::end(LmdbTransaction& transaction, std::uint64_t& place) const
+Error Journal::end(Transaction& transaction, std::uint64_t& place) const
 {
-    LmdbCursor cursor(transaction, m_tree);
-    return number_at(cursor, &LmdbCursor::last, place);
+    Cursor cursor(transaction, m_tree);
+    return number_at(transaction, cursor, &Cursor::last, place);
 }
 
-Error Journal::read(LmdbTransaction& transaction, std::uint64_t& place, std::size_t limit,
+Error Journal::read(Transaction& transaction, std::uint64_t& place, std::size_t limit,
                     std::vector<std::string>& entries, bool& lost) const
 {
     std::uint64_t first = 0;
     std::uint64_t last = 0;
-    LmdbCursor cursor(transaction, m_tree);
-    if (const Error error = number_at(cursor, &LmdbCursor::last, last); error != Error::none)
+    Cursor cursor(transaction, m_tree);
+    if (const Error error = number_at(transaction, cursor, &Cursor::last, last); error != Error::none)
         return error;
-    if (const Error error = number_at(cursor, &LmdbCursor::first, first); error != Error::none)
+    if (const Error error = number_at(transaction, cursor, &Cursor::first, first); error != Error::none)
         return error;
     lost = place > last || (first != 0 && place + 1 < first);
     if (lost) {
@@ -90,11 +86,11 @@ Error Journal::read(LmdbTransaction& transaction, std::uint64_t& place, std::siz
         return Error::none;
     for (bool found = cursor.seek(to_bytes(to_key(place + 1))); found && entries.size() < limit;
          found = cursor.next()) {
-        if (const Error error = to_number(cursor.key(), place); error != Error::none)
+        if (const Error error = to_number(transaction, cursor.key(), place); error != Error::none)
             return error;
         entries.emplace_back(cursor.value());
     }
     return cursor.error();
 }
 
-} // namespace orv::detail
+} // namespace orv::store

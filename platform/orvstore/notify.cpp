@@ -7,10 +7,10 @@
 
 #include <orvstore/notify.h>
 
-#include <orvutils/log_format.h>
+#include <orvbase/descriptor.h>
+#include <orvbase/io.h>
 
 #include <sys/inotify.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -20,14 +20,14 @@
 #include <utility>
 #include <vector>
 
-namespace orv::detail::notify {
+namespace orv::store::notify {
 
 namespace {
 
 constexpr std::uint32_t kEvents = IN_MODIFY | IN_ATTRIB | IN_MOVE_SELF | IN_DELETE_SELF;
 
 struct Watched {
-    LmdbEnvironment* environment;
+    Environment* environment;
     int users;
     int watch;           ///< inotify's number, -1 for none
     unsigned generation; ///< of the environment, when the watch was made
@@ -39,12 +39,12 @@ public:
     {
         if (open() && maintain())
             wake();
-        return m_fd;
+        return fd();
     }
 
-    void watch(LmdbEnvironment& environment)
+    void watch(Environment& environment)
     {
-        if (Watched* known = find(environment); known != nullptr) {
+        if (Watched* known = find(environment)) {
             ++known->users;
             return;
         }
@@ -53,10 +53,10 @@ public:
             (void)maintain();
     }
 
-    void unwatch(LmdbEnvironment& environment)
+    void unwatch(Environment& environment)
     {
         Watched* known = find(environment);
-        if (known == nullptr || --known->users > 0)
+        if (!known || --known->users > 0)
             return;
         drop(*known);
         m_watched.erase(m_watched.begin() + (known - m_watched.data()));
@@ -77,37 +77,47 @@ public:
     {
         if (!open())
             return;
-        const int watch = inotify_add_watch(m_fd, "/", IN_DELETE_SELF);
-        if (watch < 0 || inotify_rm_watch(m_fd, watch) < 0)
-            ORV_LOG(log::kError, "cannot wake up the notification descriptor: {}", std::strerror(errno));
+        const int watch = inotify_add_watch(fd(), "/", IN_DELETE_SELF);
+        if (watch < 0 || inotify_rm_watch(fd(), watch) < 0)
+            complain("cannot wake up the notification descriptor");
     }
 
     void read()
     {
-        if (m_reading)
+        if (m_is_reading)
             return;
-        m_reading = true;
+        m_is_reading = true;
         drain();
         (void)maintain();
         for (const Watched& watched : m_watched)
             watched.environment->catch_up();
         call_listeners();
-        m_reading = false;
+        m_is_reading = false;
     }
 
 private:
     bool open()
     {
-        if (m_fd >= 0)
+        if (m_inotify.is_open())
             return true;
-        m_fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-        if (m_fd < 0 && !m_failed)
-            ORV_LOG(log::kError, "cannot open the notification descriptor: {}", std::strerror(errno));
-        m_failed = m_fd < 0;
-        return m_fd >= 0;
+        m_inotify = base::Descriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+        if (!m_inotify.is_open() && !m_has_failed)
+            complain("cannot open the notification descriptor");
+        m_has_failed = !m_inotify.is_open();
+        return m_inotify.is_open();
     }
 
-    Watched* find(const LmdbEnvironment& environment)
+    [[nodiscard]] int fd() const { return m_inotify.get(); }
+
+    /// What concerns all stores is told by the one that was watched first.
+    void complain(const std::string& what) const
+    {
+        const char* reason = std::strerror(errno);
+        if (!m_watched.empty())
+            m_watched.front().environment->report(Severity::error, what + ": " + reason);
+    }
+
+    Watched* find(const Environment& environment)
     {
         for (Watched& watched : m_watched)
             if (watched.environment == &environment)
@@ -118,7 +128,7 @@ private:
     void drop(Watched& watched) const
     {
         if (watched.watch >= 0)
-            (void)inotify_rm_watch(m_fd, watched.watch); // fails when the file is gone, and the watch with it
+            (void)inotify_rm_watch(fd(), watched.watch); // fails when the file is gone, and the watch with it
         watched.watch = -1;
     }
 
@@ -142,9 +152,9 @@ private:
     bool add_watch(Watched& watched)
     {
         const std::string& file = watched.environment->data_file();
-        watched.watch = m_fd < 0 ? -1 : inotify_add_watch(m_fd, file.c_str(), kEvents);
+        watched.watch = inotify_add_watch(fd(), file.c_str(), kEvents);
         if (watched.watch < 0 && watched.generation != watched.environment->generation())
-            ORV_LOG(log::kError, "cannot watch {}: {}", file, std::strerror(errno));
+            watched.environment->report(Severity::error, "cannot watch " + file + ": " + std::strerror(errno));
         return watched.watch >= 0;
     }
 
@@ -152,9 +162,7 @@ private:
     {
         alignas(inotify_event) std::array<char, 4096> buffer{};
         for (;;) {
-            const ssize_t size = ::read(m_fd, buffer.data(), buffer.size());
-            if (size < 0 && errno == EINTR)
-                continue;
+            const ssize_t size = base::read_some(fd(), buffer.data(), buffer.size());
             if (size <= 0)
                 return; // empty, or not open
             for (std::size_t at = 0; at < static_cast<std::size_t>(size);) {
@@ -189,9 +197,9 @@ private:
         }
     }
 
-    int m_fd = -1;
-    bool m_failed = false;
-    bool m_reading = false;
+    base::Descriptor m_inotify;
+    bool m_has_failed = false;
+    bool m_is_reading = false;
     std::vector<Watched> m_watched;
     std::uint64_t m_last_id = 0;
     std::map<std::uint64_t, std::shared_ptr<Listener>> m_listeners;
@@ -200,7 +208,7 @@ private:
 /// Lives as long as the process, beyond every static object that may still listen.
 Hub& hub()
 {
-    static Hub* const instance = new Hub;
+    static auto* instance = new Hub;
     return *instance;
 }
 
@@ -211,12 +219,12 @@ int descriptor()
     return hub().descriptor();
 }
 
-void watch(LmdbEnvironment& environment)
+void watch(Environment& environment)
 {
     hub().watch(environment);
 }
 
-void unwatch(LmdbEnvironment& environment)
+void unwatch(Environment& environment)
 {
     hub().unwatch(environment);
 }
@@ -241,4 +249,4 @@ void read()
     hub().read();
 }
 
-} // namespace orv::detail::notify
+} // namespace orv::store::notify

@@ -3,7 +3,6 @@
 #include "base_support.h"
 
 #include <orvutils/log_control.h>
-
 #include <orvutils/log_format.h>
 
 #include <gtest/gtest.h>

@@ -3,7 +3,6 @@
 #include "base_support.h"
 
 #include <orvbase/root.h>
-
 #include <orvutils/path.h>
 
 #include <gtest/gtest.h>

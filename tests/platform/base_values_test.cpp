@@ -4,7 +4,6 @@
 
 #include <orvbase/error_number.h>
 #include <orvutils/error.h>
-
 #include <orvutils/memory.h>
 #include <orvutils/path.h>
 #include <orvutils/sockutl.h>

@@ -3,10 +3,9 @@
 
 #include "store_support.h"
 
-#include <orvdiagnosis/orvdiagnosis.h>
-
 #include <orvdevmgmt/device_writer.h>
 #include <orvdevmgmt/orvdevmgmt.h>
+#include <orvdiagnosis/orvdiagnosis.h>
 #include <orvutils/keys.h>
 
 #include <sys/socket.h>

@@ -3,6 +3,7 @@
 #include <orvutils/setmgmt.h>
 
 #include <dbus/dbus.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/wait.h>

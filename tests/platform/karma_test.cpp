@@ -4,6 +4,7 @@
 
 #include <orvkarma/orvkarma.h>
 #include <orvkarma/outbox.h>
+#include <orvutils/error.h>
 
 #include <gtest/gtest.h>
 

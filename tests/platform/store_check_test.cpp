@@ -2,7 +2,8 @@
 
 #include "check.h"
 #include "store_support.h"
-#include <orvstore/environment.h>
+
+#include <orvstore/transaction.h>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -14,7 +15,7 @@
 #include <functional>
 #include <random>
 
-using namespace orv::detail;
+using namespace orv::store;
 using orv::Error;
 
 namespace {
@@ -26,7 +27,7 @@ constexpr std::size_t kPageHeader = kWord + 8;
 
 class StoreCheckTest : public testing::Test {
 protected:
-    static LmdbEnvironment::Layout layout() { return {"store", {"a", "b"}, kMapSize, false}; }
+    static Layout layout() { return {"store", {"a", "b"}, kMapSize, false}; }
 
     [[nodiscard]] std::string data_file() const { return m_root.path() + "/store/data.mdb"; }
 
@@ -89,9 +90,9 @@ std::size_t free_list_node(const std::string& bytes, std::size_t index)
 }
 
 /// One transaction with a few random changes: short and long keys, small and huge values, many removals.
-Error change_at_random(LmdbEnvironment& environment, std::mt19937& random)
+Error change_at_random(Environment& environment, std::mt19937& random)
 {
-    LmdbWrite transaction(environment);
+    Write transaction(environment);
     Error error = transaction.error();
     const auto changes = 1 + random() % 40;
     for (std::size_t i = 0; i < changes && error == Error::none; ++i) {
@@ -109,14 +110,14 @@ Error change_at_random(LmdbEnvironment& environment, std::mt19937& random)
 }
 
 /// Everything that the environment can be asked and told.
-void use_thoroughly(LmdbEnvironment& environment)
+void use_thoroughly(Environment& environment)
 {
     for (std::size_t tree = 0; tree < 2; ++tree) {
         std::size_t bytes = 0;
-        LmdbRead transaction(environment);
+        Read transaction(environment);
         if (transaction.error() != Error::none)
             return;
-        LmdbCursor cursor(transaction, tree);
+        Cursor cursor(transaction, tree);
         for (bool found = cursor.first(); found; found = cursor.next())
             bytes += static_cast<std::size_t>(
                 std::count(cursor.value().begin(), cursor.value().end(), cursor.key().empty() ? 'k' : 'v'));
@@ -131,7 +132,7 @@ void use_thoroughly(LmdbEnvironment& environment)
 
 TEST_F(StoreCheckTest, A_store_is_sound_after_every_commit)
 {
-    LmdbEnvironment environment(layout());
+    Environment environment(layout());
     ASSERT_EQ(environment.open(), Error::none);
     for (int i = 0; i < 3000; ++i) {
         ASSERT_EQ(change_at_random(environment, m_random), Error::none);
@@ -143,7 +144,7 @@ TEST_F(StoreCheckTest, A_store_is_sound_after_every_commit)
 TEST_F(StoreCheckTest, A_store_is_sound_while_another_process_writes_to_it)
 {
     Companion writer([&](Companion::Ends ends) -> int {
-        LmdbEnvironment environment(layout());
+        Environment environment(layout());
         REQUIRE(environment.open() == Error::none);
         REQUIRE(write(ends.out, "o", 1) == 1);
         for (;;)
@@ -159,7 +160,7 @@ TEST_F(StoreCheckTest, A_store_whose_writers_were_killed_is_sound)
     for (int i = 0; i < 40; ++i) {
         Companion writer([&](Companion::Ends ends) -> int {
             std::mt19937 random(static_cast<unsigned>(i));
-            LmdbEnvironment environment(layout());
+            Environment environment(layout());
             REQUIRE(environment.open() == Error::none);
             for (;;) {
                 REQUIRE(change_at_random(environment, random) == Error::none);
@@ -190,7 +191,7 @@ TEST_F(StoreCheckTest, What_is_no_store_is_told_from_an_empty_one)
 TEST_F(StoreCheckTest, A_truncated_store_is_damaged)
 {
     {
-        LmdbEnvironment environment(layout());
+        Environment environment(layout());
         ASSERT_EQ(environment.open(), Error::none);
         for (int i = 0; i < 50; ++i)
             ASSERT_EQ(change_at_random(environment, m_random), Error::none);
@@ -212,10 +213,10 @@ protected:
     void fill(int keys)
     {
         std::filesystem::remove_all(m_root.path() + "/store");
-        LmdbEnvironment environment(layout());
+        Environment environment(layout());
         ASSERT_EQ(environment.open(), Error::none);
         for (int i = 0; i < keys; ++i) {
-            LmdbWrite transaction(environment);
+            Write transaction(environment);
             ASSERT_EQ(transaction.put(0, "key " + std::to_string(100 + i), std::string(39, 'v')),
                       Error::none);
             ASSERT_EQ(transaction.commit(), Error::none);
@@ -336,7 +337,7 @@ TEST_F(StoreCheckTest, A_store_whose_creation_was_interrupted_is_created_again)
 {
     {
         // What is written first of all, before there is any tree.
-        LmdbEnvironment environment({"store", {}, kMapSize, true});
+        Environment environment({"store", {}, kMapSize, true});
         ASSERT_EQ(environment.open(), Error::none);
     }
     const std::string created = slurp(data_file());
@@ -347,7 +348,7 @@ TEST_F(StoreCheckTest, A_store_whose_creation_was_interrupted_is_created_again)
                                     zeros, zeros + zeros, std::string(1, '\0')}) {
         spill(data_file(), rest);
         EXPECT_EQ(verdict().state, StoreState::unfinished) << rest.size();
-        LmdbEnvironment environment({"store", {"a", "b"}, kMapSize, true});
+        Environment environment({"store", {"a", "b"}, kMapSize, true});
         ASSERT_EQ(environment.open(), Error::none);
         EXPECT_EQ(change_at_random(environment, m_random), Error::none);
     }
@@ -356,7 +357,7 @@ TEST_F(StoreCheckTest, A_store_whose_creation_was_interrupted_is_created_again)
 TEST_F(StoreCheckTest, A_store_that_lost_pages_is_not_taken_for_an_unfinished_one)
 {
     {
-        LmdbEnvironment environment(layout());
+        Environment environment(layout());
         ASSERT_EQ(environment.open(), Error::none);
     }
     const std::string finished = slurp(data_file());
@@ -375,7 +376,7 @@ TEST_F(StoreCheckTest, A_store_that_lost_pages_is_not_taken_for_an_unfinished_on
 TEST_F(StoreCheckTest, No_damage_crashes_the_process)
 {
     {
-        LmdbEnvironment environment(layout());
+        Environment environment(layout());
         ASSERT_EQ(environment.open(), Error::none);
         for (int i = 0; i < 150; ++i)
             ASSERT_EQ(change_at_random(environment, m_random), Error::none);
@@ -398,7 +399,7 @@ TEST_F(StoreCheckTest, No_damage_crashes_the_process)
         spill(data_file(), damaged);
         refused += verdict().state == StoreState::damaged ? 1 : 0;
         const Outcome outcome = in_child([&] {
-            LmdbEnvironment environment(layout());
+            Environment environment(layout());
             if (environment.open() != Error::none)
                 return 2;
             use_thoroughly(environment);

@@ -1,9 +1,10 @@
 // The journal of a store: writers append, readers keep their place.
 
 #include "store_support.h"
+
 #include <orvstore/journal.h>
 
-using namespace orv::detail;
+using namespace orv::store;
 
 namespace {
 
@@ -16,7 +17,7 @@ protected:
 
     void append(int from, int to)
     {
-        LmdbWrite transaction(m_environment);
+        Write transaction(m_environment);
         for (int i = from; i <= to; ++i)
             ASSERT_EQ(kJournal.append(transaction, std::to_string(i)), orv::Error::none);
         ASSERT_EQ(transaction.commit(), orv::Error::none);
@@ -24,14 +25,14 @@ protected:
 
     std::vector<std::string> read(std::uint64_t& place, std::size_t limit = 100)
     {
-        LmdbRead transaction(m_environment);
+        Read transaction(m_environment);
         std::vector<std::string> entries;
         EXPECT_EQ(kJournal.read(transaction, place, limit, entries, m_lost), orv::Error::none);
         return entries;
     }
 
     TemporaryRoot m_root;
-    LmdbEnvironment m_environment{{"journal", {"entries"}, std::size_t{1024} * 1024, false}};
+    Environment m_environment{{"journal", {"entries"}, std::size_t{1024} * 1024, false}};
     bool m_lost = false;
 };
 
@@ -55,7 +56,7 @@ TEST_F(JournalTest, A_reader_starts_at_the_end)
 {
     append(1, 3);
     std::uint64_t place = 0;
-    LmdbRead transaction(m_environment);
+    Read transaction(m_environment);
     ASSERT_EQ(kJournal.end(transaction, place), orv::Error::none);
     EXPECT_EQ(read(place), Entries{});
 }
@@ -77,7 +78,7 @@ TEST_F(JournalTest, Only_the_last_entries_are_kept)
     append(3, 10);
     EXPECT_EQ(read(place), (Entries{"3", "4", "5", "6", "7", "8", "9", "10"}));
     EXPECT_FALSE(m_lost);
-    LmdbRead transaction(m_environment);
+    Read transaction(m_environment);
     EXPECT_EQ(transaction.entries(0), kCapacity);
 }
 
@@ -107,7 +108,7 @@ TEST_F(JournalTest, An_entry_whose_key_is_no_number_is_an_error_and_leads_nobody
 {
     append(1, 3);
     {
-        LmdbWrite transaction(m_environment);
+        Write transaction(m_environment);
         ASSERT_EQ(transaction.put(0, std::string(9, '\0'), "first"), orv::Error::none);
         ASSERT_EQ(transaction.put(0, std::string("\0\0\0\0\0\0\0\2\0", 9), "third"), orv::Error::none);
         ASSERT_EQ(transaction.commit(), orv::Error::none);
@@ -115,10 +116,10 @@ TEST_F(JournalTest, An_entry_whose_key_is_no_number_is_an_error_and_leads_nobody
     std::uint64_t place = 1;
     std::vector<std::string> entries;
     {
-        LmdbRead transaction(m_environment);
+        Read transaction(m_environment);
         EXPECT_EQ(kJournal.read(transaction, place, 100, entries, m_lost), orv::Error::input_output);
         EXPECT_EQ(place, 1U);
     }
-    LmdbWrite transaction(m_environment);
+    Write transaction(m_environment);
     EXPECT_EQ(kJournal.append(transaction, "4"), orv::Error::input_output);
 }

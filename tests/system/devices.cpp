@@ -93,7 +93,7 @@ std::string crowd(const std::string& prefix, unsigned count, const std::string& 
 
 std::string record(const std::string& id)
 {
-    orv::detail::LmdbRead transaction(device_environment());
+    orv::store::Read transaction(device_environment());
     std::string_view bytes;
     if (transaction.get(kDevices, id, bytes) != orv::Error::none)
         return outcome(false);
@@ -111,7 +111,7 @@ std::string plant(const std::string& id, const std::string& hex)
     std::string bytes;
     for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
         bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    orv::detail::LmdbWrite transaction(device_environment());
+    orv::store::Write transaction(device_environment());
     return outcome(transaction.put(kDevices, id, bytes) == orv::Error::none &&
                    transaction.commit() == orv::Error::none);
 }

@@ -8,7 +8,6 @@
 
 #include <orvbase/root.h>
 #include <orvutils/log_control.h>
-
 #include <orvutils/log_format.h>
 #include <orvutils/standard_streams.h>
 

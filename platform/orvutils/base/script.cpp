@@ -7,8 +7,8 @@
 #include <orvutils/script.h>
 
 #include "script_run.h"
-#include <orvbase/error_number.h>
 
+#include <orvbase/error_number.h>
 #include <orvutils/log_format.h>
 
 #include <fcntl.h>

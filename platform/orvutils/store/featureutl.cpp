@@ -1,7 +1,8 @@
 // A feature that is not mentioned in the settings store is on.
 
-#include <orvutils/error.h>
 #include <orvutils/featureutl.h>
+
+#include <orvutils/error.h>
 #include <orvutils/setmgmt.h>
 
 #include <algorithm>

@@ -3,9 +3,9 @@
 // the process dies, are not inherited by the programs it starts, and leave other locks on the file alone.
 
 #include "settings_key.h"
+
 #include <orvbase/error_number.h>
 #include <orvbase/root.h>
-
 #include <orvutils/log_format.h>
 
 #include <fcntl.h>

@@ -1,4 +1,5 @@
 #include <orvutils/leases.h>
+
 #include <orvutils/setmgmt.h>
 
 #include <string>

@@ -5,8 +5,8 @@
 // changed.
 
 #include "settings_store.h"
-#include <orvstore/notify.h>
 
+#include <orvstore/notify.h>
 #include <orvutils/log_format.h>
 
 #include <algorithm>
@@ -16,6 +16,10 @@
 namespace orv::detail {
 
 namespace {
+
+using store::Environment;
+using store::Read;
+using store::Transaction;
 
 constexpr std::size_t kRemovalsAtOnce = 64;
 
@@ -35,7 +39,7 @@ std::vector<KeyWatch*>& all_watches()
     return *watches;
 }
 
-class KeyWatch : public notify::Listener {
+class KeyWatch : public store::notify::Listener {
 public:
     using Callback = setMgmt::MonitoredKey::Callback;
 
@@ -50,7 +54,7 @@ public:
         if (!m_callback || !m_key.parse(m_path.str()) || m_key.is_root())
             return false;
         m_environment = &settings_environment(m_key);
-        notify::watch(*m_environment);
+        store::notify::watch(*m_environment);
         (void)has_changed(); // takes the present state for seen
         all_watches().push_back(this);
         m_active = true;
@@ -63,8 +67,8 @@ public:
             return;
         auto& watches = all_watches();
         watches.erase(std::find(watches.begin(), watches.end(), this));
-        notify::unwatch(*m_environment);
-        notify::remove(*this); // may end this object's life
+        store::notify::unwatch(*m_environment);
+        store::notify::remove(*this); // may end this object's life
     }
 
     void look() override
@@ -84,7 +88,7 @@ public:
 private:
     bool has_changed()
     {
-        LmdbRead snapshot(*m_environment);
+        Read snapshot(*m_environment);
         if (snapshot.error() != Error::none)
             return false; // it is looked at again when the store is back
         const Seen before = m_seen;
@@ -107,7 +111,7 @@ private:
     }
 
     /// Reads on in the journal of removals.
-    bool was_removed(LmdbTransaction& snapshot)
+    bool was_removed(Transaction& snapshot)
     {
         bool removed = false;
         std::vector<std::string> nodes;
@@ -125,7 +129,7 @@ private:
     Callback m_callback;
     void* m_user;
     SettingsKey m_key;
-    LmdbEnvironment* m_environment = nullptr;
+    Environment* m_environment = nullptr;
     Seen m_seen;
     bool m_keep;
     bool m_notify_now;
@@ -137,7 +141,7 @@ private:
 void settings_opened()
 {
     if (!all_watches().empty())
-        notify::wake(); // the store may have changed while it was closed
+        store::notify::wake(); // the store may have changed while it was closed
 }
 
 void settings_closing()
@@ -170,9 +174,9 @@ MonitoredKey::MonitoredKey(const char* key, Callback callback, bool notify_now, 
     m_watch = std::make_unique<Watch>(watch);
     if (!watch->start())
         return;
-    detail::notify::add(watch);
+    store::notify::add(watch);
     if (notify_now)
-        detail::notify::wake();
+        store::notify::wake();
 }
 
 MonitoredKey::~MonitoredKey()
@@ -182,12 +186,12 @@ MonitoredKey::~MonitoredKey()
 
 int MonitoredKey::get_fd() const
 {
-    return m_watch->get().is_active() ? detail::notify::descriptor() : -1;
+    return m_watch->get().is_active() ? store::notify::descriptor() : -1;
 }
 
 void MonitoredKey::read_notifications()
 {
-    detail::notify::read(); // a callback may destroy this object
+    store::notify::read(); // a callback may destroy this object
 }
 
 void MonitoredKey::cancel()

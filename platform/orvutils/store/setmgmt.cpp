@@ -1,8 +1,8 @@
 // Reading, writing and listing of settings. Records and environments are described in settings_store.h.
 
 #include "settings_store.h"
-#include <orvbase/error_number.h>
 
+#include <orvbase/error_number.h>
 #include <orvutils/log_format.h>
 
 #include <algorithm>
@@ -14,18 +14,29 @@ namespace orv::detail {
 
 namespace {
 
+using store::Cursor;
+using store::Environment;
+using store::Read;
+using store::Transaction;
+using store::Write;
+
 constexpr std::size_t kMegabyte = std::size_t{1024} * 1024;
 constexpr std::size_t kStampSize = sizeof(std::uint64_t);
 
-struct Store {
-    LmdbEnvironment durable{{"var/settings", {"values", "removals"}, 64 * kMegabyte, true}};
-    LmdbEnvironment volatile_keys{{"tmp/settings", {"values", "removals"}, 32 * kMegabyte, false}};
+void report(store::Severity severity, const std::string& text)
+{
+    ORV_LOG(static_cast<int>(severity), "{}", text);
+}
+
+struct Environments {
+    Environment durable{{"var/settings", {"values", "removals"}, 64 * kMegabyte, true, report}};
+    Environment volatile_keys{{"tmp/settings", {"values", "removals"}, 32 * kMegabyte, false, report}};
 };
 
-/// Lives as long as the process: it holds what the operating system releases anyhow.
-Store& store()
+/// Live as long as the process: they hold what the operating system releases anyhow.
+Environments& environments()
 {
-    static Store* const instance = new Store;
+    static auto* instance = new Environments;
     return *instance;
 }
 
@@ -40,9 +51,9 @@ bool is_within(const SettingsKey& key, std::string_view bytes)
 }
 
 /// Whether a key without a value has children.
-Error tell_absence(LmdbTransaction& transaction, const SettingsKey& key)
+Error tell_absence(Transaction& transaction, const SettingsKey& key)
 {
-    LmdbCursor cursor(transaction, kValues);
+    Cursor cursor(transaction, kValues);
     if (cursor.seek(key.prefix()) && starts_with(cursor.key(), key.prefix()))
         return Error::no_value;
     return cursor.error() != Error::none ? cursor.error() : Error::no_such_key;
@@ -50,7 +61,7 @@ Error tell_absence(LmdbTransaction& transaction, const SettingsKey& key)
 
 Error read_value(const SettingsKey& key, std::string& value)
 {
-    LmdbRead transaction(settings_environment(key));
+    Read transaction(settings_environment(key));
     if (transaction.error() != Error::none)
         return transaction.error();
     SettingsRecord record;
@@ -64,7 +75,7 @@ Error read_value(const SettingsKey& key, std::string& value)
 
 Error write_value(const SettingsKey& key, std::string_view value)
 {
-    LmdbWrite transaction(settings_environment(key));
+    Write transaction(settings_environment(key));
     if (transaction.error() != Error::none)
         return transaction.error();
     const std::uint64_t commit = transaction.id();
@@ -78,9 +89,9 @@ Error write_value(const SettingsKey& key, std::string_view value)
 }
 
 /// Removes every node from the key down that has a value, and tells the journal of each.
-Error remove_nodes(LmdbWrite& transaction, const SettingsKey& key)
+Error remove_nodes(Write& transaction, const SettingsKey& key)
 {
-    LmdbCursor cursor(transaction, kValues);
+    Cursor cursor(transaction, kValues);
     bool found = cursor.seek(key.bytes()) && is_within(key, cursor.key());
     if (!found)
         return cursor.error() != Error::none ? cursor.error() : Error::no_such_key;
@@ -101,7 +112,7 @@ Error remove_nodes(LmdbWrite& transaction, const SettingsKey& key)
 
 Error remove_tree(const SettingsKey& key)
 {
-    LmdbWrite transaction(settings_environment(key));
+    Write transaction(settings_environment(key));
     if (transaction.error() != Error::none)
         return transaction.error();
     if (const Error error = remove_nodes(transaction, key); error != Error::none)
@@ -122,12 +133,12 @@ Error report_malformed(const char* what)
 }
 
 /// Appends the names of a key's children in one environment.
-Error list_children(LmdbEnvironment& environment, const SettingsKey& key, std::vector<std::string>& names)
+Error list_children(Environment& environment, const SettingsKey& key, std::vector<std::string>& names)
 {
-    LmdbRead transaction(environment);
+    Read transaction(environment);
     if (transaction.error() != Error::none)
         return transaction.error();
-    LmdbCursor cursor(transaction, kValues);
+    Cursor cursor(transaction, kValues);
     const std::string_view prefix = key.prefix();
     std::string from(prefix);
     for (bool found = cursor.seek(from); found; found = cursor.seek(from)) {
@@ -152,7 +163,7 @@ Error list_all_children(const SettingsKey& key, std::vector<std::string>& names)
     if (error != Error::none || !key.is_root())
         return error;
     std::vector<std::string> tmp;
-    const Error tmp_error = list_children(store().volatile_keys, key, tmp);
+    const Error tmp_error = list_children(environments().volatile_keys, key, tmp);
     const auto place = std::lower_bound(names.begin(), names.end(), "tmp");
     names.insert(place, tmp.begin(), tmp.end());
     return tmp_error;
@@ -165,12 +176,12 @@ int result(Error error)
 
 } // namespace
 
-LmdbEnvironment& settings_environment(const SettingsKey& key)
+Environment& settings_environment(const SettingsKey& key)
 {
-    return key.is_volatile() ? store().volatile_keys : store().durable;
+    return key.is_volatile() ? environments().volatile_keys : environments().durable;
 }
 
-Error read_record(LmdbTransaction& transaction, const SettingsKey& key, SettingsRecord& record)
+Error read_record(Transaction& transaction, const SettingsKey& key, SettingsRecord& record)
 {
     std::string_view bytes;
     if (const Error error = transaction.get(kValues, key.bytes(), bytes); error != Error::none)
@@ -190,13 +201,13 @@ using detail::SettingsKey;
 
 int init()
 {
-    detail::Store& store = detail::store();
-    if (store.durable.is_wanted())
+    detail::Environments& settings = detail::environments();
+    if (settings.durable.is_wanted())
         return 0;
-    if (const Error error = store.durable.open(); error != Error::none)
+    if (const Error error = settings.durable.open(); error != Error::none)
         return base::fail(error);
-    if (const Error error = store.volatile_keys.open(); error != Error::none) {
-        store.durable.close();
+    if (const Error error = settings.volatile_keys.open(); error != Error::none) {
+        settings.durable.close();
         return base::fail(error);
     }
     detail::settings_opened();
@@ -206,8 +217,15 @@ int init()
 void uninit()
 {
     detail::settings_closing();
-    detail::store().volatile_keys.close();
-    detail::store().durable.close();
+    detail::environments().volatile_keys.close();
+    detail::environments().durable.close();
+}
+
+const store::Failure& failure()
+{
+    const store::Failure& durable = detail::environments().durable.failure();
+    return durable.kind != store::Failure::Kind::none ? durable
+                                                      : detail::environments().volatile_keys.failure();
 }
 
 int getKey(const std::string& key, std::string& value)

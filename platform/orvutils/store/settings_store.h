@@ -1,8 +1,9 @@
 #pragma once
 
 #include "settings_key.h"
-#include <orvstore/environment.h>
+
 #include <orvstore/journal.h>
+#include <orvstore/transaction.h>
 
 #include <cstdint>
 #include <string_view>
@@ -17,9 +18,9 @@ namespace orv::detail {
 enum SettingsTree : std::size_t { kValues, kRemovals };
 
 /// Removals that a watcher can lag behind; beyond that it takes its key, if it is not there, for changed.
-constexpr Journal kRemovalJournal{kRemovals, 512};
+constexpr store::Journal kRemovalJournal{kRemovals, 512};
 
-[[nodiscard]] LmdbEnvironment& settings_environment(const SettingsKey& key);
+[[nodiscard]] store::Environment& settings_environment(const SettingsKey& key);
 
 struct SettingsRecord {
     std::uint64_t commit = 0;
@@ -27,7 +28,7 @@ struct SettingsRecord {
 };
 
 /// Looks a key up in a snapshot of its environment. Error::no_such_key when it has no value.
-[[nodiscard]] Error read_record(LmdbTransaction& transaction, const SettingsKey& key, SettingsRecord& record);
+[[nodiscard]] Error read_record(store::Transaction& transaction, const SettingsKey& key, SettingsRecord& record);
 
 /// To be called when the store was opened or is going to be closed, for the monitored keys.
 void settings_opened();

@@ -1,9 +1,10 @@
 // A child of /tmp/subscription is a subscription when it has a status or an expiry below it; others, such as
 // "refresh", which tells of changes, are something else.
 
+#include <orvutils/subs.h>
+
 #include <orvutils/error.h>
 #include <orvutils/setmgmt.h>
-#include <orvutils/subs.h>
 
 #include <algorithm>
 #include <array>

@@ -1,8 +1,8 @@
 // The versions stand in etc/release, which the installation writes: lines "version=..." and "patch=...".
 
-#include <orvbase/root.h>
-
 #include <orvutils/version.h>
+
+#include <orvbase/root.h>
 
 #include <fstream>
 #include <string_view>

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <orvdevmgmt/orvdevmgmt.h>
+#include <orvstore/failure.h>
 
 #include <jansson.h>
 
@@ -14,6 +15,9 @@ namespace orv::devMgmt {
 constexpr std::size_t kMaxDeviceIdSize = 255;
 constexpr std::size_t kMaxRecordSize = 8192; ///< of a whole device, as it is stored
 
+/// Why init() has failed; Kind::none when the store itself could be opened.
+[[nodiscard]] const store::Failure& failure();
+
 /// Stores a device, new or in place of the one with its id. 0, or below 0 with nothing changed: error 1 for
 /// an impossible device (no id, texts that are not UTF-8, invalid addresses, with the member's name in the log;
 /// too large). Storing what is there already changes nothing.
@@ -25,8 +29,8 @@ constexpr std::size_t kMaxRecordSize = 8192; ///< of a whole device, as it is st
 /// Makes a device of its JSON form:
 ///
 ///     {"did": "d1", "owner": "r1", "macs": {"aa:bb:cc:00:00:01": ["192.168.1.20", "fe80::1"]},
-///      "display_name": "TV", "friendly_name": "", "device_type": "tv", "device_os": "", "device_os_version":
-///      "", "device_manufacturer": "", "last_va_scan_ts": "", "traffic_blocked": 0}
+///      "display_name": "TV", "friendly_name": "", "device_type": "tv", "device_os": "",
+///      "device_os_version": "", "device_manufacturer": "", "last_va_scan_ts": "", "traffic_blocked": 0}
 ///
 /// Only "did" must be there; without "owner" it is `default_owner`. False with an explanation that names the
 /// offending member, and `device` untouched, when the JSON is not of that shape.

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <orvutils/error.h>
+#include <orvbase/error.h>
+#include <orvstore/failure.h>
 
 #include <cstddef>
 #include <string>
@@ -16,6 +17,8 @@ constexpr std::size_t kMaxIdSize = 255;
 constexpr std::size_t kMaxEventSize = std::size_t{256} * 1024;
 
 [[nodiscard]] Error open();
+/// Why open() has failed.
+[[nodiscard]] const store::Failure& failure();
 void close();
 
 struct Entry {

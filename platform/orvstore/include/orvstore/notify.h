@@ -7,7 +7,7 @@
 
 /// The process's one notification descriptor (inotify): readable after any process has committed a change to
 /// a watched environment. What has changed is found out by those who listen.
-namespace orv::detail::notify {
+namespace orv::store::notify {
 
 class Listener {
 public:
@@ -25,8 +25,8 @@ public:
 [[nodiscard]] int descriptor();
 
 /// Watches an environment, which may be closed for now; counted.
-void watch(LmdbEnvironment& environment);
-void unwatch(LmdbEnvironment& environment);
+void watch(Environment& environment);
+void unwatch(Environment& environment);
 
 /// Adds a listener; they are called in the order in which they were added.
 void add(std::shared_ptr<Listener> listener);
@@ -39,4 +39,4 @@ void wake();
 /// listener.
 void read();
 
-} // namespace orv::detail::notify
+} // namespace orv::store::notify
