@@ -35,8 +35,8 @@ private:
     };
 
     [[nodiscard]] bool read_on(std::vector<Told>& told);
-    [[nodiscard]] bool find_device(store::Transaction& snapshot, std::uint64_t place,
-                                   const std::string& did, Device& device) const;
+    [[nodiscard]] bool find_device(store::Transaction& snapshot, std::uint64_t place, const std::string& did,
+                                   Device& device) const;
     void tell(const Told& change);
     void tell_that_all_may_have_changed();
 

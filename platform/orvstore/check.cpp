@@ -394,7 +394,7 @@ private:
 /// False for what is no regular file.
 bool file_size(int fd, std::uint64_t& size)
 {
-    struct stat status{};
+    struct stat status {};
     if (fstat(fd, &status) < 0 || !S_ISREG(status.st_mode))
         return false;
     size = static_cast<std::uint64_t>(status.st_size);

@@ -154,7 +154,8 @@ private:
         const std::string& file = watched.environment->data_file();
         watched.watch = inotify_add_watch(fd(), file.c_str(), kEvents);
         if (watched.watch < 0 && watched.generation != watched.environment->generation())
-            watched.environment->report(Severity::error, "cannot watch " + file + ": " + std::strerror(errno));
+            watched.environment->report(Severity::error,
+                                        "cannot watch " + file + ": " + std::strerror(errno));
         return watched.watch >= 0;
     }
 

@@ -72,7 +72,7 @@ bool is_in_use(const std::string& lock_file)
     const Descriptor file(::open(lock_file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!file.is_open())
         return errno != ENOENT;
-    struct flock lock{};
+    struct flock lock {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
     lock.l_len = 1;
@@ -104,7 +104,7 @@ int allocate(int fd, off_t size)
     if (errno != EOPNOTSUPP && errno != ENOSYS)
         return errno;
     // A file system without it: zeros go only where the file does not reach, nobody has mapped that.
-    struct stat status{};
+    struct stat status {};
     if (fstat(fd, &status) < 0)
         return errno;
     static constexpr char kZeros[1024] = {};
@@ -132,7 +132,7 @@ int lock_directory(int fd)
 
 FileState file_state(const std::string& file)
 {
-    struct stat status{};
+    struct stat status {};
     return stat(file.c_str(), &status) == 0 ? to_file_state(status) : FileState{};
 }
 
@@ -150,7 +150,10 @@ public:
     {
     }
 
-    std::unique_ptr<Opened> run() { return enter_directory() && open_files() ? std::move(m_opened) : nullptr; }
+    std::unique_ptr<Opened> run()
+    {
+        return enter_directory() && open_files() ? std::move(m_opened) : nullptr;
+    }
 
 private:
     using Kind = Failure::Kind;
@@ -239,7 +242,7 @@ private:
             const bool is_there = access(m_lock_file.c_str(), F_OK) == 0;
             return fail(Kind::lock_file, is_there ? m_lock_file : m_directory, doing, reason);
         };
-        struct stat status{};
+        struct stat status {};
         if (!file.is_open() || fstat(file.get(), &status) < 0)
             return failed("open the lock file", std::strerror(errno));
         if (!S_ISREG(status.st_mode))
@@ -252,8 +255,8 @@ private:
     int try_to_open_environment()
     {
         MDB_env*& environment = m_opened->m_environment;
-        const unsigned flags = MDB_NOTLS | (m_layout.synced ? 0U : MDB_NOSYNC) |
-                               (m_opened->m_read_only ? MDB_RDONLY : 0U);
+        const unsigned flags =
+            MDB_NOTLS | (m_layout.synced ? 0U : MDB_NOSYNC) | (m_opened->m_read_only ? MDB_RDONLY : 0U);
         if (environment)
             mdb_env_close(environment);
         environment = nullptr;
@@ -277,7 +280,7 @@ private:
             code = mdb_env_get_fd(m_opened->m_environment, &fd);
         if (code != MDB_SUCCESS)
             return fail_to_open(mdb_strerror(code));
-        struct stat status{};
+        struct stat status {};
         if (fcntl(fd, F_SETFD, FD_CLOEXEC) < 0 || fstat(fd, &status) < 0)
             return fail_to_open(std::strerror(errno));
         m_opened->m_file = to_file_state(status);

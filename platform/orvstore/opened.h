@@ -57,7 +57,7 @@ private:
     MDB_env* m_environment = nullptr;
     MDB_txn* m_reader = nullptr; ///< the one reading transaction: renewed and reset, never ended
     std::vector<unsigned> m_trees;
-    FileState m_file; ///< the data file
+    FileState m_file;        ///< the data file
     unsigned m_readings = 0; ///< readings that are going on, nested ones included
     unsigned m_forks;        ///< of this process, when it was opened
     bool m_read_only = false;

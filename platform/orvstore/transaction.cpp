@@ -122,8 +122,7 @@ Error Write::commit()
 
 Cursor::Cursor(Transaction& transaction, std::size_t tree) : m_transaction(transaction)
 {
-    const int code =
-        mdb_cursor_open(transaction.m_transaction, transaction.m_opened->tree(tree), &m_cursor);
+    const int code = mdb_cursor_open(transaction.m_transaction, transaction.m_opened->tree(tree), &m_cursor);
     if (code != MDB_SUCCESS)
         m_error = transaction.failed("open a cursor", code);
 }

@@ -1,7 +1,7 @@
 // The daemon framework, seen from outside: the probe's options, exit statuses, signals and its way to the
 // background.
 
-#include "base_support.h"
+#include "probe_support.h"
 
 #include <orvutils/daemon.h>
 #include <orvutils/script.h>

@@ -28,7 +28,8 @@ struct SettingsRecord {
 };
 
 /// Looks a key up in a snapshot of its environment. Error::no_such_key when it has no value.
-[[nodiscard]] Error read_record(store::Transaction& transaction, const SettingsKey& key, SettingsRecord& record);
+[[nodiscard]] Error read_record(store::Transaction& transaction, const SettingsKey& key,
+                                SettingsRecord& record);
 
 /// To be called when the store was opened or is going to be closed, for the monitored keys.
 void settings_opened();

@@ -1,9 +1,11 @@
 // The examination of a data file: sound ones are never refused, damaged ones never crash the process.
 
 #include "check.h"
-#include "store_support.h"
+#include "process_support.h"
 
 #include <orvstore/transaction.h>
+
+#include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <unistd.h>

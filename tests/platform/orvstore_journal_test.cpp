@@ -1,8 +1,10 @@
 // The journal of a store: writers append, readers keep their place.
 
-#include "store_support.h"
+#include "process_support.h"
 
 #include <orvstore/journal.h>
+
+#include <gtest/gtest.h>
 
 using namespace orv::store;
 

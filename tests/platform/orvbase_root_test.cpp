@@ -1,9 +1,8 @@
-// The agent's root directory and the common paths below it.
+// The agent's root directory.
 
 #include "base_support.h"
 
 #include <orvbase/root.h>
-#include <orvutils/path.h>
 
 #include <gtest/gtest.h>
 
@@ -13,25 +12,16 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <sstream>
 #include <string>
 
 namespace {
 
-using orv::common_path;
 using orv::base::make_directories;
 using orv::base::root_path;
 
-std::string printed(common_path which)
-{
-    std::ostringstream out;
-    orv::detail::print_common_path(out, which);
-    return out.str();
-}
-
 mode_t mode_of(const std::string& name)
 {
-    struct stat status = {};
+    struct stat status {};
     return stat(name.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
 }
 
@@ -80,27 +70,6 @@ TEST(MakeDirectories, FailsWithErrnoWhenAFileIsInTheWay)
     EXPECT_EQ(errno, ENOTDIR);
     EXPECT_FALSE(make_directories("", 0755));
     EXPECT_EQ(errno, ENOENT);
-}
-
-TEST(CommonPath, OfTheRunningAgentIsMadeOnFirstUse)
-{
-    const TemporaryRoot root;
-    EXPECT_EQ(printed(common_path::run), root.path() + "/run");
-    EXPECT_TRUE(std::filesystem::is_directory(root.path() + "/run"));
-}
-
-TEST(CommonPath, OfTheFirewallScriptsIsOnlyNamed)
-{
-    const TemporaryRoot root;
-    EXPECT_EQ(printed(common_path::firewall), root.path() + "/lib/firewall");
-    EXPECT_FALSE(std::filesystem::exists(root.path() + "/lib"));
-}
-
-TEST(CommonPath, IsPrintedEvenWhenItCannotBeMade)
-{
-    const TemporaryRoot root;
-    spill(root.path() + "/run", "in the way");
-    EXPECT_EQ(printed(common_path::run), root.path() + "/run");
 }
 
 } // namespace
