@@ -51,10 +51,10 @@ const char* impossible_member(const Device& device)
 
 bool is_possible(const Device& device)
 {
-    const char* const member = impossible_member(device);
-    if (member != nullptr)
+    const char* member = impossible_member(device);
+    if (member)
         ORV_LOG(log::kError, "device store: refusing a device for its {}", member);
-    return member == nullptr;
+    return !member;
 }
 
 void report(store::Severity severity, const std::string& text)

@@ -21,7 +21,7 @@ std::shared_ptr<Changes> g_changes;
 
 int init()
 {
-    if (g_changes != nullptr)
+    if (g_changes)
         return 0;
     if (const Error error = device_environment().open(); error != Error::none)
         return base::failed(error);
@@ -39,7 +39,7 @@ int init()
 
 void uninit()
 {
-    if (g_changes == nullptr)
+    if (!g_changes)
         return;
     store::notify::remove(*g_changes);
     store::notify::unwatch(device_environment());
@@ -49,7 +49,7 @@ void uninit()
 
 int set_on_dev_info_change(const std::vector<std::string>& fields, DevInfoChangeCallback callback)
 {
-    if (g_changes == nullptr || callback == nullptr)
+    if (!g_changes || !callback)
         return base::failed(Error::invalid_argument);
     g_changes->add(fields, callback);
     return 0;
@@ -57,9 +57,7 @@ int set_on_dev_info_change(const std::vector<std::string>& fields, DevInfoChange
 
 int unset_on_dev_info_change(const std::vector<std::string>& fields, DevInfoChangeCallback callback)
 {
-    return g_changes != nullptr && g_changes->remove(fields, callback)
-               ? 0
-               : base::failed(Error::invalid_argument);
+    return g_changes && g_changes->remove(fields, callback) ? 0 : base::failed(Error::invalid_argument);
 }
 
 int get_device(const std::string& id, Device& device)

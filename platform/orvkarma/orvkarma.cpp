@@ -50,10 +50,10 @@ void on_answer(void* context, const Message* answer)
 
 int send(const std::string& id, const std::string& text, Orvex* orvex)
 {
-    if (orvex == nullptr)
+    if (!orvex)
         return -1;
     const Ticket ticket = ticket_for(id);
-    auto* const context = reinterpret_cast<void*>(ticket); // NOLINT(performance-no-int-to-ptr): see above
+    auto* context = reinterpret_cast<void*>(ticket); // NOLINT(performance-no-int-to-ptr): see above
     if (orvex_send_request(orvex, "telemetry_event", text.data(), text.size(), on_answer, context) == 0)
         return 0;
     g_awaited.erase(ticket);
@@ -80,8 +80,8 @@ int read_events(std::vector<json_t*>& events)
     if (const Error error = outbox::read(entries); error != Error::none)
         return base::failed(error);
     for (const outbox::Entry& entry : entries) {
-        Json event = parse_event(entry.text);
-        if (event != nullptr) {
+        JsonPtr event = parse_event(entry.text);
+        if (event) {
             events.push_back(event.release());
             continue;
         }
@@ -96,7 +96,7 @@ json_t* build_karma_event_json(const char* type, json_t* data)
     std::string last;
     (void)outbox::last_id(last); // without an outbox the clock alone decides
     const std::string id = make_event_id(last);
-    if (id.empty() || type == nullptr || data == nullptr)
+    if (id.empty() || !type || !data)
         return nullptr;
     return json_pack("{s:s,s:s,s:I,s:O}", "id", id.c_str(), "type", type, "timestamp",
                      static_cast<json_int_t>(std::time(nullptr)), "data", data);
@@ -104,8 +104,8 @@ json_t* build_karma_event_json(const char* type, json_t* data)
 
 int submit_karma_event(json_t* event, Orvex* orvex)
 {
-    const char* const id = event_id(event);
-    if (id == nullptr)
+    const char* id = event_id(event);
+    if (!id)
         return base::failed(Error::invalid_argument);
     const std::string text = event_text(event);
     if (text.empty())

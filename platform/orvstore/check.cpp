@@ -451,7 +451,7 @@ StoreVerdict check_store_file(int fd)
         return {StoreState::unfinished, ""};
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         Meta meta{};
-        const char* const reason = read_metas(fd, meta);
+        const char* reason = read_metas(fd, meta);
         // The size comes after the snapshot, whose pages it must cover.
         if (*reason == '\0' && file_size(fd, size) && Walk(fd, meta, size).run())
             return {StoreState::sound, ""};

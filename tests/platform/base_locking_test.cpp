@@ -129,7 +129,7 @@ TEST(Lock, FileIsMadeOnlyWhenAskedFor)
     const mode_t before = umask(022);
     EXPECT_TRUE(plock::make(file, flags::create)) << "with its directories, below the root";
     umask(before);
-    struct stat status = {};
+    struct stat status {};
     ASSERT_EQ(stat(file.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777U, 0644U);
 }

@@ -113,7 +113,7 @@ TEST(LogLine, LevelIsRightAlignedInFiveColumns)
 std::string local_seconds(std::time_t second)
 {
     char text[32] = {};
-    std::tm local = {};
+    std::tm local{};
     localtime_r(&second, &local);
     (void)std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
     return text;
@@ -127,8 +127,8 @@ TEST(LogLine, TimeIsLocal)
         const std::time_t stamped = std::time(nullptr); // maybe by the test before this one
         while (std::time(nullptr) == stamped)
             continue;
-        timespec before = {};
-        timespec after = {};
+        timespec before{};
+        timespec after{};
         clock_gettime(CLOCK_REALTIME, &before);
         log_plain(kInfo, "x");
         clock_gettime(CLOCK_REALTIME, &after);

@@ -46,7 +46,7 @@ class Capture {
 public:
     Capture() : m_file(std::tmpfile())
     {
-        if (m_file == nullptr)
+        if (!m_file)
             throw std::runtime_error("tmpfile");
     }
     Capture(const Capture&) = delete;
@@ -87,7 +87,7 @@ Ends make_sockets(int type)
 TemporaryRoot::TemporaryRoot()
 {
     char name[] = "/tmp/orv-base-test-XXXXXX";
-    if (mkdtemp(name) == nullptr)
+    if (!mkdtemp(name))
         throw std::runtime_error("mkdtemp");
     m_path = name;
     setenv("ORV_ROOT", name, 1);

@@ -106,7 +106,7 @@ TEST(Address, OfAnAbstractNameHasNoByteTooMany)
     ASSERT_TRUE(a.is_valid());
     EXPECT_FALSE(a.is_v4());
     const std::string name("\0orvbrokerd-1.3.skt", 19);
-    sockaddr* const any = a;
+    sockaddr* any = a;
     EXPECT_EQ(any->sa_family, AF_UNIX);
     EXPECT_EQ(static_cast<unsigned>(a), offsetof(sockaddr_un, sun_path) + name.size());
     EXPECT_EQ(std::memcmp(reinterpret_cast<sockaddr_un*>(any)->sun_path, name.data(), name.size()), 0);

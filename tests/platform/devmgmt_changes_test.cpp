@@ -26,7 +26,7 @@ using Told = std::vector<std::string>;
 
 void note(DevInfoChangeType type, const Device& device, const std::string& field)
 {
-    const char* const kinds[] = {"added ", "updated ", "removed "};
+    const char* kinds[] = {"added ", "updated ", "removed "};
     std::string text = kinds[static_cast<int>(type)] + device.did;
     if (!field.empty())
         text += ' ' + field;

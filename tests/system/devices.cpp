@@ -13,9 +13,10 @@
 //     lock KEY                 the lock of a settings key, held to the end of this program
 
 #include "device_store.h"
-#include <orvdevmgmt/device_writer.h>
 
+#include <orvdevmgmt/device_writer.h>
 #include <orvutils/error.h>
+#include <orvutils/json.h>
 #include <orvutils/setmgmt.h>
 
 #include <cstdio>
@@ -29,10 +30,6 @@ using namespace orv::devMgmt;
 
 namespace {
 
-struct DropReference {
-    void operator()(json_t* json) const { json_decref(json); }
-};
-
 std::string outcome(bool is_good)
 {
     return is_good ? "done" : "failed " + std::to_string(orv::_get_orverrno());
@@ -40,7 +37,7 @@ std::string outcome(bool is_good)
 
 std::string put(const std::string& text)
 {
-    const std::unique_ptr<json_t, DropReference> json(json_loads(text.c_str(), 0, nullptr));
+    const orv::JsonPtr json(json_loads(text.c_str(), 0, nullptr));
     Device device;
     std::string error;
     if (!device_from_json(json.get(), "", device, error))
@@ -53,8 +50,8 @@ std::string show(const std::string& id)
     Device device;
     if (get_device(id, device) == 0)
         return outcome(false);
-    const std::unique_ptr<json_t, DropReference> json(device_to_json(device));
-    const std::unique_ptr<char, decltype(&std::free)> text(json_dumps(json.get(), 0), std::free);
+    const orv::JsonPtr json(device_to_json(device));
+    const orv::TextPtr text(json_dumps(json.get(), 0));
     return text ? text.get() : "failed";
 }
 

@@ -6,6 +6,8 @@
 
 #include <orvutils/daemon.h>
 
+#include <orvbase/descriptor.h>
+#include <orvbase/io.h>
 #include <orvbase/root.h>
 #include <orvutils/log_control.h>
 #include <orvutils/log_format.h>
@@ -29,6 +31,8 @@
 namespace orv::daemon {
 
 namespace {
+
+using base::Descriptor;
 
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
@@ -75,10 +79,10 @@ struct Options {
 
 std::string program_name(int argc, char** argv)
 {
-    if (argc < 1 || argv[0] == nullptr)
+    if (argc < 1 || !argv[0])
         return "daemon";
-    const char* const slash = std::strrchr(argv[0], '/');
-    return slash != nullptr ? slash + 1 : argv[0];
+    const char* slash = std::strrchr(argv[0], '/');
+    return slash ? slash + 1 : argv[0];
 }
 
 [[noreturn]] void refuse(const std::string& program, const std::string& what)
@@ -150,10 +154,10 @@ Options parse_options(int argc, char** argv, const std::string& program)
 
 void choose_log_level(const std::optional<int>& chosen)
 {
-    const char* const configured = std::getenv("ORV_LOG_LEVEL");
+    const char* configured = std::getenv("ORV_LOG_LEVEL");
     if (chosen)
         log::set_threshold(*chosen);
-    else if (configured != nullptr && !log::parse_level(configured))
+    else if (configured && !log::parse_level(configured))
         ORV_LOG(log::kWarning, "ORV_LOG_LEVEL '{}' is not a number from 0 to 4, ignoring", configured);
 }
 
@@ -161,7 +165,7 @@ void choose_log_level(const std::optional<int>& chosen)
 
 bool set_action(int signal, void (*handler)(int))
 {
-    struct sigaction action = {};
+    struct sigaction action {};
     action.sa_handler = handler;
     return sigaction(signal, &action, nullptr) == 0;
 }
@@ -182,12 +186,6 @@ int prepare_signals()
 
 // ---- background
 
-void close_fd(int& fd)
-{
-    if (fd != -1)
-        (void)close(std::exchange(fd, -1)); // nothing that could fail to be written
-}
-
 /// In the process that the user started: the exit status, told by the child when it is up. Its end without a
 /// word is a failure. The stop signals work here as anywhere, as there is nothing yet to be stopped in order.
 int wait_until_up(int report, const std::string& program)
@@ -196,11 +194,7 @@ int wait_until_up(int report, const std::string& program)
     sigemptyset(&none);
     (void)sigprocmask(SIG_SETMASK, &none, nullptr);
     char word = 0;
-    ssize_t size = 0;
-    do
-        size = read(report, &word, 1);
-    while (size == -1 && errno == EINTR);
-    if (size == 1)
+    if (base::read_some(report, &word, 1) == 1)
         return 0;
     const auto text = fmt::format("{}: failed to start, see the system log\n", program);
     (void)std::fputs(text.c_str(), stderr);
@@ -224,7 +218,7 @@ bool detach_standard_streams()
 /// first.
 bool leave_foreground(const char* program)
 {
-    if (std::getenv("ORV_ROOT") != nullptr && setenv("ORV_ROOT", orv::base::root_path("").c_str(), 1) == -1)
+    if (std::getenv("ORV_ROOT") && setenv("ORV_ROOT", orv::base::root_path("").c_str(), 1) == -1)
         return false;
     log::use_syslog(program);
     if (setsid() != -1 && chdir("/") == 0 && detach_standard_streams())
@@ -241,11 +235,11 @@ public:
     }
 
     int on_stop_pipe() override { return m_stop_fd; }
-    int run() override { return m_background ? run_in_background() : run_hooks(-1); }
+    int run() override { return m_background ? run_in_background() : run_hooks({}); }
 
 private:
     int run_in_background();
-    int run_hooks(int report);
+    int run_hooks(Descriptor report);
 
     std::string m_program;
     bool m_background;
@@ -259,30 +253,29 @@ int Process::run_in_background()
         ORV_LOG(log::kError, "cannot go to the background: {}", std::strerror(errno));
         return kExitFailure;
     }
+    Descriptor reader(ends[0]);
+    Descriptor writer(ends[1]);
     const pid_t child = fork();
-    const int fork_error = errno;
-    close_fd(ends[child == 0 ? 0 : 1]);
-    int status = kExitFailure;
-    if (child == -1)
-        ORV_LOG(log::kError, "cannot go to the background: {}", std::strerror(fork_error));
-    else if (child > 0)
-        status = wait_until_up(ends[0], m_program);
-    else if (leave_foreground(m_program.c_str()))
-        return run_hooks(ends[1]);
-    close_fd(ends[child == 0 ? 1 : 0]);
-    return status;
-}
-
-/// `report` is where the parent waits to hear of a successful start, or -1.
-int Process::run_hooks(int report)
-{
-    if (init_hook && !init_hook()) {
-        close_fd(report);
+    if (child == 0) {
+        reader.reset();
+        return leave_foreground(m_program.c_str()) ? run_hooks(std::move(writer)) : kExitFailure;
+    }
+    if (child == -1) {
+        ORV_LOG(log::kError, "cannot go to the background: {}", std::strerror(errno));
         return kExitFailure;
     }
-    if (report != -1 && write(report, "", 1) != 1)
+    writer.reset(); // or its end would never be read
+    return wait_until_up(reader.get(), m_program);
+}
+
+/// `report` is where the parent waits to hear of a successful start; closed when nobody does.
+int Process::run_hooks(Descriptor report)
+{
+    if (init_hook && !init_hook())
+        return kExitFailure;
+    if (report.is_open() && write(report.get(), "", 1) != 1)
         ORV_LOG(log::kDebug, "nobody waits for the daemon to be up, ignoring");
-    close_fd(report);
+    report.reset();
     return run_hook ? run_hook() : 0;
 }
 

@@ -64,7 +64,7 @@ std::optional<plock> plock::make(const path& file, flags how)
 
 result plock::lock(type which)
 {
-    struct flock request = {}; // start and length 0: the whole file
+    struct flock request {}; // start and length 0: the whole file
     request.l_type = which == type::exclusive ? F_WRLCK : F_RDLCK;
     request.l_whence = SEEK_SET;
     if (fcntl(m_fd, F_OFD_SETLK, &request) == 0)

@@ -8,6 +8,8 @@
 
 #include "script_run.h"
 
+#include <orvbase/clock.h>
+#include <orvbase/descriptor.h>
 #include <orvbase/error_number.h>
 #include <orvutils/log_format.h>
 
@@ -18,19 +20,24 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
 
 namespace orv {
 
 namespace {
 
+using base::Clock;
+using base::TimePoint;
+using std::chrono::milliseconds;
+
 constexpr int kExecFailed = 127; ///< as shells report it
-constexpr int kPollIntervalMs = 5;
+constexpr milliseconds kPollInterval{5};
 constexpr int kFallbackDescriptorLimit = 4096;
 
 using Command = std::vector<std::string>;
@@ -39,7 +46,7 @@ using Command = std::vector<std::string>;
 
 void restore_signals()
 {
-    struct sigaction action = {};
+    struct sigaction action {};
     action.sa_handler = SIG_DFL;
     for (int number = 1; number < NSIG; ++number)
         (void)sigaction(number, &action, nullptr); // fails for those that cannot be changed
@@ -92,7 +99,7 @@ bool close_on_exec_listed()
 
 void close_on_exec_up_to_limit()
 {
-    rlimit limit = {};
+    rlimit limit{};
     int end = kFallbackDescriptorLimit;
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < INT_MAX)
         end = static_cast<int>(limit.rlim_cur);
@@ -112,45 +119,37 @@ void close_on_exec_up_to_limit()
 
 // ---- in the parent
 
-std::int64_t now_ms()
-{
-    timespec now = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now); // this clock is always there
-    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
-/// A descriptor that becomes readable when the process ends, or -1.
-int open_pidfd(pid_t process)
+/// A descriptor that becomes readable when the process ends; closed where the kernel has none.
+base::Descriptor open_pidfd(pid_t process)
 {
 #ifdef SYS_pidfd_open
-    return static_cast<int>(syscall(SYS_pidfd_open, process, 0));
+    return base::Descriptor(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
 #else
     (void)process;
-    return -1;
+    return {};
 #endif
 }
 
 /// Whether the process has ended, which is not the same as having been waited for.
 bool has_ended(pid_t process)
 {
-    siginfo_t info = {};
+    siginfo_t info{};
     const int result = waitid(P_PID, static_cast<id_t>(process), &info, WEXITED | WNOHANG | WNOWAIT);
     return result == -1 ? errno != EINTR : info.si_pid == process;
 }
 
 /// Waits until the process ends; false when the deadline comes first.
-bool wait_for_end(pid_t process, std::int64_t deadline)
+bool wait_for_end(pid_t process, TimePoint deadline)
 {
-    pollfd watched = {open_pidfd(process), POLLIN, 0};
+    const base::Descriptor end = open_pidfd(process);
+    pollfd watched{end.get(), POLLIN, 0};
     bool ended = has_ended(process);
-    for (auto left = deadline - now_ms(); !ended && left > 0; left = deadline - now_ms()) {
+    for (auto left = deadline - Clock::now(); !ended && left > left.zero(); left = deadline - Clock::now()) {
         // A pollfd of -1 is ignored: then this is a short sleep.
-        const auto wait = watched.fd == -1 && left > kPollIntervalMs ? kPollIntervalMs : left;
-        (void)poll(&watched, 1, static_cast<int>(wait));
+        const auto longest = end.is_open() ? left : std::min<Clock::duration>(left, kPollInterval);
+        (void)poll(&watched, 1, static_cast<int>(std::chrono::ceil<milliseconds>(longest).count()));
         ended = has_ended(process);
     }
-    if (watched.fd != -1)
-        (void)close(watched.fd);
     return ended;
 }
 
@@ -180,7 +179,7 @@ int judge(const std::string& script, int status)
 
 int wait_for_script(pid_t process, const std::string& script, int limit_ms)
 {
-    if (wait_for_end(process, now_ms() + limit_ms))
+    if (wait_for_end(process, Clock::now() + milliseconds(limit_ms)))
         return judge(script, reap(process));
     (void)kill(-process, SIGKILL);
     (void)reap(process);

@@ -51,7 +51,7 @@ struct State {
 
 constexpr State initial_state()
 {
-    State state = {};
+    State state{};
     for (std::size_t i = 0; i < kPrefixAreaSize; ++i)
         state.stamp[i] = kPrefixArea[i];
     return state;
@@ -62,7 +62,7 @@ State g_state = initial_state();
 /// Right-aligns a number in its field; of one that is too long the last digits are shown.
 void put_number(char* area, Field field, long number, char padding)
 {
-    char* const begin = area + field.offset;
+    char* begin = area + field.offset;
     char* digit = begin + field.width;
     do {
         *--digit = static_cast<char>('0' + number % 10);
@@ -87,8 +87,8 @@ void stamp_process()
 
 void stamp_second(std::time_t second)
 {
-    std::tm local = {};
-    if (localtime_r(&second, &local) == nullptr)
+    std::tm local{};
+    if (!localtime_r(&second, &local))
         return;
     put_number(g_state.stamp, kYear, local.tm_year + 1900L, '0');
     put_number(g_state.stamp, kMonth, local.tm_mon + 1L, '0');
@@ -104,7 +104,7 @@ void fill_prefix(char* area, int level)
 {
     if (!g_state.has_process)
         stamp_process();
-    timespec now = {};
+    timespec now{};
     (void)clock_gettime(CLOCK_REALTIME, &now); // this clock is always there
     if (!g_state.has_second || now.tv_sec != g_state.second)
         stamp_second(now.tv_sec);

@@ -4,37 +4,43 @@
 
 #include "settings_key.h"
 
+#include <orvbase/clock.h>
+#include <orvbase/descriptor.h>
 #include <orvbase/error_number.h>
 #include <orvbase/root.h>
 #include <orvutils/log_format.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <map>
 #include <string>
+#include <utility>
 
 namespace orv::detail {
 
 namespace {
 
+using base::Clock;
+using base::Descriptor;
+using base::TimePoint;
+
 constexpr long kPollNs = 5'000'000;
-constexpr std::int64_t kTimeoutNs = 1'000'000'000;
+constexpr std::chrono::seconds kTimeout{1};
 constexpr mode_t kFileMode = 0600;
 
 struct HeldLock {
-    int fd;
+    Descriptor file;
     unsigned count;
 };
 
 std::map<std::string, HeldLock, std::less<>>& held_locks()
 {
-    static auto* const locks =
-        new std::map<std::string, HeldLock, std::less<>>; // held until the process ends
+    static auto* locks = new std::map<std::string, HeldLock, std::less<>>; // held until the process ends
     return *locks;
 }
 
@@ -47,22 +53,15 @@ off_t lock_offset(std::string_view key)
     return static_cast<off_t>(hash >> 2U);
 }
 
-std::int64_t now_ns()
-{
-    timespec time{};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return std::int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
-}
-
-int open_lock_file(const std::string& name)
+Descriptor open_lock_file(const std::string& name)
 {
     const std::string directory = base::root_path("tmp/locks");
-    const int fd = base::make_directories(directory, base::kDataDirectoryMode)
-                       ? ::open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode)
-                       : -1;
-    if (fd < 0)
+    Descriptor file;
+    if (base::make_directories(directory, base::kDataDirectoryMode))
+        file = Descriptor(::open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode));
+    if (!file.is_open())
         ORV_LOG(log::kError, "cannot open the lock file {}: {}", name, std::strerror(errno));
-    return fd;
+    return file;
 }
 
 /// A lock on a file that has been deleted meanwhile is no lock.
@@ -90,11 +89,11 @@ Error try_lock(int fd, off_t offset)
     return Error::input_output;
 }
 
-Error wait_for_lock(int fd, off_t offset, std::int64_t deadline)
+Error wait_for_lock(int fd, off_t offset, TimePoint deadline)
 {
     for (;;) {
         const Error error = try_lock(fd, offset);
-        if (error != Error::timed_out || now_ns() >= deadline)
+        if (error != Error::timed_out || Clock::now() >= deadline)
             return error;
         const timespec pause{0, kPollNs};
         (void)nanosleep(&pause, nullptr); // a signal only shortens it
@@ -104,20 +103,19 @@ Error wait_for_lock(int fd, off_t offset, std::int64_t deadline)
 Error take_lock(std::string_view key)
 {
     const std::string name = base::root_path("tmp/locks/settings");
-    const std::int64_t deadline = now_ns() + kTimeoutNs;
+    const TimePoint deadline = Clock::now() + kTimeout;
     for (;;) {
-        const int fd = open_lock_file(name);
-        if (fd < 0)
+        Descriptor file = open_lock_file(name);
+        if (!file.is_open())
             return Error::input_output;
-        const Error error = wait_for_lock(fd, lock_offset(key), deadline);
-        if (error == Error::none && is_still_named(fd, name)) {
-            held_locks().emplace(key, HeldLock{fd, 1});
+        const Error error = wait_for_lock(file.get(), lock_offset(key), deadline);
+        if (error == Error::none && is_still_named(file.get(), name)) {
+            held_locks().emplace(key, HeldLock{std::move(file), 1});
             return Error::none;
         }
-        ::close(fd);
         if (error != Error::none)
             return error;
-        if (now_ns() >= deadline)
+        if (Clock::now() >= deadline)
             return Error::timed_out;
     }
 }
@@ -149,10 +147,8 @@ int unlockKey(const std::string& key)
     const auto held = detail::held_locks().find(parsed.bytes());
     if (held == detail::held_locks().end())
         return base::fail(Error::invalid_argument);
-    if (--held->second.count == 0) {
-        ::close(held->second.fd); // which releases the lock
-        detail::held_locks().erase(held);
-    }
+    if (--held->second.count == 0)
+        detail::held_locks().erase(held); // which closes the file and so releases the lock
     return 0;
 }
 

@@ -1,3 +1,5 @@
+// The mode is a text in the settings store, which others write: it may be anything.
+
 #include <orvutils/leases.h>
 
 #include <orvutils/setmgmt.h>

@@ -35,7 +35,7 @@ class KeyWatch;
 
 std::vector<KeyWatch*>& all_watches()
 {
-    static auto* const watches = new std::vector<KeyWatch*>;
+    static auto* watches = new std::vector<KeyWatch*>;
     return *watches;
 }
 

@@ -244,7 +244,7 @@ int getKeyValue(const std::string& key, int fallback)
     if (getKey(key, text) < 0)
         return fallback;
     int number = 0;
-    const char* const end = text.data() + text.size();
+    const char* end = text.data() + text.size();
     const auto parsed = std::from_chars(text.data(), end, number);
     return parsed.ec == std::errc() && parsed.ptr == end ? number : fallback;
 }

@@ -1,3 +1,5 @@
+// A key is parsed in one pass over its text, without allocating: that is done on every look-up.
+
 #include "settings_key.h"
 
 namespace orv::detail {

@@ -39,7 +39,7 @@ bool parse_status(std::string_view text, Status& status)
 
 bool parse_expiry(std::string_view text, std::int64_t& expiry)
 {
-    const char* const end = text.data() + text.size();
+    const char* end = text.data() + text.size();
     const auto parsed = std::from_chars(text.data(), end, expiry);
     return parsed.ec == std::errc() && parsed.ptr == end && expiry >= 0;
 }

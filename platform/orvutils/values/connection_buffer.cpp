@@ -80,9 +80,9 @@ unsigned find(const Stretches& in, char delimiter)
 {
     std::size_t before = 0;
     for (const iovec& stretch : in) {
-        const char* const begin = static_cast<const char*>(stretch.iov_base);
-        const void* const found = std::memchr(begin, delimiter, stretch.iov_len);
-        if (found != nullptr)
+        const char* begin = static_cast<const char*>(stretch.iov_base);
+        const void* found = std::memchr(begin, delimiter, stretch.iov_len);
+        if (found)
             return static_cast<unsigned>(before +
                                          static_cast<std::size_t>(static_cast<const char*>(found) - begin));
         before += stretch.iov_len;
@@ -109,7 +109,7 @@ bool ConnectionBuffer::init(unsigned initial, unsigned maximum)
     uninit();
     m_storage =
         static_cast<char*>(std::malloc(initial)); // NOLINT(cppcoreguidelines-no-malloc): grown by realloc()
-    if (m_storage == nullptr)
+    if (!m_storage)
         return false;
     m_read = m_write = m_storage;
     m_capacity = m_initial = initial;
@@ -147,13 +147,13 @@ char* ConnectionBuffer::get(char delimiter)
 {
     if (m_searched == m_length)
         return nullptr;
-    char* const unseen = advance(m_storage, m_capacity, m_read, m_searched);
+    char* unseen = advance(m_storage, m_capacity, m_read, m_searched);
     m_searched += find(stretches(m_storage, m_capacity, unseen, m_length - m_searched), delimiter);
     if (m_searched == m_length)
         return nullptr;
     const unsigned size = m_searched;
-    char* const record = new (std::nothrow) char[size + std::size_t{1}];
-    if (record == nullptr)
+    char* record = new (std::nothrow) char[size + std::size_t{1}];
+    if (!record)
         return nullptr;
     copy_out(record, stretches(m_storage, m_capacity, m_read, size));
     record[size] = '\0';
@@ -213,8 +213,8 @@ bool ConnectionBuffer::resize(unsigned capacity)
 {
     const auto begin = static_cast<unsigned>(m_read - m_storage);
     const unsigned to_end = m_capacity - begin;
-    void* const storage = std::realloc(m_storage, capacity); // NOLINT(cppcoreguidelines-no-malloc)
-    if (storage == nullptr) {
+    void* storage = std::realloc(m_storage, capacity); // NOLINT(cppcoreguidelines-no-malloc)
+    if (!storage) {
         ORV_LOG(log::kWarning, "no memory for {} bytes in the {} buffer of {}", capacity,
                 m_type == ConnectionBufferType::send ? "send" : "receive", m_name);
         return false;

@@ -1,3 +1,5 @@
+// Most descriptors are watched already and only change what they are watched for, so that is tried first.
+
 #include <orvutils/io.h>
 
 #include <orvbase/error_number.h>
@@ -10,7 +12,7 @@ namespace orv::io {
 
 int epoll_set_fd(int epfd, int fd, unsigned events)
 {
-    epoll_event event = {};
+    epoll_event event{};
     event.events = events;
     event.data.fd = fd;
     if (epoll_ctl(epfd, EPOLL_CTL_MOD, fd, &event) == 0)

@@ -52,7 +52,7 @@ const char* family_name(sa_family_t family)
 /// The bytes that tell an address from others of its family.
 std::string_view identity(const sockaddr* any, unsigned length)
 {
-    const char* const begin = reinterpret_cast<const char*>(any);
+    const char* begin = reinterpret_cast<const char*>(any);
     if (length == 0)
         return {};
     if (any->sa_family == AF_INET)
@@ -79,7 +79,7 @@ bool parse_mac(std::string_view text, std::array<std::uint8_t, 6>& bytes)
     if (text.size() != kTextSize || (text[2] != ':' && text[2] != '-'))
         return false;
     for (std::size_t i = 0; i < bytes.size(); ++i) {
-        const char* const group = text.data() + 3 * i;
+        const char* group = text.data() + 3 * i;
         const int high = hex_digit(group[0]);
         const int low = hex_digit(group[1]);
         if (high < 0 || low < 0 || (i + 1 < bytes.size() && group[2] != text[2]))
@@ -93,10 +93,10 @@ bool parse_mac(std::string_view text, std::array<std::uint8_t, 6>& bytes)
 
 address::address(const char* text)
 {
-    sockaddr_in v4 = {};
-    sockaddr_in6 v6 = {};
-    sockaddr_un local = {};
-    if (text == nullptr)
+    sockaddr_in v4{};
+    sockaddr_in6 v6{};
+    sockaddr_un local{};
+    if (!text)
         text = "";
     if (*text == ':' && text[1] != ':') { // "::1" is IPv6
         m_length = make_local(local, text + 1, true);
@@ -129,10 +129,9 @@ std::string address::to_string(bool with_family) const
             text.push_back(':');
         return text.append(local_name(m_storage.local, m_length));
     }
-    const void* const bytes =
-        is_v4() ? static_cast<const void*>(&m_storage.v4.sin_addr) : &m_storage.v6.sin6_addr;
+    const void* bytes = is_v4() ? static_cast<const void*>(&m_storage.v4.sin_addr) : &m_storage.v6.sin6_addr;
     char buffer[INET6_ADDRSTRLEN] = {};
-    if (inet_ntop(m_storage.any.sa_family, bytes, buffer, sizeof buffer) != nullptr)
+    if (inet_ntop(m_storage.any.sa_family, bytes, buffer, sizeof buffer))
         text.append(buffer);
     return text;
 }
@@ -154,8 +153,8 @@ bool operator==(const address& a, const address& b)
 
 macaddr::macaddr(const char* text)
 {
-    std::array<std::uint8_t, 6> bytes = {};
-    m_valid = text != nullptr && parse_mac(text, bytes);
+    std::array<std::uint8_t, 6> bytes{};
+    m_valid = text && parse_mac(text, bytes);
     if (m_valid)
         m_bytes = bytes;
     else
@@ -166,7 +165,7 @@ std::string macaddr::to_string(bool upper_case) const
 {
     if (!m_valid)
         return {};
-    const char* const digits = upper_case ? "0123456789ABCDEF" : "0123456789abcdef";
+    const char* digits = upper_case ? "0123456789ABCDEF" : "0123456789abcdef";
     std::string text(17, ':');
     for (std::size_t i = 0; i < m_bytes.size(); ++i) {
         text[3 * i] = digits[m_bytes[i] >> 4U];
