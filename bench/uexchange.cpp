@@ -12,7 +12,7 @@
 #include "options.h"
 #include "uwire.h"
 
-#include <exchange_publisher.h>
+#include <orvexchange/publisher.h>
 
 #include <poll.h>
 

@@ -225,7 +225,7 @@ TEST(BufferGet, TakesOtherDelimitersAndBinaryBytes)
 
 double cpu_seconds()
 {
-    timespec spent = {};
+    timespec spent{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &spent);
     return static_cast<double>(spent.tv_sec) + static_cast<double>(spent.tv_nsec) / 1e9;
 }
