@@ -42,6 +42,13 @@ Error number_at(const Transaction& transaction, Cursor& cursor, bool (Cursor::*e
     return (cursor.*edge)() ? to_number(transaction, cursor.key(), number) : cursor.error();
 }
 
+/// The numbers of the oldest entry, on which the cursor then stands, and of the newest; both 0 without any.
+Error edges(Transaction& transaction, Cursor& cursor, std::uint64_t& first, std::uint64_t& last)
+{
+    const Error error = number_at(transaction, cursor, &Cursor::last, last);
+    return error != Error::none ? error : number_at(transaction, cursor, &Cursor::first, first);
+}
+
 } // namespace
 
 Error Journal::append(Write& transaction, std::string_view entry) const
@@ -50,9 +57,7 @@ Error Journal::append(Write& transaction, std::string_view entry) const
     std::uint64_t last = 0;
     {
         Cursor cursor(transaction, m_tree);
-        if (const Error error = number_at(transaction, cursor, &Cursor::last, last); error != Error::none)
-            return error;
-        if (const Error error = number_at(transaction, cursor, &Cursor::first, first); error != Error::none)
+        if (const Error error = edges(transaction, cursor, first, last); error != Error::none)
             return error;
         if (first != 0 && last - first + 1 >= m_capacity)
             if (const Error error = cursor.remove(); error != Error::none)
@@ -73,9 +78,7 @@ Error Journal::read(Transaction& transaction, std::uint64_t& place, std::size_t 
     std::uint64_t first = 0;
     std::uint64_t last = 0;
     Cursor cursor(transaction, m_tree);
-    if (const Error error = number_at(transaction, cursor, &Cursor::last, last); error != Error::none)
-        return error;
-    if (const Error error = number_at(transaction, cursor, &Cursor::first, first); error != Error::none)
+    if (const Error error = edges(transaction, cursor, first, last); error != Error::none)
         return error;
     lost = place > last || (first != 0 && place + 1 < first);
     if (lost) {
