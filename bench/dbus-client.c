@@ -3,8 +3,8 @@
  *
  *   dbus-client ADDRESS SECONDS service|bus|NAME [connect]
  *
- * "service" calls the method of dbus-service, NAME that of one that has taken
- * this bus name, "bus" one that the bus daemon answers itself. With "connect" every call is made on a new connection.
+ * "service" calls the method of dbus-service, NAME that of one that has taken this bus name, "bus" one that the bus
+ * daemon answers itself. With "connect" every call is made on a new connection.
  * Prints one line of key=value pairs, as uload does.
  */
 #include <dbus/dbus.h>

@@ -12,39 +12,38 @@
 // What limit-server has ahead of it is the price of those calls and of the hop
 // over the bus; what it has ahead of the daemon is the daemon's own.
 
+#include "options.h"
 #include "uwire.h"
 
 #include <orvexchange/orvexchange.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <getopt.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-using namespace uwire;
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
 
+namespace uwire {
 namespace {
 
 constexpr int kReadyAtOnce = 8;
 
 struct Connection {
-    int fd;
+    int fd = -1;
     bool subscribed = false;
     unsigned pending = 0;
     char out[1024];
 };
 
-int g_epoll;
+int g_epoll = -1;
 std::vector<Connection*> g_connections; // by descriptor
 std::vector<Connection*> g_subscribers;
 
-int watch(int fd, uint32_t events)
+int watch(int fd, std::uint32_t events)
 {
     epoll_event ev{};
     ev.events = events;
@@ -54,18 +53,18 @@ int watch(int fd, uint32_t events)
     return errno == ENOENT ? epoll_ctl(g_epoll, EPOLL_CTL_ADD, fd, &ev) : -1;
 }
 
-void must_watch(int fd, uint32_t events)
+void must_watch(int fd, std::uint32_t events)
 {
     if (watch(fd, events) != 0)
         die("epoll_ctl: %s", strerror(errno));
 }
 
-void put(Connection* c, const char* text, size_t size)
+void put(Connection* c, const char* text, std::size_t size)
 {
-    const auto length = uint32_t(std::min(size, sizeof c->out - sizeof(uint32_t)));
+    const auto length = static_cast<std::uint32_t>(std::min(size, sizeof c->out - sizeof(std::uint32_t)));
     memcpy(c->out, &length, sizeof length);
     memcpy(c->out + sizeof length, text, length);
-    c->pending = unsigned(sizeof length) + length;
+    c->pending = static_cast<unsigned>(sizeof length) + length;
 }
 
 void on_event(const Message* event)
@@ -81,17 +80,17 @@ void accept_client(int listener)
     const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0)
         return;
-    if (size_t(fd) >= g_connections.size())
-        g_connections.resize(size_t(fd) + 1);
-    g_connections[size_t(fd)] = new Connection;
-    g_connections[size_t(fd)]->fd = fd;
+    if (static_cast<std::size_t>(fd) >= g_connections.size())
+        g_connections.resize(static_cast<std::size_t>(fd) + 1);
+    g_connections[static_cast<std::size_t>(fd)] = new Connection;
+    g_connections[static_cast<std::size_t>(fd)]->fd = fd;
     must_watch(fd, EPOLLIN);
 }
 
 void drop(Connection* c)
 {
     g_subscribers.erase(std::remove(g_subscribers.begin(), g_subscribers.end(), c), g_subscribers.end());
-    g_connections[size_t(c->fd)] = nullptr;
+    g_connections[static_cast<std::size_t>(c->fd)] = nullptr;
     close(c->fd);
     delete c;
 }
@@ -113,7 +112,7 @@ bool read_client(Connection* c)
 
 bool write_client(Connection* c)
 {
-    if (send(c->fd, c->out, c->pending, MSG_DONTWAIT | MSG_NOSIGNAL) != ssize_t(c->pending))
+    if (send(c->fd, c->out, c->pending, MSG_DONTWAIT | MSG_NOSIGNAL) != static_cast<ssize_t>(c->pending))
         return false;
     c->pending = 0;
     must_watch(c->fd, EPOLLIN);
@@ -122,7 +121,7 @@ bool write_client(Connection* c)
 
 void serve_client(const epoll_event& ev)
 {
-    Connection* c = g_connections[size_t(ev.data.fd)];
+    Connection* c = g_connections[static_cast<std::size_t>(ev.data.fd)];
     if ((ev.events & EPOLLIN) != 0 && !read_client(c))
         return drop(c);
     if ((ev.events & EPOLLOUT) != 0 && !write_client(c))
@@ -149,23 +148,13 @@ void serve_client(const epoll_event& ev)
     }
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+[[noreturn]] void run(int argc, char** argv)
 {
-    static const option longs[] = {
-        {"listen", 1, nullptr, 'l'}, {"event", 1, nullptr, 'e'}, {nullptr, 0, nullptr, 0}};
     std::string address, event;
-    int ch;
-    while ((ch = getopt_long(argc, argv, "", longs, nullptr)) != -1)
-        if (ch == 'l')
-            address = optarg;
-        else if (ch == 'e')
-            event = optarg;
-        else
-            die("usage: see the head of limit-fan.cpp");
+    Options options("limit-fan --listen ADDRESS --event NAME");
+    options.text("listen", address).text("event", event).read(argc, argv);
     if (address.empty() || event.empty())
-        die("limit-fan --listen ADDRESS --event NAME");
+        options.refuse();
     signal(SIGPIPE, SIG_IGN);
     raise_fd_limit();
     g_epoll = epoll_create1(EPOLL_CLOEXEC);
@@ -175,4 +164,12 @@ int main(int argc, char** argv)
     if (g_epoll < 0 || settings < 0 || !exchange || orvex_subscribe(exchange, names, 1) != 0)
         die("cannot join the exchange");
     serve(listen_on(address, 1024), exchange, settings);
+}
+
+} // namespace
+} // namespace uwire
+
+int main(int argc, char** argv)
+{
+    uwire::run(argc, argv);
 }

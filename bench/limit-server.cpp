@@ -16,45 +16,46 @@
 // reported has been read, then writes them out, instead of writing each answer
 // as soon as it is known.
 
+#include "options.h"
 #include "uwire.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <getopt.h>
 #include <jansson.h>
-#include <signal.h>
-#include <string>
+
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-using namespace uwire;
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <string>
 
+namespace uwire {
 namespace {
 
 struct Connection {
-    int fd;
-    size_t have = 0;
+    int fd = -1;
+    std::size_t have = 0;
     std::string out;
-    char in[1024];
+    char in[1024]; // what is read comes first
 };
 
-int g_epoll;
-bool g_json, g_batch;
+int g_epoll = -1;
+bool g_json = false, g_batch = false;
 std::vector<Connection*> g_subscribers, g_waiting;
 
-void send_now(int fd, const char* data, size_t size)
+void send_now(int fd, const char* data, std::size_t size)
 {
     if (write(fd, data, size) < 0 && errno != EPIPE && errno != ECONNRESET)
         die("write: %s", strerror(errno));
 }
 
-void send_frame(Connection* c, const char* text, size_t size)
+void send_frame(Connection* c, const char* text, std::size_t size)
 {
     char frame[1024];
-    uint32_t length = htole32(uint32_t(size));
+    std::uint32_t length = htole32(static_cast<std::uint32_t>(size));
     memcpy(frame, &length, 4);
     memcpy(frame + 4, text, size);
     if (!g_batch) {
@@ -75,13 +76,13 @@ void flush_waiting()
     g_waiting.clear();
 }
 
-void publish(const char* text, size_t size)
+void publish(const char* text, std::size_t size)
 {
     for (auto* c : g_subscribers)
         send_frame(c, text, size);
 }
 
-void handle_fixed(Connection* c, const char* line, size_t size)
+void handle_fixed(Connection* c, const char* line, std::size_t size)
 {
     static const char answer[] = "{\"data\": {\"status\": 1}, \"status\": 0}";
     static_assert(sizeof answer - 1 == 36, "a frame of 40 bytes");
@@ -93,7 +94,7 @@ void handle_fixed(Connection* c, const char* line, size_t size)
         send_frame(c, answer, sizeof answer - 1);
 }
 
-void handle_json(Connection* c, const char* line, size_t size)
+void handle_json(Connection* c, const char* line, std::size_t size)
 {
     json_t* request = json_loadb(line, size, 0, nullptr);
     const char* type = json_string_value(json_object_get(request, "type"));
@@ -102,7 +103,7 @@ void handle_json(Connection* c, const char* line, size_t size)
     if (type && strcmp(type, "subscribe") == 0) {
         g_subscribers.push_back(c);
     } else if (type && strcmp(type, "publish") == 0) {
-        size_t n = json_dumpb(json_object_get(request, "data"), text, sizeof text, 0);
+        std::size_t n = json_dumpb(json_object_get(request, "data"), text, sizeof text, 0);
         publish(text, std::min(n, sizeof text));
     } else {
         int known = name && strcmp(name, "get_services_status") == 0;
@@ -133,20 +134,20 @@ void readable(Connection* c)
         drop(c);
         return;
     }
-    c->have += size_t(n);
+    c->have += static_cast<std::size_t>(n);
     char *at = c->in, *end = c->in + c->have;
-    while (auto* nl = static_cast<char*>(memchr(at, '\n', size_t(end - at)))) {
-        (g_json ? handle_json : handle_fixed)(c, at, size_t(nl - at));
+    while (auto* nl = static_cast<char*>(memchr(at, '\n', static_cast<std::size_t>(end - at)))) {
+        (g_json ? handle_json : handle_fixed)(c, at, static_cast<std::size_t>(nl - at));
         at = nl + 1;
     }
-    c->have = size_t(end - at);
+    c->have = static_cast<std::size_t>(end - at);
     if (c->have == sizeof c->in)
         drop(c);
     else
         memmove(c->in, at, c->have);
 }
 
-void serve_epoll(int listener)
+[[noreturn]] void serve_epoll(int listener)
 {
     g_epoll = epoll_create1(EPOLL_CLOEXEC);
     epoll_event ev{};
@@ -154,9 +155,9 @@ void serve_epoll(int listener)
     epoll_ctl(g_epoll, EPOLL_CTL_ADD, listener, &ev);
     std::vector<epoll_event> events(64);
     for (;;) {
-        int n = epoll_wait(g_epoll, events.data(), int(events.size()), -1);
+        int n = epoll_wait(g_epoll, events.data(), static_cast<int>(events.size()), -1);
         for (int i = 0; i < n; ++i) {
-            auto* c = static_cast<Connection*>(events[size_t(i)].data.ptr);
+            auto* c = static_cast<Connection*>(events[static_cast<std::size_t>(i)].data.ptr);
             if (c) {
                 readable(c);
                 continue;
@@ -174,47 +175,41 @@ void serve_epoll(int listener)
     }
 }
 
-void serve_echo(int listener)
+[[noreturn]] void serve_echo(int listener)
 {
     for (;;) {
         int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0)
             continue;
         char buffer[4096];
-        ssize_t n;
+        ssize_t n = 0;
         while ((n = read(fd, buffer, sizeof buffer)) > 0)
-            if (write(fd, buffer, size_t(n)) != n)
+            if (write(fd, buffer, static_cast<std::size_t>(n)) != n)
                 break;
         close(fd);
     }
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+int run(int argc, char** argv)
 {
-    static const option longs[] = {{"listen", 1, nullptr, 'l'},
-                                   {"mode", 1, nullptr, 'm'},
-                                   {"batch", 0, nullptr, 'b'},
-                                   {nullptr, 0, nullptr, 0}};
     std::string address, mode = "fixed";
-    int ch;
-    while ((ch = getopt_long(argc, argv, "", longs, nullptr)) != -1)
-        if (ch == 'l')
-            address = optarg;
-        else if (ch == 'm')
-            mode = optarg;
-        else if (ch == 'b')
-            g_batch = true;
-        else
-            die("usage: see the head of limit-server.cpp");
+    Options options("limit-server --listen ADDRESS --mode echo|fixed|json [--batch]");
+    options.text("listen", address).text("mode", mode).flag("batch", g_batch).read(argc, argv);
     if (address.empty())
-        die("limit-server --listen ADDRESS --mode echo|fixed|json [--batch]");
+        options.refuse();
     signal(SIGPIPE, SIG_IGN);
     raise_fd_limit();
-    int listener = listen_on(address, 1024);
+    const int listener = listen_on(address, 1024);
     g_json = mode == "json";
     if (mode == "echo")
         serve_echo(listener);
     serve_epoll(listener);
+}
+
+} // namespace
+} // namespace uwire
+
+int main(int argc, char** argv)
+{
+    return uwire::run(argc, argv);
 }

@@ -9,25 +9,25 @@
 // The result is one line of key=value pairs, as uload prints it. Compare it
 // with dbus-client and dbus-service on the same bus: what the library adds.
 
+#include "options.h"
 #include "uwire.h"
 
-#include <exchange_publisher.h>
+#include <orvexchange/publisher.h>
+
+#include <poll.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <getopt.h>
-#include <poll.h>
 
-using namespace uwire;
-
+namespace uwire {
 namespace {
 
 constexpr char kAnswer[] = R"({"status": 1})";
-constexpr size_t kAnswerSize = sizeof kAnswer - 1;
+constexpr std::size_t kAnswerSize = sizeof kAnswer - 1;
 
-struct Options {
+struct Exchanging {
     std::string serve, request;
     double seconds = 2;
     std::vector<int> pids;
@@ -71,77 +71,64 @@ void pass(Orvex* exchange)
 void on_answer(void* answered, const Message* response)
 {
     if (strcmp(response->type, "0") != 0)
-        die("%.*s", int(response->datalen), response->data);
+        die("%.*s", static_cast<int>(response->datalen), response->data);
     *static_cast<bool*>(answered) = true;
 }
 
-void ask(Orvex* exchange, const Options& o, double seconds, Histogram& took)
+void ask(Orvex* exchange, const Exchanging& exchanging, double seconds, Histogram& took)
 {
-    uint64_t now = now_ns(), until = now + uint64_t(seconds * 1e9);
+    std::uint64_t now = now_ns(), until = now + static_cast<std::uint64_t>(seconds * 1e9);
     while (now < until) {
         bool answered = false;
-        if (orvex_send_request(exchange, o.request.c_str(), "", 0, on_answer, &answered) != 0)
-            die("cannot send %s", o.request.c_str());
+        if (orvex_send_request(exchange, exchanging.request.c_str(), "", 0, on_answer, &answered) != 0)
+            die("cannot send %s", exchanging.request.c_str());
         while (!answered)
             pass(exchange);
-        uint64_t done = now_ns();
+        std::uint64_t done = now_ns();
         took.add(done - now);
         now = done;
     }
 }
 
-Options parse(int argc, char** argv)
+Exchanging parse(int argc, char** argv)
 {
-    static const option longs[] = {{"serve", 1, nullptr, 'a'},
-                                   {"request", 1, nullptr, 'r'},
-                                   {"seconds", 1, nullptr, 's'},
-                                   {"pids", 1, nullptr, 'p'},
-                                   {nullptr, 0, nullptr, 0}};
-    Options o;
-    int ch;
-    while ((ch = getopt_long(argc, argv, "", longs, nullptr)) != -1) {
-        switch (ch) {
-        case 'a':
-            o.serve = optarg;
-            break;
-        case 'r':
-            o.request = optarg;
-            break;
-        case 's':
-            o.seconds = atof(optarg);
-            break;
-        case 'p':
-            o.pids = parse_pids(optarg);
-            break;
-        default:
-            die("usage: see the head of uexchange.cpp");
-        }
-    }
-    if (o.serve.empty() == o.request.empty())
-        die("uexchange --serve NAME | --request NAME:REQUEST ...");
-    return o;
+    Exchanging exchanging;
+    Options options("uexchange --serve NAME | --request NAME:REQUEST [--seconds S] [--pids P,P]");
+    options.text("serve", exchanging.serve)
+        .text("request", exchanging.request)
+        .seconds("seconds", exchanging.seconds)
+        .pids("pids", exchanging.pids)
+        .read(argc, argv);
+    if (exchanging.serve.empty() == exchanging.request.empty())
+        options.refuse();
+    return exchanging;
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+int run(const Exchanging& exchanging)
 {
-    const Options o = parse(argc, argv);
-    if (!o.serve.empty())
-        serve(o.serve.c_str());
+    if (!exchanging.serve.empty())
+        serve(exchanging.serve.c_str());
 
     Orvex* exchange = must_join(nullptr, [](OrvexKind, const Message&) {});
     static Histogram warm, took;
-    ask(exchange, o, 0.1, warm);
-    const uint64_t peer_before = cpu_ns(o.pids), own_before = own_cpu_ns(), start = now_ns();
-    ask(exchange, o, o.seconds, took);
-    const uint64_t elapsed = now_ns() - start;
-    const uint64_t peer = cpu_ns(o.pids) - peer_before, own = own_cpu_ns() - own_before;
+    ask(exchange, exchanging, 0.1, warm);
+    const std::uint64_t peer_before = cpu_ns(exchanging.pids), own_before = own_cpu_ns(), start = now_ns();
+    ask(exchange, exchanging, exchanging.seconds, took);
+    const std::uint64_t elapsed = now_ns() - start;
+    const std::uint64_t peer = cpu_ns(exchanging.pids) - peer_before, own = own_cpu_ns() - own_before;
     orvex_uninit(exchange);
 
-    const auto n = double(took.count());
+    const auto n = static_cast<double>(took.count());
     printf("rps=%.0f p50_us=%.2f p99_us=%.2f n=%.0f peer_cpu_us=%.3f own_cpu_us=%.3f\n",
-           n * 1e9 / double(elapsed), took.percentile_us(50), took.percentile_us(99), n,
-           double(peer) / 1e3 / n, double(own) / 1e3 / n);
+           n * 1e9 / static_cast<double>(elapsed), took.percentile_us(50), took.percentile_us(99), n,
+           static_cast<double>(peer) / 1e3 / n, static_cast<double>(own) / 1e3 / n);
     return 0;
+}
+
+} // namespace
+} // namespace uwire
+
+int main(int argc, char** argv)
+{
+    return uwire::run(uwire::parse(argc, argv));
 }

@@ -13,23 +13,21 @@
 // of the publishing write until the last subscriber has the whole event,
 // "any" the same for every single delivery.
 
+#include "options.h"
 #include "uwire.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
-#include <getopt.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
-using namespace uwire;
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 
+namespace uwire {
 namespace {
 
-struct Options {
+struct Fanning {
     std::string connect, framing = "newline-len32", subscribe, publish;
     std::string publish_to, publish_framing;
     unsigned subscribers = 1;
@@ -41,7 +39,7 @@ struct Options {
 struct Connection {
     int fd = -1;
     bool publisher = false;
-    size_t have = 0;
+    std::size_t have = 0;
     std::vector<char> in = std::vector<char>(2048);
 };
 
@@ -58,11 +56,11 @@ unsigned receive(Connection& c, Framing& framing)
             return 0;
         die("read: %s", strerror(errno));
     }
-    c.have += size_t(n);
+    c.have += static_cast<std::size_t>(n);
     unsigned frames = 0;
-    size_t at = 0;
+    std::size_t at = 0;
     while (at < c.have) {
-        size_t size = framing.frame(c.in.data() + at, c.have - at);
+        std::size_t size = framing.frame(c.in.data() + at, c.have - at);
         if (size == 0)
             break;
         at += size;
@@ -75,50 +73,51 @@ unsigned receive(Connection& c, Framing& framing)
 
 class Fan {
 public:
-    explicit Fan(const Options& o)
-        : o_(o), framing_(make_framing(o.framing, o.subscribe.size())),
-          pub_framing_(make_framing(o.publish_framing, o.publish.size())),
-          event_(pub_framing_->encode(o.publish)), subs_(o.subscribers), events_(o.subscribers + 1)
+    explicit Fan(const Fanning& fanning)
+        : m_fanning(fanning), m_framing(make_framing(fanning.framing, fanning.subscribe.size())),
+          m_pub_framing(make_framing(fanning.publish_framing, fanning.publish.size())),
+          m_event(m_pub_framing->encode(fanning.publish)), m_subs(fanning.subscribers),
+          m_events(fanning.subscribers + 1)
     {
-        ep_ = epoll_create1(EPOLL_CLOEXEC);
-        acks_ = o.acks >= 0 ? o.acks : framing_->subscription_acks();
-        std::string request = framing_->encode(o.subscribe);
-        for (auto& c : subs_)
+        m_ep = epoll_create1(EPOLL_CLOEXEC);
+        m_acks = fanning.acks >= 0 ? fanning.acks : m_framing->subscription_acks();
+        std::string request = m_framing->encode(fanning.subscribe);
+        for (auto& c : m_subs)
             subscribe(c, request);
-        pub_.publisher = true;
-        pub_.fd = must_connect(o.publish_to);
-        pub_framing_->greet(pub_.fd);
-        watch(pub_);
+        m_pub.publisher = true;
+        m_pub.fd = must_connect(fanning.publish_to);
+        m_pub_framing->greet(m_pub.fd);
+        watch(m_pub);
         usleep(200000);
         // Without acknowledgements only an event that arrives everywhere shows
         // that every subscription has been taken.
         for (int tries = 0; !round(nullptr, nullptr); ++tries) {
             if (tries == 5)
-                die("%u of %u subscribers get no event", missing_, o.subscribers);
+                die("%u of %u subscribers get no event", m_missing, fanning.subscribers);
             drain();
         }
     }
 
-    // Publishes once; false if not all have it after two seconds.
+    /// Publishes once; false if not all have it after two seconds.
     bool round(Histogram* last, Histogram* any)
     {
-        missing_ = o_.subscribers;
-        uint64_t sent = now_ns();
-        write_all(pub_.fd, event_.data(), event_.size());
-        while (missing_ > 0) {
-            int n = epoll_wait(ep_, events_.data(), int(events_.size()), 2000);
+        m_missing = m_fanning.subscribers;
+        std::uint64_t sent = now_ns();
+        write_all(m_pub.fd, m_event.data(), m_event.size());
+        while (m_missing > 0) {
+            int n = epoll_wait(m_ep, m_events.data(), static_cast<int>(m_events.size()), 2000);
             if (n == 0)
                 return false;
             for (int i = 0; i < n; ++i) {
-                auto& c = *static_cast<Connection*>(events_[size_t(i)].data.ptr);
+                auto& c = *static_cast<Connection*>(m_events[static_cast<std::size_t>(i)].data.ptr);
                 if (c.publisher) {
-                    receive(c, *pub_framing_);
+                    receive(c, *m_pub_framing);
                     continue;
                 }
-                unsigned frames = receive(c, *framing_);
+                unsigned frames = receive(c, *m_framing);
                 if (frames == 0)
                     continue;
-                missing_ -= frames < missing_ ? frames : missing_;
+                m_missing -= frames < m_missing ? frames : m_missing;
                 if (any)
                     any->add(now_ns() - sent);
             }
@@ -131,15 +130,15 @@ public:
 private:
     void subscribe(Connection& c, const std::string& request)
     {
-        c.fd = must_connect(o_.connect);
-        framing_->greet(c.fd);
+        c.fd = must_connect(m_fanning.connect);
+        m_framing->greet(c.fd);
         write_all(c.fd, request.data(), request.size());
-        if (acks_ < 0) {
+        if (m_acks < 0) {
             pollfd p{c.fd, POLLIN, 0};
-            acks_ = poll(&p, 1, 300) == 1 ? 1 : 0;
+            m_acks = poll(&p, 1, 300) == 1 ? 1 : 0;
         }
-        for (unsigned got = 0; got < unsigned(acks_);)
-            got += receive(c, *framing_);
+        for (unsigned got = 0; got < static_cast<unsigned>(m_acks);)
+            got += receive(c, *m_framing);
         watch(c);
     }
     void watch(Connection& c)
@@ -147,103 +146,84 @@ private:
         epoll_event ev{};
         ev.events = EPOLLIN;
         ev.data.ptr = &c;
-        if (epoll_ctl(ep_, EPOLL_CTL_ADD, c.fd, &ev) < 0)
+        if (epoll_ctl(m_ep, EPOLL_CTL_ADD, c.fd, &ev) < 0)
             die("epoll_ctl: %s", strerror(errno));
     }
     void drain()
     {
-        int n;
-        while ((n = epoll_wait(ep_, events_.data(), int(events_.size()), 300)) > 0)
+        int n = 0;
+        while ((n = epoll_wait(m_ep, m_events.data(), static_cast<int>(m_events.size()), 300)) > 0)
             for (int i = 0; i < n; ++i) {
-                auto& c = *static_cast<Connection*>(events_[size_t(i)].data.ptr);
-                receive(c, c.publisher ? *pub_framing_ : *framing_);
+                auto& c = *static_cast<Connection*>(m_events[static_cast<std::size_t>(i)].data.ptr);
+                receive(c, c.publisher ? *m_pub_framing : *m_framing);
             }
     }
 
-    const Options& o_;
-    std::unique_ptr<Framing> framing_, pub_framing_;
-    std::string event_;
-    std::vector<Connection> subs_;
-    std::vector<epoll_event> events_;
-    Connection pub_;
-    int ep_ = -1, acks_ = -1;
-    unsigned missing_ = 0;
+    const Fanning& m_fanning;
+    std::unique_ptr<Framing> m_framing, m_pub_framing;
+    std::string m_event;
+    std::vector<Connection> m_subs;
+    std::vector<epoll_event> m_events;
+    Connection m_pub;
+    int m_ep = -1, m_acks = -1;
+    unsigned m_missing = 0;
 };
 
-Options parse(int argc, char** argv)
+Fanning parse(int argc, char** argv)
 {
-    static const option longs[] = {{"connect", 1, nullptr, 'c'},     {"framing", 1, nullptr, 'f'},
-                                   {"subscribe", 1, nullptr, 'u'},   {"publish", 1, nullptr, 'b'},
-                                   {"publish-to", 1, nullptr, 't'},  {"publish-framing", 1, nullptr, 'g'},
-                                   {"subscribers", 1, nullptr, 'n'}, {"seconds", 1, nullptr, 's'},
-                                   {"acks", 1, nullptr, 'a'},        {"pids", 1, nullptr, 'p'},
-                                   {nullptr, 0, nullptr, 0}};
-    Options o;
-    int ch;
-    while ((ch = getopt_long(argc, argv, "", longs, nullptr)) != -1) {
-        switch (ch) {
-        case 'c':
-            o.connect = optarg;
-            break;
-        case 'f':
-            o.framing = optarg;
-            break;
-        case 'u':
-            o.subscribe = optarg;
-            break;
-        case 'b':
-            o.publish = optarg;
-            break;
-        case 't':
-            o.publish_to = optarg;
-            break;
-        case 'g':
-            o.publish_framing = optarg;
-            break;
-        case 'n':
-            o.subscribers = unsigned(atoi(optarg));
-            break;
-        case 's':
-            o.seconds = atof(optarg);
-            break;
-        case 'a':
-            o.acks = atoi(optarg);
-            break;
-        case 'p':
-            o.pids = parse_pids(optarg);
-            break;
-        default:
-            die("usage: see the head of ufan.cpp");
-        }
-    }
-    if (o.publish_to.empty())
-        o.publish_to = o.connect;
-    if (o.publish_framing.empty())
-        o.publish_framing = o.framing;
-    if (o.connect.empty() || o.subscribers == 0)
-        die("ufan --connect ADDRESS --subscribe TEXT --publish TEXT ...");
-    return o;
+    Fanning fanning;
+    Options options("ufan --connect ADDRESS --subscribe TEXT --publish TEXT ... (see the head of ufan.cpp)");
+    options.text("connect", fanning.connect)
+        .text("framing", fanning.framing)
+        .text("subscribe", fanning.subscribe)
+        .text("publish", fanning.publish)
+        .text("publish-to", fanning.publish_to)
+        .text("publish-framing", fanning.publish_framing)
+        .number("subscribers", fanning.subscribers)
+        .seconds("seconds", fanning.seconds)
+        .number("acks", fanning.acks)
+        .pids("pids", fanning.pids)
+        .read(argc, argv);
+    if (fanning.connect.empty() || fanning.subscribers == 0)
+        options.refuse();
+    if (fanning.publish_to.empty())
+        fanning.publish_to = fanning.connect;
+    if (fanning.publish_framing.empty())
+        fanning.publish_framing = fanning.framing;
+    return fanning;
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+void print(const Histogram& last, const Histogram& any, double deliveries, double elapsed_ns, double peer_ns,
+           double own_ns)
 {
-    Options o = parse(argc, argv);
+    printf("dps=%.0f last_p50_us=%.1f last_p99_us=%.1f any_p50_us=%.1f events=%.0f peer_cpu_us=%.3f "
+           "own_cpu_us=%.3f\n",
+           deliveries * 1e9 / elapsed_ns, last.percentile_us(50), last.percentile_us(99),
+           any.percentile_us(50), static_cast<double>(last.count()), peer_ns / 1e3 / deliveries,
+           own_ns / 1e3 / deliveries);
+}
+
+int run(const Fanning& fanning)
+{
     raise_fd_limit();
-    Fan fan(o);
+    Fan fan(fanning);
     static Histogram last, any;
-    uint64_t peer_before = cpu_ns(o.pids), own_before = own_cpu_ns();
-    uint64_t start = now_ns(), until = start + uint64_t(o.seconds * 1e9);
+    const std::uint64_t peer_before = cpu_ns(fanning.pids), own_before = own_cpu_ns();
+    const std::uint64_t start = now_ns(), until = start + static_cast<std::uint64_t>(fanning.seconds * 1e9);
     while (now_ns() < until)
         if (!fan.round(&last, &any))
             die("an event did not reach every subscriber within two seconds");
-    auto elapsed = double(now_ns() - start);
-    auto own = double(own_cpu_ns() - own_before), peer = double(cpu_ns(o.pids) - peer_before);
-    double deliveries = double(last.count()) * o.subscribers;
-    printf("dps=%.0f last_p50_us=%.1f last_p99_us=%.1f any_p50_us=%.1f events=%.0f "
-           "peer_cpu_us=%.3f own_cpu_us=%.3f\n",
-           deliveries * 1e9 / elapsed, last.percentile_us(50), last.percentile_us(99), any.percentile_us(50),
-           double(last.count()), peer / 1e3 / deliveries, own / 1e3 / deliveries);
+    const auto elapsed = static_cast<double>(now_ns() - start);
+    const auto own = static_cast<double>(own_cpu_ns() - own_before);
+    const auto peer = static_cast<double>(cpu_ns(fanning.pids) - peer_before);
+    print(last, any, static_cast<double>(last.count()) * fanning.subscribers, elapsed, peer, own);
     return 0;
+}
+
+} // namespace
+} // namespace uwire
+
+int main(int argc, char** argv)
+{
+    return uwire::run(uwire::parse(argc, argv));
 }

@@ -1,12 +1,6 @@
 #include "uwire.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
-#include <cstdarg>
-#include <cstddef>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <dirent.h>
 #include <endian.h>
 #include <netinet/in.h>
@@ -17,13 +11,20 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
 namespace uwire {
 
-uint64_t now_ns()
+std::uint64_t now_ns()
 {
-    timespec ts;
+    timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
-    return uint64_t(ts.tv_sec) * 1000000000u + uint64_t(ts.tv_nsec);
+    return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000u + static_cast<std::uint64_t>(ts.tv_nsec);
 }
 
 void die(const char* fmt, ...)
@@ -46,13 +47,22 @@ struct Address {
     int family = AF_UNIX;
 };
 
+std::uint16_t parse_port(const char* text)
+{
+    char* end = nullptr;
+    const long port = std::strtol(text, &end, 10);
+    if (end == text || *end != '\0' || port < 0 || port > UINT16_MAX)
+        die("bad port: %s", text);
+    return static_cast<std::uint16_t>(port);
+}
+
 Address parse_address(const std::string& text)
 {
     Address a;
     if (text.compare(0, 4, "tcp:") == 0) {
         auto* in = reinterpret_cast<sockaddr_in*>(&a.storage);
         in->sin_family = AF_INET;
-        in->sin_port = htons(uint16_t(atoi(text.c_str() + 4)));
+        in->sin_port = htons(parse_port(text.c_str() + 4));
         in->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         a.size = sizeof *in;
         a.family = AF_INET;
@@ -63,7 +73,7 @@ Address parse_address(const std::string& text)
     if (text.empty() || text.size() >= sizeof un->sun_path)
         die("bad address: %s", text.c_str());
     memcpy(un->sun_path, text.data(), text.size());
-    a.size = socklen_t(offsetof(sockaddr_un, sun_path) + text.size());
+    a.size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + text.size());
     if (text[0] == '@')
         un->sun_path[0] = '\0';
     else
@@ -111,7 +121,7 @@ int listen_on(const std::string& address, int backlog)
     return fd;
 }
 
-void write_all(int fd, const char* data, size_t size)
+void write_all(int fd, const char* data, std::size_t size)
 {
     while (size > 0) {
         ssize_t n = write(fd, data, size);
@@ -121,24 +131,24 @@ void write_all(int fd, const char* data, size_t size)
             die("write: %s", strerror(errno));
         }
         data += n;
-        size -= size_t(n);
+        size -= static_cast<std::size_t>(n);
     }
 }
 
 void raise_fd_limit()
 {
-    rlimit r;
+    rlimit r{};
     if (getrlimit(RLIMIT_NOFILE, &r) == 0) {
         r.rlim_cur = r.rlim_max;
         setrlimit(RLIMIT_NOFILE, &r);
     }
 }
 
-size_t read_frame(int fd, Framing& framing, std::vector<char>& buffer)
+std::size_t read_frame(int fd, Framing& framing, std::vector<char>& buffer)
 {
     if (buffer.size() < 4096)
         buffer.resize(4096);
-    size_t have = 0;
+    std::size_t have = 0;
     for (;;) {
         if (have == buffer.size())
             buffer.resize(buffer.size() * 2);
@@ -150,8 +160,8 @@ size_t read_frame(int fd, Framing& framing, std::vector<char>& buffer)
                 continue;
             die("read: %s", strerror(errno));
         }
-        have += size_t(n);
-        size_t size = framing.frame(buffer.data(), have);
+        have += static_cast<std::size_t>(n);
+        std::size_t size = framing.frame(buffer.data(), have);
         if (size != 0 && size <= have)
             return size;
     }
@@ -164,56 +174,56 @@ namespace {
 class Len32 : public Framing {
 public:
     enum class Order { detect, little, big };
-    explicit Len32(Order order) : order_(order) {}
+    explicit Len32(Order order) : m_order(order) {}
     std::string encode(const std::string& text) override { return text + '\n'; }
-    size_t frame(const char* data, size_t size) override
+    std::size_t frame(const char* data, std::size_t size) override
     {
         if (size < 4)
             return 0;
-        uint32_t raw;
+        std::uint32_t raw = 0;
         memcpy(&raw, data, 4);
-        uint32_t little = le32toh(raw), big = be32toh(raw);
-        if (order_ == Order::detect)
-            order_ = little <= big ? Order::little : Order::big;
-        size_t total = 4 + size_t(order_ == Order::little ? little : big);
+        std::uint32_t little = le32toh(raw), big = be32toh(raw);
+        if (m_order == Order::detect)
+            m_order = little <= big ? Order::little : Order::big;
+        std::size_t total = 4 + static_cast<std::size_t>(m_order == Order::little ? little : big);
         return size >= total ? total : 0;
     }
 
 private:
-    Order order_;
+    Order m_order;
 };
 
 class Echo : public Framing {
 public:
-    explicit Echo(size_t size) : size_(size) {}
+    explicit Echo(std::size_t size) : m_size(size) {}
     std::string encode(const std::string& text) override { return text; }
-    size_t frame(const char*, size_t size) override { return size >= size_ ? size_ : 0; }
+    std::size_t frame(const char*, std::size_t size) override { return size >= m_size ? m_size : 0; }
 
 private:
-    size_t size_;
+    std::size_t m_size;
 };
 
 class Delimited : public Framing {
 public:
-    explicit Delimited(char end) : end_(end) {}
-    std::string encode(const std::string& text) override { return text + end_; }
-    size_t frame(const char* data, size_t size) override
+    explicit Delimited(char end) : m_end(end) {}
+    std::string encode(const std::string& text) override { return text + m_end; }
+    std::size_t frame(const char* data, std::size_t size) override
     {
-        auto* p = static_cast<const char*>(memchr(data, end_, size));
-        return p ? size_t(p - data) + 1 : 0;
+        auto* p = static_cast<const char*>(memchr(data, m_end, size));
+        return p ? static_cast<std::size_t>(p - data) + 1 : 0;
     }
 
 private:
-    char end_;
+    char m_end;
 };
 
 // The first words of text, and the rest as the last element.
-std::vector<std::string> words(const std::string& text, size_t most)
+std::vector<std::string> words(const std::string& text, std::size_t most)
 {
     std::vector<std::string> out;
-    size_t at = 0;
+    std::size_t at = 0;
     while (at < text.size() && out.size() + 1 < most) {
-        size_t end = text.find(' ', at);
+        std::size_t end = text.find(' ', at);
         if (end == std::string::npos)
             break;
         out.push_back(text.substr(at, end - at));
@@ -233,22 +243,22 @@ public:
             out += "$" + std::to_string(p.size()) + "\r\n" + p + "\r\n";
         return out;
     }
-    size_t frame(const char* data, size_t size) override
+    std::size_t frame(const char* data, std::size_t size) override
     {
         auto* p = static_cast<const char*>(memchr(data, '\n', size));
         if (!p)
             return 0;
-        size_t head = size_t(p - data) + 1;
+        std::size_t head = static_cast<std::size_t>(p - data) + 1;
         if (data[0] == '$') {
-            long n = atol(data + 1);
-            size_t total = n < 0 ? head : head + size_t(n) + 2;
+            long n = std::strtol(data + 1, nullptr, 10);
+            std::size_t total = n < 0 ? head : head + static_cast<std::size_t>(n) + 2;
             return size >= total ? total : 0;
         }
         if (data[0] != '*')
             return head;
-        size_t total = head;
-        for (long n = atol(data + 1); n > 0; --n) {
-            size_t part = total < size ? frame(data + total, size - total) : 0;
+        std::size_t total = head;
+        for (long n = std::strtol(data + 1, nullptr, 10); n > 0; --n) {
+            std::size_t part = total < size ? frame(data + total, size - total) : 0;
             if (part == 0)
                 return 0;
             total += part;
@@ -285,14 +295,14 @@ public:
         body += parts.at(2);
         return packet(parts[0] == "pub1" ? '\x32' : '\x30', body);
     }
-    size_t frame(const char* data, size_t size) override
+    std::size_t frame(const char* data, std::size_t size) override
     {
-        size_t value = 0, at = 1;
+        std::size_t value = 0, at = 1;
         for (unsigned shift = 0;; shift += 7) {
             if (at >= size)
                 return 0;
-            auto byte = uint8_t(data[at++]);
-            value |= size_t(byte & 0x7f) << shift;
+            auto byte = static_cast<std::uint8_t>(data[at++]);
+            value |= static_cast<std::size_t>(byte & 0x7f) << shift;
             if (!(byte & 0x80))
                 break;
         }
@@ -303,14 +313,14 @@ public:
 private:
     static std::string field(const std::string& s)
     {
-        return std::string{char(s.size() >> 8), char(s.size() & 0xff)} + s;
+        return std::string{static_cast<char>(s.size() >> 8), static_cast<char>(s.size() & 0xff)} + s;
     }
     static std::string packet(char type, const std::string& body)
     {
         std::string out(1, type);
-        size_t n = body.size();
+        std::size_t n = body.size();
         do {
-            out += char((n & 0x7f) | (n > 0x7f ? 0x80 : 0));
+            out += static_cast<char>((n & 0x7f) | (n > 0x7f ? 0x80 : 0));
             n >>= 7;
         } while (n);
         return out + body;
@@ -324,7 +334,7 @@ public:
         std::string hex;
         for (char c : std::to_string(getuid())) {
             char two[3];
-            snprintf(two, sizeof two, "%02x", unsigned(uint8_t(c)));
+            snprintf(two, sizeof two, "%02x", static_cast<unsigned>(static_cast<std::uint8_t>(c)));
             hex += two;
         }
         std::string auth = '\0' + ("AUTH EXTERNAL " + hex + "\r\n");
@@ -339,13 +349,13 @@ public:
         write_all(fd, hello.data(), hello.size());
         // The answer to Hello and the NameAcquired signal, in either order.
         std::vector<char> in(4096);
-        size_t have = 0;
+        std::size_t have = 0;
         for (int frames = 0; frames < 2;) {
             ssize_t n = read(fd, in.data() + have, in.size() - have);
             if (n <= 0)
                 die("dbus: no answer to Hello");
-            have += size_t(n);
-            while (size_t size = frame(in.data(), have)) {
+            have += static_cast<std::size_t>(n);
+            while (std::size_t size = frame(in.data(), have)) {
                 memmove(in.data(), in.data() + size, have - size);
                 have -= size;
                 ++frames;
@@ -365,29 +375,30 @@ public:
         return message(1, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "AddMatch",
                        "s", string_body(words(text, 2).at(1)));
     }
-    size_t frame(const char* data, size_t size) override
+    std::size_t frame(const char* data, std::size_t size) override
     {
         if (size < 16)
             return 0;
-        uint32_t body, fields;
+        std::uint32_t body = 0, fields = 0;
         memcpy(&body, data + 4, 4);
         memcpy(&fields, data + 12, 4);
         if (data[0] == 'B') {
             body = be32toh(body);
             fields = be32toh(fields);
         }
-        size_t total = 16 + ((size_t(fields) + 7) & ~size_t(7)) + body;
+        std::size_t total =
+            16 + ((static_cast<std::size_t>(fields) + 7) & ~static_cast<std::size_t>(7)) + body;
         return size >= total ? total : 0;
     }
     int subscription_acks() const override { return 1; }
 
 private:
-    static void align(std::string& s, size_t to)
+    static void align(std::string& s, std::size_t to)
     {
         while (s.size() % to)
             s += '\0';
     }
-    static void put32(std::string& s, uint32_t v)
+    static void put32(std::string& s, std::uint32_t v)
     {
         v = htole32(v);
         s.append(reinterpret_cast<char*>(&v), 4);
@@ -400,16 +411,16 @@ private:
         s += type;
         s += '\0';
         if (type == 'g')
-            s += char(v.size());
+            s += static_cast<char>(v.size());
         else
-            put32(s, uint32_t(v.size()));
+            put32(s, static_cast<std::uint32_t>(v.size()));
         s += v;
         s += '\0';
     }
     static void put_string(std::string& s, const std::string& text)
     {
         align(s, 4);
-        put32(s, uint32_t(text.size()));
+        put32(s, static_cast<std::uint32_t>(text.size()));
         s += text + '\0';
     }
     static std::string string_body(const std::string& text)
@@ -426,7 +437,7 @@ private:
         put_string(body, "bench");
         align(body, 8);
         body += std::string("\1\0\0\0\0\0\0\0", 8);
-        put32(body, uint32_t(p.at(2).size()));
+        put32(body, static_cast<std::uint32_t>(p.at(2).size()));
         return body + p.at(2);
     }
     static std::string message(char type, const std::string& dest, const std::string& path,
@@ -442,9 +453,9 @@ private:
         if (!signature.empty())
             header(fields, 8, 'g', signature);
         std::string out{'l', type, '\0', '\1'};
-        put32(out, uint32_t(body.size()));
+        put32(out, static_cast<std::uint32_t>(body.size()));
         put32(out, 1);
-        put32(out, uint32_t(fields.size()));
+        put32(out, static_cast<std::uint32_t>(fields.size()));
         out += fields;
         align(out, 8);
         return out + body;
@@ -453,7 +464,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<Framing> make_framing(const std::string& name, size_t echo_size)
+std::unique_ptr<Framing> make_framing(const std::string& name, std::size_t echo_size)
 {
     using Order = Len32::Order;
     if (name == "newline-len32")
@@ -484,56 +495,56 @@ const char* framing_names()
 
 // ---- numbers ---------------------------------------------------------------
 
-size_t Histogram::index(uint64_t ns)
+std::size_t Histogram::index(std::uint64_t ns)
 {
     if (ns < kSub)
-        return size_t(ns);
-    unsigned shift = 63u - unsigned(__builtin_clzll(ns)) - (kSubBits - 1);
-    return size_t(shift) * (kSub / 2) + size_t(ns >> shift);
+        return static_cast<std::size_t>(ns);
+    unsigned shift = 63u - static_cast<unsigned>(__builtin_clzll(ns)) - (kSubBits - 1);
+    return static_cast<std::size_t>(shift) * (kSub / 2) + static_cast<std::size_t>(ns >> shift);
 }
 
-uint64_t Histogram::value(size_t index)
+std::uint64_t Histogram::value(std::size_t index)
 {
     if (index < kSub)
         return index;
-    size_t shift = index / (kSub / 2) - 1;
-    return uint64_t(index - shift * (kSub / 2)) << shift;
+    std::size_t shift = index / (kSub / 2) - 1;
+    return static_cast<std::uint64_t>(index - shift * (kSub / 2)) << shift;
 }
 
-void Histogram::add(uint64_t ns)
+void Histogram::add(std::uint64_t ns)
 {
-    buckets_[index(ns)]++;
-    count_++;
-    if (ns > max_)
-        max_ = ns;
+    m_buckets[index(ns)]++;
+    m_count++;
+    if (ns > m_max)
+        m_max = ns;
 }
 
 void Histogram::merge(const Histogram& other)
 {
-    for (size_t i = 0; i < buckets_.size(); ++i)
-        buckets_[i] += other.buckets_[i];
-    count_ += other.count_;
-    if (other.max_ > max_)
-        max_ = other.max_;
+    for (std::size_t i = 0; i < m_buckets.size(); ++i)
+        m_buckets[i] += other.m_buckets[i];
+    m_count += other.m_count;
+    if (other.m_max > m_max)
+        m_max = other.m_max;
 }
 
 double Histogram::percentile_us(double p) const
 {
-    if (count_ == 0)
+    if (m_count == 0)
         return 0;
-    auto want = uint64_t(double(count_) * p / 100.0);
-    uint64_t seen = 0;
-    for (size_t i = 0; i < buckets_.size(); ++i) {
-        seen += buckets_[i];
+    auto want = static_cast<std::uint64_t>(static_cast<double>(m_count) * p / 100.0);
+    std::uint64_t seen = 0;
+    for (std::size_t i = 0; i < m_buckets.size(); ++i) {
+        seen += m_buckets[i];
         if (seen > want)
-            return double(value(i)) / 1e3;
+            return static_cast<double>(value(i)) / 1e3;
     }
     return max_us();
 }
 
-uint64_t cpu_ns(const std::vector<int>& pids)
+std::uint64_t cpu_ns(const std::vector<int>& pids)
 {
-    uint64_t total = 0;
+    std::uint64_t total = 0;
     for (int pid : pids) {
         std::string dir = "/proc/" + std::to_string(pid) + "/task";
         DIR* d = opendir(dir.c_str());
@@ -555,28 +566,16 @@ uint64_t cpu_ns(const std::vector<int>& pids)
     return total;
 }
 
-std::vector<int> parse_pids(const std::string& list)
+std::uint64_t own_cpu_ns()
 {
-    std::vector<int> out;
-    for (size_t at = 0; at < list.size();) {
-        out.push_back(atoi(list.c_str() + at));
-        size_t comma = list.find(',', at);
-        if (comma == std::string::npos)
-            break;
-        at = comma + 1;
-    }
-    return out;
-}
-
-uint64_t own_cpu_ns()
-{
-    timespec ts;
+    timespec ts{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    uint64_t ns = uint64_t(ts.tv_sec) * 1000000000u + uint64_t(ts.tv_nsec);
-    rusage r;
+    std::uint64_t ns =
+        static_cast<std::uint64_t>(ts.tv_sec) * 1000000000u + static_cast<std::uint64_t>(ts.tv_nsec);
+    rusage r{};
     getrusage(RUSAGE_CHILDREN, &r);
-    ns += uint64_t(r.ru_utime.tv_sec + r.ru_stime.tv_sec) * 1000000000u;
-    return ns + uint64_t(r.ru_utime.tv_usec + r.ru_stime.tv_usec) * 1000u;
+    ns += static_cast<std::uint64_t>(r.ru_utime.tv_sec + r.ru_stime.tv_sec) * 1000000000u;
+    return ns + static_cast<std::uint64_t>(r.ru_utime.tv_usec + r.ru_stime.tv_usec) * 1000u;
 }
 
 } // namespace uwire

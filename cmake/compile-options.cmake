@@ -24,3 +24,15 @@ else()
   target_compile_definitions(orv_options INTERFACE $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
   target_compile_options(orv_options INTERFACE -fstack-protector-strong)
 endif()
+
+# orv_build_for_speed(TARGET_OR_SOURCE...): the program as shipped is built for size (-Os); what every request goes
+# through, whole targets or sources of the calling folder, is built for speed instead.
+function(orv_build_for_speed)
+  foreach(name IN LISTS ARGN)
+    if(TARGET ${name})
+      target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:-O2>)
+    else()
+      set_property(SOURCE ${name} APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-O2>)
+    endif()
+  endforeach()
+endfunction()

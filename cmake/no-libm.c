@@ -1,5 +1,6 @@
-/* The one function that the C++ runtime's hash tables want of libm. With it here, a program that is linked
- * against a libm of its own, as glibc has one, need not map that library: 100 kB of resident memory. */
+/* The one function of libm that a program of ours wants, for fmt's digits of floating-point numbers, which no line of
+ * ours has, and on some machines for the C++ runtime's hash tables. With it here, a program that is linked against a
+ * libm of its own, as glibc has one, need not map that library: 100 kB of resident memory. */
 
 double ceil(double value);
 

@@ -16,8 +16,8 @@ namespace orv::devMgmt {
 
 namespace {
 
-using detail::LmdbRead;
-using detail::LmdbTransaction;
+using store::Read;
+using store::Transaction;
 
 constexpr std::size_t kEntriesAtOnce = 64;
 
@@ -38,7 +38,7 @@ bool is_watched(const std::vector<std::string>& fields, const std::string& field
 
 bool Changes::start()
 {
-    LmdbRead snapshot(device_environment());
+    Read snapshot(device_environment());
     if (snapshot.error() != Error::none || kChangeJournal.end(snapshot, m_place) != Error::none)
         return false;
     m_generation = device_environment().generation();
@@ -78,7 +78,7 @@ void Changes::look()
 /// Reads some entries. False when there are none left, or they cannot be read now.
 bool Changes::read_on(std::vector<Told>& told)
 {
-    LmdbRead snapshot(device_environment());
+    Read snapshot(device_environment());
     if (snapshot.error() != Error::none)
         return false;
     const unsigned generation = device_environment().generation();
@@ -110,7 +110,7 @@ bool Changes::read_on(std::vector<Told>& told)
 }
 
 /// The device's record, or what its removal after `place` has kept of it.
-bool Changes::find_device(LmdbTransaction& snapshot, std::uint64_t place, const std::string& did,
+bool Changes::find_device(Transaction& snapshot, std::uint64_t place, const std::string& did,
                           Device& device) const
 {
     const Error error = read_device(snapshot, did, device);
@@ -147,7 +147,7 @@ void Changes::tell(const Told& change)
 void Changes::tell_that_all_may_have_changed()
 {
     std::vector<Device> devices;
-    if (LmdbRead snapshot(device_environment());
+    if (Read snapshot(device_environment());
         snapshot.error() != Error::none || read_devices(snapshot, devices) != Error::none)
         return;
     ORV_LOG(log::kWarning, "device store: changes were lost, taking all devices for changed");

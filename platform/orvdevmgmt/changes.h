@@ -1,8 +1,8 @@
 #pragma once
 
-#include "notify.h"
-
 #include <orvdevmgmt/orvdevmgmt.h>
+#include <orvstore/notify.h>
+#include <orvstore/transaction.h>
 
 #include <cstdint>
 #include <map>
@@ -12,7 +12,7 @@
 namespace orv::devMgmt {
 
 /// Reads the journal of changes on and calls those who have registered for them.
-class Changes : public detail::notify::Listener {
+class Changes : public store::notify::Listener {
 public:
     /// From here on changes are told. False when the journal cannot be read.
     [[nodiscard]] bool start();
@@ -35,8 +35,8 @@ private:
     };
 
     [[nodiscard]] bool read_on(std::vector<Told>& told);
-    [[nodiscard]] bool find_device(detail::LmdbTransaction& snapshot, std::uint64_t place,
-                                   const std::string& did, Device& device) const;
+    [[nodiscard]] bool find_device(store::Transaction& snapshot, std::uint64_t place, const std::string& did,
+                                   Device& device) const;
     void tell(const Told& change);
     void tell_that_all_may_have_changed();
 

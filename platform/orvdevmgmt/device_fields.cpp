@@ -1,3 +1,6 @@
+// Two devices are compared along the one table of fields. Whether a text is UTF-8 is asked of the JSON library,
+// as it is the one that would not take another.
+
 #include "device_fields.h"
 
 #include <jansson.h>
@@ -19,14 +22,14 @@ std::vector<std::string> changed_fields(const Device& before, const Device& afte
 
 bool is_utf8(std::string_view text)
 {
-    json_t* const json = json_stringn(text.data(), text.size()); // null for what is not
+    json_t* json = json_stringn(text.data(), text.size()); // null for what is not
     json_decref(json);
     return json != nullptr;
 }
 
 bool is_ip_address(sockutl::address address)
 {
-    const sockaddr* const any = address;
+    const sockaddr* any = address;
     return address.is_valid() && (any->sa_family == AF_INET || any->sa_family == AF_INET6);
 }
 

@@ -1,24 +1,20 @@
 // The JSON form of a device, both ways.
 
 #include "device_fields.h"
-#include "device_writer.h"
+
+#include <orvdevmgmt/device_writer.h>
+#include <orvutils/json.h>
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <map>
-#include <memory>
 #include <string_view>
 #include <utility>
 
 namespace orv::devMgmt {
 
 namespace {
-
-struct DropReference {
-    void operator()(json_t* json) const { json_decref(json); }
-};
-using Json = std::unique_ptr<json_t, DropReference>;
 
 std::string text_of(const json_t* string)
 {
@@ -47,7 +43,7 @@ std::string take_addresses(const json_t* list, std::set<sockutl::address>& addre
     if (!json_is_array(list))
         return "must hold lists of IP addresses";
     for (std::size_t i = 0; i < json_array_size(list); ++i) {
-        const json_t* const text = json_array_get(list, i);
+        const json_t* text = json_array_get(list, i);
         if (!json_is_string(text))
             return "must hold lists of IP addresses";
         const sockutl::address address(text_of(text));
@@ -112,30 +108,30 @@ std::string replace_malformed(std::string_view text)
     return result;
 }
 
-Json to_json(const std::string& text)
+JsonPtr to_json(const std::string& text)
 {
-    Json json(json_stringn(text.data(), text.size()));
-    if (json != nullptr)
+    JsonPtr json(json_stringn(text.data(), text.size()));
+    if (json)
         return json;
     const std::string shown = replace_malformed(text);
-    return Json(json_stringn(shown.data(), shown.size()));
+    return JsonPtr(json_stringn(shown.data(), shown.size()));
 }
 
-Json to_json(const std::set<sockutl::address>& addresses)
+JsonPtr to_json(const std::set<sockutl::address>& addresses)
 {
-    Json list(json_array());
+    JsonPtr list(json_array());
     for (const sockutl::address& address : addresses)
         if (json_array_append_new(list.get(), json_string(address.to_string(false).c_str())) != 0)
             return nullptr;
     return list;
 }
 
-Json macs_to_json(const Device& device)
+JsonPtr macs_to_json(const Device& device)
 {
     std::map<sockutl::macaddr, const std::set<sockutl::address>*> macs;
     for (const auto& [mac, addresses] : device.macs)
         macs.emplace(mac, &addresses);
-    Json object(json_object());
+    JsonPtr object(json_object());
     for (const auto& [mac, addresses] : macs)
         if (json_object_set_new(object.get(), mac.to_string(false).c_str(), to_json(*addresses).release()) !=
             0)
@@ -178,7 +174,7 @@ bool device_from_json(const json_t* json, const std::string& default_owner, Devi
 
 json_t* device_to_json(const Device& device)
 {
-    Json json(json_object());
+    JsonPtr json(json_object());
     bool complete = true;
     const auto set = [&](const char* name, json_t* value) {
         complete = json_object_set_new(json.get(), name, value) == 0 && complete;

@@ -4,9 +4,9 @@
 
 #include "device_fields.h"
 #include "device_record.h"
-#include "device_writer.h"
-#include "error_state.h"
 
+#include <orvbase/error_number.h>
+#include <orvdevmgmt/device_writer.h>
 #include <orvutils/log_format.h>
 
 #include <algorithm>
@@ -15,10 +15,10 @@ namespace orv::devMgmt {
 
 namespace {
 
-using detail::LmdbCursor;
-using detail::LmdbEnvironment;
-using detail::LmdbTransaction;
-using detail::LmdbWrite;
+using store::Cursor;
+using store::Environment;
+using store::Transaction;
+using store::Write;
 
 constexpr std::size_t kMapSize = std::size_t{64} * 1024 * 1024;
 constexpr std::size_t kMacSize = 6;
@@ -51,17 +51,22 @@ const char* impossible_member(const Device& device)
 
 bool is_possible(const Device& device)
 {
-    const char* const member = impossible_member(device);
-    if (member != nullptr)
+    const char* member = impossible_member(device);
+    if (member)
         ORV_LOG(log::kError, "device store: refusing a device for its {}", member);
-    return member == nullptr;
+    return !member;
+}
+
+void report(store::Severity severity, const std::string& text)
+{
+    ORV_LOG(static_cast<int>(severity), "{}", text);
 }
 
 /// Removes a device from the index by looking through all of it: for a malformed record, which does not say
 /// where it is indexed.
-Error sweep_index(LmdbWrite& transaction, std::string_view did)
+Error sweep_index(Write& transaction, std::string_view did)
 {
-    LmdbCursor cursor(transaction, kMacIndex);
+    Cursor cursor(transaction, kMacIndex);
     for (bool found = cursor.first(); found; found = cursor.next()) {
         if (cursor.key().size() < kMacSize || cursor.key().substr(kMacSize) != did)
             continue;
@@ -72,7 +77,7 @@ Error sweep_index(LmdbWrite& transaction, std::string_view did)
 }
 
 /// Removes a device from the index, by its stored record.
-Error clear_index(LmdbWrite& transaction, const std::string& did, std::string_view record)
+Error clear_index(Write& transaction, const std::string& did, std::string_view record)
 {
     Device device;
     if (!decode_device(record, device))
@@ -85,7 +90,7 @@ Error clear_index(LmdbWrite& transaction, const std::string& did, std::string_vi
     return Error::none;
 }
 
-Error write_index(LmdbWrite& transaction, const Device& device)
+Error write_index(Write& transaction, const Device& device)
 {
     for (const auto& entry : device.macs)
         if (const Error error = transaction.put(kMacIndex, mac_prefix(entry.first) + device.did, {});
@@ -94,13 +99,13 @@ Error write_index(LmdbWrite& transaction, const Device& device)
     return Error::none;
 }
 
-Error append_change(LmdbWrite& transaction, const Change& change)
+Error append_change(Write& transaction, const Change& change)
 {
     return kChangeJournal.append(transaction, encode_change(change));
 }
 
 /// Tells the journal what a new record means for its device. A malformed old one counts as none.
-Error log_put(LmdbWrite& transaction, std::string_view old_record, const Device& device)
+Error log_put(Write& transaction, std::string_view old_record, const Device& device)
 {
     Device before;
     if (!decode_device(old_record, before))
@@ -118,7 +123,7 @@ Error put(const Device& device)
     const std::string record = encode_device(device);
     if (!is_possible(device) || record.size() > kMaxRecordSize)
         return Error::invalid_argument;
-    LmdbWrite transaction(device_environment());
+    Write transaction(device_environment());
     if (transaction.error() != Error::none)
         return transaction.error();
     std::string_view found;
@@ -142,7 +147,7 @@ Error remove(const std::string& did)
 {
     if (did.empty() || did.size() > kMaxDeviceIdSize)
         return Error::no_such_key;
-    LmdbWrite transaction(device_environment());
+    Write transaction(device_environment());
     if (transaction.error() != Error::none)
         return transaction.error();
     std::string_view record;
@@ -160,7 +165,7 @@ Error remove(const std::string& did)
 
 int result(Error error)
 {
-    return error == Error::none ? 0 : detail::fail(error);
+    return error == Error::none ? 0 : base::fail(error);
 }
 
 bool decode_stored(std::string_view did, std::string_view record, Device& device)
@@ -173,15 +178,15 @@ bool decode_stored(std::string_view did, std::string_view record, Device& device
 
 } // namespace
 
-detail::LmdbEnvironment& device_environment()
+store::Environment& device_environment()
 {
     // Lives as long as the process: it holds what the operating system releases anyhow.
-    static auto* const instance =
-        new LmdbEnvironment({"var/devices", {"devices", "macs", "changes"}, kMapSize, true});
+    static auto* instance =
+        new Environment({"var/devices", {"devices", "macs", "changes"}, kMapSize, true, report});
     return *instance;
 }
 
-Error read_device(LmdbTransaction& transaction, std::string_view did, Device& device)
+Error read_device(Transaction& transaction, std::string_view did, Device& device)
 {
     std::string_view record;
     if (did.empty() || did.size() > kMaxDeviceIdSize)
@@ -191,10 +196,10 @@ Error read_device(LmdbTransaction& transaction, std::string_view did, Device& de
     return decode_stored(did, record, device) ? Error::none : Error::input_output;
 }
 
-Error read_devices(LmdbTransaction& transaction, std::vector<Device>& devices)
+Error read_devices(Transaction& transaction, std::vector<Device>& devices)
 {
     devices.reserve(devices.size() + transaction.entries(kDevices));
-    LmdbCursor cursor(transaction, kDevices);
+    Cursor cursor(transaction, kDevices);
     for (bool found = cursor.first(); found; found = cursor.next()) {
         devices.emplace_back();
         if (!decode_stored(cursor.key(), cursor.value(), devices.back()))
@@ -203,14 +208,19 @@ Error read_devices(LmdbTransaction& transaction, std::vector<Device>& devices)
     return cursor.error();
 }
 
-Error find_by_mac(LmdbTransaction& transaction, const sockutl::macaddr& mac, std::string& did)
+Error find_by_mac(Transaction& transaction, const sockutl::macaddr& mac, std::string& did)
 {
     const std::string prefix = mac_prefix(mac);
-    LmdbCursor cursor(transaction, kMacIndex);
+    Cursor cursor(transaction, kMacIndex);
     if (!cursor.seek(prefix) || cursor.key().substr(0, kMacSize) != prefix)
         return cursor.error() != Error::none ? cursor.error() : Error::no_such_key;
     did = cursor.key().substr(kMacSize);
     return Error::none;
+}
+
+const store::Failure& failure()
+{
+    return device_environment().failure();
 }
 
 int put_device(const Device& device)

@@ -1,9 +1,8 @@
 #pragma once
 
-#include "journal.h"
-#include "lmdb_environment.h"
-
 #include <orvdevmgmt/orvdevmgmt.h>
+#include <orvstore/journal.h>
+#include <orvstore/transaction.h>
 
 #include <string>
 #include <string_view>
@@ -15,19 +14,19 @@ namespace orv::devMgmt {
 
 enum DeviceTree : std::size_t { kDevices, kMacIndex, kChanges };
 
-constexpr detail::Journal kChangeJournal{kChanges, 4096};
+constexpr store::Journal kChangeJournal{kChanges, 4096};
 
-[[nodiscard]] detail::LmdbEnvironment& device_environment();
+[[nodiscard]] store::Environment& device_environment();
 
 /// A device in a snapshot. Error::no_such_key when there is none; Error::input_output, logged, for a
 /// malformed record.
-[[nodiscard]] Error read_device(detail::LmdbTransaction& transaction, std::string_view did, Device& device);
+[[nodiscard]] Error read_device(store::Transaction& transaction, std::string_view did, Device& device);
 
 /// Appends all devices in the order of their ids; malformed records are logged and left out.
-[[nodiscard]] Error read_devices(detail::LmdbTransaction& transaction, std::vector<Device>& devices);
+[[nodiscard]] Error read_devices(store::Transaction& transaction, std::vector<Device>& devices);
 
 /// The device that has a MAC address, the one with the lowest id if there are several.
-[[nodiscard]] Error find_by_mac(detail::LmdbTransaction& transaction, const sockutl::macaddr& mac,
+[[nodiscard]] Error find_by_mac(store::Transaction& transaction, const sockutl::macaddr& mac,
                                 std::string& did);
 
 } // namespace orv::devMgmt

@@ -1,10 +1,11 @@
 // The reader's side of the device store.
 
+#include <orvdevmgmt/orvdevmgmt.h>
+
 #include "changes.h"
 #include "device_store.h"
-#include "error_state.h"
 
-#include <orvdevmgmt/orvdevmgmt.h>
+#include <orvbase/error_number.h>
 
 #include <memory>
 #include <utility>
@@ -16,65 +17,58 @@ namespace {
 /// Null while the store is closed; shared with the listeners, which may be calling it.
 std::shared_ptr<Changes> g_changes;
 
-/// Notes the error; -1.
-int fail(Error error)
-{
-    detail::set_orverrno(error);
-    return -1;
-}
-
 } // namespace
 
 int init()
 {
-    if (g_changes != nullptr)
+    if (g_changes)
         return 0;
     if (const Error error = device_environment().open(); error != Error::none)
-        return fail(error);
+        return base::failed(error);
     auto changes = std::make_shared<Changes>();
-    detail::notify::watch(device_environment()); // before the first look: no commit falls in between
+    store::notify::watch(device_environment()); // before the first look: no commit falls in between
     if (!changes->start()) {
-        detail::notify::unwatch(device_environment());
+        store::notify::unwatch(device_environment());
         device_environment().close();
-        return fail(Error::input_output);
+        return base::failed(Error::input_output);
     }
-    detail::notify::add(changes);
+    store::notify::add(changes);
     g_changes = std::move(changes);
     return 0;
 }
 
 void uninit()
 {
-    if (g_changes == nullptr)
+    if (!g_changes)
         return;
-    detail::notify::remove(*g_changes);
-    detail::notify::unwatch(device_environment());
+    store::notify::remove(*g_changes);
+    store::notify::unwatch(device_environment());
     g_changes.reset();
     device_environment().close();
 }
 
 int set_on_dev_info_change(const std::vector<std::string>& fields, DevInfoChangeCallback callback)
 {
-    if (g_changes == nullptr || callback == nullptr)
-        return fail(Error::invalid_argument);
+    if (!g_changes || !callback)
+        return base::failed(Error::invalid_argument);
     g_changes->add(fields, callback);
     return 0;
 }
 
 int unset_on_dev_info_change(const std::vector<std::string>& fields, DevInfoChangeCallback callback)
 {
-    return g_changes != nullptr && g_changes->remove(fields, callback) ? 0 : fail(Error::invalid_argument);
+    return g_changes && g_changes->remove(fields, callback) ? 0 : base::failed(Error::invalid_argument);
 }
 
 int get_device(const std::string& id, Device& device)
 {
-    detail::LmdbRead snapshot(device_environment());
+    store::Read snapshot(device_environment());
     Error error = snapshot.error();
     Device found;
     if (error == Error::none)
         error = read_device(snapshot, id, found);
     if (error != Error::none) {
-        detail::set_orverrno(error);
+        base::set_error(error);
         return 0;
     }
     device = std::move(found);
@@ -83,13 +77,13 @@ int get_device(const std::string& id, Device& device)
 
 int get_devices(std::vector<Device>& devices)
 {
-    detail::LmdbRead snapshot(device_environment());
+    store::Read snapshot(device_environment());
     Error error = snapshot.error();
     std::vector<Device> found;
     if (error == Error::none)
         error = read_devices(snapshot, found);
     if (error != Error::none)
-        return fail(error);
+        return base::failed(error);
     devices = std::move(found);
     return 0;
 }
@@ -97,12 +91,12 @@ int get_devices(std::vector<Device>& devices)
 int get_device_id_by_mac(const sockutl::macaddr& mac, std::string& id)
 {
     if (!mac.is_valid())
-        return fail(Error::invalid_argument);
-    detail::LmdbRead snapshot(device_environment());
+        return base::failed(Error::invalid_argument);
+    store::Read snapshot(device_environment());
     Error error = snapshot.error();
     if (error == Error::none)
         error = find_by_mac(snapshot, mac, id);
-    return error == Error::none ? 0 : fail(error);
+    return error == Error::none ? 0 : base::failed(error);
 }
 
 } // namespace orv::devMgmt

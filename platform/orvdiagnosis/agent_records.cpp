@@ -1,3 +1,6 @@
+// What the stores say. A key that is absent has a meaning, its default; a store that cannot be read has none, and
+// the record is null.
+
 #include "records.h"
 
 #include <orvdevmgmt/orvdevmgmt.h>
@@ -57,8 +60,8 @@ json_t* scheduled()
     const JsonPtr schedule{json_loadb(text->data(), text->size(), 0, nullptr)};
     if (!json_is_object(schedule.get()))
         return nullptr;
-    const json_t* const members[] = {json_object_get(schedule.get(), "scheduled"),
-                                     json_object_get(schedule.get(), "enabled")};
+    const json_t* members[] = {json_object_get(schedule.get(), "scheduled"),
+                               json_object_get(schedule.get(), "enabled")};
     const auto says = [](const json_t* member) { return json_is_true(member); };
     const auto denies = [](const json_t* member) { return json_is_false(member); };
     return json_boolean(std::any_of(std::begin(members), std::end(members), says) &&

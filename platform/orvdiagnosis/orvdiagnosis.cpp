@@ -1,5 +1,6 @@
 // A record is a name and a function; collecting is calling them in order. What a value is made of is in the
 // *_records.cpp files.
+
 #include "records.h"
 
 #include <algorithm>
@@ -20,7 +21,7 @@ std::vector<Record> all_records()
 /// The category's object in the report, made when it is not there; null on failure.
 json_t* category_of(json_t* report, const std::string& name)
 {
-    if (json_t* const present = json_object_get(report, name.c_str()); present != nullptr)
+    if (json_t* present = json_object_get(report, name.c_str()))
         return present;
     if (json_object_set_new(report, name.c_str(), json_object()) != 0)
         return nullptr;
@@ -30,12 +31,12 @@ json_t* category_of(json_t* report, const std::string& name)
 /// Takes the value; without one, the member is null.
 bool set_member(json_t* object, const char* name, json_t* value)
 {
-    return json_object_set_new(object, name, value != nullptr ? value : json_null()) == 0;
+    return json_object_set_new(object, name, value ? value : json_null()) == 0;
 }
 
 bool collect_record(json_t* report, const Record& record)
 {
-    json_t* const category = category_of(report, record.id.first);
+    json_t* category = category_of(report, record.id.first);
     return set_member(category, record.id.second.c_str(), record.value ? record.value() : nullptr);
 }
 
@@ -45,7 +46,7 @@ std::string utc_now()
     const std::time_t now = std::time(nullptr);
     std::tm utc{};
     char text[sizeof "yyyy-mm-ddTHH:MM:SSZ"] = "";
-    if (gmtime_r(&now, &utc) == nullptr || std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc) == 0)
+    if (!gmtime_r(&now, &utc) || std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc) == 0)
         return "";
     return text;
 }

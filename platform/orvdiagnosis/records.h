@@ -1,10 +1,9 @@
 #pragma once
 
 #include <orvdiagnosis/orvdiagnosis.h>
-
+#include <orvutils/json.h>
 #include <orvutils/path.h>
 
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,13 +11,6 @@
 /// The records by what they are about. A value that cannot be found out is null: a diagnosis is wanted most
 /// when something is broken.
 namespace orv::diagnosis {
-
-struct JsonDeleter {
-    void operator()(json_t* value) const { json_decref(value); }
-};
-
-/// One owned reference on a JSON value.
-using JsonPtr = std::unique_ptr<json_t, JsonDeleter>;
 
 /// "agent", "va" and "devices": from the stores.
 [[nodiscard]] std::vector<Record> agent_records();

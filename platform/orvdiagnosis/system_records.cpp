@@ -1,3 +1,5 @@
+// The machine, as the kernel tells it in /proc. Nothing is kept between two questions.
+
 #include "records.h"
 
 #include <sys/utsname.h>

@@ -1,14 +1,14 @@
 #pragma once
 
-#include "descriptor.h"
+#include <orvbase/clock.h>
+#include <orvbase/descriptor.h>
 
-#include <chrono>
 #include <optional>
 
 namespace orv::exchange {
 
-using Clock = std::chrono::steady_clock;
-using TimePoint = Clock::time_point;
+using base::Clock;
+using base::TimePoint;
 
 /// A descriptor that becomes readable at a point in time. It is only ever moved to an earlier point: a
 /// deadline that has become void costs one wake-up that finds nothing to do, and in exchange a steady flow of
@@ -26,7 +26,7 @@ public:
     void acknowledge();
 
 private:
-    Descriptor m_timer;
+    base::Descriptor m_timer;
     std::optional<TimePoint> m_set_to;
 };
 

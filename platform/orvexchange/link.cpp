@@ -10,6 +10,7 @@
 #include <orvutils/log_format.h>
 
 #include <dbus/dbus.h>
+
 #include <poll.h>
 #include <sys/epoll.h>
 
@@ -41,8 +42,8 @@ std::unique_ptr<Link> Link::open(const std::string& address, int epoll, std::uin
     DBusError failure = DBUS_ERROR_INIT;
     // libdbus writes with MSG_NOSIGNAL and need not change what SIGPIPE does to the whole program.
     dbus_connection_set_change_sigpipe(FALSE);
-    DBusConnection* const connection = dbus_connection_open_private(address.c_str(), &failure);
-    if (connection == nullptr) {
+    DBusConnection* connection = dbus_connection_open_private(address.c_str(), &failure);
+    if (!connection) {
         error = failure.message;
         dbus_error_free(&failure);
         return nullptr;
@@ -96,7 +97,7 @@ void Link::handle(std::uint32_t events)
 {
     const unsigned int flags = watch_flags(events);
     const std::vector<DBusWatch*> watches = m_watches; // handling one may remove all
-    for (DBusWatch* const watch : watches) {
+    for (DBusWatch* watch : watches) {
         const bool is_there = std::find(m_watches.begin(), m_watches.end(), watch) != m_watches.end();
         const unsigned int ready =
             is_there ? flags & (dbus_watch_get_flags(watch) | DBUS_WATCH_ERROR | DBUS_WATCH_HANGUP) : 0;
@@ -168,7 +169,7 @@ void Link::remove(DBusWatch* watch)
 std::uint32_t Link::wanted_events() const
 {
     std::uint32_t events = 0;
-    for (DBusWatch* const watch : m_watches) {
+    for (DBusWatch* watch : m_watches) {
         if (!dbus_watch_get_enabled(watch))
             continue;
         const unsigned int flags = dbus_watch_get_flags(watch);

@@ -49,7 +49,7 @@ private:
     void remove(DBusWatch* watch);
     [[nodiscard]] std::uint32_t wanted_events() const;
 
-    DBusConnection* const m_connection;
+    DBusConnection* m_connection;
     const int m_epoll;
     const std::uint32_t m_tag;
     std::vector<DBusWatch*> m_watches; ///< libdbus': one for reading, one for writing, of the same socket

@@ -1,9 +1,9 @@
 // The interface: checks what comes from the caller, and hands it to the participant. A null handle fails like
 // any other.
 
-#include "exchange_publisher.h"
 #include "participant.h"
 
+#include <orvexchange/publisher.h>
 #include <orvutils/log_format.h>
 
 #include <utility>
@@ -22,7 +22,7 @@ Orvex* started(std::unique_ptr<Orvex> orvex)
 Orvex* orvex_init_eventloop(const char* name, void (*event_callback)(const Message*), int /*flags*/,
                             int auto_reconnect)
 {
-    if (name == nullptr || event_callback == nullptr)
+    if (!name || !event_callback)
         return nullptr;
     const auto handler = [event_callback](OrvexKind kind, const Message& message) {
         if (kind != OrvexKind::respond) // it publishes nothing that could be answered
@@ -31,12 +31,21 @@ Orvex* orvex_init_eventloop(const char* name, void (*event_callback)(const Messa
     return orvex_join(name, handler, auto_reconnect != 0);
 }
 
+bool orvex_is_name(const char* text)
+{
+    return is_name(text);
+}
+
+bool orvex_is_target(const char* text)
+{
+    return parse_target(text).has_value();
+}
+
 Orvex* orvex_join(const char* name, OrvexHandler handler, bool auto_reconnect)
 {
-    if (!handler || (name != nullptr && !is_participant(name)))
+    if (!handler || (name && !is_participant(name)))
         return nullptr;
-    return started(
-        std::make_unique<Orvex>(name != nullptr ? name : "", std::move(handler), nullptr, auto_reconnect));
+    return started(std::make_unique<Orvex>(name ? name : "", std::move(handler), nullptr, auto_reconnect));
 }
 
 Orvex* orvex_monitor(OrvexObserver observer, bool auto_reconnect)
@@ -48,17 +57,17 @@ Orvex* orvex_monitor(OrvexObserver observer, bool auto_reconnect)
 
 int orvex_get_fd(Orvex* orvex)
 {
-    return orvex != nullptr ? orvex->fd() : -1;
+    return orvex ? orvex->fd() : -1;
 }
 
 int orvex_read_fd(Orvex* orvex)
 {
-    return orvex != nullptr ? orvex->process() : -1;
+    return orvex ? orvex->process() : -1;
 }
 
 int orvex_subscribe(Orvex* orvex, const char** names, int count)
 {
-    if (orvex == nullptr || count < 0 || (names == nullptr && count > 0))
+    if (!orvex || count < 0 || (!names && count > 0))
         return -1;
     std::set<std::string, std::less<>> events;
     for (int i = 0; i < count; ++i) {
@@ -73,7 +82,7 @@ int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::si
                        void (*response_callback)(void* arg, const Message* response), void* arg)
 {
     const auto target = parse_target(name);
-    if (orvex == nullptr || !target || !is_payload(data, length) || response_callback == nullptr)
+    if (!orvex || !target || !is_payload(data, length) || !response_callback)
         return -1;
     return orvex->send_request(*target, {data, length}, response_callback, arg);
 }
@@ -81,7 +90,7 @@ int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::si
 int orvex_send_message(Orvex* orvex, const char* name, const char* data, std::size_t length)
 {
     const auto target = parse_target(name);
-    if (orvex == nullptr || !target || !is_payload(data, length))
+    if (!orvex || !target || !is_payload(data, length))
         return -1;
     return orvex->send_one_way(*target, {data, length});
 }
@@ -95,7 +104,7 @@ int orvex_send_response(Orvex* orvex, int status, std::uint64_t request_id, cons
 int orvex_send_response_typed(Orvex* orvex, std::uint64_t request_id, const char* type, const char* data,
                               std::size_t length)
 {
-    if (orvex == nullptr || !is_name(type) || !is_payload(data, length))
+    if (!orvex || !is_name(type) || !is_payload(data, length))
         return -1;
     return orvex->respond(request_id, type, {data, length});
 }
@@ -103,7 +112,7 @@ int orvex_send_response_typed(Orvex* orvex, std::uint64_t request_id, const char
 int orvex_publish(Orvex* orvex, const char* name, const char* data, std::size_t length,
                   std::uint64_t* identifier)
 {
-    if (orvex == nullptr || !is_name(name) || !is_payload(data, length))
+    if (!orvex || !is_name(name) || !is_payload(data, length))
         return -1;
     return orvex->publish(name, {data, length}, identifier);
 }

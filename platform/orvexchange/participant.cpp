@@ -17,19 +17,19 @@
 
 #include "participant.h"
 
-#include "../orvutils/root.h"
 #include "traffic.h"
 
+#include <orvexchange/address.h>
 #include <orvutils/log_format.h>
 #include <orvutils/setmgmt.h>
 
 #include <dbus/dbus.h>
+
 #include <sys/epoll.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -65,16 +65,6 @@ constexpr char kIntrospection[] =
 </node>
 )";
 
-std::string bus_address()
-{
-    if (const char* const address = std::getenv("ORVEX_ADDRESS"); address != nullptr && *address != '\0')
-        return address;
-    const std::string socket = orv::detail::root_path("run/exchange.skt");
-    const std::unique_ptr<char, void (*)(void*)> escaped{dbus_address_escape_value(socket.c_str()),
-                                                         dbus_free};
-    return std::string{"unix:path="} + (escaped ? escaped.get() : "");
-}
-
 milliseconds request_time()
 {
     const int value = orv::setMgmt::getKeyValue(kRequestTimeKey, kDefaultRequestTimeMs);
@@ -86,7 +76,7 @@ std::string error_text(DBusMessage& reply)
     DBusError error = DBUS_ERROR_INIT;
     if (!dbus_set_error_from_message(&error, &reply))
         return "malformed answer";
-    std::string text = error.message != nullptr && *error.message != '\0' ? error.message : error.name;
+    std::string text = error.message && *error.message != '\0' ? error.message : error.name;
     dbus_error_free(&error);
     return text;
 }
@@ -169,7 +159,7 @@ void Orvex::join()
     std::string error;
     m_retry_at.reset();
     m_request_time = request_time();
-    m_link = Link::open(bus_address(), m_epoll.get(), kLinkTag, error);
+    m_link = Link::open(orvex_address(), m_epoll.get(), kLinkTag, error);
     if (!m_link)
         return leave("cannot reach the exchange: " + error);
     m_state = State::joining;
@@ -367,7 +357,7 @@ void Orvex::on_reply(DBusMessage& reply)
     if (!request)
         return; // too late
     const bool is_error = dbus_message_get_type(&reply) == DBUS_MESSAGE_TYPE_ERROR;
-    if (request->callback == nullptr) {
+    if (!request->callback) {
         if (is_error)
             ORV_LOG(orv::log::kWarning, "the exchange refuses a subscription: {}", error_text(reply));
         return;
@@ -399,10 +389,10 @@ void Orvex::on_call(DBusMessage& call)
 {
     if (m_state == State::joining)
         return refuse(call, kErrorNotJoined, "call while joining");
-    const char* const interface = dbus_message_get_interface(&call); // may be left out
+    const char* interface = dbus_message_get_interface(&call); // may be left out
     for (const Method& method : kMethods)
         if (dbus_message_has_member(&call, method.member) &&
-            (interface == nullptr || std::strcmp(interface, method.interface) == 0))
+            (!interface || std::strcmp(interface, method.interface) == 0))
             return (this->*method.process)(call);
     refuse(call, DBUS_ERROR_UNKNOWN_METHOD, "unknown method");
 }
@@ -412,7 +402,7 @@ void Orvex::on_request(DBusMessage& call)
     const auto content = read_named(call);
     if (!content)
         return refuse(call, kErrorBadArguments, "malformed request");
-    const char* const sender = sender_of(call);
+    const char* sender = sender_of(call);
     if (dbus_message_get_no_reply(&call))
         return hand_over(OrvexKind::message, *content, sender, 0);
     const std::uint64_t identifier =
@@ -472,7 +462,7 @@ void Orvex::hand_over(OrvexKind kind, const Content& content, const char* from, 
 
 void Orvex::answer(const Request& request, const char* type, Bytes data)
 {
-    if (request.callback == nullptr)
+    if (!request.callback)
         return;
     const Message message = make_message(type, request.participant.c_str(), 0, data);
     request.callback(request.arg, &message);
@@ -529,7 +519,7 @@ int Orvex::publish(const char* name, Bytes data, std::uint64_t* identifier)
     if (send(make_event(name, from, m_published + 1, data)) != 0)
         return -1;
     ++m_published;
-    if (identifier != nullptr)
+    if (identifier)
         *identifier = m_published;
     return 0;
 }

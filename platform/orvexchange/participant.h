@@ -1,11 +1,12 @@
 #pragma once
 
 #include "alarm.h"
-#include "exchange_publisher.h"
 #include "link.h"
 #include "origins.h"
 #include "requests.h"
 #include "wire.h"
+
+#include <orvexchange/publisher.h>
 
 #include <memory>
 #include <set>
@@ -86,7 +87,7 @@ private:
     const bool m_auto_reconnect;
 
     // The link refers to the epoll descriptor, so it is destroyed before it.
-    orv::exchange::Descriptor m_epoll;
+    orv::base::Descriptor m_epoll;
     orv::exchange::Alarm m_alarm;
     bool m_alarm_rang = false;
     std::unique_ptr<orv::exchange::Link> m_link; ///< null exactly while the state is away

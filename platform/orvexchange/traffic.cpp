@@ -1,3 +1,6 @@
+// A monitor gets copies of everybody's messages. What they are is told by the readers that participants use; only
+// answers need something more, the request that they belong to.
+
 #include "traffic.h"
 
 #include <dbus/dbus.h>
@@ -10,7 +13,7 @@ namespace {
 
 std::string_view text(const char* value)
 {
-    return value != nullptr ? value : std::string_view{};
+    return value ? value : std::string_view{};
 }
 
 /// A participant by its own name, anyone else by the bus name.
@@ -93,7 +96,7 @@ std::optional<OrvexTraffic> TrafficReader::read_reply(DBusMessage& message, Orve
     m_requests.erase(asked);
     traffic.name = m_answered.name;
     traffic.id = m_answered.serial;
-    if (const char* const error = dbus_message_get_error_name(&message); error != nullptr) {
+    if (const char* error = dbus_message_get_error_name(&message)) {
         const char* why = "";
         (void)dbus_message_get_args(&message, nullptr, DBUS_TYPE_STRING, &why, DBUS_TYPE_INVALID);
         traffic.kind = OrvexTraffic::Kind::error;

@@ -1,7 +1,8 @@
 #pragma once
 
-#include "exchange_publisher.h"
 #include "wire.h"
+
+#include <orvexchange/publisher.h>
 
 #include <cstdint>
 #include <deque>

@@ -44,13 +44,13 @@ MessagePtr with(MessagePtr message, Arguments... arguments)
 
 MessagePtr with_bytes(MessagePtr message, Bytes data)
 {
-    const char* const start = data.data != nullptr ? data.data : "";
+    const char* start = data.data ? data.data : "";
     return with(std::move(message), DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &start, static_cast<int>(data.size));
 }
 
 MessagePtr make_named_call(const Target& target, const char* member, Bytes data)
 {
-    const char* const name = target.name.c_str();
+    const char* name = target.name.c_str();
     MessagePtr call = make_call(bus_name(target.participant).c_str(), kObject, kInterface, member);
     return with_bytes(with(std::move(call), DBUS_TYPE_STRING, &name), data);
 }
@@ -93,12 +93,12 @@ void Unref::operator()(DBusMessage* message) const
 
 bool is_payload(const char* data, std::size_t length)
 {
-    return length <= kOrvexMaxPayload && (data != nullptr || length == 0);
+    return length <= kOrvexMaxPayload && (data || length == 0);
 }
 
 bool is_name(const char* text)
 {
-    if (text == nullptr || *text == '\0' || strnlen(text, kOrvexMaxName + 1) > kOrvexMaxName)
+    if (!text || *text == '\0' || strnlen(text, kOrvexMaxName + 1) > kOrvexMaxName)
         return false;
     return dbus_validate_utf8(text, nullptr) != FALSE;
 }
@@ -127,11 +127,11 @@ std::string match_rule(std::string_view event)
 
 std::optional<Target> parse_target(const char* text)
 {
-    if (text == nullptr)
+    if (!text)
         return std::nullopt;
-    const char* const colon = std::strchr(text, ':');
-    const char* const name = colon != nullptr ? colon + 1 : text;
-    Target target{colon != nullptr ? std::string(text, colon) : kDefaultParticipant, name};
+    const char* colon = std::strchr(text, ':');
+    const char* name = colon ? colon + 1 : text;
+    Target target{colon ? std::string(text, colon) : kDefaultParticipant, name};
     if (!is_participant(target.participant) || !is_name(name))
         return std::nullopt;
     return target;
@@ -139,7 +139,7 @@ std::optional<Target> parse_target(const char* text)
 
 MessagePtr make_event(const char* name, const std::string& from, std::uint64_t identifier, Bytes data)
 {
-    const char* const sender = from.c_str();
+    const char* sender = from.c_str();
     const dbus_uint64_t number = identifier;
     return with_bytes(with(MessagePtr{dbus_message_new_signal(kObject, kInterface, "Event")},
                            DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING, &sender, DBUS_TYPE_UINT64, &number),
@@ -199,22 +199,22 @@ MessagePtr make_hello()
 
 MessagePtr make_name_claim(const std::string& bus_name)
 {
-    const char* const name = bus_name.c_str();
+    const char* name = bus_name.c_str();
     const dbus_uint32_t flags = DBUS_NAME_FLAG_DO_NOT_QUEUE;
     return with(make_bus_call("RequestName"), DBUS_TYPE_STRING, &name, DBUS_TYPE_UINT32, &flags);
 }
 
 MessagePtr make_match_call(const char* member, const std::string& rule)
 {
-    const char* const text = rule.c_str();
+    const char* text = rule.c_str();
     return with(make_bus_call(member), DBUS_TYPE_STRING, &text);
 }
 
 MessagePtr make_monitor_call()
 {
-    static const char* const kRules[] = {"interface='net.orvane.Exchange1'", "type='method_return'",
-                                         "type='error'"};
-    const char* const* const rules = kRules;
+    static constexpr const char* kRules[] = {"interface='net.orvane.Exchange1'", "type='method_return'",
+                                             "type='error'"};
+    const char* const* rules = kRules;
     const dbus_uint32_t flags = 0;
     MessagePtr call = make_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, kMonitoring, "BecomeMonitor");
     return with(std::move(call), DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &rules,
@@ -258,8 +258,8 @@ std::optional<Content> read_respond(DBusMessage& message)
 
 const char* sender_of(DBusMessage& message)
 {
-    const char* const sender = dbus_message_get_sender(&message);
-    return sender != nullptr ? sender : "";
+    const char* sender = dbus_message_get_sender(&message);
+    return sender ? sender : "";
 }
 
 } // namespace orv::exchange

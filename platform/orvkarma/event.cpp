@@ -6,14 +6,15 @@
 
 #include "event.h"
 
+#include <orvbase/descriptor.h>
+#include <orvbase/io.h>
+
 #include <fcntl.h>
 #include <sys/random.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
-#include <cstdlib>
 #include <ctime>
 #include <utility>
 
@@ -28,7 +29,7 @@ std::uint64_t g_last_sequence = 0;
 std::uint64_t now_us()
 {
     timespec time{};
-    clock_gettime(CLOCK_REALTIME, &time);
+    (void)clock_gettime(CLOCK_REALTIME, &time); // this clock is always there
     return static_cast<std::uint64_t>(time.tv_sec) * 1000000U +
            static_cast<std::uint64_t>(time.tv_nsec) / 1000U;
 }
@@ -53,19 +54,14 @@ std::uint64_t sequence_of(const std::string& id)
 
 bool read_random_device(std::uint64_t& number)
 {
-    const int fd = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    const bool complete = read(fd, &number, sizeof number) == static_cast<ssize_t>(sizeof number);
-    close(fd);
-    return complete;
+    const base::Descriptor device(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
+    return base::read_some(device.get(), &number, sizeof number) == sizeof number;
 }
 
 /// Does not wait for the kernel to have gathered randomness, which can take minutes after a router's start.
 bool make_random(std::uint64_t& number)
 {
-    return getrandom(&number, sizeof number, GRND_NONBLOCK) == static_cast<ssize_t>(sizeof number) ||
-           read_random_device(number);
+    return getrandom(&number, sizeof number, GRND_NONBLOCK) == sizeof number || read_random_device(number);
 }
 
 } // namespace
@@ -82,21 +78,19 @@ std::string make_event_id(const std::string& last)
 const char* event_id(const json_t* event)
 {
     const char* id = json_string_value(json_object_get(event, "id"));
-    return id != nullptr && *id != '\0' ? id : nullptr;
+    return id && *id != '\0' ? id : nullptr;
 }
 
 std::string event_text(const json_t* event)
 {
-    char* const text = json_dumps(event, 0);
-    std::string result(text != nullptr ? text : "");
-    std::free(text); // NOLINT(cppcoreguidelines-no-malloc): jansson allocated it
-    return result;
+    const TextPtr text(json_dumps(event, 0));
+    return text ? text.get() : "";
 }
 
-Json parse_event(const std::string& text)
+JsonPtr parse_event(const std::string& text)
 {
-    Json event(json_loadb(text.data(), text.size(), 0, nullptr));
-    return event_id(event.get()) != nullptr ? std::move(event) : nullptr;
+    JsonPtr event(json_loadb(text.data(), text.size(), 0, nullptr));
+    return event_id(event.get()) ? std::move(event) : nullptr;
 }
 
 } // namespace orv::karma

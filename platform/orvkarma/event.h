@@ -1,16 +1,10 @@
 #pragma once
 
-#include <jansson.h>
+#include <orvutils/json.h>
 
-#include <memory>
 #include <string>
 
 namespace orv::karma {
-
-struct DropReference {
-    void operator()(json_t* json) const { json_decref(json); }
-};
-using Json = std::unique_ptr<json_t, DropReference>;
 
 /// A new identifier, higher than every one made by this process before and than `last`. Empty when the system
 /// has no random numbers.
@@ -23,6 +17,6 @@ using Json = std::unique_ptr<json_t, DropReference>;
 [[nodiscard]] std::string event_text(const json_t* event);
 
 /// The event that a text holds, null when it holds none.
-[[nodiscard]] Json parse_event(const std::string& text);
+[[nodiscard]] JsonPtr parse_event(const std::string& text);
 
 } // namespace orv::karma

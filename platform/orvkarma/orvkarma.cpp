@@ -5,12 +5,12 @@
 // uninit() finds nothing under its number. An event that is submitted again while its answer is due keeps its
 // number, so the table holds no more than one entry per event.
 
-#include "event.h"
-#include "karma_outbox.h"
-
-#include "error_state.h"
-
 #include <orvkarma/orvkarma.h>
+
+#include "event.h"
+
+#include <orvbase/error_number.h>
+#include <orvkarma/outbox.h>
 #include <orvutils/log_format.h>
 
 #include <cstdint>
@@ -27,13 +27,6 @@ using Ticket = std::uintptr_t;
 
 std::map<Ticket, std::string> g_awaited; ///< ids of the events whose answer is due
 Ticket g_last_ticket = 0;
-
-/// Notes the error; -1.
-int fail(Error error)
-{
-    detail::set_orverrno(error);
-    return -1;
-}
 
 Ticket ticket_for(const std::string& id)
 {
@@ -57,10 +50,10 @@ void on_answer(void* context, const Message* answer)
 
 int send(const std::string& id, const std::string& text, Orvex* orvex)
 {
-    if (orvex == nullptr)
+    if (!orvex)
         return -1;
     const Ticket ticket = ticket_for(id);
-    auto* const context = reinterpret_cast<void*>(ticket); // NOLINT(performance-no-int-to-ptr): see above
+    auto* context = reinterpret_cast<void*>(ticket); // NOLINT(performance-no-int-to-ptr): see above
     if (orvex_send_request(orvex, "telemetry_event", text.data(), text.size(), on_answer, context) == 0)
         return 0;
     g_awaited.erase(ticket);
@@ -72,7 +65,7 @@ int send(const std::string& id, const std::string& text, Orvex* orvex)
 int init()
 {
     const Error error = outbox::open();
-    return error == Error::none ? 0 : fail(error);
+    return error == Error::none ? 0 : base::failed(error);
 }
 
 void uninit()
@@ -85,10 +78,10 @@ int read_events(std::vector<json_t*>& events)
 {
     std::vector<outbox::Entry> entries;
     if (const Error error = outbox::read(entries); error != Error::none)
-        return fail(error);
+        return base::failed(error);
     for (const outbox::Entry& entry : entries) {
-        Json event = parse_event(entry.text);
-        if (event != nullptr) {
+        JsonPtr event = parse_event(entry.text);
+        if (event) {
             events.push_back(event.release());
             continue;
         }
@@ -103,7 +96,7 @@ json_t* build_karma_event_json(const char* type, json_t* data)
     std::string last;
     (void)outbox::last_id(last); // without an outbox the clock alone decides
     const std::string id = make_event_id(last);
-    if (id.empty() || type == nullptr || data == nullptr)
+    if (id.empty() || !type || !data)
         return nullptr;
     return json_pack("{s:s,s:s,s:I,s:O}", "id", id.c_str(), "type", type, "timestamp",
                      static_cast<json_int_t>(std::time(nullptr)), "data", data);
@@ -111,15 +104,15 @@ json_t* build_karma_event_json(const char* type, json_t* data)
 
 int submit_karma_event(json_t* event, Orvex* orvex)
 {
-    const char* const id = event_id(event);
-    if (id == nullptr)
-        return fail(Error::invalid_argument);
+    const char* id = event_id(event);
+    if (!id)
+        return base::failed(Error::invalid_argument);
     const std::string text = event_text(event);
     if (text.empty())
-        return fail(Error::invalid_argument);
+        return base::failed(Error::invalid_argument);
     const Error kept = outbox::put(id, text);
     if (kept != Error::none)
-        detail::set_orverrno(kept);
+        base::set_error(kept);
     // An event that could not be kept is sent all the same: it has no second chance.
     const int sent = send(id, text, orvex);
     return kept == Error::none && sent == 0 ? 0 : -1;

@@ -1,19 +1,18 @@
 // One LMDB tree: from the event's id to its text.
 
-#include "karma_outbox.h"
+#include <orvkarma/outbox.h>
 
-#include "lmdb_environment.h"
-
+#include <orvstore/transaction.h>
 #include <orvutils/log_format.h>
 
 namespace orv::karma::outbox {
 
 namespace {
 
-using detail::LmdbCursor;
-using detail::LmdbEnvironment;
-using detail::LmdbRead;
-using detail::LmdbWrite;
+using store::Cursor;
+using store::Environment;
+using store::Read;
+using store::Write;
 
 constexpr std::size_t kEvents = 0; ///< the tree
 constexpr std::size_t kMapSize = std::size_t{16} * 1024 * 1024;
@@ -21,25 +20,30 @@ constexpr std::size_t kMapSize = std::size_t{16} * 1024 * 1024;
 /// place.
 constexpr std::size_t kMaxTotalSize = kMapSize / 2;
 
-/// Lives as long as the process: it holds what the operating system releases anyhow.
-LmdbEnvironment& environment()
+void report(store::Severity severity, const std::string& text)
 {
-    static auto* const instance = new LmdbEnvironment({"var/telemetry", {"events"}, kMapSize, true});
+    ORV_LOG(static_cast<int>(severity), "{}", text);
+}
+
+/// Lives as long as the process: it holds what the operating system releases anyhow.
+Environment& environment()
+{
+    static auto* instance = new Environment({"var/telemetry", {"events"}, kMapSize, true, report});
     return *instance;
 }
 
-std::size_t total_size(LmdbWrite& transaction)
+std::size_t total_size(Write& transaction)
 {
     std::size_t size = 0;
-    LmdbCursor cursor(transaction, kEvents);
+    Cursor cursor(transaction, kEvents);
     for (bool found = cursor.first(); found; found = cursor.next())
         size += cursor.key().size() + cursor.value().size();
     return size;
 }
 
-Error remove_first(LmdbWrite& transaction, std::size_t& size)
+Error remove_first(Write& transaction, std::size_t& size)
 {
-    LmdbCursor cursor(transaction, kEvents);
+    Cursor cursor(transaction, kEvents);
     if (!cursor.first())
         return cursor.error() != Error::none ? cursor.error() : Error::input_output;
     ORV_LOG(log::kWarning, "telemetry: the outbox is full, dropping event {}", cursor.key());
@@ -47,7 +51,7 @@ Error remove_first(LmdbWrite& transaction, std::size_t& size)
     return cursor.remove();
 }
 
-Error make_room(LmdbWrite& transaction, std::size_t needed)
+Error make_room(Write& transaction, std::size_t needed)
 {
     std::size_t size = total_size(transaction);
     std::size_t count = transaction.entries(kEvents);
@@ -66,6 +70,11 @@ Error open()
     return environment().open();
 }
 
+const store::Failure& failure()
+{
+    return environment().failure();
+}
+
 void close()
 {
     environment().close();
@@ -73,10 +82,10 @@ void close()
 
 Error read(std::vector<Entry>& entries)
 {
-    LmdbRead transaction(environment());
+    Read transaction(environment());
     if (transaction.error() != Error::none)
         return transaction.error();
-    LmdbCursor cursor(transaction, kEvents);
+    Cursor cursor(transaction, kEvents);
     for (bool found = cursor.first(); found; found = cursor.next())
         entries.push_back({std::string(cursor.key()), std::string(cursor.value())});
     return cursor.error();
@@ -84,10 +93,10 @@ Error read(std::vector<Entry>& entries)
 
 Error last_id(std::string& id)
 {
-    LmdbRead transaction(environment());
+    Read transaction(environment());
     if (transaction.error() != Error::none)
         return transaction.error();
-    LmdbCursor cursor(transaction, kEvents);
+    Cursor cursor(transaction, kEvents);
     if (!cursor.last())
         return cursor.error() != Error::none ? cursor.error() : Error::no_such_key;
     id = cursor.key();
@@ -99,10 +108,10 @@ Error put(std::string_view id, std::string_view text)
     if (id.empty() || id.size() > kMaxIdSize || text.size() > kMaxEventSize)
         return Error::invalid_argument;
     std::string_view present;
-    if (LmdbRead snapshot(environment());
+    if (Read snapshot(environment());
         snapshot.error() == Error::none && snapshot.get(kEvents, id, present) == Error::none)
         return Error::none;
-    LmdbWrite transaction(environment());
+    Write transaction(environment());
     if (transaction.error() != Error::none)
         return transaction.error();
     if (const Error error = make_room(transaction, id.size() + text.size()); error != Error::none)
@@ -114,7 +123,7 @@ Error put(std::string_view id, std::string_view text)
 
 Error remove(std::string_view id)
 {
-    LmdbWrite transaction(environment());
+    Write transaction(environment());
     if (transaction.error() != Error::none)
         return transaction.error();
     const Error error = transaction.remove(kEvents, id);
@@ -125,11 +134,11 @@ Error remove(std::string_view id)
 
 Error clear()
 {
-    LmdbWrite transaction(environment());
+    Write transaction(environment());
     if (transaction.error() != Error::none)
         return transaction.error();
     {
-        LmdbCursor cursor(transaction, kEvents);
+        Cursor cursor(transaction, kEvents);
         for (bool found = cursor.first(); found; found = cursor.next())
             if (const Error error = cursor.remove(); error != Error::none)
                 return error;

@@ -225,7 +225,7 @@ TEST(BufferGet, TakesOtherDelimitersAndBinaryBytes)
 
 double cpu_seconds()
 {
-    timespec spent = {};
+    timespec spent{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &spent);
     return static_cast<double>(spent.tv_sec) + static_cast<double>(spent.tv_nsec) / 1e9;
 }
@@ -479,8 +479,9 @@ private:
     {
         ASSERT_EQ(m_buffer.pending(), m_expected.size());
         ASSERT_LE(m_buffer.capacity(), m_maximum);
-        if (m_expected.empty())
+        if (m_expected.empty()) {
             ASSERT_EQ(m_buffer.capacity(), m_initial);
+        }
     }
 
     std::mt19937 m_random;

@@ -1,7 +1,7 @@
 // The daemon framework, seen from outside: the probe's options, exit statuses, signals and its way to the
 // background.
 
-#include "base_support.h"
+#include "probe_support.h"
 
 #include <orvutils/daemon.h>
 #include <orvutils/script.h>
@@ -148,8 +148,8 @@ void close_standard_streams()
 /// Whether the descriptor stands for the null device, opened in this mode and left to children.
 bool is_null_device(int fd, int mode)
 {
-    struct stat opened = {};
-    struct stat null = {};
+    struct stat opened {};
+    struct stat null {};
     return fstat(fd, &opened) == 0 && stat("/dev/null", &null) == 0 && opened.st_rdev == null.st_rdev &&
            (fcntl(fd, F_GETFL) & O_ACCMODE) == mode && fcntl(fd, F_GETFD) == 0;
 }

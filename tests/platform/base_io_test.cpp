@@ -31,7 +31,7 @@ TEST(EpollSet, AddsChangesAndKeepsTheDescriptorInTheEvent)
 {
     const Fd epoll(epoll_create1(EPOLL_CLOEXEC));
     const Ends ends = make_sockets(SOCK_STREAM);
-    epoll_event event = {};
+    epoll_event event{};
     ASSERT_EQ(orv::io::epoll_set_fd_ro(epoll, ends.first), 0);
     EXPECT_EQ(ready(epoll, event), 0) << "watched for input alone, though it could be written";
     ASSERT_EQ(orv::io::epoll_set_fd(epoll, ends.first, EPOLLIN | EPOLLOUT), 0);
@@ -87,7 +87,7 @@ TEST(Timer, ExpiresOnceAndThenWithItsPeriod)
 
 itimerspec setting_of(int timer)
 {
-    itimerspec setting = {};
+    itimerspec setting{};
     EXPECT_EQ(timerfd_gettime(timer, &setting), 0);
     return setting;
 }
@@ -108,7 +108,7 @@ TEST(Timer, TakesItsFirstExpiryAndPeriodInSeconds)
 TEST(Timer, AbsoluteFirstExpiryIsAPointOfItsClock)
 {
     const int timer = timer_init(TimerType::monotonic);
-    timespec now = {};
+    timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     ASSERT_EQ(timer_start(timer, static_cast<long>(now.tv_sec + 1000), 0, true), 0);
     EXPECT_GT(setting_of(timer).it_value.tv_sec, 900);

@@ -21,9 +21,9 @@ int g_stop_fd = -1;
 
 void tell(const std::string& line)
 {
-    const char* const chosen = std::getenv("PROBE_FD");
+    const char* chosen = std::getenv("PROBE_FD");
     const std::string text = line + '\n';
-    if (write(chosen != nullptr ? std::atoi(chosen) : STDOUT_FILENO, text.data(), text.size()) == -1)
+    if (write(chosen ? std::atoi(chosen) : STDOUT_FILENO, text.data(), text.size()) == -1)
         _exit(125);
 }
 
@@ -36,20 +36,19 @@ std::string link_target(const std::string& name)
 
 void tell_surroundings()
 {
-    const char* const root = std::getenv("ORV_ROOT");
+    const char* root = std::getenv("ORV_ROOT");
     tell(fmt::format("pid={} leader={} directory={} in={} out={} err={} root={}", getpid(),
                      getsid(0) == getpid(), link_target("/proc/self/cwd"), link_target("/proc/self/fd/0"),
-                     link_target("/proc/self/fd/1"), link_target("/proc/self/fd/2"),
-                     root != nullptr ? root : "-"));
+                     link_target("/proc/self/fd/1"), link_target("/proc/self/fd/2"), root ? root : "-"));
 }
 
 bool init()
 {
     for (int level = orv::log::kError; level <= orv::log::kTrace; ++level)
         ORV_LOG(level, "level {}", level);
-    const char* const wanted = std::getenv("PROBE_INIT");
+    const char* wanted = std::getenv("PROBE_INIT");
     tell("init");
-    return wanted == nullptr || std::string(wanted) != "fail";
+    return !wanted || std::string(wanted) != "fail";
 }
 
 /// A write to a pipe without a reader, which kills who does not ignore SIGPIPE.
@@ -66,7 +65,7 @@ void break_pipe()
 void wait_for_stop()
 {
     const int epoll = epoll_create1(EPOLL_CLOEXEC);
-    epoll_event event = {};
+    epoll_event event{};
     event.events = EPOLLIN;
     if (epoll == -1 || epoll_ctl(epoll, EPOLL_CTL_ADD, g_stop_fd, &event) == -1)
         _exit(125);
@@ -81,8 +80,8 @@ void wait_for_stop()
 int run()
 {
     tell_surroundings();
-    const char* const status = std::getenv("PROBE_RUN");
-    if (status != nullptr)
+    const char* status = std::getenv("PROBE_RUN");
+    if (status)
         return std::atoi(status);
     break_pipe();
     wait_for_stop();

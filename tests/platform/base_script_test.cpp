@@ -1,7 +1,6 @@
 // Scripts: their words, surroundings, results, and the end of those that hang.
 
 #include "base_support.h"
-
 #include "script_run.h"
 
 #include <orvutils/error.h>

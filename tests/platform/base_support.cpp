@@ -46,7 +46,7 @@ class Capture {
 public:
     Capture() : m_file(std::tmpfile())
     {
-        if (m_file == nullptr)
+        if (!m_file)
             throw std::runtime_error("tmpfile");
     }
     Capture(const Capture&) = delete;
@@ -68,34 +68,7 @@ private:
     std::FILE* m_file;
 };
 
-[[noreturn]] void become_probe(const std::vector<std::string>& options,
-                               const std::vector<std::string>& environment)
-{
-    std::vector<char*> arguments = {const_cast<char*>(BASE_PROBE)};
-    for (const auto& option : options)
-        arguments.push_back(const_cast<char*>(option.c_str()));
-    arguments.push_back(nullptr);
-    for (const auto& variable : environment)
-        putenv(const_cast<char*>(variable.c_str()));
-    execv(BASE_PROBE, arguments.data());
-    _exit(126);
-}
-
 } // namespace
-
-Fd::Fd(Fd&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
-
-Fd& Fd::operator=(Fd&& other) noexcept
-{
-    std::swap(m_fd, other.m_fd);
-    return *this;
-}
-
-void Fd::reset()
-{
-    if (m_fd != -1)
-        close(std::exchange(m_fd, -1));
-}
 
 Ends make_pipe()
 {
@@ -114,7 +87,7 @@ Ends make_sockets(int type)
 TemporaryRoot::TemporaryRoot()
 {
     char name[] = "/tmp/orv-base-test-XXXXXX";
-    if (mkdtemp(name) == nullptr)
+    if (!mkdtemp(name))
         throw std::runtime_error("mkdtemp");
     m_path = name;
     setenv("ORV_ROOT", name, 1);
@@ -146,27 +119,6 @@ Outcome in_child(const std::function<int()>& body)
     outcome.out = out.text();
     outcome.err = err.text();
     return outcome;
-}
-
-Outcome run_probe(const std::vector<std::string>& options, const std::vector<std::string>& environment,
-                  const std::function<void()>& prepare)
-{
-    return in_child([&]() -> int {
-        if (prepare)
-            prepare();
-        become_probe(options, environment);
-    });
-}
-
-Running start_probe(const std::vector<std::string>& options, const std::vector<std::string>& environment)
-{
-    Ends out = make_pipe();
-    const pid_t child = check(fork(), "fork");
-    if (child == 0) {
-        dup2(out.second, STDOUT_FILENO);
-        become_probe(options, environment);
-    }
-    return {child, std::move(out.first)};
 }
 
 std::string read_until(int fd, std::string_view end)

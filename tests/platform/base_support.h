@@ -1,5 +1,7 @@
 #pragma once
 
+#include <orvbase/descriptor.h>
+
 #include <sys/types.h>
 
 #include <functional>
@@ -7,21 +9,11 @@
 #include <string_view>
 #include <vector>
 
-/// A descriptor that is closed with its owner.
-class Fd {
+/// The platform's descriptor, which a test hands to system calls all the time.
+class Fd : public orv::base::Descriptor {
 public:
-    explicit Fd(int fd = -1) : m_fd(fd) {}
-    Fd(Fd&& other) noexcept;
-    Fd& operator=(Fd&& other) noexcept;
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() { reset(); }
-
-    operator int() const { return m_fd; } // NOLINT(google-explicit-constructor)
-    void reset();
-
-private:
-    int m_fd;
+    using Descriptor::Descriptor;
+    operator int() const { return get(); } // NOLINT(google-explicit-constructor)
 };
 
 /// Two connected ends: bytes written to the second are read from the first.
@@ -56,19 +48,6 @@ struct Outcome {
 
 /// Runs `body` in a child process with standard output and error caught; its result is the exit status.
 Outcome in_child(const std::function<int()>& body);
-
-/// Runs the probe daemon with these options and these additions to the environment ("NAME=value").
-/// `prepare` runs right before it, in the same process.
-Outcome run_probe(const std::vector<std::string>& options, const std::vector<std::string>& environment = {},
-                  const std::function<void()>& prepare = nullptr);
-
-/// The probe, running, with its standard output to be read.
-struct Running {
-    pid_t process = -1;
-    Fd out;
-};
-[[nodiscard]] Running start_probe(const std::vector<std::string>& options,
-                                  const std::vector<std::string>& environment = {});
 
 /// Reads until the text ends with `end` (never, if that is empty), the end of file, or 20 seconds have
 /// passed.

@@ -2,8 +2,8 @@
 
 #include "base_support.h"
 
-#include "error_state.h"
-
+#include <orvbase/error_number.h>
+#include <orvutils/error.h>
 #include <orvutils/memory.h>
 #include <orvutils/path.h>
 #include <orvutils/sockutl.h>
@@ -83,12 +83,12 @@ TEST(Path, EqualPathsAreThoseWithTheSamePieces)
 TEST(ErrorNumber, IsThatOfTheLastFailure)
 {
     const Outcome outcome = in_child([] {
-        if (orv::detail::fail(orv::Error::timed_out) != -3 || orv::_get_orverrno() != 3)
+        if (orv::base::fail(orv::Error::timed_out) != -3 || orv::_get_orverrno() != 3)
             return 1;
         (void)address("127.0.0.1"); // a success leaves it as it is
         if (orv::_get_orverrno() != 3)
             return 2;
-        orv::detail::set_orverrno(orv::Error::no_value);
+        orv::base::set_error(orv::Error::no_value);
         return orv::_get_orverrno() == 5 ? 0 : 3;
     });
     EXPECT_EQ(outcome.status, 0);
@@ -106,7 +106,7 @@ TEST(Address, OfAnAbstractNameHasNoByteTooMany)
     ASSERT_TRUE(a.is_valid());
     EXPECT_FALSE(a.is_v4());
     const std::string name("\0orvbrokerd-1.3.skt", 19);
-    sockaddr* const any = a;
+    sockaddr* any = a;
     EXPECT_EQ(any->sa_family, AF_UNIX);
     EXPECT_EQ(static_cast<unsigned>(a), offsetof(sockaddr_un, sun_path) + name.size());
     EXPECT_EQ(std::memcmp(reinterpret_cast<sockaddr_un*>(any)->sun_path, name.data(), name.size()), 0);
@@ -168,7 +168,7 @@ TEST(Address, TextsThatAreNoneAreRefusedWithAnErrorNumber)
 {
     for (const char* text : {"", ":", "host", "1.2.3", "1.2.3.256", "1.2.3.4.5", " 1.2.3.4", "1.2.3.4 ",
                              "1.2.3.4:80", "fe80::1%eth0", "fe80::1::2", "::name", "[::1]", "fe80"}) {
-        orv::detail::set_orverrno(orv::Error::none);
+        orv::base::set_error(orv::Error::none);
         const address a(text);
         EXPECT_FALSE(a.is_valid()) << text;
         EXPECT_FALSE(a.is_v4()) << text;
@@ -216,7 +216,7 @@ TEST(MacAddress, MalformedTextsAreRefused)
           "aabbcc000f01", "aa:bb:cc:00:0f:0g", "aa:bb:cc-00:0f:01", "aa-bb-cc-00-0f:01", "aa.bb.cc.00.0f.01",
           " a:bb:cc:00:0f:01", "aa:bb:cc:00:0f:01 ", "+a:bb:cc:00:0f:01",
           "aa:bb:cc:00:0f:", "a:bb:cc:00:0f:011", "aa::bb:cc:0f:01x"}) {
-        orv::detail::set_orverrno(orv::Error::none);
+        orv::base::set_error(orv::Error::none);
         const macaddr mac(text);
         EXPECT_FALSE(mac.is_valid()) << text;
         EXPECT_EQ(mac.to_string(false), "") << text;

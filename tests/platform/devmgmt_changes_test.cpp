@@ -1,8 +1,7 @@
 // Changes of devices, as they are told to those who have registered for them.
 
-#include "devmgmt_support.h"
-
 #include "device_store.h"
+#include "devmgmt_support.h"
 
 #include <orvutils/setmgmt.h>
 
@@ -27,7 +26,7 @@ using Told = std::vector<std::string>;
 
 void note(DevInfoChangeType type, const Device& device, const std::string& field)
 {
-    const char* const kinds[] = {"added ", "updated ", "removed "};
+    const char* kinds[] = {"added ", "updated ", "removed "};
     std::string text = kinds[static_cast<int>(type)] + device.did;
     if (!field.empty())
         text += ' ' + field;
@@ -225,7 +224,7 @@ TEST_F(DeviceChangesTest, A_reader_that_fell_behind_is_told_updated_for_every_de
     (void)read_changes();
     {
         // In one transaction: thousands of synced commits would take too long.
-        orv::detail::LmdbWrite transaction(device_environment());
+        orv::store::Write transaction(device_environment());
         for (int i = 0; i < 4097; ++i)
             ASSERT_EQ(kChangeJournal.append(transaction, "not read"), orv::Error::none);
         ASSERT_EQ(transaction.commit(), orv::Error::none);
@@ -240,7 +239,7 @@ TEST_F(DeviceChangesTest, Malformed_journal_entries_are_skipped)
 {
     ASSERT_EQ(set_on_dev_info_change(kFields, note), 0);
     {
-        orv::detail::LmdbWrite transaction(device_environment());
+        orv::store::Write transaction(device_environment());
         for (const char* entry : {"", "x", "\x07", "\x01\xff\xff\xff\xff"})
             ASSERT_EQ(kChangeJournal.append(transaction, entry), orv::Error::none);
         ASSERT_EQ(transaction.commit(), orv::Error::none);

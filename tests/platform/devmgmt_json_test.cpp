@@ -15,7 +15,7 @@ constexpr const char* kFullText =
 /// The device's JSON text, or the error.
 std::string convert(const char* text)
 {
-    const Json json(json_loads(text, JSON_DECODE_ANY, nullptr));
+    const orv::JsonPtr json(json_loads(text, JSON_DECODE_ANY, nullptr));
     Device device;
     device.did = "untouched";
     std::string error;
@@ -49,10 +49,10 @@ TEST(DeviceJsonTest, A_default_owner_that_is_not_UTF_8_is_refused_where_it_is_ne
 {
     Device device;
     std::string error;
-    const Json without(json_pack("{s:s}", "did", "x"));
+    const orv::JsonPtr without(json_pack("{s:s}", "did", "x"));
     EXPECT_FALSE(device_from_json(without.get(), "router\xff", device, error));
     EXPECT_EQ(error, "owner: must be UTF-8");
-    const Json with(json_pack("{s:s,s:s}", "did", "x", "owner", "me"));
+    const orv::JsonPtr with(json_pack("{s:s,s:s}", "did", "x", "owner", "me"));
     EXPECT_TRUE(device_from_json(with.get(), "router\xff", device, error));
     EXPECT_EQ(device.owner, "me");
 }
@@ -71,7 +71,7 @@ TEST(DeviceJsonTest, Bytes_that_are_not_UTF_8_are_shown_as_replacement_character
     for (const auto& [stored, shown] : cases) {
         Device device = make_device("d1");
         device.display_name = stored;
-        const Json json(device_to_json(device));
+        const orv::JsonPtr json(device_to_json(device));
         ASSERT_NE(json, nullptr);
         EXPECT_STREQ(json_string_value(json_object_get(json.get(), "display_name")), shown.c_str());
     }

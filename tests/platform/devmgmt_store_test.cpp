@@ -1,10 +1,9 @@
 // Storing, finding and removing devices.
 
-#include "devmgmt_support.h"
-
 #include "device_fields.h"
 #include "device_record.h"
 #include "device_store.h"
+#include "devmgmt_support.h"
 
 #include <orvutils/error.h>
 
@@ -49,7 +48,7 @@ using Ids = std::vector<std::string>;
 /// Puts bytes where a device's record is expected.
 void plant_record(const std::string& did, std::string_view record)
 {
-    orv::detail::LmdbWrite transaction(device_environment());
+    orv::store::Write transaction(device_environment());
     ASSERT_EQ(transaction.put(kDevices, did, record), orv::Error::none);
     ASSERT_EQ(transaction.commit(), orv::Error::none);
 }
@@ -193,7 +192,7 @@ TEST_F(DeviceStoreTest, Malformed_records_are_skipped_with_one_log_line_each)
 {
     ASSERT_EQ(put_device(make_device("d1")), 0);
     const std::string sound = [] {
-        orv::detail::LmdbRead transaction(device_environment());
+        orv::store::Read transaction(device_environment());
         std::string_view record;
         EXPECT_EQ(transaction.get(kDevices, "d1", record), orv::Error::none);
         return std::string(record);

@@ -1,6 +1,6 @@
-#include "devmgmt_support.h"
+// What the tests of the device store share.
 
-#include <cstdlib>
+#include "devmgmt_support.h"
 
 using orv::devMgmt::Device;
 
@@ -25,11 +25,9 @@ Device make_device(const std::string& did)
 
 std::string text_of(const Device& device)
 {
-    const Json json(orv::devMgmt::device_to_json(device));
-    char* const text = json_dumps(json.get(), 0);
-    std::string result(text != nullptr ? text : "no JSON");
-    std::free(text);
-    return result;
+    const orv::JsonPtr json(orv::devMgmt::device_to_json(device));
+    const orv::TextPtr text(json_dumps(json.get(), 0));
+    return text ? text.get() : "no JSON";
 }
 
 std::string stored(const std::string& did)

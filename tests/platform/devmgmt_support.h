@@ -2,12 +2,12 @@
 
 #include "base_support.h"
 
-#include <device_writer.h>
+#include <orvdevmgmt/device_writer.h>
 #include <orvdevmgmt/orvdevmgmt.h>
+#include <orvutils/json.h>
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 
 /// An open device store under a root of its own.
@@ -18,11 +18,6 @@ protected:
 
     TemporaryRoot m_root;
 };
-
-struct DropReference {
-    void operator()(json_t* json) const { json_decref(json); }
-};
-using Json = std::unique_ptr<json_t, DropReference>;
 
 /// A device with all fields set.
 orv::devMgmt::Device make_device(const std::string& did);

@@ -3,10 +3,10 @@
 
 #include "store_support.h"
 
-#include <orvdiagnosis/orvdiagnosis.h>
-
-#include <device_writer.h>
+#include <orvdevmgmt/device_writer.h>
 #include <orvdevmgmt/orvdevmgmt.h>
+#include <orvdiagnosis/orvdiagnosis.h>
+#include <orvutils/json.h>
 #include <orvutils/keys.h>
 
 #include <sys/socket.h>
@@ -28,17 +28,12 @@ using diagnosis::RecordId;
 
 namespace {
 
-struct JsonDeleter {
-    void operator()(json_t* value) const { json_decref(value); }
-};
-using JsonPtr = std::unique_ptr<json_t, JsonDeleter>;
+using orv::JsonPtr;
 
 std::string text_of(const json_t* value)
 {
-    char* const text = json_dumps(value, JSON_ENCODE_ANY | JSON_COMPACT);
-    std::string copy = text != nullptr ? text : "(no value)";
-    std::free(text);
-    return copy;
+    const orv::TextPtr text(json_dumps(value, JSON_ENCODE_ANY | JSON_COMPACT));
+    return text ? text.get() : "(no value)";
 }
 
 JsonPtr collect(const std::vector<RecordId>& filter = {})
@@ -157,11 +152,11 @@ TEST_F(DiagnosisTest, TheReportAddsItsTimeAndTheVersion)
     manager.add(diagnosis::get_defaults());
     const std::time_t before = std::time(nullptr);
     const JsonPtr report{manager.report()};
-    const char* const stamp = json_string_value(json_object_get(report.get(), "generated_at"));
+    const char* stamp = json_string_value(json_object_get(report.get(), "generated_at"));
     ASSERT_NE(stamp, nullptr);
     std::tm utc{};
-    const char* const end = strptime(stamp, "%Y-%m-%dT%H:%M:%SZ", &utc);
-    ASSERT_TRUE(end != nullptr && *end == '\0') << stamp;
+    const char* end = strptime(stamp, "%Y-%m-%dT%H:%M:%SZ", &utc);
+    ASSERT_TRUE(end && *end == '\0') << stamp;
     EXPECT_GE(timegm(&utc), before);
     EXPECT_LE(timegm(&utc), std::time(nullptr));
     EXPECT_STREQ(json_string_value(json_object_get(report.get(), "agent_version")), "2.0.0.0");
@@ -271,7 +266,7 @@ TEST_F(DiagnosisTest, CountsTheDevicesAndThoseThatAreBlocked)
 {
     ASSERT_EQ(orv::devMgmt::init(), 0);
     EXPECT_EQ(record("devices", "count"), "0");
-    for (const char* const id : {"d1", "d2", "d3"}) {
+    for (const char* id : {"d1", "d2", "d3"}) {
         orv::devMgmt::Device device;
         device.did = id;
         device.traffic_blocked = device.did == "d2" ? 1 : 0;
@@ -287,7 +282,7 @@ TEST_F(DiagnosisTest, CountsTheDevicesAndThoseThatAreBlocked)
 
 TEST_F(DiagnosisTest, TellsTheMachinesUptimeMemoryLoadAndKernel)
 {
-    struct sysinfo info = {};
+    struct sysinfo info {};
     ASSERT_EQ(sysinfo(&info), 0);
     EXPECT_NEAR(static_cast<double>(number("system", "uptime")), static_cast<double>(info.uptime), 2);
     EXPECT_EQ(number("system", "memory_total"),
@@ -311,7 +306,7 @@ TEST_F(DiagnosisTest, TellsTheStateOfTheInterfacesThatAreNamedAndNoOthers)
     set(orv::kNetworkInterfacesKey / "wan-that-is-not", "wan");
     const JsonPtr interfaces = value_of_record("network", "interfaces");
     ASSERT_EQ(json_array_size(interfaces.get()), 2U);
-    const json_t* const loopback = json_array_get(interfaces.get(), 0);
+    const json_t* loopback = json_array_get(interfaces.get(), 0);
     EXPECT_STREQ(json_string_value(json_object_get(loopback, "name")), "lo");
     EXPECT_STREQ(json_string_value(json_object_get(loopback, "type")), "lan");
     std::ifstream flags("/sys/class/net/lo/flags");
@@ -347,7 +342,7 @@ TEST_F(DiagnosisTest, TakesTheExchangesAddressFromTheEnvironment)
     setenv("ORVEX_ADDRESS", (address + ",guid=0123").c_str(), 1);
     EXPECT_EQ(record("exchange", "address"), '"' + address + ",guid=0123\"");
     EXPECT_EQ(record("exchange", "reachable"), "true");
-    for (const char* const unusable : {"tcp:host=localhost,port=1", "unix:path=/x%2", "unix:path=/x%zz"}) {
+    for (const char* unusable : {"tcp:host=localhost,port=1", "unix:path=/x%2", "unix:path=/x%zz"}) {
         setenv("ORVEX_ADDRESS", unusable, 1);
         EXPECT_EQ(record("exchange", "reachable"), "null") << unusable;
     }

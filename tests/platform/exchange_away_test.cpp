@@ -134,7 +134,7 @@ std::vector<RawMessage> calls_before_and_after_the_claim()
 {
     std::vector<RawMessage> messages;
     messages.push_back(reply_to_hello());
-    for (const char* const member : {"Request", "Message", "Ping"})
+    for (const char* member : {"Request", "Message", "Ping"})
         messages.push_back(named_call(member, "early"));
     messages.push_back(event("early"));
     messages.push_back(reply_to_claim());
@@ -220,7 +220,7 @@ TEST_F(ExchangeAway, ANameHasOneOwner)
 
 TEST_F(ExchangeAway, BadNamesAreRefused)
 {
-    for (const char* const name : {"", "a b", "1a", "a..b", "\xff"})
+    for (const char* name : {"", "a b", "1a", "a..b", "\xff"})
         EXPECT_EQ(join(name), nullptr) << name;
     EXPECT_EQ(join(std::string(128, 'n').c_str()), nullptr);
     EXPECT_EQ(join(nullptr), nullptr);

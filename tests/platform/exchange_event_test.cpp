@@ -68,7 +68,7 @@ TEST_F(ExchangeEvents, NamesWithQuotesBackslashesAndCommasAreMatched)
     auto all = names;
     all.push_back("end");
     ASSERT_TRUE(subscribe_and_wait(all));
-    for (const char* const name : names)
+    for (const char* name : names)
         m_peer->emit(name, name);
     ASSERT_TRUE(serve_all());
     ASSERT_EQ(s_received.size(), names.size() + 1);

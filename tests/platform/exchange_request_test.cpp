@@ -393,7 +393,7 @@ TEST_F(ExchangeRequests, MalformedCallsGetAnErrorAndALogLine)
 {
     RawPeer peer(m_bus.address());
     testing::internal::CaptureStderr();
-    for (const char* const member : {"Request", "Message", "Respond"}) {
+    for (const char* member : {"Request", "Message", "Respond"}) {
         const RawMessage call = raw_call("broker", member);
         add_number(*call, 1);
         (void)peer.send(call);

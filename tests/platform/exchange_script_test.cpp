@@ -24,8 +24,8 @@ struct Outcome {
 
 Outcome run(const std::string& arguments)
 {
-    FILE* const pipe = popen((std::string{ORVEXCHANGED} + " " + arguments + " 2>&1").c_str(), "re");
-    if (pipe == nullptr)
+    FILE* pipe = popen((std::string{ORVEXCHANGED} + " " + arguments + " 2>&1").c_str(), "re");
+    if (!pipe)
         return {};
     Outcome outcome;
     std::array<char, 512> piece{};

@@ -3,6 +3,7 @@
 #include <orvutils/setmgmt.h>
 
 #include <dbus/dbus.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/wait.h>
@@ -57,7 +58,7 @@ std::string read_file(const std::string& path)
 Bus::Bus()
 {
     char directory[] = "/tmp/exchange-test-XXXXXX";
-    check(mkdtemp(directory) != nullptr, "mkdtemp");
+    check(mkdtemp(directory), "mkdtemp");
     m_root = directory;
     setenv("ORV_ROOT", directory, 1);
     unsetenv("ORVEX_ADDRESS");
@@ -136,7 +137,7 @@ void UnrefMessage::operator()(DBusMessage* message) const
 RawPeer::RawPeer(const std::string& address, const std::string& participant)
 {
     m_connection = dbus_connection_open_private(address.c_str(), nullptr);
-    check(m_connection != nullptr, "raw peer cannot connect");
+    check(m_connection, "raw peer cannot connect");
     dbus_connection_set_exit_on_disconnect(m_connection, FALSE);
     check(dbus_bus_register(m_connection, nullptr) != FALSE, "raw peer cannot register");
     check(participant.empty() || claim(bus_name(participant)), "raw peer cannot have its name");
@@ -144,7 +145,7 @@ RawPeer::RawPeer(const std::string& address, const std::string& participant)
 
 void RawPeer::leave()
 {
-    if (m_connection == nullptr)
+    if (!m_connection)
         return;
     dbus_connection_close(m_connection);
     dbus_connection_unref(m_connection);
@@ -258,13 +259,13 @@ RawMessage raw_reply(std::uint32_t serial)
 
 void add_text(DBusMessage& message, const std::string& text)
 {
-    const char* const value = text.c_str();
+    const char* value = text.c_str();
     check(dbus_message_append_args(&message, DBUS_TYPE_STRING, &value, DBUS_TYPE_INVALID) != FALSE, "text");
 }
 
 void add_bytes(DBusMessage& message, const std::string& bytes)
 {
-    const char* const value = bytes.data();
+    const char* value = bytes.data();
     check(dbus_message_append_args(&message, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &value,
                                    static_cast<int>(bytes.size()), DBUS_TYPE_INVALID) != FALSE,
           "bytes");
@@ -295,8 +296,8 @@ std::string marshalled(DBusMessage& message)
 
 std::string member_of(const RawMessage& message)
 {
-    const char* const member = message ? dbus_message_get_member(message.get()) : nullptr;
-    return member != nullptr ? member : "";
+    const char* member = message ? dbus_message_get_member(message.get()) : nullptr;
+    return member ? member : "";
 }
 
 bool wants_reply(const RawMessage& message)
@@ -311,8 +312,8 @@ std::uint32_t reply_serial_of(const RawMessage& message)
 
 std::string error_of(const RawMessage& message)
 {
-    const char* const name = message ? dbus_message_get_error_name(message.get()) : nullptr;
-    return name != nullptr ? name : "";
+    const char* name = message ? dbus_message_get_error_name(message.get()) : nullptr;
+    return name ? name : "";
 }
 
 std::optional<RawContent> content_of(const RawMessage& message)

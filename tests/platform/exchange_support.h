@@ -1,6 +1,6 @@
 #pragma once
 
-#include "exchange_publisher.h"
+#include <orvexchange/publisher.h>
 
 #include <gtest/gtest.h>
 

@@ -2,8 +2,10 @@
 
 #include "base_support.h"
 
-#include <karma_outbox.h>
 #include <orvkarma/orvkarma.h>
+#include <orvkarma/outbox.h>
+#include <orvutils/error.h>
+#include <orvutils/json.h>
 
 #include <gtest/gtest.h>
 
@@ -47,23 +49,18 @@ int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::si
 
 namespace {
 
-struct DropReference {
-    void operator()(json_t* json) const { json_decref(json); }
-};
-using Json = std::unique_ptr<json_t, DropReference>;
-
 class KarmaTest : public testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(init(), 0); }
     void TearDown() override { uninit(); }
 
-    static Json event(const char* type = "test", const char* data = R"({"a": 1})")
+    static orv::JsonPtr event(const char* type = "test", const char* data = R"({"a": 1})")
     {
-        const Json json(json_loads(data, 0, nullptr));
-        return Json(build_karma_event_json(type, json.get()));
+        const orv::JsonPtr json(json_loads(data, 0, nullptr));
+        return orv::JsonPtr(build_karma_event_json(type, json.get()));
     }
 
-    static std::string id_of(const Json& event)
+    static std::string id_of(const orv::JsonPtr& event)
     {
         return json_string_value(json_object_get(event.get(), "id"));
     }
@@ -76,7 +73,7 @@ protected:
         std::vector<std::string> ids;
         ids.reserve(events.size());
         for (json_t* json : events)
-            ids.push_back(id_of(Json(json)));
+            ids.push_back(id_of(orv::JsonPtr(json)));
         return ids;
     }
 
@@ -90,21 +87,21 @@ using Ids = std::vector<std::string>;
 
 TEST_F(KarmaTest, An_event_has_an_id_its_type_the_time_and_the_data)
 {
-    const Json json = event("tuvo_agent_status", R"({"agent_state": "deployed"})");
+    const orv::JsonPtr json = event("tuvo_agent_status", R"({"agent_state": "deployed"})");
     ASSERT_NE(json, nullptr);
     EXPECT_TRUE(std::regex_match(id_of(json), std::regex("[0-9a-f]{16}-[0-9a-f]{16}")));
     EXPECT_STREQ(json_string_value(json_object_get(json.get(), "type")), "tuvo_agent_status");
     EXPECT_NEAR(static_cast<double>(json_integer_value(json_object_get(json.get(), "timestamp"))),
                 static_cast<double>(std::time(nullptr)), 5);
-    const Json data(json_pack("{s:s}", "agent_state", "deployed"));
+    const orv::JsonPtr data(json_pack("{s:s}", "agent_state", "deployed"));
     EXPECT_TRUE(json_equal(json_object_get(json.get(), "data"), data.get()));
     EXPECT_EQ(json_object_size(json.get()), 4U);
 }
 
 TEST_F(KarmaTest, Building_takes_a_reference_of_its_own_on_the_data)
 {
-    const Json data(json_object());
-    const Json json(build_karma_event_json("test", data.get()));
+    const orv::JsonPtr data(json_object());
+    const orv::JsonPtr json(build_karma_event_json("test", data.get()));
     EXPECT_EQ(data->refcount, 2U);
     EXPECT_EQ(build_karma_event_json("test", nullptr), nullptr);
     EXPECT_EQ(build_karma_event_json(nullptr, data.get()), nullptr);
@@ -127,7 +124,7 @@ TEST_F(KarmaTest, Ids_rise_beyond_those_in_the_outbox_even_when_the_clock_went_b
     ASSERT_EQ(
         outbox::put("00ffffffffffff00-0000000000000000", R"({"id": "00ffffffffffff00-0000000000000000"})"),
         orv::Error::none);
-    const Json json = event();
+    const orv::JsonPtr json = event();
     EXPECT_GT(id_of(json), "00ffffffffffff00-ffffffffffffffff");
     EXPECT_EQ(submit_karma_event(json.get(), nullptr), -1);
     EXPECT_EQ(stored().back(), id_of(json));
@@ -135,11 +132,11 @@ TEST_F(KarmaTest, Ids_rise_beyond_those_in_the_outbox_even_when_the_clock_went_b
 
 TEST_F(KarmaTest, A_submitted_event_is_sent_as_a_request_and_stays_until_it_is_confirmed)
 {
-    const Json json = event();
+    const orv::JsonPtr json = event();
     ASSERT_EQ(submit_karma_event(json.get(), &m_exchange), 0);
     ASSERT_EQ(m_exchange.requests.size(), 1U);
     EXPECT_EQ(m_exchange.requests[0].name, "telemetry_event");
-    const Json sent(json_loads(m_exchange.requests[0].data.c_str(), 0, nullptr));
+    const orv::JsonPtr sent(json_loads(m_exchange.requests[0].data.c_str(), 0, nullptr));
     EXPECT_TRUE(json_equal(sent.get(), json.get()));
     EXPECT_EQ(stored(), Ids{id_of(json)});
     m_exchange.answer(0, "0");
@@ -150,7 +147,7 @@ TEST_F(KarmaTest, A_submitted_event_is_sent_as_a_request_and_stays_until_it_is_c
 TEST_F(KarmaTest, Any_other_answer_leaves_it_in_the_outbox)
 {
     for (const char* type : {"2", "1", "", "00", "zero"}) {
-        const Json json = event();
+        const orv::JsonPtr json = event();
         ASSERT_EQ(submit_karma_event(json.get(), &m_exchange), 0);
         m_exchange.answer(m_exchange.requests.size() - 1, type);
     }
@@ -159,7 +156,7 @@ TEST_F(KarmaTest, Any_other_answer_leaves_it_in_the_outbox)
 
 TEST_F(KarmaTest, Without_an_exchange_an_event_is_kept_and_can_be_submitted_again)
 {
-    const Json json = event();
+    const orv::JsonPtr json = event();
     EXPECT_EQ(submit_karma_event(json.get(), nullptr), -1);
     m_exchange.result = -1;
     EXPECT_EQ(submit_karma_event(json.get(), &m_exchange), -1);
@@ -179,7 +176,7 @@ TEST_F(KarmaTest, Events_come_back_oldest_first)
 {
     Ids ids;
     for (int i = 0; i < 50; ++i) {
-        const Json json = event();
+        const orv::JsonPtr json = event();
         ids.push_back(id_of(json));
         (void)submit_karma_event(json.get(), nullptr);
     }
@@ -188,7 +185,7 @@ TEST_F(KarmaTest, Events_come_back_oldest_first)
 
 TEST_F(KarmaTest, An_event_submitted_twice_is_kept_once_and_either_answer_confirms_it)
 {
-    const Json json = event();
+    const orv::JsonPtr json = event();
     ASSERT_EQ(submit_karma_event(json.get(), &m_exchange), 0);
     ASSERT_EQ(submit_karma_event(json.get(), &m_exchange), 0);
     EXPECT_EQ(stored().size(), 1U);
@@ -200,12 +197,12 @@ TEST_F(KarmaTest, An_event_submitted_twice_is_kept_once_and_either_answer_confir
 
 TEST_F(KarmaTest, An_answer_after_the_end_does_no_harm)
 {
-    const Json json = event();
+    const orv::JsonPtr json = event();
     ASSERT_EQ(submit_karma_event(json.get(), &m_exchange), 0);
     uninit();
     m_exchange.answer(0, "0");
     ASSERT_EQ(init(), 0);
-    const Json other = event();
+    const orv::JsonPtr other = event();
     ASSERT_EQ(submit_karma_event(other.get(), &m_exchange), 0);
     m_exchange.answer(0, "0");
     EXPECT_EQ(stored(), (Ids{id_of(json), id_of(other)}));
@@ -214,7 +211,7 @@ TEST_F(KarmaTest, An_answer_after_the_end_does_no_harm)
 TEST_F(KarmaTest, What_is_no_event_is_refused)
 {
     for (const char* text : {"{}", R"({"id": 1})", R"({"id": ""})", "[]"}) {
-        const Json json(json_loads(text, 0, nullptr));
+        const orv::JsonPtr json(json_loads(text, 0, nullptr));
         EXPECT_EQ(submit_karma_event(json.get(), &m_exchange), -1) << text;
         EXPECT_EQ(orv::_get_orverrno(), 1);
     }
@@ -248,7 +245,7 @@ TEST_F(KarmaTest, Large_events_displace_the_oldest_ones_too)
     const std::string event_data = "{\"d\": " + data + "}";
     std::string last;
     for (int i = 0; i < 100; ++i) {
-        const Json json = event("large", event_data.c_str());
+        const orv::JsonPtr json = event("large", event_data.c_str());
         ASSERT_EQ(submit_karma_event(json.get(), &m_exchange), 0);
         last = id_of(json);
     }
@@ -261,7 +258,7 @@ TEST_F(KarmaTest, Large_events_displace_the_oldest_ones_too)
 TEST_F(KarmaTest, An_event_too_large_to_keep_is_sent_but_not_reported_as_kept)
 {
     const std::string data = "{\"d\": \"" + std::string(outbox::kMaxEventSize, 'd') + "\"}";
-    const Json json = event("huge", data.c_str());
+    const orv::JsonPtr json = event("huge", data.c_str());
     EXPECT_EQ(submit_karma_event(json.get(), &m_exchange), -1);
     EXPECT_EQ(m_exchange.requests.size(), 1U);
     EXPECT_EQ(stored(), Ids{});
@@ -288,7 +285,7 @@ TEST_F(KarmaTest, Events_outlive_the_kill_of_the_process_that_submitted_them)
     Ids expected;
     for (int i = 0; i < 10; ++i) {
         const Outcome outcome = in_child([]() -> int {
-            const Json json = event();
+            const orv::JsonPtr json = event();
             (void)submit_karma_event(json.get(), nullptr);
             const std::string id = id_of(json);
             if (write(STDOUT_FILENO, id.data(), id.size()) != static_cast<ssize_t>(id.size()))
@@ -304,7 +301,7 @@ TEST_F(KarmaTest, Events_outlive_the_kill_of_the_process_that_submitted_them)
 TEST_F(KarmaTest, Without_an_outbox_events_are_sent_but_not_kept)
 {
     uninit();
-    const Json json = event();
+    const orv::JsonPtr json = event();
     ASSERT_NE(json, nullptr);
     EXPECT_EQ(submit_karma_event(json.get(), &m_exchange), -1);
     EXPECT_EQ(m_exchange.requests.size(), 1U);

@@ -17,8 +17,8 @@ class AgentSettingsTest : public StoreTest {};
 
 TEST_F(AgentSettingsTest, Features_are_listed_in_their_order_and_have_names)
 {
-    const char* const names[] = {"protection", "device_discovery", "user_agent_detection", "traffic_blocking",
-                                 "va_scan",    "va_self_scan",     "satellites",           "telemetry"};
+    const char* names[] = {"protection", "device_discovery", "user_agent_detection", "traffic_blocking",
+                           "va_scan",    "va_self_scan",     "satellites",           "telemetry"};
     int index = 0;
     for (const Feature feature : list_features()) {
         EXPECT_EQ(static_cast<int>(feature), index);

@@ -400,12 +400,12 @@ TEST_F(StoreFailureTest, Malformed_keys_in_the_store_are_an_error_of_whoever_lis
     for (const std::string_view piece : {std::string_view("\0", 1), std::string_view("\0below", 6),
                                          std::string_view("/"), std::string_view("a/b")}) {
         const std::string bytes = std::string(tmp.prefix()) + std::string(piece);
-        orv::detail::LmdbWrite planting(orv::detail::settings_environment(tmp));
+        orv::store::Write planting(orv::detail::settings_environment(tmp));
         ASSERT_EQ(planting.put(orv::detail::kValues, bytes, "12345678value"), orv::Error::none);
         ASSERT_EQ(planting.commit(), orv::Error::none);
         EXPECT_EQ(enumSubkeys("/tmp", names), -2) << piece;
         EXPECT_EQ(value_of("/tmp/sound"), "x");
-        orv::detail::LmdbWrite cleaning(orv::detail::settings_environment(tmp));
+        orv::store::Write cleaning(orv::detail::settings_environment(tmp));
         ASSERT_EQ(cleaning.remove(orv::detail::kValues, bytes), orv::Error::none);
         ASSERT_EQ(cleaning.commit(), orv::Error::none);
     }

@@ -12,12 +12,13 @@
 //     churn ID                 puts and removes a device for ever; answers "churning" once
 //     lock KEY                 the lock of a settings key, held to the end of this program
 
+#include "device_store.h"
+
+#include <orvdevmgmt/device_writer.h>
 #include <orvtools/json.h>
 #include <orvutils/error.h>
+#include <orvutils/json.h>
 #include <orvutils/setmgmt.h>
-
-#include <device_store.h>
-#include <device_writer.h>
 
 #include <cstdio>
 #include <iostream>
@@ -88,7 +89,7 @@ std::string crowd(const std::string& prefix, unsigned count, const std::string& 
 
 std::string record(const std::string& id)
 {
-    orv::detail::LmdbRead transaction(device_environment());
+    orv::store::Read transaction(device_environment());
     std::string_view bytes;
     if (transaction.get(kDevices, id, bytes) != orv::Error::none)
         return outcome(false);
@@ -106,7 +107,7 @@ std::string plant(const std::string& id, const std::string& hex)
     std::string bytes;
     for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
         bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    orv::detail::LmdbWrite transaction(device_environment());
+    orv::store::Write transaction(device_environment());
     return outcome(transaction.put(kDevices, id, bytes) == orv::Error::none &&
                    transaction.commit() == orv::Error::none);
 }

@@ -42,6 +42,10 @@ class Installed(world.TestCase):
             self.assertEqual(status, 0, program)
             self.assertIn(program, text)
 
+    def test_the_notices_of_the_libraries_go_with_the_programs(self):
+        with open(os.path.join(SOURCE, "NOTICES"), encoding="utf-8") as notices:
+            self.assertEqual(self.read("share", "doc", "orvbrokerd", "NOTICES"), notices.read())
+
     def test_each_program_has_a_clean_manual_page(self):
         for page in PAGES:
             self.assertEqual(output_of("mandoc", "-T", "lint", "-W", "warning", self.at("share", "man", page)), (0, ""))

@@ -3,11 +3,11 @@
 
 #include "exchange_support.h"
 
+#include <orvdevmgmt/device_writer.h>
 #include <orvdevmgmt/orvdevmgmt.h>
 #include <orvutils/keys.h>
 #include <orvutils/setmgmt.h>
 
-#include <device_writer.h>
 #include <fmt/format.h>
 
 #include <fcntl.h>

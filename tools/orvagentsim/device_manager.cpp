@@ -8,7 +8,7 @@
 #include <orvdevmgmt/orvdevmgmt.h>
 #include <orvtools/json.h>
 
-#include <device_writer.h>
+#include <orvdevmgmt/device_writer.h>
 
 #include <optional>
 #include <set>

@@ -3,7 +3,7 @@
 #include "call.h"
 #include "loop.h"
 
-#include <exchange_publisher.h>
+#include <orvexchange/publisher.h>
 
 #include <array>
 #include <functional>

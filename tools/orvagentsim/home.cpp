@@ -6,8 +6,8 @@
 #include <orvutils/keys.h>
 #include <orvutils/setmgmt.h>
 
-#include <device_writer.h>
 #include <fmt/format.h>
+#include <orvdevmgmt/device_writer.h>
 
 #include <algorithm>
 #include <array>

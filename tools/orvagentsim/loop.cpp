@@ -3,6 +3,7 @@
 
 #include "loop.h"
 
+#include <orvbase/clock.h>
 #include <orvutils/io.h>
 
 #include <sys/epoll.h>
@@ -17,24 +18,11 @@
 namespace orvagentsim {
 namespace {
 
-using orv::exchange::Descriptor;
+using orv::base::Descriptor;
 using std::chrono::steady_clock;
 
 constexpr std::size_t kEventsPerPass = 8;
 constexpr int kLongestWaitMs = 1000;
-
-itimerspec at(steady_clock::time_point when)
-{
-    using std::chrono::nanoseconds;
-    using std::chrono::seconds;
-    // 0 would switch the timer off.
-    const nanoseconds since = std::max<nanoseconds>(when.time_since_epoch(), nanoseconds{1});
-    const auto whole = std::chrono::duration_cast<seconds>(since);
-    itimerspec spec{};
-    spec.it_value.tv_sec = static_cast<time_t>(whole.count());
-    spec.it_value.tv_nsec = static_cast<long>((since - whole).count());
-    return spec;
-}
 
 int open_signals()
 {
@@ -117,7 +105,7 @@ void Loop::set_alarm()
     if (m_timers.empty())
         return;
     // Fails for a wrong descriptor or time only: neither can be.
-    const itimerspec spec = at(m_timers.begin()->first.first);
+    const itimerspec spec = orv::base::expiry_at(m_timers.begin()->first.first);
     (void)timerfd_settime(m_alarm.get(), TFD_TIMER_ABSTIME, &spec, nullptr);
 }
 

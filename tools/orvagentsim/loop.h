@@ -1,6 +1,6 @@
 #pragma once
 
-#include <descriptor.h>
+#include <orvbase/descriptor.h>
 
 #include <chrono>
 #include <cstdint>
@@ -46,9 +46,9 @@ private:
     void set_alarm();
     void run_timers();
 
-    orv::exchange::Descriptor m_epoll;
-    orv::exchange::Descriptor m_signals;
-    orv::exchange::Descriptor m_alarm;
+    orv::base::Descriptor m_epoll;
+    orv::base::Descriptor m_signals;
+    orv::base::Descriptor m_alarm;
     std::unordered_map<int, Work> m_watched;
     std::vector<Followed> m_followed;
     std::map<TimerId, Work> m_timers; ///< in the order of their times

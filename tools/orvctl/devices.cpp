@@ -8,12 +8,11 @@
 #include "stores.h"
 #include "texts.h"
 
+#include <orvdevmgmt/device_writer.h>
 #include <orvtools/json.h>
 #include <orvutils/error.h>
 #include <orvutils/keys.h>
 #include <orvutils/setmgmt.h>
-
-#include <device_writer.h>
 
 #include <algorithm>
 #include <map>

@@ -10,9 +10,7 @@
 #include "waiting.h"
 
 #include <orvbroker/client.h>
-
-#include <exchange_publisher.h>
-#include <wire.h>
+#include <orvexchange/publisher.h>
 
 #include <unistd.h>
 
@@ -61,12 +59,12 @@ int bad_name(const std::string& name, std::string_view form)
 /// Whether a request or message can go to "participant:name" or "name".
 bool is_target(const std::string& name)
 {
-    return orv::exchange::parse_target(name.c_str()).has_value();
+    return orvex_is_target(name.c_str());
 }
 
 bool is_event(const std::string& name)
 {
-    return orv::exchange::is_name(name.c_str());
+    return orvex_is_name(name.c_str());
 }
 
 Handle join(OrvexHandler handler = [](OrvexKind, const Message&) {})

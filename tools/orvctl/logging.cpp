@@ -4,8 +4,7 @@
 #include "logging.h"
 
 #include <orvutils/log.h>
-
-#include <log_state.h>
+#include <orvutils/log_control.h>
 
 #include <cstdlib>
 
@@ -16,8 +15,8 @@ constexpr int kNothing = orv::log::kError - 1;
 
 void log_up_to(int level)
 {
-    if (!orv::log::detail::parse_level(std::getenv("ORV_LOG_LEVEL")))
-        orv::log::detail::set_threshold(level);
+    if (!orv::log::parse_level(std::getenv("ORV_LOG_LEVEL")))
+        orv::log::set_threshold(level);
 }
 
 } // namespace

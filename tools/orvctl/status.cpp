@@ -10,10 +10,9 @@
 
 #include <orvbroker/client.h>
 #include <orvdiagnosis/orvdiagnosis.h>
+#include <orvkarma/outbox.h>
 #include <orvtools/json.h>
 #include <orvutils/version.h>
-
-#include <karma_outbox.h>
 
 #include <algorithm>
 #include <cstring>

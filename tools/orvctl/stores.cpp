@@ -1,98 +1,72 @@
-// The stores' libraries tell only their log why a store cannot be opened. A log line is no message, so the reason
-// is looked for once more from outside, in the order in which the libraries meet it: the directory, the data file,
-// what is in it, the lock file.
+// The stores' libraries keep why a store could not be opened. Here that becomes one message; what they tell their
+// log meanwhile is left out.
 #include "stores.h"
 
 #include "exit_status.h"
 #include "logging.h"
 #include "output.h"
 
-#include <karma_outbox.h>
-#include <lmdb_check.h>
-#include <orvdevmgmt/orvdevmgmt.h>
+#include <orvdevmgmt/device_writer.h>
+#include <orvkarma/outbox.h>
 #include <orvutils/setmgmt.h>
-#include <root.h>
+#include <orvutils/settings_failure.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
 #include <string>
-#include <vector>
 
 namespace orvctl {
 namespace {
 
-struct Place {
+using orv::store::Failure;
+
+struct Access {
     const char* name;
-    std::vector<const char*> directories; ///< below the root
+    bool (*open)();
+    const Failure& (*failure)();
+    void (*close)();
 };
 
-Place place_of(Store store)
+const Access& access_to(Store store)
 {
+    static constexpr Access kSettings{"settings store", [] { return orv::setMgmt::init() >= 0; },
+                                      orv::setMgmt::failure, orv::setMgmt::uninit};
+    static constexpr Access kDevices{"device store", [] { return orv::devMgmt::init() == 0; },
+                                     orv::devMgmt::failure, orv::devMgmt::uninit};
+    static constexpr Access kTelemetry{"telemetry outbox",
+                                       [] { return orv::karma::outbox::open() == orv::Error::none; },
+                                       orv::karma::outbox::failure, orv::karma::outbox::close};
     switch (store) {
     case Store::settings:
-        return {"settings store", {"var/settings", "tmp/settings"}};
+        return kSettings;
     case Store::devices:
-        return {"device store", {"var/devices"}};
+        return kDevices;
     case Store::telemetry:
-        return {"telemetry outbox", {"var/telemetry"}};
+        break;
     }
-    return {"store", {}};
+    return kTelemetry;
 }
 
 bool open(Store store)
 {
     const LogSilence silence;
-    switch (store) {
-    case Store::settings:
-        return orv::setMgmt::init() >= 0;
-    case Store::devices:
-        return orv::devMgmt::init() == 0;
-    case Store::telemetry:
-        return orv::karma::outbox::open() == orv::Error::none;
-    }
-    return false;
+    return access_to(store).open();
 }
 
-std::string with_reason(const std::string& name)
+std::string to_text(const Failure& failure)
 {
-    return name + ": " + std::strerror(errno);
-}
-
-/// What is wrong with a data file; empty when nothing is found.
-std::string fault_of_file(const std::string& name)
-{
-    const int fd = ::open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd == -1)
-        return errno == ENOENT ? "" : with_reason(name);
-    const auto verdict = orv::detail::check_store_file(fd);
-    ::close(fd);
-    const bool damaged = verdict.state == orv::detail::StoreState::damaged;
-    return damaged ? name + " is damaged: " + verdict.reason : "";
-}
-
-/// What is wrong with the lock file, which readers write to as well; empty when nothing is found. On a read-only
-/// file system it is not needed.
-std::string fault_of_lock(const std::string& directory)
-{
-    const std::string name = directory + "/lock.mdb";
-    const bool exists = ::access(name.c_str(), F_OK) == 0;
-    const std::string& written = exists ? name : directory;
-    return ::access(written.c_str(), R_OK | W_OK) == 0 || errno == EROFS ? "" : with_reason(written);
-}
-
-/// What is wrong with a store's directory, or in it; empty when nothing is found.
-std::string fault_of(const std::string& directory)
-{
-    if (!orv::detail::make_directories(directory, orv::detail::kDataDirectoryMode) ||
-        ::access(directory.c_str(), R_OK | X_OK) == -1) {
-        return with_reason(directory) +
+    switch (failure.kind) {
+    case Failure::Kind::none: // it was opened, and could not be read
+        return "with ORV_LOG_LEVEL=0 the reason is logged";
+    case Failure::Kind::directory:
+        return failure.path + ": " + failure.reason +
                " (ORV_ROOT names the agent's root directory, else it is /opt/orvane)";
+    case Failure::Kind::damage:
+        return failure.path + " is damaged: " + failure.reason;
+    case Failure::Kind::data_file:
+    case Failure::Kind::lock_file:
+    case Failure::Kind::store:
+        break;
     }
-    const std::string fault = fault_of_file(directory + "/data.mdb");
-    return fault.empty() ? fault_of_lock(directory) : fault;
+    return failure.path + ": " + failure.reason;
 }
 
 } // namespace
@@ -101,30 +75,14 @@ OpenedStore::OpenedStore(Store store) : m_store(store), m_open(open(store)) {}
 
 OpenedStore::~OpenedStore()
 {
-    if (!m_open)
-        return;
-    switch (m_store) {
-    case Store::settings:
-        orv::setMgmt::uninit();
-        break;
-    case Store::devices:
-        orv::devMgmt::uninit();
-        break;
-    case Store::telemetry:
-        orv::karma::outbox::close();
-        break;
-    }
+    if (m_open)
+        access_to(m_store).close();
 }
 
 int report_closed(Store store)
 {
-    const Place place = place_of(store);
-    std::string fault;
-    for (const char* directory : place.directories)
-        if (fault.empty())
-            fault = fault_of(orv::detail::root_path(directory));
-    complain(std::string("cannot open the ") + place.name + ": " +
-             (fault.empty() ? "with ORV_LOG_LEVEL=0 the reason is logged" : fault));
+    const Access& access = access_to(store);
+    complain(std::string("cannot open the ") + access.name + ": " + to_text(access.failure()));
     return kUnavailable;
 }
 

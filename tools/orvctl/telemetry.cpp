@@ -6,7 +6,7 @@
 #include "exit_status.h"
 #include "stores.h"
 
-#include <karma_outbox.h>
+#include <orvkarma/outbox.h>
 
 #include <functional>
 #include <string>

@@ -13,7 +13,7 @@ constexpr char kCloudRegistrationStatus[] = "cloud_registration_status";
 constexpr char kOrvagentStarted[] = "orvagent_started";
 constexpr char kVaStatusChanged[] = "va_status_changed";
 
-constexpr std::array kClientEvents{
+inline constexpr std::array kClientEvents{
     kDevicesListUpdated,      kDeviceDiscovery, kSubscriptionChanged,
     kCloudRegistrationStatus, kOrvagentStarted, kVaStatusChanged,
 };

@@ -1,18 +1,10 @@
 #pragma once
 
+#include <orvbase/error.h>
+
 namespace orv {
 
-/// Error numbers of the platform libraries, as orv::_get_orverrno() reports them.
-enum class Error : int {
-    none = 0,
-    invalid_argument = 1,
-    input_output = 2,
-    timed_out = 3,
-    no_such_key = 4,
-    no_value = 5, ///< the key has children but no value of its own
-};
-
-/// The error number of this process's last failed platform operation, 0 before the first one.
+/// The error number (orv::Error) of this process's last failed platform operation, 0 before the first one.
 /// A success leaves it as it is.
 int _get_orverrno();
 

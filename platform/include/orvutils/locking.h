@@ -39,13 +39,10 @@ public:
     /// Takes the lock without waiting.
     [[nodiscard]] result lock(type which);
 
-    [[nodiscard]] bool owns_lock() const { return m_owned; }
-
 private:
     explicit plock(int fd) : m_fd(fd) {}
 
     int m_fd = -1;
-    bool m_owned = false;
 };
 
 } // namespace orv::locking

@@ -40,11 +40,7 @@ struct Text {
 /// to syslog in the background. A line that cannot be written is lost; nothing is reported.
 void print(int channel, int level, Text line);
 
-/// Opens a channel. False when the channel does not exist or no more channels can be open at once
-/// (kMaxOpenChannels); opening an open channel succeeds.
+/// Opens a channel, which may be open already. False when there is no such channel.
 [[nodiscard]] bool open_channel(int channel);
-
-constexpr int kChannels = 8;
-constexpr int kMaxOpenChannels = 4;
 
 } // namespace orv::log

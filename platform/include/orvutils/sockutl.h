@@ -1,9 +1,8 @@
 #pragma once
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-
-#include <netinet/in.h>
 
 #include <array>
 #include <cstddef>

@@ -3,7 +3,7 @@
 
 #include "fake.h"
 
-#include "error_state.h"
+#include <orvbase/error_number.h>
 
 #include <orvdiagnosis/orvdiagnosis.h>
 #include <orvkarma/orvkarma.h>
@@ -156,15 +156,11 @@ void timer_uninit(int fd)
 
 namespace orv::locking {
 
-plock::plock(plock&& other) noexcept
-    : m_fd(std::exchange(other.m_fd, -1)), m_owned(std::exchange(other.m_owned, false))
-{
-}
+plock::plock(plock&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
 
 plock& plock::operator=(plock&& other) noexcept
 {
     std::swap(m_fd, other.m_fd);
-    std::swap(m_owned, other.m_owned);
     return *this;
 }
 
@@ -190,7 +186,6 @@ result plock::lock(type which)
     const Fake::Calm calm;
     if (platform().fails("plock::lock(" + std::to_string(static_cast<int>(which)) + ")"))
         return result::busy;
-    m_owned = true;
     return result::locked;
 }
 

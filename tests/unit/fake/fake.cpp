@@ -1,6 +1,6 @@
 #include "fake.h"
 
-#include "error_state.h"
+#include <orvbase/error_number.h>
 
 #include <orvutils/log.h>
 
@@ -202,7 +202,7 @@ bool Fake::fails(std::string text)
     errno = m_error != 0 ? m_error : EIO;
     if (m_error == 0)
         m_error = static_cast<int>(Error::input_output);
-    detail::set_orverrno(static_cast<Error>(m_error));
+    base::set_error(static_cast<Error>(m_error));
     return true;
 }
 

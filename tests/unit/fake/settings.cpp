@@ -2,7 +2,7 @@
 
 #include "fake.h"
 
-#include "error_state.h"
+#include <orvbase/error_number.h>
 
 #include <orvutils/featureutl.h>
 #include <orvutils/leases.h>
@@ -54,7 +54,7 @@ int use(const char* what, const std::string& key, const std::string& more = {})
     if (fake.fails(std::string("setMgmt::") + what + "(" + key + more + ")"))
         return -fake.error();
     const auto error = fake.setting_errors.find(key);
-    return error == fake.setting_errors.end() ? 0 : detail::fail(static_cast<Error>(error->second));
+    return error == fake.setting_errors.end() ? 0 : base::fail(static_cast<Error>(error->second));
 }
 
 int read(const std::string& key, std::string& value)
@@ -62,7 +62,7 @@ int read(const std::string& key, std::string& value)
     const Fake::Calm calm;
     const auto found = platform().settings.find(key);
     if (found == platform().settings.end())
-        return detail::fail(has_children(key) ? Error::no_value : Error::no_such_key);
+        return base::fail(has_children(key) ? Error::no_value : Error::no_such_key);
     value = found->second;
     return static_cast<int>(value.size());
 }
@@ -114,7 +114,7 @@ int setKey(const std::string& key, const std::string& value)
     if (const int result = use("setKey", key, ", " + value); result < 0)
         return result;
     if (key.empty() || key.size() > kMaxKeySize || value.size() > kMaxValueSize)
-        return detail::fail(Error::invalid_argument);
+        return base::fail(Error::invalid_argument);
     platform().settings[key] = value;
     return 0;
 }
@@ -129,7 +129,7 @@ int deleteKey(const std::string& key)
     settings.erase(key);
     while (has_children(key))
         settings.erase(settings.lower_bound(key + "/"));
-    return found ? 0 : detail::fail(Error::no_such_key);
+    return found ? 0 : base::fail(Error::no_such_key);
 }
 
 int enumSubkeys(const std::string& key, std::vector<std::string>& names)

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+
+/// Reading that signals do not disturb.
+namespace orv::base {
+
+/// As read(2), but never interrupted.
+[[nodiscard]] ssize_t read_some(int fd, void* data, std::size_t size);
+
+/// Reads exactly so many bytes at a place of a file. False when they are not there.
+[[nodiscard]] bool read_fully(int fd, void* data, std::size_t size, std::uint64_t offset);
+
+} // namespace orv::base

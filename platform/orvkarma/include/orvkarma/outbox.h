@@ -1,0 +1,44 @@
+#pragma once
+
+#include <orvbase/error.h>
+#include <orvstore/failure.h>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// The outbox: telemetry events that the agent has not confirmed yet, on disk. Every change is on disk when
+/// the function returns.
+namespace orv::karma::outbox {
+
+constexpr std::size_t kMaxEvents = 1000;
+constexpr std::size_t kMaxIdSize = 255;
+constexpr std::size_t kMaxEventSize = std::size_t{256} * 1024;
+
+[[nodiscard]] Error open();
+/// Why open() has failed.
+[[nodiscard]] const store::Failure& failure();
+void close();
+
+struct Entry {
+    std::string id;
+    std::string text; ///< the event as JSON
+};
+
+/// All entries in the order of their ids, which is that of their making.
+[[nodiscard]] Error read(std::vector<Entry>& entries);
+
+/// The id of the last entry; Error::no_such_key when the outbox is empty.
+[[nodiscard]] Error last_id(std::string& id);
+
+/// Adds an event unless its id is there already. When there is no room the oldest ones go, with a log line.
+[[nodiscard]] Error put(std::string_view id, std::string_view text);
+
+/// Removes an event; it is no error when it is not there.
+[[nodiscard]] Error remove(std::string_view id);
+
+/// Removes all events.
+[[nodiscard]] Error clear();
+
+} // namespace orv::karma::outbox

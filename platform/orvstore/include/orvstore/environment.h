@@ -1,0 +1,91 @@
+#pragma once
+
+#include <orvbase/error.h>
+#include <orvstore/failure.h>
+#include <orvstore/file_state.h>
+#include <orvstore/layout.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <variant>
+
+namespace orv::store {
+
+class Opened;
+
+/// One LMDB environment: a directory with a data file that holds some named trees of byte strings, shared by
+/// all processes that open it. A process opens a directory at most once.
+///
+/// Between open() and close() the environment looks after itself: one that was deleted, replaced or broken by
+/// an input/output error is opened again as soon as it is there, on the next use. Each failure is reported
+/// once.
+class Environment {
+public:
+    explicit Environment(Layout layout);
+    Environment(const Environment&) = delete;
+    Environment& operator=(const Environment&) = delete;
+    ~Environment();
+
+    /// Opens or creates it, below the root directory as it is named now. Falls back to reading only on a
+    /// read-only file system, and where the data file, but not the lock file, must not be written. A failure
+    /// leaves it closed.
+    [[nodiscard]] Error open();
+    void close();
+    [[nodiscard]] bool is_wanted() const { return !std::holds_alternative<Closed>(m_state); }
+
+    /// Why the last attempt to open it has failed; Kind::none when it has not.
+    [[nodiscard]] const Failure& failure() const;
+
+    /// Does, at most ten times a second, what every use does first: opens it again if something else lies
+    /// under its name by now, or if it could not be opened so far.
+    void look_after();
+    /// The same, at once.
+    void refresh();
+
+    /// Makes every commit visible that has reached the data file. (A commit becomes visible to readers an
+    /// instant after LMDB has written it; a writer that is killed in between leaves it for the next one.)
+    void catch_up();
+
+    /// 0 while nothing is open; else another number for every store that this environment has opened.
+    [[nodiscard]] unsigned generation() const;
+    [[nodiscard]] const std::string& data_file() const { return m_data_file; }
+
+    /// Tells the owner something about this store.
+    void report(Severity severity, const std::string& text) const;
+
+private:
+    friend class Transaction;
+    friend class Read;
+    friend class Write;
+
+    /// Not to be used; what open() has failed with, if it has.
+    struct Closed {
+        Failure failure;
+    };
+    /// To be used, but not there.
+    struct Missing {
+        Failure failure;
+        FileState seen; ///< the data file after the last attempt
+        std::int64_t tried_ms;
+    };
+
+    enum class Purpose { reading, writing };
+
+    [[nodiscard]] Opened* use(Purpose purpose);
+    [[nodiscard]] bool is_as_it_should_be(const Opened& opened, Purpose purpose);
+    [[nodiscard]] Opened* reopen();
+    [[nodiscard]] Opened* take(std::unique_ptr<Opened> opened);
+    Error operation_failed(Opened& opened, const char* doing, int code) const;
+    void report_about(Severity severity, const std::string& text) const;
+
+    Layout m_layout;
+    std::string m_directory;
+    std::string m_data_file;
+    std::variant<Closed, Missing, std::unique_ptr<Opened>> m_state;
+    FileState m_last_opened; ///< the data file that was opened last
+    unsigned m_generation = 0;
+    std::int64_t m_last_check_ms = 0; ///< of whether the store is still the one under its name
+};
+
+} // namespace orv::store

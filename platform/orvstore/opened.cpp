@@ -1,0 +1,415 @@
+// Opening LMDB's environment, and what is done with all of it at once.
+//
+// Reading: one reading transaction per environment is kept for good and only renewed (which takes the current
+// snapshot) and reset (which lets go of it). Both are a few stores to the reader table in shared memory, so a
+// look-up makes no system call.
+//
+// Trust: LMDB maps its files and believes what is in them. The data file is therefore examined before it is
+// mapped, and the lock file, which LMDB would leave sparse, gets its blocks before: touching a page that a
+// full file system cannot provide would be a SIGBUS. Opening is done under a lock on the directory, so that
+// nobody examines a file that another process is just creating. Under that lock, too, a damaged file of a store
+// that is not synced is thrown away when nobody has it open: a crash of the system may have damaged it, and it
+// holds nothing that has to outlive one.
+//
+// Forking: a child would share its parent's place in the reader table. It therefore opens the store anew on
+// its first use.
+
+#include "opened.h"
+
+#include "check.h"
+
+#include <orvbase/descriptor.h>
+#include <orvbase/root.h>
+
+#include <lmdb.h>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace orv::store {
+
+namespace {
+
+using base::Descriptor;
+
+constexpr mode_t kFileMode = 0600;
+constexpr int kReaders = 126; ///< processes that can have an environment open
+/// LMDB's reader table: a cache line for each of its two locks and for each reader.
+constexpr off_t kLockFileSize = off_t{kReaders + 2} * 64;
+
+/// How many forks lie between this process and the first one.
+unsigned g_forks = 0;
+
+void watch_for_forks()
+{
+    // Out of memory is the only possible failure; forking is then no option either.
+    static const int registered = pthread_atfork(nullptr, nullptr, [] { ++g_forks; });
+    (void)registered;
+}
+
+FileState to_file_state(const struct stat& status)
+{
+    return {status.st_dev, status.st_ino, status.st_size,
+            std::int64_t{status.st_mtim.tv_sec} * 1000000000 + status.st_mtim.tv_nsec};
+}
+
+bool is_not_permitted(int code)
+{
+    return code == EROFS || code == EACCES || code == EPERM;
+}
+
+/// Whether some other process has the store open: LMDB then holds a lock on the first byte of the lock file.
+/// Must not be asked by a process that has it open itself, which would lose its own lock. Yes, when in doubt.
+bool is_in_use(const std::string& lock_file)
+{
+    const Descriptor file(::open(lock_file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!file.is_open())
+        return errno != ENOENT;
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_len = 1;
+    return fcntl(file.get(), F_GETLK, &lock) < 0 || lock.l_type != F_UNLCK;
+}
+
+/// Errors after which the environment must be opened again; all others concern the one operation only.
+bool is_fatal(int code)
+{
+    switch (code) {
+    case MDB_PANIC:
+    case MDB_CORRUPTED:
+    case MDB_PAGE_NOTFOUND:
+    case MDB_INVALID:
+    case MDB_MAP_RESIZED:
+    case MDB_BAD_RSLOT:
+    case MDB_BAD_DBI:
+        return true;
+    default:
+        return false;
+    }
+}
+
+/// Gives the file its blocks, so that a mapping of it can be written to. Existing content stays.
+int allocate(int fd, off_t size)
+{
+    if (fallocate(fd, 0, 0, size) == 0)
+        return 0;
+    if (errno != EOPNOTSUPP && errno != ENOSYS)
+        return errno;
+    // A file system without it: zeros go only where the file does not reach, nobody has mapped that.
+    struct stat status {};
+    if (fstat(fd, &status) < 0)
+        return errno;
+    static constexpr char kZeros[1024] = {};
+    for (off_t at = status.st_size; at < size;) {
+        const auto count = std::min<off_t>(size - at, sizeof kZeros);
+        const ssize_t written = pwrite(fd, kZeros, static_cast<std::size_t>(count), at);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return written < 0 ? errno : ENOSPC;
+        at += written;
+    }
+    return 0;
+}
+
+int lock_directory(int fd)
+{
+    while (flock(fd, LOCK_EX) < 0)
+        if (errno != EINTR)
+            return errno;
+    return 0;
+}
+
+} // namespace
+
+FileState file_state(const std::string& file)
+{
+    struct stat status {};
+    return stat(file.c_str(), &status) == 0 ? to_file_state(status) : FileState{};
+}
+
+std::string data_file_in(const std::string& directory)
+{
+    return directory + "/data.mdb";
+}
+
+/// One attempt to open a store. Its steps tell whether they have succeeded, and leave the failure if not.
+class Opening {
+public:
+    Opening(const std::string& directory, const Layout& layout, Failure& failure)
+        : m_directory(directory), m_data_file(data_file_in(directory)), m_lock_file(directory + "/lock.mdb"),
+          m_layout(layout), m_failure(failure), m_opened(new Opened)
+    {
+    }
+
+    std::unique_ptr<Opened> run()
+    {
+        return enter_directory() && open_files() ? std::move(m_opened) : nullptr;
+    }
+
+private:
+    using Kind = Failure::Kind;
+
+    bool fail(Kind kind, const std::string& path, const char* doing, const char* reason)
+    {
+        m_failure = {kind, path, doing, reason};
+        return false;
+    }
+
+    bool fail_to_open(const char* reason) { return fail(Kind::store, m_directory, "open the store", reason); }
+
+    void report(Severity severity, const std::string& text) const
+    {
+        if (m_layout.report)
+            m_layout.report(severity, std::string("store ") + m_layout.directory + ": " + text);
+    }
+
+    /// Makes it, and keeps all others who open the store out.
+    bool enter_directory()
+    {
+        const auto failed = [this](const char* doing, int code) {
+            return fail(Kind::directory, m_directory, doing, std::strerror(code));
+        };
+        if (!base::make_directories(m_directory, base::kDataDirectoryMode))
+            return failed("create the directory", errno);
+        m_locked = Descriptor(::open(m_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!m_locked.is_open())
+            return failed("open the directory", errno);
+        const int code = lock_directory(m_locked.get());
+        return code == 0 || failed("lock the directory", code);
+    }
+
+    bool open_files()
+    {
+        if (!check_data_file() || !reserve_lock_file())
+            return false;
+        if (open_environment() && (!m_is_new || !m_layout.synced || sync_creation()))
+            return open_trees();
+        // No half of a store is left behind: it would look like a damaged one.
+        m_opened.reset();
+        if (m_is_new && truncate(m_data_file.c_str(), 0) < 0 && errno != ENOENT)
+            m_failure.reason += std::string(", and cannot empty the data file: ") + std::strerror(errno);
+        return false;
+    }
+
+    /// Whether there is a store in the file, or nothing, which is m_is_new then.
+    bool check_data_file()
+    {
+        const Descriptor file(::open(m_data_file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        m_is_new = !file.is_open() && errno == ENOENT;
+        if (m_is_new)
+            return true;
+        if (!file.is_open())
+            return fail(Kind::data_file, m_data_file, "open the data file", std::strerror(errno));
+        const StoreVerdict verdict = check_store_file(file.get());
+        m_is_new = verdict.state != StoreState::sound;
+        if (verdict.state == StoreState::damaged)
+            return drop_damaged_file(verdict.reason);
+        if (verdict.state == StoreState::unfinished && truncate(m_data_file.c_str(), 0) < 0)
+            return fail(Kind::data_file, m_data_file, "empty the data file", std::strerror(errno));
+        return true;
+    }
+
+    bool drop_damaged_file(const char* reason)
+    {
+        if (m_layout.synced || is_in_use(m_lock_file))
+            return fail(Kind::damage, m_data_file, "use the data file, it is damaged", reason);
+        if (unlink(m_data_file.c_str()) < 0 && errno != ENOENT)
+            return fail(Kind::data_file, m_data_file, "remove the damaged data file", std::strerror(errno));
+        report(Severity::warning, std::string("its data file was damaged and is created anew: ") + reason);
+        return true;
+    }
+
+    bool reserve_lock_file()
+    {
+        const Descriptor file(
+            ::open(m_lock_file.c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_CLOEXEC, kFileMode));
+        // Elsewhere somebody may be writing, and readers must leave their marks in the lock file.
+        if (!file.is_open() && errno == EROFS) {
+            m_opened->m_read_only = true;
+            return true;
+        }
+        // What keeps it from being created is the directory.
+        const auto failed = [this](const char* doing, const char* reason) {
+            const bool is_there = access(m_lock_file.c_str(), F_OK) == 0;
+            return fail(Kind::lock_file, is_there ? m_lock_file : m_directory, doing, reason);
+        };
+        struct stat status {};
+        if (!file.is_open() || fstat(file.get(), &status) < 0)
+            return failed("open the lock file", std::strerror(errno));
+        if (!S_ISREG(status.st_mode))
+            return failed("open the lock file", "no regular file");
+        const int code = allocate(file.get(), kLockFileSize);
+        return code == 0 || failed("allocate the lock file", std::strerror(code));
+    }
+
+    /// An environment that LMDB has failed to open can only be closed.
+    int try_to_open_environment()
+    {
+        MDB_env*& environment = m_opened->m_environment;
+        const unsigned flags =
+            MDB_NOTLS | (m_layout.synced ? 0U : MDB_NOSYNC) | (m_opened->m_read_only ? MDB_RDONLY : 0U);
+        if (environment)
+            mdb_env_close(environment);
+        environment = nullptr;
+        int code = mdb_env_create(&environment);
+        if (code == MDB_SUCCESS)
+            code = mdb_env_set_maxdbs(environment, static_cast<unsigned>(m_layout.trees.size()));
+        if (code == MDB_SUCCESS)
+            code = mdb_env_set_mapsize(environment, m_layout.map_size);
+        return code == MDB_SUCCESS ? mdb_env_open(environment, m_directory.c_str(), flags, kFileMode) : code;
+    }
+
+    bool open_environment()
+    {
+        int code = try_to_open_environment();
+        if (is_not_permitted(code) && !m_opened->m_read_only) {
+            m_opened->m_read_only = true;
+            code = try_to_open_environment();
+        }
+        mdb_filehandle_t fd = -1;
+        if (code == MDB_SUCCESS)
+            code = mdb_env_get_fd(m_opened->m_environment, &fd);
+        if (code != MDB_SUCCESS)
+            return fail_to_open(mdb_strerror(code));
+        struct stat status {};
+        if (fcntl(fd, F_SETFD, FD_CLOEXEC) < 0 || fstat(fd, &status) < 0)
+            return fail_to_open(std::strerror(errno));
+        m_opened->m_file = to_file_state(status);
+        if (m_opened->m_read_only)
+            report(Severity::warning, "can be read only");
+        else // slots of dead readers; a full table shows below
+            (void)mdb_reader_check(m_opened->m_environment, nullptr);
+        return true;
+    }
+
+    /// Puts the new file on disk before anything is stored in it, so that one whose first pages are zero after
+    /// a crash of the system is known never to have held anything.
+    bool sync_creation()
+    {
+        if (const int code = mdb_env_sync(m_opened->m_environment, 1); code != MDB_SUCCESS)
+            return fail(Kind::data_file, m_data_file, "sync the data file", mdb_strerror(code));
+        (void)fsync(m_locked.get()); // as durable as the file system makes it
+        return true;
+    }
+
+    bool open_trees()
+    {
+        int code = open_trees_with(MDB_RDONLY, 0);
+        if (code == MDB_NOTFOUND && !m_opened->m_read_only)
+            code = open_trees_with(0, MDB_CREATE);
+        if (code == MDB_SUCCESS)
+            code = start_reader();
+        return code == MDB_SUCCESS || fail(Kind::store, m_directory, "open the trees", mdb_strerror(code));
+    }
+
+    int open_trees_with(unsigned transaction_flags, unsigned tree_flags)
+    {
+        MDB_txn* transaction = nullptr;
+        int code = mdb_txn_begin(m_opened->m_environment, nullptr, transaction_flags, &transaction);
+        if (code != MDB_SUCCESS)
+            return code;
+        m_opened->m_trees.clear();
+        for (const char* name : m_layout.trees) {
+            MDB_dbi tree = 0;
+            code = mdb_dbi_open(transaction, name, tree_flags, &tree);
+            if (code != MDB_SUCCESS) {
+                mdb_txn_abort(transaction);
+                return code;
+            }
+            m_opened->m_trees.push_back(tree);
+        }
+        return mdb_txn_commit(transaction);
+    }
+
+    int start_reader()
+    {
+        const int code = mdb_txn_begin(m_opened->m_environment, nullptr, MDB_RDONLY, &m_opened->m_reader);
+        if (code == MDB_SUCCESS)
+            mdb_txn_reset(m_opened->m_reader);
+        return code;
+    }
+
+    const std::string& m_directory;
+    const std::string m_data_file;
+    const std::string m_lock_file;
+    const Layout& m_layout;
+    Failure& m_failure;
+    Descriptor m_locked; ///< the directory
+    bool m_is_new = false;
+    std::unique_ptr<Opened> m_opened; ///< in the making; given back while the directory is still locked
+};
+
+std::unique_ptr<Opened> Opened::open(const std::string& directory, const Layout& layout, Failure& failure)
+{
+    watch_for_forks();
+    return Opening(directory, layout, failure).run();
+}
+
+Opened::Opened() : m_forks(g_forks) {}
+
+Opened::~Opened()
+{
+    if (m_reader && m_forks == g_forks)
+        mdb_txn_abort(m_reader); // in a fork's child that would give the parent's place away
+    if (m_environment)
+        mdb_env_close(m_environment);
+}
+
+bool Opened::is_sound() const
+{
+    return !m_in_doubt && m_forks == g_forks;
+}
+
+int Opened::begin_read()
+{
+    if (m_readings == 0)
+        if (const int code = mdb_txn_renew(m_reader); code != MDB_SUCCESS)
+            return code;
+    ++m_readings;
+    return MDB_SUCCESS;
+}
+
+void Opened::end_read()
+{
+    if (--m_readings == 0)
+        mdb_txn_reset(m_reader);
+}
+
+std::uint64_t Opened::seen_commit() const
+{
+    return mdb_txn_id(m_reader);
+}
+
+std::uint64_t Opened::written_commit() const
+{
+    MDB_envinfo written{};
+    return mdb_env_info(m_environment, &written) == MDB_SUCCESS ? written.me_last_txnid : 0;
+}
+
+int Opened::wait_for_writer()
+{
+    MDB_txn* transaction = nullptr;
+    const int code = mdb_txn_begin(m_environment, nullptr, 0, &transaction);
+    if (code == MDB_SUCCESS)
+        mdb_txn_abort(transaction);
+    return code;
+}
+
+const char* Opened::note_failure(int code)
+{
+    if (code == MDB_MAP_FULL)
+        (void)mdb_reader_check(m_environment, nullptr); // a reader that died may be what keeps pages in use
+    m_in_doubt = m_in_doubt || is_fatal(code);
+    return mdb_strerror(code);
+}
+
+} // namespace orv::store

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <orvstore/failure.h>
+#include <orvstore/file_state.h>
+#include <orvstore/layout.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+struct MDB_env;
+struct MDB_txn;
+
+namespace orv::store {
+
+/// A store that has been opened: LMDB's handles, until they are given back. Functions that return a number
+/// return LMDB's error code, 0 for success.
+class Opened {
+public:
+    /// Opens or creates the store in `directory`. Null, with the reason, when that fails.
+    [[nodiscard]] static std::unique_ptr<Opened> open(const std::string& directory, const Layout& layout,
+                                                      Failure& failure);
+    Opened(const Opened&) = delete;
+    Opened& operator=(const Opened&) = delete;
+    ~Opened();
+
+    /// Whether it can go on being used: no operation has left it in doubt, and this is the process that has
+    /// opened it.
+    [[nodiscard]] bool is_sound() const;
+    [[nodiscard]] bool is_read_only() const { return m_read_only; }
+    [[nodiscard]] const FileState& file() const { return m_file; }
+
+    [[nodiscard]] MDB_env* environment() const { return m_environment; }
+    [[nodiscard]] MDB_txn* reader() const { return m_reader; }
+    [[nodiscard]] unsigned tree(std::size_t index) const { return m_trees[index]; }
+
+    /// The reading transaction begins to see the present snapshot, unless it is in use already.
+    [[nodiscard]] int begin_read();
+    void end_read();
+    [[nodiscard]] bool is_being_read() const { return m_readings > 0; }
+    /// The commit that the reading transaction sees.
+    [[nodiscard]] std::uint64_t seen_commit() const;
+    /// The last commit in the data file, which readers need not see yet; 0 when it cannot be told.
+    [[nodiscard]] std::uint64_t written_commit() const;
+    /// Returns when no other process is writing.
+    [[nodiscard]] int wait_for_writer();
+
+    /// Takes notice of a failed operation, and tells what its code means.
+    const char* note_failure(int code);
+
+private:
+    friend class Opening;
+    Opened();
+
+    MDB_env* m_environment = nullptr;
+    MDB_txn* m_reader = nullptr; ///< the one reading transaction: renewed and reset, never ended
+    std::vector<unsigned> m_trees;
+    FileState m_file;        ///< the data file
+    unsigned m_readings = 0; ///< readings that are going on, nested ones included
+    unsigned m_forks;        ///< of this process, when it was opened
+    bool m_read_only = false;
+    bool m_in_doubt = false;
+};
+
+/// The state of the file that has this name now.
+[[nodiscard]] FileState file_state(const std::string& file);
+
+/// The name of a store's data file.
+[[nodiscard]] std::string data_file_in(const std::string& directory);
+
+} // namespace orv::store

@@ -1,0 +1,78 @@
+// File locks are open file description locks: they belong to the descriptor. The older kind, which belongs to
+// the process, is lost as soon as the process closes any descriptor of the file.
+
+#include <orvutils/locking.h>
+
+#include <orvbase/error_number.h>
+#include <orvbase/root.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace orv::locking {
+
+namespace {
+
+constexpr mode_t kLockFileMode = 0644;
+
+/// Only what lies below the agent's root is ours to make.
+void make_parent(const std::string& file)
+{
+    const std::string root = base::root_path("");
+    const auto slash = file.rfind('/');
+    if (slash == std::string::npos || slash < root.size() || file.compare(0, root.size(), root) != 0)
+        return;
+    if (file[root.size()] == '/' || root == "/")
+        (void)base::make_directories(file.substr(0, slash), base::kDirectoryMode); // open() will tell
+}
+
+int open_file(const std::string& file, bool create)
+{
+    if (create)
+        make_parent(file);
+    return open(file.c_str(), O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), kLockFileMode);
+}
+
+} // namespace
+
+plock::plock(plock&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+
+plock& plock::operator=(plock&& other) noexcept
+{
+    std::swap(m_fd, other.m_fd);
+    return *this;
+}
+
+plock::~plock()
+{
+    if (m_fd != -1)
+        (void)close(m_fd); // nothing was written
+}
+
+std::optional<plock> plock::make(const path& file, flags how)
+{
+    const int fd = open_file(file.str(), how == flags::create);
+    if (fd == -1) {
+        base::set_error(file.str().empty() ? Error::invalid_argument : Error::input_output);
+        return std::nullopt;
+    }
+    return plock(fd);
+}
+
+result plock::lock(type which)
+{
+    struct flock request {}; // start and length 0: the whole file
+    request.l_type = which == type::exclusive ? F_WRLCK : F_RDLCK;
+    request.l_whence = SEEK_SET;
+    if (fcntl(m_fd, F_OFD_SETLK, &request) == 0)
+        return result::locked;
+    if (errno == EAGAIN || errno == EACCES)
+        return result::busy;
+    base::set_error(Error::input_output);
+    return result::failed;
+}
+
+} // namespace orv::locking

@@ -1,0 +1,202 @@
+// A watch compares the key's record with the last snapshot it has looked at. A record carries the number of
+// the commit that wrote it, so a present key has changed if that number is higher than the snapshot's; a key
+// that is absent now has changed if it was present, or if the journal of removals names it, that is, it came
+// and went in between. After the store itself was replaced, numbers say nothing and every key counts as
+// changed.
+
+#include "settings_store.h"
+
+#include <orvstore/notify.h>
+#include <orvutils/log_format.h>
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+namespace orv::detail {
+
+namespace {
+
+using store::Environment;
+using store::Read;
+using store::Transaction;
+
+constexpr std::size_t kRemovalsAtOnce = 64;
+
+/// What a watch has seen so far.
+struct Seen {
+    unsigned generation = 0; ///< of the environment; 0 before the first look
+    std::uint64_t commit = 0;
+    std::uint64_t removals = 0; ///< place in their journal
+    bool present = false;
+};
+
+class KeyWatch;
+
+std::vector<KeyWatch*>& all_watches()
+{
+    static auto* watches = new std::vector<KeyWatch*>;
+    return *watches;
+}
+
+class KeyWatch : public store::notify::Listener {
+public:
+    using Callback = setMgmt::MonitoredKey::Callback;
+
+    KeyWatch(const char* key, Callback callback, bool notify_now, void* user, bool keep)
+        : m_path(key), m_callback(std::move(callback)), m_user(user), m_keep(keep), m_notify_now(notify_now)
+    {
+    }
+
+    /// False when there is nothing to watch or no one to tell.
+    bool start()
+    {
+        if (!m_callback || !m_key.parse(m_path.str()) || m_key.is_root())
+            return false;
+        m_environment = &settings_environment(m_key);
+        store::notify::watch(*m_environment);
+        (void)has_changed(); // takes the present state for seen
+        all_watches().push_back(this);
+        m_active = true;
+        return true;
+    }
+
+    void cancel()
+    {
+        if (!std::exchange(m_active, false))
+            return;
+        auto& watches = all_watches();
+        watches.erase(std::find(watches.begin(), watches.end(), this));
+        store::notify::unwatch(*m_environment);
+        store::notify::remove(*this); // may end this object's life
+    }
+
+    void look() override
+    {
+        if (!m_active)
+            return;
+        const bool told_anyway = std::exchange(m_notify_now, false);
+        if (!has_changed() && !told_anyway)
+            return;
+        if (!m_callback(m_path, m_user))
+            cancel();
+    }
+
+    [[nodiscard]] bool is_active() const { return m_active; }
+    [[nodiscard]] bool is_kept() const { return m_keep; }
+
+private:
+    bool has_changed()
+    {
+        Read snapshot(*m_environment);
+        if (snapshot.error() != Error::none)
+            return false; // it is looked at again when the store is back
+        const Seen before = m_seen;
+        const unsigned generation = m_environment->generation();
+        if (generation == before.generation && snapshot.id() == before.commit)
+            return false;
+        SettingsRecord record;
+        const Error error = read_record(snapshot, m_key, record);
+        if (error != Error::none && error != Error::no_such_key)
+            return false;
+        m_seen.generation = generation;
+        m_seen.commit = snapshot.id();
+        m_seen.present = error == Error::none;
+        const bool removed = was_removed(snapshot);
+        if (before.generation == 0)
+            return false;
+        if (generation != before.generation || m_seen.commit < before.commit)
+            return true;
+        return m_seen.present ? record.commit > before.commit : before.present || removed;
+    }
+
+    /// Reads on in the journal of removals.
+    bool was_removed(Transaction& snapshot)
+    {
+        bool removed = false;
+        std::vector<std::string> nodes;
+        do {
+            nodes.clear();
+            bool lost = false;
+            if (kRemovalJournal.read(snapshot, m_seen.removals, kRemovalsAtOnce, nodes, lost) != Error::none)
+                return true; // unknown; one notice too many does less harm than one too few
+            removed = removed || lost || std::find(nodes.begin(), nodes.end(), m_key.bytes()) != nodes.end();
+        } while (!nodes.empty());
+        return removed;
+    }
+
+    path m_path;
+    Callback m_callback;
+    void* m_user;
+    SettingsKey m_key;
+    Environment* m_environment = nullptr;
+    Seen m_seen;
+    bool m_keep;
+    bool m_notify_now;
+    bool m_active = false;
+};
+
+} // namespace
+
+void settings_opened()
+{
+    if (!all_watches().empty())
+        store::notify::wake(); // the store may have changed while it was closed
+}
+
+void settings_closing()
+{
+    const std::vector<KeyWatch*> watches = all_watches();
+    for (KeyWatch* watch : watches)
+        if (!watch->is_kept())
+            watch->cancel();
+}
+
+} // namespace orv::detail
+
+namespace orv::setMgmt {
+
+class MonitoredKey::Watch {
+public:
+    explicit Watch(std::shared_ptr<detail::KeyWatch> watch) : m_watch(std::move(watch)) {}
+
+    [[nodiscard]] detail::KeyWatch& get() const { return *m_watch; }
+
+private:
+    std::shared_ptr<detail::KeyWatch> m_watch; ///< shared with the listeners, which may be calling it
+};
+
+MonitoredKey::MonitoredKey(const char* key, Callback callback, bool notify_now, void* user, bool keep)
+{
+    if (!log::open_channel(log::kORVSetMgmtChannel))
+        ORV_LOG(log::kError, "Cannot open log channel {}", log::kORVSetMgmtChannel);
+    auto watch = std::make_shared<detail::KeyWatch>(key, std::move(callback), notify_now, user, keep);
+    m_watch = std::make_unique<Watch>(watch);
+    if (!watch->start())
+        return;
+    store::notify::add(watch);
+    if (notify_now)
+        store::notify::wake();
+}
+
+MonitoredKey::~MonitoredKey()
+{
+    cancel();
+}
+
+int MonitoredKey::get_fd() const
+{
+    return m_watch->get().is_active() ? store::notify::descriptor() : -1;
+}
+
+void MonitoredKey::read_notifications()
+{
+    store::notify::read(); // a callback may destroy this object
+}
+
+void MonitoredKey::cancel()
+{
+    m_watch->get().cancel();
+}
+
+} // namespace orv::setMgmt

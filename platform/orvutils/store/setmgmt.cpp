@@ -1,0 +1,286 @@
+// Reading, writing and listing of settings. Records and environments are described in settings_store.h.
+
+#include "settings_store.h"
+
+#include <orvbase/error_number.h>
+#include <orvutils/log_format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <utility>
+
+namespace orv::detail {
+
+namespace {
+
+using store::Cursor;
+using store::Environment;
+using store::Read;
+using store::Transaction;
+using store::Write;
+
+constexpr std::size_t kMegabyte = std::size_t{1024} * 1024;
+constexpr std::size_t kStampSize = sizeof(std::uint64_t);
+
+void report(store::Severity severity, const std::string& text)
+{
+    ORV_LOG(static_cast<int>(severity), "{}", text);
+}
+
+struct Environments {
+    Environment durable{{"var/settings", {"values", "removals"}, 64 * kMegabyte, true, report}};
+    Environment volatile_keys{{"tmp/settings", {"values", "removals"}, 32 * kMegabyte, false, report}};
+};
+
+/// Live as long as the process: they hold what the operating system releases anyhow.
+Environments& environments()
+{
+    static auto* instance = new Environments;
+    return *instance;
+}
+
+bool starts_with(std::string_view text, std::string_view prefix)
+{
+    return text.substr(0, prefix.size()) == prefix;
+}
+
+bool is_within(const SettingsKey& key, std::string_view bytes)
+{
+    return bytes == key.bytes() || starts_with(bytes, key.prefix());
+}
+
+/// Whether a key without a value has children.
+Error tell_absence(Transaction& transaction, const SettingsKey& key)
+{
+    Cursor cursor(transaction, kValues);
+    if (cursor.seek(key.prefix()) && starts_with(cursor.key(), key.prefix()))
+        return Error::no_value;
+    return cursor.error() != Error::none ? cursor.error() : Error::no_such_key;
+}
+
+Error read_value(const SettingsKey& key, std::string& value)
+{
+    Read transaction(settings_environment(key));
+    if (transaction.error() != Error::none)
+        return transaction.error();
+    SettingsRecord record;
+    const Error error = key.is_root() ? Error::no_such_key : read_record(transaction, key, record);
+    if (error == Error::no_such_key)
+        return tell_absence(transaction, key);
+    if (error == Error::none)
+        value = record.value;
+    return error;
+}
+
+Error write_value(const SettingsKey& key, std::string_view value)
+{
+    Write transaction(settings_environment(key));
+    if (transaction.error() != Error::none)
+        return transaction.error();
+    const std::uint64_t commit = transaction.id();
+    std::string record(kStampSize + value.size(), '\0');
+    std::memcpy(record.data(), &commit, kStampSize);
+    if (!value.empty())
+        std::memcpy(record.data() + kStampSize, value.data(), value.size());
+    if (const Error error = transaction.put(kValues, key.bytes(), record); error != Error::none)
+        return error;
+    return transaction.commit();
+}
+
+/// Removes every node from the key down that has a value, and tells the journal of each.
+Error remove_nodes(Write& transaction, const SettingsKey& key)
+{
+    Cursor cursor(transaction, kValues);
+    bool found = cursor.seek(key.bytes()) && is_within(key, cursor.key());
+    if (!found)
+        return cursor.error() != Error::none ? cursor.error() : Error::no_such_key;
+    if (cursor.key() != key.bytes()) // the node itself goes too, though it has no value
+        if (const Error error = kRemovalJournal.append(transaction, key.bytes()); error != Error::none)
+            return error;
+    while (found) {
+        const std::string node(cursor.key());
+        Error error = cursor.remove();
+        if (error == Error::none)
+            error = kRemovalJournal.append(transaction, node);
+        if (error != Error::none)
+            return error;
+        found = cursor.next() && is_within(key, cursor.key());
+    }
+    return cursor.error();
+}
+
+Error remove_tree(const SettingsKey& key)
+{
+    Write transaction(settings_environment(key));
+    if (transaction.error() != Error::none)
+        return transaction.error();
+    if (const Error error = remove_nodes(transaction, key); error != Error::none)
+        return error;
+    return transaction.commit();
+}
+
+/// Whether a piece of a stored key can be one of a path: else the path would lead somewhere else.
+bool is_name(std::string_view piece)
+{
+    return !piece.empty() && piece.find('/') == std::string_view::npos;
+}
+
+Error report_malformed(const char* what)
+{
+    ORV_LOG(log::kError, "settings: a malformed {}", what);
+    return Error::input_output;
+}
+
+/// Appends the names of a key's children in one environment.
+Error list_children(Environment& environment, const SettingsKey& key, std::vector<std::string>& names)
+{
+    Read transaction(environment);
+    if (transaction.error() != Error::none)
+        return transaction.error();
+    Cursor cursor(transaction, kValues);
+    const std::string_view prefix = key.prefix();
+    std::string from(prefix);
+    for (bool found = cursor.seek(from); found; found = cursor.seek(from)) {
+        if (cursor.key() < from) // only damage leads backwards, and then perhaps in circles
+            return report_malformed("tree");
+        if (!starts_with(cursor.key(), prefix))
+            break;
+        const std::string_view rest = cursor.key().substr(prefix.size());
+        const std::string_view name = rest.substr(0, rest.find('\0'));
+        if (!is_name(name))
+            return report_malformed("key");
+        names.emplace_back(name);
+        // The next sibling is beyond all keys that begin with this name and a NUL.
+        from = std::string(prefix).append(name) + '\1';
+    }
+    return cursor.error();
+}
+
+Error list_all_children(const SettingsKey& key, std::vector<std::string>& names)
+{
+    const Error error = list_children(settings_environment(key), key, names);
+    if (error != Error::none || !key.is_root())
+        return error;
+    std::vector<std::string> tmp;
+    const Error tmp_error = list_children(environments().volatile_keys, key, tmp);
+    const auto place = std::lower_bound(names.begin(), names.end(), "tmp");
+    names.insert(place, tmp.begin(), tmp.end());
+    return tmp_error;
+}
+
+int result(Error error)
+{
+    return error == Error::none ? 0 : base::fail(error);
+}
+
+} // namespace
+
+Environment& settings_environment(const SettingsKey& key)
+{
+    return key.is_volatile() ? environments().volatile_keys : environments().durable;
+}
+
+Error read_record(Transaction& transaction, const SettingsKey& key, SettingsRecord& record)
+{
+    std::string_view bytes;
+    if (const Error error = transaction.get(kValues, key.bytes(), bytes); error != Error::none)
+        return error;
+    if (bytes.size() < kStampSize)
+        return report_malformed("record");
+    std::memcpy(&record.commit, bytes.data(), kStampSize);
+    record.value = bytes.substr(kStampSize);
+    return Error::none;
+}
+
+} // namespace orv::detail
+
+namespace orv::setMgmt {
+
+using detail::SettingsKey;
+
+int init()
+{
+    detail::Environments& settings = detail::environments();
+    if (settings.durable.is_wanted())
+        return 0;
+    if (const Error error = settings.durable.open(); error != Error::none)
+        return base::fail(error);
+    if (const Error error = settings.volatile_keys.open(); error != Error::none) {
+        settings.durable.close();
+        return base::fail(error);
+    }
+    detail::settings_opened();
+    return 0;
+}
+
+void uninit()
+{
+    detail::settings_closing();
+    detail::environments().volatile_keys.close();
+    detail::environments().durable.close();
+}
+
+const store::Failure& failure()
+{
+    const store::Failure& durable = detail::environments().durable.failure();
+    return durable.kind != store::Failure::Kind::none ? durable
+                                                      : detail::environments().volatile_keys.failure();
+}
+
+int getKey(const std::string& key, std::string& value)
+{
+    SettingsKey parsed;
+    if (!parsed.parse(key))
+        return base::fail(Error::invalid_argument);
+    if (const Error error = detail::read_value(parsed, value); error != Error::none)
+        return base::fail(error);
+    return static_cast<int>(value.size());
+}
+
+int getKeyValue(const std::string& key, int fallback)
+{
+    std::string text;
+    if (getKey(key, text) < 0)
+        return fallback;
+    int number = 0;
+    const char* end = text.data() + text.size();
+    const auto parsed = std::from_chars(text.data(), end, number);
+    return parsed.ec == std::errc() && parsed.ptr == end ? number : fallback;
+}
+
+std::string getKeyValue(const std::string& key, const std::string& fallback)
+{
+    std::string value;
+    return getKey(key, value) < 0 ? fallback : value;
+}
+
+int setKey(const std::string& key, const std::string& value)
+{
+    SettingsKey parsed;
+    if (!parsed.parse(key) || parsed.is_root() || value.size() > kMaxValueSize)
+        return base::fail(Error::invalid_argument);
+    return detail::result(detail::write_value(parsed, value));
+}
+
+int deleteKey(const std::string& key)
+{
+    SettingsKey parsed;
+    if (!parsed.parse(key) || parsed.is_root())
+        return base::fail(Error::invalid_argument);
+    return detail::result(detail::remove_tree(parsed));
+}
+
+int enumSubkeys(const std::string& key, std::vector<std::string>& names)
+{
+    SettingsKey parsed;
+    if (!parsed.parse(key))
+        return base::fail(Error::invalid_argument);
+    std::vector<std::string> found;
+    if (const Error error = detail::list_all_children(parsed, found); error != Error::none)
+        return base::fail(error);
+    names = std::move(found);
+    return static_cast<int>(names.size());
+}
+
+} // namespace orv::setMgmt

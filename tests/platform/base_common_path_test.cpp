@@ -1,0 +1,45 @@
+// The common paths below the agent's root directory.
+
+#include "base_support.h"
+
+#include <orvutils/path.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sstream>
+#include <string>
+
+namespace {
+
+using orv::common_path;
+
+std::string printed(common_path which)
+{
+    std::ostringstream out;
+    orv::detail::print_common_path(out, which);
+    return out.str();
+}
+
+TEST(CommonPath, OfTheRunningAgentIsMadeOnFirstUse)
+{
+    const TemporaryRoot root;
+    EXPECT_EQ(printed(common_path::run), root.path() + "/run");
+    EXPECT_TRUE(std::filesystem::is_directory(root.path() + "/run"));
+}
+
+TEST(CommonPath, OfTheFirewallScriptsIsOnlyNamed)
+{
+    const TemporaryRoot root;
+    EXPECT_EQ(printed(common_path::firewall), root.path() + "/lib/firewall");
+    EXPECT_FALSE(std::filesystem::exists(root.path() + "/lib"));
+}
+
+TEST(CommonPath, IsPrintedEvenWhenItCannotBeMade)
+{
+    const TemporaryRoot root;
+    spill(root.path() + "/run", "in the way");
+    EXPECT_EQ(printed(common_path::run), root.path() + "/run");
+}
+
+} // namespace
