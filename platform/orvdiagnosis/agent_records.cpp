@@ -57,7 +57,7 @@ json_t* scheduled()
         return nullptr;
     if (text->empty())
         return json_false();
-    const JsonPtr schedule{json_loadb(text->data(), text->size(), 0, nullptr)};
+    const JsonPtr schedule = orv::parse_json(*text);
     if (!json_is_object(schedule.get()))
         return nullptr;
     const json_t* members[] = {json_object_get(schedule.get(), "scheduled"),

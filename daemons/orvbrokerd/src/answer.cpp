@@ -5,27 +5,75 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
 
 namespace orv::brokerd {
 
+namespace {
+
+// The envelope is always the same, so only what is in it goes through the JSON library: this is on the way of
+// every answer.
+constexpr std::string_view kBegin = R"({"data": )";
+constexpr std::string_view kMiddle = R"(, "status": )";
+constexpr std::string_view kEnd = "}";
+
+/// The envelope but for the data.
+std::size_t envelope_size(const fmt::format_int& status)
+{
+    return kBegin.size() + kMiddle.size() + status.size() + kEnd.size();
+}
+
+/// A text up to a bound; of a longer one, only how long it is.
+struct BoundedText {
+    static constexpr std::size_t kCapacity = std::size_t{64} * 1024;
+
+    std::array<char, kCapacity> data;
+    std::size_t size; ///< of the whole text
+
+    [[nodiscard]] bool is_whole() const { return size <= kCapacity; }
+};
+
+/// One for all, since nothing here calls itself; only what was ever used of it takes memory.
+BoundedText g_data;
+
+bool append(std::string_view piece, void* /*user*/)
+{
+    if (g_data.size + piece.size() <= BoundedText::kCapacity)
+        std::copy(piece.begin(), piece.end(), g_data.data.begin() + static_cast<std::ptrdiff_t>(g_data.size));
+    g_data.size += piece.size();
+    return true;
+}
+
+/// False when the send buffer is full: there is no use in going on.
+bool put(std::string_view piece, void* user)
+{
+    auto& tx = static_cast<Connection*>(user)->tx;
+    const unsigned before = tx.pending();
+    static_cast<Connection*>(user)->put(piece.data(), static_cast<unsigned>(piece.size()));
+    return tx.pending() - before == piece.size();
+}
+
+/// Writes the data once more, into the send buffer this time.
+bool put_large(Connection* conn, const json_t* data)
+{
+    return dump_to(data, JSON_ENCODE_ANY, put, conn) || conn->tx.pending() == kBufferMaximumSize;
+}
+
+} // namespace
+
 char* build_response(int status, json_t* data)
 {
-    // The envelope is always the same, so only what is in it goes through the JSON library. This is on the way
-    // of every answer.
-    static constexpr std::string_view kBegin = R"({"data": )";
-    static constexpr std::string_view kMiddle = R"(, "status": )";
-
     const JsonPtr owned(data);
     const TextPtr text = dump(data, JSON_ENCODE_ANY);
     if (!text)
         return nullptr;
-    const std::size_t length = std::strlen(text.get());
     const fmt::format_int number(status);
-    auto* response =
-        static_cast<char*>(std::malloc(kBegin.size() + length + kMiddle.size() + number.size() + sizeof "}"));
+    const std::size_t length = std::strlen(text.get());
+    auto* response = static_cast<char*>(std::malloc(envelope_size(number) + length + 1));
     if (!response)
         return nullptr;
 
@@ -33,8 +81,31 @@ char* build_response(int status, json_t* data)
     end = std::copy_n(text.get(), length, end);
     end = std::copy(kMiddle.begin(), kMiddle.end(), end);
     end = std::copy_n(number.data(), number.size(), end);
-    std::memcpy(end, "}", sizeof "}");
+    end = std::copy(kEnd.begin(), kEnd.end(), end);
+    *end = '\0';
     return response;
+}
+
+Queued queue_response(Connection* conn, int status, json_t* data, int epfd)
+{
+    const JsonPtr owned(data);
+    g_data.size = 0;
+    if (!dump_to(data, JSON_ENCODE_ANY, append, /*user=*/nullptr))
+        return Queued::nothing;
+
+    const fmt::format_int number(status);
+    const auto length = static_cast<std::uint32_t>(envelope_size(number) + g_data.size);
+    conn->put(&length, sizeof length);
+    put(kBegin, conn);
+    if (g_data.is_whole())
+        put({g_data.data.data(), g_data.size}, conn);
+    else if (!put_large(conn, data))
+        return Queued::broken;
+    put(kMiddle, conn);
+    put({number.data(), number.size()}, conn);
+    put(kEnd, conn);
+    watch_for_output(conn, epfd);
+    return Queued::whole;
 }
 
 JsonPtr parse_payload(const Message* msg)

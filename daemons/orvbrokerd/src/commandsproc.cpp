@@ -36,6 +36,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <numeric>
 #include <sstream>
 
 namespace orv::brokerd {
@@ -260,17 +261,44 @@ Result process_get_features_list(json_t*& out)
 
 namespace {
 
-void find_devices(const json_t* ids, std::vector<devMgmt::Device>& devices)
+/// Devices, and in which order they are listed, by index: one that is asked for again is there once.
+struct Listing {
+    std::vector<devMgmt::Device> devices;
+    std::vector<std::size_t> order;
+};
+
+Listing list_devices(const json_t* ids)
 {
+    Listing listing;
+    std::unordered_map<std::string_view, std::size_t>
+        found; // what is not found is not kept, so nobody can fill this
     std::size_t index = 0;
     json_t* element = nullptr;
     json_array_foreach(ids, index, element)
     {
-        devMgmt::Device device;
         const char* did = json_string_value(element);
-        if (did && devMgmt::get_device(did, device) != 0)
-            devices.push_back(std::move(device));
+        if (!did)
+            continue;
+        auto place = found.find(did);
+        if (place == found.end()) {
+            devMgmt::Device device;
+            if (devMgmt::get_device(did, device) == 0)
+                continue;
+            listing.devices.push_back(std::move(device));
+            place = found.emplace(did, listing.devices.size() - 1).first;
+        }
+        listing.order.push_back(place->second);
     }
+    return listing;
+}
+
+bool list_all_devices(Listing& listing)
+{
+    if (devMgmt::get_devices(listing.devices) < 0)
+        return false;
+    listing.order.resize(listing.devices.size());
+    std::iota(listing.order.begin(), listing.order.end(), std::size_t{0});
+    return true;
 }
 
 // A member that finds no place, such as a text that is not UTF-8, is left out; the device is not.
@@ -422,19 +450,24 @@ void queue_leases_request(const char* text, log::Caller caller = log::caller())
 
 Result process_get_devices(json_t* data, json_t*& out)
 {
-    std::vector<devMgmt::Device> devices;
+    Listing listing;
     if (json_array_size(data) > 0)
-        find_devices(data, devices);
-    else if (devMgmt::get_devices(devices) < 0)
+        listing = list_devices(data);
+    else if (!list_all_devices(listing))
         return kFailed;
 
     const std::string own_id = setMgmt::getKeyValue(kDeviceIdKey, "");
     JsonPtr list(json_array());
     if (!list)
         return kFailed;
-    for (const auto& device : devices)
-        if (device.owner == own_id)
-            json_array_append_new(list.get(), device_to_json(device).release());
+    std::vector<JsonPtr> objects(listing.devices.size());
+    for (const std::size_t i : listing.order) {
+        if (listing.devices[i].owner != own_id)
+            continue;
+        if (!objects[i])
+            objects[i] = device_to_json(listing.devices[i]);
+        json_array_append(list.get(), objects[i].get());
+    }
     set_out(out, std::move(list));
     return kDone;
 }
@@ -527,7 +560,7 @@ Result set_device_traffic_blocked_cb(const Message* answer, json_t*& /*out*/, vo
 Result process_set_device_online_status(json_t* data)
 {
     if (log::can_log(log::kDefaultChannel, log::kInfo)) {
-        const TextPtr shown(json_dumps(data, JSON_ENCODE_ANY));
+        const TextPtr shown = dump(data, JSON_ENCODE_ANY);
         ORV_LOG(log::kInfo, "set_device_online_status: {}", shown ? shown.get() : "");
     }
     const OrvleasesMode mode = get_orvleases_mode();

@@ -364,14 +364,13 @@ const char* find_type(const json_t* root, const char* text, log::Caller caller =
     return type;
 }
 
-void send_answer(Connection* conn, Result status, json_t* out, int epfd)
+/// -1 when the connection is of no use any more.
+int send_answer(Connection* conn, Result status, json_t* out, int epfd)
 {
-    const TextPtr answer(build_response(status, out));
-    if (!answer)
-        return;
-    queue_frame(conn, answer.get(), epfd);
-    if (status != kDone)
+    const Queued queued = queue_response(conn, status, out, epfd);
+    if (queued == Queued::whole && status != kDone)
         conn->close_after_send = true;
+    return queued == Queued::broken ? -1 : 0;
 }
 
 } // namespace
@@ -391,10 +390,9 @@ int handle_command(Connection* conn, const char* text, const int& epfd)
         json_decref(out); // the answer comes from the exchange
         return 0;
     }
-    send_answer(conn, status, out, epfd);
     if (std::string_view(type) == "subscribe")
         conn->mode = kSubscriberMode;
-    return 0;
+    return send_answer(conn, status, out, epfd);
 }
 
 // ---- subscriptions

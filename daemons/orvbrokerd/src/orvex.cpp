@@ -55,14 +55,12 @@ void remove_in_flight(AsyncContext* context)
         context->next->link = context->link;
 }
 
-void answer_connection(Connection* conn, const char* text, int epfd)
+void answer_connection(Connection* conn, Result result, json_t* out, int epfd)
 {
-    if (!text) {
+    if (queue_response(conn, result, out, epfd) == Queued::whole)
+        conn->close_after_send = true;
+    else
         conn->close_requested = true;
-        return;
-    }
-    queue_frame(conn, text, epfd);
-    conn->close_after_send = true;
 }
 
 /// The library calls this with every answer to a request that a client waits for.
@@ -73,15 +71,16 @@ void orvex_response_trampoline(void* arg, const Message* answer)
 
     json_t* out = json_null();
     Result result = kFailed;
-    TextPtr text;
-    if (within_memory([&] { result = context->callback(answer, out, context->arg); }))
-        text.reset(build_response(result, out));
-    else
+    if (!within_memory([&] { result = context->callback(answer, out, context->arg); })) {
         json_decref(out);
-    if (!context->connection)
+        out = nullptr; // there is nothing to answer with
+    }
+    if (!context->connection) {
+        json_decref(out);
         return;
+    }
     orvex_forget_waiting(context->connection); // its last frame: further answers may come before it is sent
-    answer_connection(context->connection, text.get(), context->epfd);
+    answer_connection(context->connection, result, out, context->epfd);
 }
 
 /// Hands a request over to the library, which will call `callback` with `arg` when there is an answer.
