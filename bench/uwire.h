@@ -81,7 +81,7 @@ private:
     static constexpr unsigned kSub = 1u << kSubBits;
     static std::size_t index(std::uint64_t ns);
     static std::uint64_t value(std::size_t index);
-    std::array<std::uint64_t, 64 * kSub> m_buckets{};
+    std::array<std::uint64_t, std::size_t{64} * kSub> m_buckets{};
     std::uint64_t m_count = 0, m_max = 0;
 };
 

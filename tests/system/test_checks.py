@@ -1,8 +1,9 @@
-"""The checks of the sources that CI makes, each in a small tree of its own."""
+"""The checks that CI makes beside the tests, each in a small tree of its own."""
 
 import os
 import re
 import shutil
+import signal
 import subprocess
 import tempfile
 import unittest
@@ -12,15 +13,42 @@ import world
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 
 
-class Includes(unittest.TestCase):
-    """scripts/check-includes"""
+class Tree(unittest.TestCase):
+    """A source tree with some scripts of the real one."""
 
     def setUp(self):
         self.tree = tempfile.mkdtemp(prefix="orv-checks-", dir="/tmp")
         self.addCleanup(shutil.rmtree, self.tree, ignore_errors=True)
-        self.write("scripts/check-includes")
-        shutil.copy(os.path.join(ROOT, "scripts", "check-includes"), os.path.join(self.tree, "scripts"))
         subprocess.run(["git", "init", "-q", self.tree], check=True)
+
+    def take(self, name):
+        os.makedirs(os.path.dirname(os.path.join(self.tree, name)), exist_ok=True)
+        shutil.copy(os.path.join(ROOT, name), os.path.join(self.tree, name))
+
+    def put(self, name, text="", mode=0o755):
+        """Makes a file, by default a program, of the test's own."""
+        path = os.path.join(self.tree, name)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "w", encoding="utf-8") as file:
+            file.write("#!/bin/sh\n" + text)
+        os.chmod(path, mode)
+
+    def execute(self, name, *arguments):
+        """Runs a script of the tree, where stubs/ comes before all other programs; its status, output and errors."""
+        path = os.path.join(self.tree, "stubs") + ":" + os.environ["PATH"]
+        environment = dict(os.environ, TMPDIR=self.tree, PATH=path)
+        result = subprocess.run([os.path.join(self.tree, name), *arguments], env=environment, stdin=subprocess.DEVNULL,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=world.DEADLINE, text=True,
+                                check=False)
+        return result.returncode, result.stdout, result.stderr
+
+
+class Includes(Tree):
+    """scripts/check-includes"""
+
+    def setUp(self):
+        super().setUp()
+        self.take("scripts/check-includes")
 
     def write(self, name, *included):
         """A source with these includes, each as it is spelled: "x.h" or <x.h>."""
@@ -29,14 +57,12 @@ class Includes(unittest.TestCase):
         with open(path, "w", encoding="utf-8") as source:
             source.write("// What it is.\n" + "".join("#include %s\n" % each for each in included))
 
-    def findings(self, *arguments):
+    def findings(self):
         """What the script tells of the files that are written; it fails when it tells something."""
         subprocess.run(["git", "-C", self.tree, "add", "--all"], check=True)
-        result = subprocess.run([os.path.join(self.tree, "scripts", "check-includes"), *arguments],
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=world.DEADLINE, text=True,
-                                check=False)
-        self.assertEqual((result.returncode, result.stdout), (1 if result.stderr else 0, ""), result.stderr)
-        return result.stderr.splitlines()
+        status, output, errors = self.execute("scripts/check-includes")
+        self.assertEqual((status, output), (1 if errors else 0, ""), errors)
+        return errors.splitlines()
 
     def test_a_tree_in_order_is_passed_without_a_word(self):
         self.write("platform/include/orvutils/log.h", "<string>")
@@ -78,7 +104,8 @@ class Includes(unittest.TestCase):
         for pair in ("ab", "xy"):
             self.write("tools/orvctl/%s.h" % pair[0], '"%s.h"' % pair[1])
             self.write("tools/orvctl/%s.h" % pair[1], '"%s.h"' % pair[0])
-        self.assertEqual(self.findings(), ["tools/orvctl: a circle: a -> b -> a", "tools/orvctl: a circle: x -> y -> x"])
+        self.assertEqual(self.findings(), [
+            "tools/orvctl: a circle: a -> b -> a", "tools/orvctl: a circle: x -> y -> x"])
 
     def test_a_leaf_of_the_daemon_must_not_include_a_role(self):
         self.write("daemons/orvbrokerd/src/orvex.h")
@@ -164,9 +191,120 @@ class Includes(unittest.TestCase):
         self.assertEqual(self.findings(), ["scripts/check-includes: git lists no sources"])
         self.write("tools/orvctl/main.cpp")
         shutil.rmtree(os.path.join(self.tree, ".git"))
-        result = subprocess.run([os.path.join(self.tree, "scripts", "check-includes")], stderr=subprocess.PIPE,
-                                timeout=world.DEADLINE, check=False)
-        self.assertEqual(result.returncode, 1, result.stderr)
+        self.assertEqual(self.execute("scripts/check-includes")[0], 1)
+
+
+class Lint(Tree):
+    """scripts/lint"""
+
+    def setUp(self):
+        super().setUp()
+        self.take("scripts/lint")
+        self.put("scripts/setup")
+        self.put("stubs/cmake", "echo configuring\n")
+        # Finds fault with what has "bad" in its name.
+        self.put("stubs/clang-tidy", """echo '7 warnings generated.' >&2
+case $* in *bad*) echo "bad: $*"; exit 1 ;; esac
+""")
+        self.put("stubs/shellcheck", 'case $* in *bad*) echo "bad script"; exit 1 ;; esac\n')
+        self.put("tools/orvctl/main.cpp", mode=0o644)
+
+    def lint(self, *arguments):
+        subprocess.run(["git", "-C", self.tree, "add", "--all"], check=True)
+        return self.execute("scripts/lint", *arguments)
+
+    def test_it_says_nothing_where_there_is_nothing_to_say(self):
+        self.put("tests/unit/one_test.cpp", mode=0o644)
+        self.assertEqual(self.lint(), (0, "", ""))
+
+    def test_it_looks_at_the_sources_of_every_folder(self):
+        for folder in ("daemons/orvbrokerd/src", "libs/x", "platform/x", "tools/x", "tests/unit", "bench", "examples"):
+            name = folder + "/bad.cpp"
+            self.put("platform/good.cpp", mode=0o644)
+            self.put(name, mode=0o644)
+            status, _, errors = self.lint()
+            self.assertEqual(status, 1, folder)
+            self.assertIn("bad: --quiet -p build/debug " + name, errors)
+            os.unlink(os.path.join(self.tree, name))
+
+    def test_it_fails_for_a_bad_script(self):
+        self.put("platform/good.cpp", mode=0o644)
+        self.put("scripts/bad")
+        self.assertEqual(self.lint(), (1, "bad script\n", ""))
+
+    def test_it_looks_at_those_sources_alone_that_it_is_told(self):
+        self.put("platform/bad.cpp", mode=0o644)
+        self.assertEqual(self.lint("tools/orvctl/main.cpp"), (0, "", ""))
+
+    def test_a_configuration_that_fails_is_shown_and_is_the_end(self):
+        self.put("stubs/cmake", "echo broken >&2\nexit 1\n")
+        self.assertEqual(self.lint(), (1, "", "broken\n"))
+
+
+class Ci(Tree):
+    """.ci/run"""
+
+    def setUp(self):
+        super().setUp()
+        self.take(".ci/run")
+        for name in ("setup", "format", "check-includes", "test", "lint"):
+            self.put("scripts/" + name, 'echo "%s $*"\n' % name)
+
+    def test_it_passes_when_all_do(self):
+        self.assertEqual(self.execute(".ci/run"), (0, "setup \nformat --check\ncheck-includes \ntest \n"
+                                                      "== static checks\nlint \nall passed\n", ""))
+
+    def test_it_fails_when_anything_does_and_tells_what_the_static_checks_found(self):
+        for name in ("setup", "format", "check-includes", "test", "lint"):
+            with self.subTest(name=name):
+                self.put("scripts/" + name, "echo bad >&2\nexit 1\n")
+                status, output, errors = self.execute(".ci/run")
+                self.assertEqual(status, 1)
+                self.assertIn("bad\n", output + errors)
+                self.assertNotIn("all passed", output)
+                self.put("scripts/" + name)
+
+    def test_being_interrupted_ends_the_static_checks_too(self):
+        self.put("scripts/lint", 'sleep 100 &\necho $! >"%s/started"\nwait\n' % self.tree)
+        self.put("scripts/test", 'until [ -s "%s/started" ]; do sleep 0.01; done\necho ready\nsleep 100\n' % self.tree)
+        with subprocess.Popen([os.path.join(self.tree, ".ci/run")], stdout=subprocess.PIPE, text=True,
+                              start_new_session=True) as run:
+            while run.stdout.readline() != "ready\n":
+                pass
+            os.killpg(run.pid, signal.SIGINT)
+            self.assertEqual(run.wait(world.DEADLINE), 130)
+        with open(os.path.join(self.tree, "started"), encoding="utf-8") as started:
+            pid = int(started.read())
+        world.wait_until(lambda: self.is_over(pid), "the static checks have ended")
+
+    def is_over(self, pid):
+        try:
+            with open("/proc/%d/stat" % pid, encoding="utf-8") as stat:
+                return stat.read().rsplit(")", 1)[1].split()[0] == "Z"
+        except (FileNotFoundError, ProcessLookupError):
+            return True
+
+    def test_it_leaves_no_file_behind(self):
+        before = sorted(os.listdir(self.tree))
+        self.execute(".ci/run")
+        self.assertEqual(sorted(os.listdir(self.tree)), before)
+
+
+class Help(unittest.TestCase):
+    def test_every_script_tells_how_it_is_used_and_does_nothing_else(self):
+        for name in sorted(os.listdir(os.path.join(ROOT, "scripts"))):
+            for option in ("-h", "--help"):
+                result = subprocess.run([os.path.join(ROOT, "scripts", name), option], stdout=subprocess.PIPE,
+                                        stderr=subprocess.PIPE, timeout=world.DEADLINE, text=True, check=False)
+                self.assertEqual((result.returncode, result.stderr), (0, ""), name)
+                self.assertRegex(result.stdout, r"\AUsage: scripts/%s\b" % name)
+
+    def test_what_is_meant_for_no_script_is_refused(self):
+        for name, argument in (("build", "relaese"), ("format", "--chek"), ("fuzz", "nothing")):
+            result = subprocess.run([os.path.join(ROOT, "scripts", name), argument], stdout=subprocess.PIPE,
+                                    stderr=subprocess.PIPE, timeout=world.DEADLINE, text=True, check=False)
+            self.assertEqual((result.returncode, result.stdout), (2, ""), name)
+            self.assertIn(name, result.stderr)
 
 
 class Notices(unittest.TestCase):
