@@ -91,15 +91,17 @@ protected:
 
 std::string object(std::size_t length)
 {
-    return R"({"type": "command", "name": ")" + std::string(length, 'n') + R"(", ")" + std::string(length, 'k') +
-           R"(": [1, -2.5, true, null, {"a": "b"}, ")" + std::string(length, 'e') + R"("]})";
+    return R"({"type": "command", "name": ")" + std::string(length, 'n') + R"(", ")" +
+           std::string(length, 'k') + R"(": [1, -2.5, true, null, {"a": "b"}, ")" + std::string(length, 'e') +
+           R"("]})";
 }
 
 TEST_F(Json, IsParsedAndWrittenAsTheLibraryWouldDoIt)
 {
     EXPECT_EQ(text_of(orv::parse_json(R"( {"a":[1,2.5,"\u00e9",null,true,{}]} )")),
               R"({"a": [1, 2.5, "é", null, true, {}]})");
-    for (const char* none : {"", "5", "null", "\"text\"", "{", "[1,]", "{} x", "{\"a\": \"\\u0000\"}", "[\"\xff\"]"})
+    for (const char* none :
+         {"", "5", "null", "\"text\"", "{", "[1,]", "{} x", "{\"a\": \"\\u0000\"}", "[\"\xff\"]"})
         EXPECT_EQ(orv::parse_json(none), nullptr) << none;
     EXPECT_EQ(orv::parse_json({"[]\0", 3}), nullptr);
     EXPECT_EQ(orv::dump(nullptr), nullptr);

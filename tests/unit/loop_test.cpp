@@ -255,7 +255,7 @@ TEST_F(MainLoop, WarnsWhenAcceptFailsAndServesTheNextEntry)
     Client second;
     connect(first);
     platform->on_wait_give({{"server", EPOLLIN}, {"client1", EPOLLIN}}, [&] {
-        platform->fail("accept(server)", 1, EMFILE);
+        platform->fail("accept(server)", 1, ECONNABORTED);
         second.connect();
         first.send(kStatusRequest);
     });
@@ -264,6 +264,52 @@ TEST_F(MainLoop, WarnsWhenAcceptFailsAndServesTheNextEntry)
     EXPECT_EQ(events_of(2).front(), "accept(server)");
     EXPECT_EQ(events_of(2).at(1), "recv(client1)");
     EXPECT_THAT(logs(), Contains(LogLine{1, "failed to accept client", {}, {}}));
+}
+
+TEST_F(MainLoop, LeavesTheListeningSocketAloneWhileThereIsNoDescriptorForAnotherClient)
+{
+    for (const int error : {EMFILE, ENFILE, ENOBUFS, ENOMEM}) {
+        SCOPED_TRACE(error);
+        renew_platform();
+        Client first;
+        Client second;
+        connect(first);
+        platform->on_wait_give({{"server", EPOLLIN}, {"client1", EPOLLIN}}, [&] {
+            platform->fail("accept(server)", 1, error);
+            second.connect();
+            first.send(kStatusRequest);
+        });
+        platform->on_wait([] {}); // who waits is not seen, and the others are served
+        platform->on_wait([&] { first.close(); });
+        platform->on_wait([] {});
+        platform->on_wait([&] { EXPECT_FALSE(second.is_closed()); });
+        run();
+
+        EXPECT_EQ(events_of(2), (Calls{"accept(server)", "epoll_ctl(DEL, server)", "recv(client1)"} +
+                                 Calls{"setMgmt::getKeyValue(/protection/enabled, \"1\")",
+                                       "epoll_ctl(MOD, client1, IN|OUT)"} +
+                                 kEndOfPass));
+        EXPECT_EQ(events_of(3).front().rfind("send(client1", 0), 0U);
+        EXPECT_THAT(events_of(4), IsSupersetOf({"close(client1)", "epoll_ctl(ADD, server, IN)"}));
+        EXPECT_EQ(events_of(5).front(), "accept(server)");
+        EXPECT_THAT(logs(), Contains(LogLine{1, "failed to accept client", {}, {}}).Times(1));
+    }
+}
+
+TEST_F(MainLoop, TriesToAcceptAgainAfterAWaitThatFoundNothing)
+{
+    Client client;
+    platform->on_wait_give({{"server", EPOLLIN}}, [&] {
+        platform->fail("accept(server)", 1, EMFILE);
+        client.connect();
+    });
+    platform->on_wait_give({});
+    platform->on_wait([] {});
+    run();
+
+    EXPECT_EQ(events_of(1), (Calls{"accept(server)", "epoll_ctl(DEL, server)"} + kEndOfPass));
+    EXPECT_EQ(events_of(2), (Calls{"epoll_ctl(MOD, server, IN)", "epoll_ctl(ADD, server, IN)"}));
+    EXPECT_EQ(events_of(3).front(), "accept(server)");
 }
 
 struct AcceptFailure {

@@ -32,6 +32,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <new>
@@ -267,6 +268,39 @@ bool init()
 
 // ---- connections
 
+namespace {
+
+// Without a descriptor or memory for a further client the listening socket stays readable, and watching it on would
+// be a busy loop. So it is left alone until a connection has ended, a wait has found nothing to do, or a while has
+// passed: whatever else frees descriptors is seen then.
+
+using Clock = std::chrono::steady_clock;
+constexpr std::chrono::milliseconds kAcceptPause{100};
+
+bool g_accepting = true;
+Clock::time_point g_accepting_again; ///< when to try again while not accepting
+
+bool is_shortage(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+void pause_accepting()
+{
+    // When it cannot be taken out it stays in, and is tried again at once.
+    (void)epoll_ctl(epollfd, EPOLL_CTL_DEL, g_server_socket, /*event=*/nullptr);
+    g_accepting = false;
+    g_accepting_again = Clock::now() + kAcceptPause;
+}
+
+void resume_accepting()
+{
+    if (!g_accepting)
+        g_accepting = watch(g_server_socket);
+}
+
+} // namespace
+
 void destroy_connection(Connection* conn)
 {
     forget_connection(conn);
@@ -276,6 +310,7 @@ void destroy_connection(Connection* conn)
     conn->tx.uninit();
     conn->rx.uninit();
     delete conn;
+    resume_accepting();
 }
 
 namespace {
@@ -326,7 +361,10 @@ void accept_client(log::Caller caller)
 {
     const int fd = accept(g_server_socket, /*addr=*/nullptr, /*addrlen=*/nullptr);
     if (fd < 0) {
+        const int error = errno;
         ORV_LOG_AS(caller, log::kWarning, "failed to accept client");
+        if (is_shortage(error))
+            pause_accepting();
         return;
     }
     Connection* conn = create_connection(fd, caller);
@@ -447,6 +485,8 @@ bool run_pass(setMgmt::MonitoredKey& key, log::Caller caller = log::caller())
 {
     std::array<epoll_event, kMaxEvents> events;
     Pass pass{key, caller};
+    if (!g_accepting && Clock::now() >= g_accepting_again)
+        resume_accepting();
     pass.exchange_fd = watch_exchange(caller);
     pass.settings_fd = watch_settings(key);
 
@@ -459,8 +499,10 @@ bool run_pass(setMgmt::MonitoredKey& key, log::Caller caller = log::caller())
         ORV_LOG_AS(caller, log::kError, "failed to wait on epoll");
         return false;
     }
-    if (count == 0)
+    if (count == 0) {
+        resume_accepting();
         return true;
+    }
 
     for (int i = 0; i < count; ++i)
         (void)within_memory([&] { dispatch(events[static_cast<std::size_t>(i)], pass); }, caller);
@@ -486,6 +528,7 @@ void shut_down(log::Caller caller = log::caller())
     release_timer(g_cache_timer);
     featureutl::uninit();
     setMgmt::uninit();
+    g_accepting = true; // nobody is to be accepted any more
     destroy_all_connections();
     close_listener();
     close_epoll();
