@@ -312,6 +312,24 @@ TEST_F(MainLoop, TriesToAcceptAgainAfterAWaitThatFoundNothing)
     EXPECT_EQ(events_of(3).front(), "accept(server)");
 }
 
+TEST_F(MainLoop, TriesToAcceptAgainWhenTheClockShowsAnotherSecond)
+{
+    Client client;
+    platform->on_wait_give({{"server", EPOLLIN}}, [&] {
+        platform->fail("accept(server)", 1, EMFILE);
+        client.connect();
+    });
+    platform->on_wait_give({{"timer1", EPOLLIN}});
+    platform->on_wait_give({{"timer1", EPOLLIN}}, [&] { --platform->now; }); // backwards, even
+    platform->on_wait([] {});
+    run();
+
+    EXPECT_EQ(events_of(2), (Calls{"timer_tick(timer1)"} + kEndOfPass));
+    EXPECT_EQ(events_of(3), (Calls{"timer_tick(timer1)"} + kEndOfPass +
+                             Calls{"epoll_ctl(MOD, server, IN)", "epoll_ctl(ADD, server, IN)"}));
+    EXPECT_EQ(events_of(4).front(), "accept(server)");
+}
+
 struct AcceptFailure {
     const char* name;
     const char* kind; ///< of memory

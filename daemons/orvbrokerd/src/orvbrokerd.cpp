@@ -32,9 +32,9 @@
 
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstddef>
 #include <cstdio>
+#include <ctime>
 #include <new>
 #include <optional>
 #include <sstream>
@@ -270,15 +270,12 @@ bool init()
 
 namespace {
 
-// Without a descriptor or memory for a further client the listening socket stays readable, and watching it on would
-// be a busy loop. So it is left alone until a connection has ended, a wait has found nothing to do, or a while has
-// passed: whatever else frees descriptors is seen then.
-
-using Clock = std::chrono::steady_clock;
-constexpr std::chrono::milliseconds kAcceptPause{100};
+// Without a descriptor or memory for a further client the listening socket stays readable, and watching it
+// on would be a busy loop. So it is left alone until a connection has ended, a wait has found nothing to do,
+// or the clock shows another second: whatever else frees descriptors is seen then.
 
 bool g_accepting = true;
-Clock::time_point g_accepting_again; ///< when to try again while not accepting
+std::time_t g_paused_at = 0; ///< while not accepting
 
 bool is_shortage(int error)
 {
@@ -290,7 +287,7 @@ void pause_accepting()
     // When it cannot be taken out it stays in, and is tried again at once.
     (void)epoll_ctl(epollfd, EPOLL_CTL_DEL, g_server_socket, /*event=*/nullptr);
     g_accepting = false;
-    g_accepting_again = Clock::now() + kAcceptPause;
+    g_paused_at = std::time(nullptr);
 }
 
 void resume_accepting()
@@ -485,7 +482,7 @@ bool run_pass(setMgmt::MonitoredKey& key, log::Caller caller = log::caller())
 {
     std::array<epoll_event, kMaxEvents> events;
     Pass pass{key, caller};
-    if (!g_accepting && Clock::now() >= g_accepting_again)
+    if (!g_accepting && std::time(nullptr) != g_paused_at)
         resume_accepting();
     pass.exchange_fd = watch_exchange(caller);
     pass.settings_fd = watch_settings(key);
