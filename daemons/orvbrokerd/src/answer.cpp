@@ -13,8 +13,8 @@ namespace orv::brokerd {
 
 char* build_response(int status, json_t* data)
 {
-    // The envelope is always the same, so only what is in it goes through the JSON library. This is on the way
-    // of every answer.
+    // The envelope is always the same, so only what is in it goes through the JSON library. This is on the
+    // way of every answer.
     static constexpr std::string_view kBegin = R"({"data": )";
     static constexpr std::string_view kMiddle = R"(, "status": )";
 

@@ -124,7 +124,8 @@ public:
     /// The n-th call (from 1, since the beginning) fails of those that can.
     void fail_nth(std::size_t n) { m_fail_nth = n; }
     /// The n-th request for memory of a kind from now on gets none, 0 for never: "malloc", "strdup", "new" or
-    /// "new[]" (those without exceptions). Only the code of the daemon and of the platform's values is meant, not that of libraries.
+    /// "new[]" (those without exceptions). Only the code of the daemon and of the platform's values is meant,
+    /// not that of libraries.
     void fail_memory(const std::string& kind, unsigned n = 1) { m_memory[kind] = n; }
     /// Whether that has happened.
     [[nodiscard]] bool memory_failed(const std::string& kind) const { return m_memory.at(kind) == 0; }
