@@ -479,8 +479,9 @@ private:
     {
         ASSERT_EQ(m_buffer.pending(), m_expected.size());
         ASSERT_LE(m_buffer.capacity(), m_maximum);
-        if (m_expected.empty())
+        if (m_expected.empty()) {
             ASSERT_EQ(m_buffer.capacity(), m_initial);
+        }
     }
 
     std::mt19937 m_random;

@@ -138,8 +138,9 @@ TEST_F(StoreCheckTest, A_store_is_sound_after_every_commit)
     ASSERT_EQ(environment.open(), Error::none);
     for (int i = 0; i < 3000; ++i) {
         ASSERT_EQ(change_at_random(environment, m_random), Error::none);
-        if (i < 50 || i % 20 == 0)
+        if (i < 50 || i % 20 == 0) {
             ASSERT_EQ(verdict().state, StoreState::sound) << verdict().reason << " after " << i;
+        }
     }
 }
 
@@ -173,8 +174,9 @@ TEST_F(StoreCheckTest, A_store_whose_writers_were_killed_is_sound)
             ASSERT_EQ(writer.hear(), 'c');
         writer.kill();
         ASSERT_EQ(writer.join(), 1000 + SIGKILL);
-        if (std::filesystem::exists(data_file()))
+        if (std::filesystem::exists(data_file())) {
             ASSERT_NE(verdict().state, StoreState::damaged) << verdict().reason;
+        }
     }
 }
 
