@@ -6,8 +6,8 @@
 
 namespace uwire {
 
-/// The command line of a benchmark program: which options there are, and where their values go. Whatever is wrong with
-/// it ends the program with a line that says so.
+/// The command line of a benchmark program: which options there are, and where their values go. Whatever is
+/// wrong with it ends the program with a line that says so.
 class Options {
 public:
     /// The program's usage in one line, told when something is wrong.

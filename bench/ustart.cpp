@@ -2,9 +2,9 @@
 //
 //   ustart --connect ADDRESS [--runs N] [--framing NAME --request TEXT] -- COMMAND [ARG ...]
 //
-// Starts the command N times, tries to connect every 20 us (and, with --request, waits for the first answer), then
-// ends it with SIGTERM, or SIGKILL where half a second of that does not help. Prints median, least and most in
-// milliseconds.
+// Starts the command N times, tries to connect every 20 us (and, with --request, waits for the first answer),
+// then ends it with SIGTERM, or SIGKILL where half a second of that does not help. Prints median, least and
+// most in milliseconds.
 
 #include "options.h"
 #include "uwire.h"

@@ -1,7 +1,7 @@
 #pragma once
 
-// What the benchmark programs share: addresses, framings, a latency histogram and readings of another process's CPU
-// time.
+// What the benchmark programs share: addresses, framings, a latency histogram and readings of another
+// process's CPU time.
 
 #include <array>
 #include <cstdint>

@@ -1,5 +1,5 @@
-// Two devices are compared along the one table of fields. Whether a text is UTF-8 is asked of the JSON library,
-// as it is the one that would not take another.
+// Two devices are compared along the one table of fields. Whether a text is UTF-8 is asked of the JSON
+// library, as it is the one that would not take another.
 
 #include "device_fields.h"
 

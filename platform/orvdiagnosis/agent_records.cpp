@@ -1,5 +1,5 @@
-// What the stores say. A key that is absent has a meaning, its default; a store that cannot be read has none, and
-// the record is null.
+// What the stores say. A key that is absent has a meaning, its default; a store that cannot be read has none,
+// and the record is null.
 
 #include "records.h"
 

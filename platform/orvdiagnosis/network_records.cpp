@@ -1,5 +1,5 @@
-// The router's software names the interfaces that count, the kernel says how they are. Whether the exchange can be
-// reached is found out by connecting to it, without waiting: the kernel answers for whoever listens.
+// The router's software names the interfaces that count, the kernel says how they are. Whether the exchange
+// can be reached is found out by connecting to it, without waiting: the kernel answers for whoever listens.
 
 #include "records.h"
 

@@ -1,5 +1,5 @@
-// Identifiers follow each other without a gap, so an origin is found by its distance from the last one, and one that
-// was answered stays in its place, empty.
+// Identifiers follow each other without a gap, so an origin is found by its distance from the last one, and
+// one that was answered stays in its place, empty.
 
 #include "origins.h"
 

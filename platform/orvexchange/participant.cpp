@@ -2,11 +2,11 @@
 //
 // Joining sends everything at once: Hello, the claim of the name, the match rules of all subscriptions. The
 // bus works through them in order, so the answer to the claim says that the participant is there, and no
-// subscribed event can come before it. Whether the caller waits for that (at first) or not (after the exchange
-// was away) is the only difference between connecting and reconnecting. Whoever knows our unique name can
-// address us sooner; nothing of that is handed over, since a caller that waits is not in orvex_read_fd(). A
-// bus that accepts the connection but does not answer is waited for; a lost connection is tried again after a
-// time that doubles.
+// subscribed event can come before it. Whether the caller waits for that (at first) or not (after the
+// exchange was away) is the only difference between connecting and reconnecting. Whoever knows our unique
+// name can address us sooner; nothing of that is handed over, since a caller that waits is not in
+// orvex_read_fd(). A bus that accepts the connection but does not answer is waited for; a lost connection is
+// tried again after a time that doubles.
 //
 // Answers are matched with requests by serial number in a table of our own rather than with libdbus' pending
 // calls: these bring a timer each, where one alarm for the oldest deadline does.

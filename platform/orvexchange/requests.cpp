@@ -1,5 +1,5 @@
-// A list in the order of sending, which is that of the deadlines, with an index by serial number: an answer is found
-// at once, and so is the request that times out next.
+// A list in the order of sending, which is that of the deadlines, with an index by serial number: an answer
+// is found at once, and so is the request that times out next.
 
 #include "requests.h"
 

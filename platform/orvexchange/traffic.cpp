@@ -1,5 +1,5 @@
-// A monitor gets copies of everybody's messages. What they are is told by the readers that participants use; only
-// answers need something more, the request that they belong to.
+// A monitor gets copies of everybody's messages. What they are is told by the readers that participants use;
+// only answers need something more, the request that they belong to.
 
 #include "traffic.h"
 

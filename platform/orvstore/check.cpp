@@ -1,9 +1,9 @@
 // The file is a sequence of pages. Pages 0 and 1 are meta pages, the newer of which names the roots of two
 // B-trees: the list of free pages and the main tree, whose entries are the roots of the named trees. The walk
-// visits every page that can be reached, once and in key order, and looks at every number in it that LMDB would
-// follow. A bit per page tells a page that is used twice, which also ends every cycle. A page's nodes must fill
-// its upper part without gaps or overlaps, since LMDB moves them about by their sizes; keys must ascend, since
-// it searches by halving.
+// visits every page that can be reached, once and in key order, and looks at every number in it that LMDB
+// would follow. A bit per page tells a page that is used twice, which also ends every cycle. A page's nodes
+// must fill its upper part without gaps or overlaps, since LMDB moves them about by their sizes; keys must
+// ascend, since it searches by halving.
 //
 // The pages of a snapshot stay untouched for one more commit only, so a store that is being written may look
 // damaged for a moment, and a meta page that is being written may be read half and half. A bad verdict
@@ -422,8 +422,9 @@ bool is_first_meta(int fd, std::uint64_t offset)
     return read_meta(fd, offset, meta) && meta.transaction == 0 && meta.last_page == 1;
 }
 
-/// LMDB writes both meta pages at once when it creates a store, and those of a synced store are on disk before
-/// anything else is written. An interruption meanwhile may cut the file short, or leave either page zero.
+/// LMDB writes both meta pages at once when it creates a store, and those of a synced store are on disk
+/// before anything else is written. An interruption meanwhile may cut the file short, or leave either page
+/// zero.
 bool is_unfinished(int fd, std::uint64_t size)
 {
     const std::uint64_t page_size = native_page_size();

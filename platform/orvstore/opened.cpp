@@ -7,9 +7,9 @@
 // Trust: LMDB maps its files and believes what is in them. The data file is therefore examined before it is
 // mapped, and the lock file, which LMDB would leave sparse, gets its blocks before: touching a page that a
 // full file system cannot provide would be a SIGBUS. Opening is done under a lock on the directory, so that
-// nobody examines a file that another process is just creating. Under that lock, too, a damaged file of a store
-// that is not synced is thrown away when nobody has it open: a crash of the system may have damaged it, and it
-// holds nothing that has to outlive one.
+// nobody examines a file that another process is just creating. Under that lock, too, a damaged file of a
+// store that is not synced is thrown away when nobody has it open: a crash of the system may have damaged it,
+// and it holds nothing that has to outlive one.
 //
 // Forking: a child would share its parent's place in the reader table. It therefore opens the store anew on
 // its first use.
@@ -291,8 +291,8 @@ private:
         return true;
     }
 
-    /// Puts the new file on disk before anything is stored in it, so that one whose first pages are zero after
-    /// a crash of the system is known never to have held anything.
+    /// Puts the new file on disk before anything is stored in it, so that one whose first pages are zero
+    /// after a crash of the system is known never to have held anything.
     bool sync_creation()
     {
         if (const int code = mdb_env_sync(m_opened->m_environment, 1); code != MDB_SUCCESS)

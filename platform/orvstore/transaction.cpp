@@ -1,6 +1,6 @@
 // What is done in a store that is there. Every use begins by asking the environment for it, which sees to it
-// that it is open and the right one; every failure ends there, as it may be one after which the store has to be
-// opened again.
+// that it is open and the right one; every failure ends there, as it may be one after which the store has to
+// be opened again.
 
 #include <orvstore/transaction.h>
 

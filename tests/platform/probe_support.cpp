@@ -1,5 +1,5 @@
-// Running the probe daemon, which is a program of its own: what a daemon does to its process would be done to the
-// tests.
+// Running the probe daemon, which is a program of its own: what a daemon does to its process would be done to
+// the tests.
 
 #include "probe_support.h"
 

@@ -1,6 +1,6 @@
-// The device and the telemetry library on somebody else's liborvutils, which is this file: they need nothing of it
-// but what platform/include declares, and nothing of the one from here. How the two are brought together is in
-// docs/porting.md.
+// The device and the telemetry library on somebody else's liborvutils, which is this file: they need nothing
+// of it but what platform/include declares, and nothing of the one from here. How the two are brought
+// together is in docs/porting.md.
 
 #include "base_support.h"
 

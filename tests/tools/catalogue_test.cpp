@@ -1,6 +1,6 @@
-// What orvctl shows of the daemon against what the daemon has, and against what the protocol's document says. The
-// tables alone do not show what is so, so it is found out by trying: the daemon runs on a fake platform, which sees
-// whether a command has done anything at all, and who is told of what.
+// What orvctl shows of the daemon against what the daemon has, and against what the protocol's document says.
+// The tables alone do not show what is so, so it is found out by trying: the daemon runs on a fake platform,
+// which sees whether a command has done anything at all, and who is told of what.
 
 #include "catalogue.h"
 

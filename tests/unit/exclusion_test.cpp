@@ -1,5 +1,5 @@
-// The grammar of exclusion patterns: examples, and a great many of random patterns against what they were made
-// to be and against a second way to tell.
+// The grammar of exclusion patterns: examples, and a great many of random patterns against what they were
+// made to be and against a second way to tell.
 
 #include "support/exclusion_reference.h"
 

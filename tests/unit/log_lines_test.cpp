@@ -1,9 +1,9 @@
-// Every line that the daemon can log: with its level, and from the file and in the name of the function that a
-// reader of the log looks for.
+// Every line that the daemon can log: with its level, and from the file and in the name of the function that
+// a reader of the log looks for.
 //
-// The daemon is put through everything that makes it say something, each time with another call failing or with
-// another piece of memory missing. Whatever it logs must be in the table, and everything in the table must have
-// been logged.
+// The daemon is put through everything that makes it say something, each time with another call failing or
+// with another piece of memory missing. Whatever it logs must be in the table, and everything in the table
+// must have been logged.
 
 #include "make_device.h"
 #include "support/scenario.h"

@@ -1,5 +1,5 @@
-// The stores' libraries keep why a store could not be opened. Here that becomes one message; what they tell their
-// log meanwhile is left out.
+// The stores' libraries keep why a store could not be opened. Here that becomes one message; what they tell
+// their log meanwhile is left out.
 #include "stores.h"
 
 #include "exit_status.h"

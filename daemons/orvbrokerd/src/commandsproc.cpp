@@ -1,10 +1,10 @@
 // The handlers of the client commands. Each takes what the dispatcher has checked by the command table, reads
-// or changes the stores or asks another daemon over the exchange, and returns; nothing here waits, but for the
-// firewall script.
+// or changes the stores or asks another daemon over the exchange, and returns; nothing here waits, but for
+// the firewall script.
 //
-// A section for each family: registration, features, devices, the router's identity, the router's interfaces and
-// firewall, satellites, vulnerability assessment, reports. The helpers that all of them use come first. What a
-// helper has to say, it says in the name of the handler that it works for.
+// A section for each family: registration, features, devices, the router's identity, the router's interfaces
+// and firewall, satellites, vulnerability assessment, reports. The helpers that all of them use come first.
+// What a helper has to say, it says in the name of the handler that it works for.
 
 #include "commandsproc.h"
 
@@ -181,8 +181,8 @@ int add_feature(json_t* statuses, const char* name)
     return status == featureutl::FeatureStatus::unknown ? 0 : set_status(statuses, name, status);
 }
 
-/// Sets a feature and adds what is read back. 0, also for what is no feature or no status or cannot be set; -1
-/// without memory.
+/// Sets a feature and adds what is read back. 0, also for what is no feature or no status or cannot be set;
+/// -1 without memory.
 int set_feature(json_t* statuses, const char* name, const char* text, log::Caller caller = log::caller())
 {
     const auto status = featureutl::str_to_feature_status(text);
@@ -906,8 +906,8 @@ Result process_remove_satellite(const json_t* data, Connection* conn, int epfd, 
     if (send_remove_satellite(did, conn, epfd) != kPending)
         return kFailed;
 
-    // On the lists before the answer: neither scan nor discovery shall treat it again, whatever the cloud says.
-    // A list that cannot be written has been told of, and changes nothing about the request.
+    // On the lists before the answer: neither scan nor discovery shall treat it again, whatever the cloud
+    // says. A list that cannot be written has been told of, and changes nothing about the request.
     (void)blacklist_add(kVaBlacklistSatellitesKey, mac_text);
     (void)blacklist_add(kDiscoveryBlacklistSatellitesKey, mac_text);
     return kPending;

@@ -1,10 +1,10 @@
 // The spine of the daemon: start-up, the main loop, shutdown.
 //
-// Start-up is a table of steps, each with what is said when it fails and what it takes to undo it; when one fails,
-// those before it are undone by the same table, newest first. The loop waits on one epoll instance and hands each
-// ready descriptor to its owner. The exchange's descriptor is fetched anew each pass, since a reconnection may
-// change it. The settings watch is taken out of epoll after each pass that had something to do, and put in again
-// before the next wait; after an idle or interrupted wait it simply stays in.
+// Start-up is a table of steps, each with what is said when it fails and what it takes to undo it; when one
+// fails, those before it are undone by the same table, newest first. The loop waits on one epoll instance and
+// hands each ready descriptor to its owner. The exchange's descriptor is fetched anew each pass, since a
+// reconnection may change it. The settings watch is taken out of epoll after each pass that had something to
+// do, and put in again before the next wait; after an idle or interrupted wait it simply stays in.
 
 #include "orvbrokerd.h"
 
@@ -332,7 +332,8 @@ bool remember(Connection* conn)
     }
 }
 
-/// Takes over an accepted socket: closes it when it cannot become a connection in the table, which is then null.
+/// Takes over an accepted socket: closes it when it cannot become a connection in the table, which is then
+/// null.
 Connection* create_connection(int fd, log::Caller caller)
 {
     auto* conn = new (std::nothrow) Connection(fd);

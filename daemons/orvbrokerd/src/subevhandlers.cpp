@@ -1,9 +1,9 @@
 // Changes of devices and of the service subscription, turned into events for clients: field changes at once,
 // the list of changed devices collected until the next tick of the cached-events timer.
 //
-// The device library may call from anywhere, as it has no descriptor in the loop: what its callbacks share with
-// the timer stands under a mutex. The event that is sent is made of what the cache holds under one lock, so that
-// no change is told twice or lost between the two.
+// The device library may call from anywhere, as it has no descriptor in the loop: what its callbacks share
+// with the timer stands under a mutex. The event that is sent is made of what the cache holds under one lock,
+// so that no change is told twice or lost between the two.
 
 #include "subevhandlers.h"
 
@@ -168,8 +168,8 @@ bool append_cached(json_t* events, log::Caller caller)
     return true;
 }
 
-/// Empties the cache into the event's text; null, with the cache as it was, when there is nobody to send it to or
-/// no memory.
+/// Empties the cache into the event's text; null, with the cache as it was, when there is nobody to send it
+/// to or no memory.
 TextPtr take_cached_events(json_t* events, std::vector<Connection*>& conns,
                            log::Caller caller = log::caller())
 {

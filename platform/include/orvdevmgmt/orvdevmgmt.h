@@ -44,7 +44,8 @@ using DevInfoChangeCallback = void (*)(DevInfoChangeType type, const Device& dev
 void uninit();
 
 /// Registers a callback for new and removed devices and for changes of the listed fields. Callbacks run in
-/// the order of their registration, on the caller's thread, from inside MonitoredKey::read_notifications(). 0 or -1.
+/// the order of their registration, on the caller's thread, from inside MonitoredKey::read_notifications(). 0
+/// or -1.
 [[nodiscard]] int set_on_dev_info_change(const std::vector<std::string>& fields,
                                          DevInfoChangeCallback callback);
 /// Takes back one such registration, of the same fields. 0, or -1 when there is none.

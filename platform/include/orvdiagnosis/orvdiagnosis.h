@@ -30,8 +30,8 @@ public:
     /// {category: {name: value}}, a new reference; null on failure.
     [[nodiscard]] json_t* collect() const;
 
-    /// The same with "generated_at" and "agent_version", either of which is null when it cannot be told. A new
-    /// reference; null on failure.
+    /// The same with "generated_at" and "agent_version", either of which is null when it cannot be told. A
+    /// new reference; null on failure.
     [[nodiscard]] json_t* report() const;
 
 private:

@@ -1,5 +1,5 @@
-// A descriptor is always the lowest free number. So a program that was started without standard streams would open
-// its first files in their places, and print into them.
+// A descriptor is always the lowest free number. So a program that was started without standard streams would
+// open its first files in their places, and print into them.
 
 #include <orvutils/standard_streams.h>
 

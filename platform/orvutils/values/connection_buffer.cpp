@@ -33,8 +33,8 @@ namespace {
 /// A buffer that has grown beyond this held an answer that took much memory to make.
 constexpr unsigned kLarge = 64 * 1024;
 
-/// What made a large answer is freed by now, in many small pieces. glibc keeps such memory for itself unless it
-/// is told; other C libraries give it back by themselves.
+/// What made a large answer is freed by now, in many small pieces. glibc keeps such memory for itself unless
+/// it is told; other C libraries give it back by themselves.
 void give_memory_back()
 {
 #ifdef __GLIBC__

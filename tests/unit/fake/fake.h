@@ -98,8 +98,8 @@ public:
     };
 
     /// Where the daemon's own code runs: only there `new` with exceptions can be made to fail. Tests hold one
-    /// around their calls into the daemon, the fake around its callbacks; while it does its own work it holds a
-    /// Calm.
+    /// around their calls into the daemon, the fake around its callbacks; while it does its own work it holds
+    /// a Calm.
     class Inside {
     public:
         Inside();
@@ -149,7 +149,8 @@ public:
     /// The n-th call (from 1, since the beginning) fails of those that can.
     void fail_nth(std::size_t n) { m_fail_nth = n; }
     /// The n-th request for memory of a kind from now on gets none, 0 for never: "malloc", "strdup", "new",
-    /// "new[]" (those without exceptions) or "throwing new" (of any kind). Only the code of the daemon and of the platform's values is meant, not that of libraries.
+    /// "new[]" (those without exceptions) or "throwing new" (of any kind). Only the code of the daemon and of
+    /// the platform's values is meant, not that of libraries.
     void fail_memory(const std::string& kind, unsigned n = 1) { m_memory[kind] = n; }
     /// Whether that has happened.
     [[nodiscard]] bool memory_failed(const std::string& kind) const { return m_memory.at(kind) == 0; }

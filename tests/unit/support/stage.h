@@ -8,9 +8,9 @@
 
 namespace orv::test {
 
-/// The daemon below its main loop, on a fake platform: epoll, the exchange's handle and client connections are
-/// there without start-up. At its end whoever still waits for an answer gets one, so that what it owns is freed,
-/// and all connections are destroyed.
+/// The daemon below its main loop, on a fake platform: epoll, the exchange's handle and client connections
+/// are there without start-up. At its end whoever still waits for an answer gets one, so that what it owns is
+/// freed, and all connections are destroyed.
 class Stage {
 public:
     explicit Stage(fake::Fake& platform);

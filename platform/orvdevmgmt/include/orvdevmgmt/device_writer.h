@@ -19,8 +19,8 @@ constexpr std::size_t kMaxRecordSize = 8192; ///< of a whole device, as it is st
 [[nodiscard]] const store::Failure& failure();
 
 /// Stores a device, new or in place of the one with its id. 0, or below 0 with nothing changed: error 1 for
-/// an impossible device (no id, texts that are not UTF-8, invalid addresses, with the member's name in the log;
-/// too large). Storing what is there already changes nothing.
+/// an impossible device (no id, texts that are not UTF-8, invalid addresses, with the member's name in the
+/// log; too large). Storing what is there already changes nothing.
 [[nodiscard]] int put_device(const Device& device);
 
 /// Removes a device. 0, or below 0: error 4 when there is none with that id.
@@ -37,8 +37,8 @@ constexpr std::size_t kMaxRecordSize = 8192; ///< of a whole device, as it is st
 [[nodiscard]] bool device_from_json(const json_t* json, const std::string& default_owner, Device& device,
                                     std::string& error);
 
-/// The device as JSON, all members in that order, with U+FFFD for bytes that are not UTF-8; the caller releases
-/// it. Null when memory is short.
+/// The device as JSON, all members in that order, with U+FFFD for bytes that are not UTF-8; the caller
+/// releases it. Null when memory is short.
 [[nodiscard]] json_t* device_to_json(const Device& device);
 
 } // namespace orv::devMgmt
