@@ -34,7 +34,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <new>
-#include <sstream>
 #include <vector>
 
 namespace orv::brokerd {
@@ -81,9 +80,7 @@ namespace {
 
 path version_file_path()
 {
-    std::ostringstream directory;
-    orv::detail::print_common_path(directory, common_path::run);
-    return path(directory.str()) / kVersionFile;
+    return common_directory(common_path::run) / kVersionFile;
 }
 
 bool write_version_file()
