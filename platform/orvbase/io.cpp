@@ -2,6 +2,9 @@
 
 #include <orvbase/io.h>
 
+#include <orvbase/descriptor.h>
+
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -31,6 +34,20 @@ bool read_fully(int fd, void* data, std::size_t size, std::uint64_t offset)
         offset += static_cast<std::uint64_t>(count);
     }
     return true;
+}
+
+std::string read_text(const std::string& path, std::size_t limit)
+{
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string text;
+    ssize_t count = file.get() == -1 ? 0 : 1;
+    while (count > 0 && text.size() < limit) {
+        const std::size_t size = text.size();
+        text.resize(limit);
+        count = read_some(file.get(), text.data() + size, limit - size);
+        text.resize(size + static_cast<std::size_t>(count > 0 ? count : 0));
+    }
+    return text;
 }
 
 } // namespace orv::base

@@ -2,29 +2,34 @@
 
 #include "records.h"
 
+#include <orvbase/io.h>
+
 #include <sys/utsname.h>
 
-#include <fstream>
+#include <cstdio>
+#include <string>
 
 namespace orv::diagnosis {
 namespace {
 
+constexpr std::size_t kMaxSize = std::size_t{16} * 1024; ///< bytes read of a file there
+
 /// Seconds since the machine was started.
 json_t* uptime()
 {
-    std::ifstream file("/proc/uptime");
-    double seconds = 0;
-    return file >> seconds ? json_integer(static_cast<json_int_t>(seconds)) : nullptr;
+    long long seconds = 0;
+    const std::string text = base::read_text("/proc/uptime", kMaxSize);
+    return std::sscanf(text.c_str(), "%lld", &seconds) == 1 ? json_integer(seconds) : nullptr;
 }
 
 /// Processes that want to run, averaged over 1, 5 and 15 minutes.
 json_t* load()
 {
-    std::ifstream file("/proc/loadavg");
     double one = 0;
     double five = 0;
     double fifteen = 0;
-    if (!(file >> one >> five >> fifteen))
+    const std::string text = base::read_text("/proc/loadavg", kMaxSize);
+    if (std::sscanf(text.c_str(), "%lf %lf %lf", &one, &five, &fifteen) != 3)
         return nullptr;
     return json_pack("[f,f,f]", one, five, fifteen);
 }
@@ -33,13 +38,12 @@ json_t* load()
 json_t* memory(const std::string& name)
 {
     constexpr json_int_t kBytesPerKib = 1024;
-    std::ifstream file("/proc/meminfo");
-    for (std::string word; file >> word;) {
-        json_int_t kib = 0;
-        if (word == name && file >> kib)
-            return json_integer(kib * kBytesPerKib);
-    }
-    return nullptr;
+    const std::string text = "\n" + base::read_text("/proc/meminfo", kMaxSize);
+    const std::size_t line = text.find("\n" + name);
+    long long kib = 0;
+    if (line == std::string::npos || std::sscanf(text.c_str() + line + 1 + name.size(), "%lld", &kib) != 1)
+        return nullptr;
+    return json_integer(kib * kBytesPerKib);
 }
 
 json_t* kernel()

@@ -18,6 +18,7 @@ std::string printed(common_path which)
 {
     std::ostringstream out;
     orv::detail::print_common_path(out, which);
+    EXPECT_EQ(orv::common_directory(which).str(), out.str());
     return out.str();
 }
 

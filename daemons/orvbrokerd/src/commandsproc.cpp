@@ -37,7 +37,6 @@
 #include <memory>
 #include <new>
 #include <numeric>
-#include <sstream>
 
 namespace orv::brokerd {
 namespace {
@@ -839,9 +838,7 @@ Result process_set_router_interfaces(json_t* data)
 Result process_reapply_firewall_rules()
 {
     static const auto commands = [] {
-        std::ostringstream directory;
-        orv::detail::print_common_path(directory, common_path::firewall);
-        const path script = path(directory.str()) / "orv_init_fw.sh";
+        const path script = common_directory(common_path::firewall) / "orv_init_fw.sh";
         return std::vector<std::vector<std::string>>{{script.str()}};
     }();
     if (exec_script(commands, "/bin/sh", /*flags=*/0) >= 0)

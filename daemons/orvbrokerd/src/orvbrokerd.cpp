@@ -37,7 +37,6 @@
 #include <ctime>
 #include <new>
 #include <optional>
-#include <sstream>
 #include <vector>
 
 namespace orv::brokerd {
@@ -84,9 +83,7 @@ namespace {
 
 path version_file_path()
 {
-    std::ostringstream directory;
-    orv::detail::print_common_path(directory, common_path::run);
-    return path(directory.str()) / kVersionFile;
+    return common_directory(common_path::run) / kVersionFile;
 }
 
 bool write_version_file()

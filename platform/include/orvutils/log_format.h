@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 namespace orv::log {
@@ -37,6 +38,7 @@ template <typename... Arguments>
 void format_and_print(int channel, int level, const Source& source, fmt::format_string<Arguments...> format,
                       Arguments&&... arguments)
 {
+    static_assert((!std::is_floating_point_v<std::decay_t<Arguments>> && ...), "the log writes no fractions");
     vformat_and_print(channel, level, source, format, fmt::make_format_args(arguments...));
 }
 

@@ -35,9 +35,13 @@ enum class common_path : int {
     run = 6,      ///< what lives as long as the running agent
 };
 
+/// The directory of a common path.
+[[nodiscard]] path common_directory(common_path which);
+
 namespace detail {
 
-/// Prints the directory of a common path, without a slash at its end.
+/// Prints the same, without a slash at its end. Who has no need of streams takes the function above: streams are a
+/// quarter megabyte of a program.
 void print_common_path(std::ostream& out, common_path which);
 
 } // namespace detail

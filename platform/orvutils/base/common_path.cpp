@@ -8,9 +8,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ostream>
 
-namespace orv::detail {
+namespace orv {
 
 namespace {
 
@@ -27,12 +26,12 @@ const char* relative_path(common_path which)
 
 } // namespace
 
-void print_common_path(std::ostream& out, common_path which)
+path common_directory(common_path which)
 {
     const std::string directory = base::root_path(relative_path(which));
     if (which == common_path::run && !base::make_directories(directory, base::kDirectoryMode))
         ORV_LOG(log::kDebug, "cannot create {}: {}, ignoring", directory, std::strerror(errno));
-    out << directory;
+    return directory;
 }
 
-} // namespace orv::detail
+} // namespace orv

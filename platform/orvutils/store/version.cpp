@@ -2,25 +2,31 @@
 
 #include <orvutils/version.h>
 
+#include <orvbase/io.h>
 #include <orvbase/root.h>
 
-#include <fstream>
+#include <algorithm>
 #include <string_view>
 
 namespace orv {
 
 namespace {
 
+constexpr std::size_t kMaxReleaseSize = 4096; ///< bytes
+
 std::optional<std::string> read_release_line(std::string_view name)
 {
-    std::ifstream file(base::root_path("etc/release"));
-    for (std::string line; std::getline(file, line);) {
+    const std::string text = base::read_text(base::root_path("etc/release"), kMaxReleaseSize);
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = std::min(text.find('\n', begin), text.size());
+        std::string_view line = std::string_view(text).substr(begin, end - begin);
+        begin = end + 1;
         const std::size_t equals = line.find('=');
-        if (equals == std::string::npos || std::string_view(line).substr(0, equals) != name)
+        if (equals == std::string_view::npos || line.substr(0, equals) != name)
             continue;
         if (line.back() == '\r')
-            line.pop_back();
-        return line.substr(equals + 1);
+            line.remove_suffix(1);
+        return std::string(line.substr(equals + 1));
     }
     return std::nullopt;
 }

@@ -20,7 +20,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <ostream>
 
 using orv::fake::Fake;
 
@@ -221,10 +220,10 @@ std::string get_patch_version()
     return platform().patch_version;
 }
 
-void detail::print_common_path(std::ostream& out, common_path which)
+path common_directory(common_path which)
 {
     const Fake::Calm calm;
-    out << platform().root << "/" << static_cast<int>(which);
+    return path(platform().root) / std::to_string(static_cast<int>(which));
 }
 
 } // namespace orv

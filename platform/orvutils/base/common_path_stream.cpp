@@ -1,0 +1,14 @@
+// Apart from the rest, so that a program that does not print to a stream has none.
+
+#include <orvutils/path.h>
+
+#include <ostream>
+
+namespace orv::detail {
+
+void print_common_path(std::ostream& out, common_path which)
+{
+    out << common_directory(which).str();
+}
+
+} // namespace orv::detail
