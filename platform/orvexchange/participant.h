@@ -17,7 +17,7 @@ class TrafficReader;
 }
 
 /// One participant: the handle of the interface. Its functions answer to those of orvexchange.h and
-/// exchange_publisher.h, with arguments that have been checked.
+/// orvexchange/publisher.h, with arguments that have been checked.
 struct Orvex {
 public:
     /// Exactly one of `handler` and `observer` is set; an observer only looks on.

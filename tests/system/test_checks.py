@@ -266,7 +266,7 @@ class Ci(Tree):
 
     def test_being_interrupted_ends_the_static_checks_too(self):
         self.put("scripts/lint", 'sleep 100 &\necho $! >"%s/started"\nwait\n' % self.tree)
-        self.put("scripts/test", 'until [ -s "%s/started" ]; do sleep 0.01; done\necho ready\nsleep 100\n' % self.tree)
+        self.put("scripts/test", 'until [ -s "%s/started" ]; do sleep 0.01; done\necho ready\nexec sleep 100\n' % self.tree)
         with subprocess.Popen([os.path.join(self.tree, ".ci/run")], stdout=subprocess.PIPE, text=True,
                               start_new_session=True) as run:
             while run.stdout.readline() != "ready\n":

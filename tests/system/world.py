@@ -357,10 +357,12 @@ class Participant(Helper):
 
     def __init__(self, world, name):
         self.world = world
+        self.received = 0  # how many things so far
         super().__init__(world, program("participant"), "unix:path=%s/run/exchange.skt" % world.root, name)
 
     def receive(self):
         """What comes next, as (kind, name, data)."""
+        self.received += 1
         return tuple(self.ask("receive").split("\t", 2))
 
     def answer(self, number, kind, data=b""):

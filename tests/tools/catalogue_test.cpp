@@ -198,10 +198,11 @@ TEST_F(Catalogue, SaysOfEveryCommandWhatTheDaemonsTableSays)
 TEST_F(Catalogue, HasDataThatFitsForEveryCommandThatNeedsSome)
 {
     for (const auto& row : orvctl::commands()) {
-        if (data_of(row.argument) == Data::text)
+        if (data_of(row.argument) == Data::text) {
             EXPECT_FALSE(call(row.name, kText).is_refused()) << row.name;
-        if (data_of(row.argument) == Data::required)
+        } else if (data_of(row.argument) == Data::required) {
             EXPECT_FALSE(is_refused(row.name, kFitting)) << row.name;
+        }
     }
 }
 

@@ -1,5 +1,6 @@
 // Every line that the daemon can log: with its level, and from the file and in the name of the function that
-// a reader of the log looks for.
+// a reader of the log looks for. Not here are what its libraries say by themselves, and "invalid interface
+// {:d}", which the JSON library gives no occasion for: an array has an element at each index below its size.
 //
 // The daemon is put through everything that makes it say something, each time with another call failing or
 // with another piece of memory missing. Whatever it logs must be in the table, and everything in the table
@@ -42,7 +43,7 @@ struct Row {
     int level;
     const char* file;
     const char* function;
-    const char* text; ///< "{...}" stands for anything
+    const char* text; ///< "{...}" stands for anything, "{{}}" for two braces
 };
 
 const Row kRows[] = {
@@ -236,15 +237,18 @@ const Row kRows[] = {
     {2, kMeanings, "orvex_guster_user_agent_cb", "send json: {:s}"},
     {4, kMeanings, "orvex_orvagent_started_cb", "sending ACK for 'orvagent_started' event' ..."},
     {0, kMeanings, "orvex_orvagent_started_cb", "failed to send ACK for 'orvagent_started' event"},
-    {2, kMeanings, "orvex_orvagent_started_cb", "send json: {}"},
+    {2, kMeanings, "orvex_orvagent_started_cb", "send json: {{}}"},
 };
 
 std::regex pattern_of(const std::string& text)
 {
     static const std::regex special(R"([\^\$\\\.\*\+\?\(\)\[\]\|])");
+    static const std::regex braces(R"(\{\{\}\})");
     static const std::regex placeholder(R"(\{[^}]*\})");
-    return std::regex(
-        std::regex_replace(std::regex_replace(text, special, R"(\$&)"), placeholder, R"([^]*)"));
+    std::string pattern = std::regex_replace(text, special, R"(\$&)");
+    pattern = std::regex_replace(pattern, braces, "\x01");
+    pattern = std::regex_replace(pattern, placeholder, R"([^]*)");
+    return std::regex(std::regex_replace(pattern, std::regex("\x01"), R"(\{\})"));
 }
 
 // ---- what makes the daemon speak

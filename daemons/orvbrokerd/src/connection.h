@@ -29,7 +29,7 @@ struct Connection {
 
     int fd;
     bool close_after_send = false; ///< ends once the send buffer has drained
-    bool close_requested = false;  ///< ends after the exchange input that is being handled
+    bool close_requested = false;  ///< ends after the next exchange input
     int mode = kCommandMode;
     std::string subscription; ///< name of the one event that it has subscribed to
     ConnectionBuffer rx;

@@ -49,7 +49,8 @@ extern std::unordered_map<std::string, std::vector<Connection*>> g_client_subscr
 /// take ownership.
 [[nodiscard]] int send_json(const std::vector<Connection*>& conns, json_t* event);
 
-/// Takes a connection that is about to be destroyed out of the subscription tables, whichever way it ended.
+/// Takes a connection that is about to be destroyed out of the subscriptions and of the requests in flight,
+/// whichever way it ended.
 void forget_connection(const Connection* conn);
 
 } // namespace orv::brokerd

@@ -156,7 +156,7 @@ bool connect_to_exchange()
 
 bool subscribe_to_exchange()
 {
-    (void)orvex_subscribe(); // what it cannot do now is made good by the first client's subscription
+    (void)orvex_subscribe(); // the library goes on trying by itself
     return true;
 }
 
@@ -208,7 +208,7 @@ void nothing_to_undo() {}
 
 constexpr std::array kSteps{
     // clang-format off
-    // A daemon that runs already has said it all.
+    // Another daemon that holds the file has said it all.
     Step{write_version_file, Says::nothing, "", nothing_to_undo},
     Step{lock_version_file, Says::nothing, "", nothing_to_undo}, // the lock falls with the process
     Step{create_epoll, Says::text, "failed to open epoll", close_epoll},
@@ -329,8 +329,7 @@ bool remember(Connection* conn)
     }
 }
 
-/// Takes over an accepted socket: closes it when it cannot become a connection in the table, which is then
-/// null.
+/// Takes over an accepted socket, and closes it when it cannot become a connection in the table: null then.
 Connection* create_connection(int fd, log::Caller caller)
 {
     auto* conn = new (std::nothrow) Connection(fd);

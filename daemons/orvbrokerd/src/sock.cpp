@@ -29,22 +29,24 @@ int create_server_socket()
         return -1;
     }
 
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
     if (fd == -1) {
         ORV_LOG(log::kError, "failed to create socket");
         return -1;
     }
     if (bind(fd, address, address) == -1) {
-        ORV_LOG(log::kError, "failed to bind socket {:d} to {:s}", fd, address.to_string(false));
-        close_server_socket(fd);
+        ORV_LOG(log::kError, "failed to bind socket {:d} to {:s}", fd,
+                address.to_string(/*with_family=*/false));
+        (void)close_server_socket(fd); // gone either way
         return -1;
     }
     if (listen(fd, kBacklog) == -1) {
         ORV_LOG(log::kError, "failed to listen on socket {:d}", fd);
-        close_server_socket(fd);
+        (void)close_server_socket(fd); // as above
         return -1;
     }
-    ORV_LOG(log::kDebug, "listening for connections on socket {:d} ({:s})\n", fd, address.to_string(false));
+    ORV_LOG(log::kDebug, "listening for connections on socket {:d} ({:s})\n", fd,
+            address.to_string(/*with_family=*/false));
     return fd;
 }
 

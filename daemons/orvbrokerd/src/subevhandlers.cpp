@@ -1,9 +1,9 @@
 // Changes of devices and of the service subscription, turned into events for clients: field changes at once,
 // the list of changed devices collected until the next tick of the cached-events timer.
 //
-// The device library may call from anywhere, as it has no descriptor in the loop: what its callbacks share
-// with the timer stands under a mutex. The event that is sent is made of what the cache holds under one lock,
-// so that no change is told twice or lost between the two.
+// What the device library's callbacks share with the timer stands under a mutex, since it is the library's
+// business where it calls from. The event that is sent is made of what the cache holds under one lock, so that
+// no change is told twice or lost between the two.
 
 #include "subevhandlers.h"
 
@@ -156,7 +156,7 @@ bool is_cache_empty()
     return g_events_cache.empty();
 }
 
-/// Called with the cache locked, as the next one.
+/// Called with the cache locked.
 bool append_cached(json_t* events, log::Caller caller)
 {
     for (const auto& [did, kind] : g_events_cache) {
