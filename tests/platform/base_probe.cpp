@@ -1,6 +1,6 @@
 // A small daemon on the real framework, for the tests to run as a process. It tells on standard output (or,
 // when PROBE_FD is set, on that descriptor) what it sees; PROBE_INIT=fail and PROBE_RUN=N choose its hooks'
-// results.
+// results, PROBE_REPEAT=N how often it logs a line over again.
 
 #include <orvutils/daemon.h>
 #include <orvutils/log_format.h>
@@ -46,6 +46,9 @@ bool init()
 {
     for (int level = orv::log::kError; level <= orv::log::kTrace; ++level)
         ORV_LOG(level, "level {}", level);
+    const char* repetitions = std::getenv("PROBE_REPEAT");
+    for (int i = 0; repetitions && i < std::atoi(repetitions); ++i)
+        ORV_LOG(orv::log::kWarning, "again and again");
     const char* wanted = std::getenv("PROBE_INIT");
     tell("init");
     return !wanted || std::string(wanted) != "fail";
