@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -198,6 +199,25 @@ TEST(DaemonSignals, SigintMakesTheStopDescriptorReadableWithoutInterruptingAWait
     expect_orderly_stop(SIGINT);
 }
 
+TEST(DaemonSignals, SighupMakesTheStopDescriptorReadableInTheForeground)
+{
+    expect_orderly_stop(SIGHUP);
+}
+
+TEST(DaemonSignals, SighupThatTheStarterIgnoredIsIgnored)
+{
+    const auto before = std::signal(SIGHUP, SIG_IGN);
+    const Running probe = start_probe({});
+    (void)std::signal(SIGHUP, before);
+    (void)read_until(probe.out, "waiting\n");
+    ASSERT_EQ(kill(probe.process, SIGHUP), 0);
+    pollfd told = {probe.out, POLLIN, 0};
+    EXPECT_EQ(poll(&told, 1, 100), 0) << "it waits on";
+    ASSERT_EQ(kill(probe.process, SIGTERM), 0);
+    EXPECT_EQ(read_until(probe.out, ""), "stop is readable\nstop stays readable\n");
+    EXPECT_EQ(wait_for(probe.process), 0);
+}
+
 TEST(DaemonSignals, AScriptsStatusIsSeenEvenIfTheStarterIgnoredItsChildren)
 {
     const Outcome outcome = in_child([] {
@@ -239,6 +259,17 @@ TEST(DaemonBackground, TheStarterEndsOnceTheDaemonIsUp)
     EXPECT_EQ(value_of(told, "directory"), "/");
     for (const char* stream : {"in", "out", "err"})
         EXPECT_EQ(value_of(told, stream), "/dev/null");
+    ASSERT_EQ(kill(std::stoi(process), SIGTERM), 0);
+    EXPECT_EQ(read_until(background.told, ""), "stop is readable\nstop stays readable\n");
+}
+
+TEST(DaemonBackground, SighupIsIgnored)
+{
+    Background background = start_in_background({});
+    const std::string process = value_of(read_until(background.told, "waiting\n"), "pid");
+    ASSERT_EQ(kill(std::stoi(process), SIGHUP), 0);
+    pollfd told = {background.told, POLLIN, 0};
+    EXPECT_EQ(poll(&told, 1, 100), 0) << "it waits on";
     ASSERT_EQ(kill(std::stoi(process), SIGTERM), 0);
     EXPECT_EQ(read_until(background.told, ""), "stop is readable\nstop stays readable\n");
 }

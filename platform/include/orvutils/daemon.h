@@ -8,8 +8,9 @@ namespace orv::daemon {
 /// One daemon process: its command line, its signals and the order of its hooks.
 ///
 /// The framework owns the options -f/--foreground (the default), -d/--daemonize, -l/--log-level N, --version
-/// and --help. SIGTERM and SIGINT make the stop descriptor readable; SIGPIPE is ignored, SIGCHLD is not, even if
-/// the starter did so. Standard streams that the starter has closed lead to /dev/null.
+/// and --help. SIGTERM and SIGINT make the stop descriptor readable, and so does SIGHUP in the foreground, unless
+/// the starter ignored it. SIGPIPE is ignored, and SIGHUP in the background; SIGCHLD is not, even if the starter
+/// did so. Standard streams that the starter has closed lead to /dev/null.
 class Instance {
 public:
     Instance(const Instance&) = delete;

@@ -1,5 +1,6 @@
-// The daemon framework. SIGTERM and SIGINT stay blocked and are received through a signalfd: the daemon's
-// waiting is never interrupted by them, and as nobody reads the descriptor it stays readable once it is.
+// The daemon framework. SIGTERM and SIGINT, and SIGHUP in the foreground, stay blocked and are received through a
+// signalfd: the daemon's waiting is never interrupted by them, and as nobody reads the descriptor it stays
+// readable once it is. In the background there is no terminal that could hang up.
 // Going to the background happens in run(), before the init hook, so that everything the hooks open belongs
 // to the final process; the process that the user started lives until the init hook's result is known and
 // hands it on as its exit status.
@@ -54,7 +55,8 @@ constexpr char kUsage[] =
     "  ORV_ROOT             the agent's root directory (default /opt/orvane)\n"
     "  ORV_LOG_LEVEL        the log level, unless --log-level is given\n"
     "\n"
-    "SIGTERM and SIGINT stop the daemon.\n"
+    "SIGTERM and SIGINT stop the daemon. So does SIGHUP in the foreground, unless it was\n"
+    "started with that ignored (nohup); in the background SIGHUP is ignored.\n"
     "\n"
     "Exit status: 0 stopped, or running in the background; 1 failed to start;\n"
     "2 wrong command line.\n";
@@ -170,14 +172,25 @@ bool set_action(int signal, void (*handler)(int))
     return sigaction(signal, &action, nullptr) == 0;
 }
 
+bool is_ignored(int signal)
+{
+    struct sigaction action {};
+    return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 /// The stop descriptor, or -1. Who starts the daemon may ignore its own children, and that is inherited: the
-/// statuses of the daemon's scripts would be lost.
-int prepare_signals()
+/// statuses of the daemon's scripts would be lost. That it ignores SIGHUP, on the other hand, is meant for us;
+/// blocked, the signal would be received all the same.
+int prepare_signals(bool background)
 {
     sigset_t stop;
     sigemptyset(&stop);
     sigaddset(&stop, SIGTERM);
     sigaddset(&stop, SIGINT);
+    if (background && !set_action(SIGHUP, SIG_IGN))
+        return -1;
+    if (!is_ignored(SIGHUP))
+        sigaddset(&stop, SIGHUP);
     if (!set_action(SIGPIPE, SIG_IGN) || !set_action(SIGCHLD, SIG_DFL) ||
         sigprocmask(SIG_BLOCK, &stop, nullptr) == -1)
         return -1;
@@ -291,7 +304,7 @@ std::shared_ptr<Instance> instance(int argc, char** argv)
     }
     const Options options = parse_options(argc, argv, program);
     choose_log_level(options.log_level);
-    const int stop_fd = prepare_signals();
+    const int stop_fd = prepare_signals(options.background);
     return std::make_shared<Process>(std::move(program), options.background, stop_fd);
 }
 

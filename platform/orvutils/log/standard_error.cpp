@@ -39,7 +39,7 @@ static_assert(kMaxLine <= PIPE_BUF);
 
 enum class Kind {
     none,
-    file,   ///< or a device: never full for long
+    file, ///< or a device: never full for long
     socket,
     opened, ///< a pipe or a terminal, by a descriptor of our own
     asked,  ///< the same, but it could not be opened
@@ -168,6 +168,5 @@ void leave_standard_error()
     g_stream.kind = Kind::none;
     g_stream.rest_size = 0;
 }
-
 
 } // namespace orv::log
