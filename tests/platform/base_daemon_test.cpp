@@ -1,7 +1,9 @@
 // The daemon framework, seen from outside: the probe's options, exit statuses, signals and its way to the
 // background.
 
+#include "memory_support.h"
 #include "probe_support.h"
+#include "process_support.h"
 
 #include <orvutils/daemon.h>
 #include <orvutils/script.h>
@@ -138,6 +140,82 @@ TEST(DaemonHooks, RunsResultIsTheExitStatus)
     EXPECT_EQ(outcome.status, 7);
     EXPECT_EQ(value_of(outcome.out, "pid"), std::to_string(outcome.process))
         << "the foreground is the same process";
+}
+
+constexpr uid_t kNobody = 65534;
+
+Outcome run_below(const TemporaryRoot& root, const std::function<void()>& prepare = nullptr)
+{
+    const std::string variable = "ORV_ROOT=" + root.path();
+    return run_probe({}, {variable, "PROBE_RUN=0"}, prepare);
+}
+
+TEST(DaemonDirectories, ThatBelongToSomebodyElseAreRefused)
+{
+    for (const char* name : {"run", "tmp", "var"}) {
+        const TemporaryRoot root;
+        const std::string directory = root.path() + "/" + name;
+        Outcome outcome;
+        if (geteuid() == 0) {
+            std::filesystem::create_directory(directory);
+            ASSERT_EQ(chown(directory.c_str(), kNobody, kNobody), 0);
+            outcome = run_below(root);
+        } else {
+            std::filesystem::create_symlink("/usr", directory);
+            outcome = run_below(root, [] { (void)enter_mount_namespace(); });
+        }
+        EXPECT_EQ(outcome.status, 1);
+        EXPECT_EQ(outcome.out, "") << "before the init hook";
+        EXPECT_TRUE(contains(outcome.err, "]: " + directory + " belongs to user 65534, and is not used\n"))
+            << outcome.err;
+    }
+}
+
+TEST(DaemonDirectories, BehindALinkAreLookedAtToo)
+{
+    const TemporaryRoot root;
+    std::filesystem::create_directory(root.path() + "/elsewhere");
+    ASSERT_EQ(chmod((root.path() + "/elsewhere").c_str(), 0777), 0);
+    std::filesystem::create_symlink(root.path() + "/elsewhere", root.path() + "/run");
+    const Outcome outcome = run_below(root);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_TRUE(
+        contains(outcome.err, "]: " + root.path() + "/run can be written to by everybody, and is not used\n"))
+        << outcome.err;
+}
+
+TEST(DaemonDirectories, OfOurOwnAreClosedToOthers)
+{
+    const TemporaryRoot root;
+    const std::string directory = root.path() + "/run";
+    std::filesystem::create_directory(directory);
+    ASSERT_EQ(chmod(directory.c_str(), 0755), 0);
+    EXPECT_EQ(run_below(root).status, 0);
+    struct stat status {};
+    ASSERT_EQ(stat(directory.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0700U);
+}
+
+TEST(DaemonMemory, ThatRunsOutOfAHookIsStatusOne)
+{
+    for (const char* hook : {"PROBE_INIT=no memory", "PROBE_RUN=no memory"}) {
+        const Outcome outcome = run_probe({}, {hook});
+        EXPECT_EQ(outcome.status, 1) << hook;
+        EXPECT_TRUE(contains(outcome.err, "[run()]: out of memory\n")) << outcome.err;
+    }
+}
+
+TEST(DaemonMemory, ThatRunsOutAtTheStartIsStatusOne)
+{
+    const Outcome outcome = in_child([] {
+        char name[] = "a daemon whose name does not fit into a short string";
+        char* arguments[] = {name, nullptr};
+        g_memory_left = 0;
+        (void)orv::daemon::instance(1, arguments);
+        return 3;
+    });
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "out of memory\n");
 }
 
 void close_standard_streams()

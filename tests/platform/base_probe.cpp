@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <new>
 #include <string>
 
 namespace {
@@ -50,6 +51,8 @@ bool init()
     for (int i = 0; repetitions && i < std::atoi(repetitions); ++i)
         ORV_LOG(orv::log::kWarning, "again and again");
     const char* wanted = std::getenv("PROBE_INIT");
+    if (wanted && std::string(wanted) == "no memory")
+        throw std::bad_alloc();
     tell("init");
     return !wanted || std::string(wanted) != "fail";
 }
@@ -84,6 +87,8 @@ int run()
 {
     tell_surroundings();
     const char* status = std::getenv("PROBE_RUN");
+    if (status && std::string(status) == "no memory")
+        throw std::bad_alloc();
     if (status)
         return std::atoi(status);
     break_pipe();

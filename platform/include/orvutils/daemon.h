@@ -22,7 +22,8 @@ public:
     virtual int on_stop_pipe() = 0;
 
     /// Goes to the background if the command line says so, calls the init hook and, if it returned true, the
-    /// run hook. Returns the process's exit status: 1 when init failed, else what the run hook returned.
+    /// run hook. Returns the process's exit status: 1 when init failed, when a directory below the agent's root is
+    /// somebody else's, or when memory ran out of a hook; else what the run hook returned.
     virtual int run() = 0;
 
     std::function<bool()> init_hook;

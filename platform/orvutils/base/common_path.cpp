@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <ostream>
 
 namespace orv::detail {
@@ -28,11 +29,13 @@ const char* relative_path(common_path which)
 } // namespace
 
 void print_common_path(std::ostream& out, common_path which)
-{
+try {
     const std::string directory = base::root_path(relative_path(which));
-    if (which == common_path::run && !base::make_directories(directory, base::kDirectoryMode))
+    if (which == common_path::run && !base::make_directories(directory, base::kDataDirectoryMode))
         ORV_LOG(log::kDebug, "cannot create {}: {}, ignoring", directory, std::strerror(errno));
     out << directory;
+} catch (const std::bad_alloc&) {
+    out.setstate(std::ios::failbit); // what is printed is not complete
 }
 
 } // namespace orv::detail

@@ -7,6 +7,8 @@
 
 #include <orvutils/daemon.h>
 
+#include "own_directories.h"
+
 #include <orvbase/descriptor.h>
 #include <orvbase/io.h>
 #include <orvbase/root.h>
@@ -25,6 +27,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -248,7 +251,7 @@ public:
     }
 
     int on_stop_pipe() override { return m_stop_fd; }
-    int run() override { return m_background ? run_in_background() : run_hooks({}); }
+    int run() override;
 
 private:
     int run_in_background();
@@ -258,6 +261,14 @@ private:
     bool m_background;
     int m_stop_fd; ///< not owned: the hooks close it
 };
+
+int Process::run()
+try {
+    return m_background ? run_in_background() : run_hooks({});
+} catch (const std::bad_alloc&) {
+    ORV_LOG(log::kError, "out of memory");
+    return kExitFailure;
+}
 
 int Process::run_in_background()
 {
@@ -284,7 +295,7 @@ int Process::run_in_background()
 /// `report` is where the parent waits to hear of a successful start; closed when nobody does.
 int Process::run_hooks(Descriptor report)
 {
-    if (init_hook && !init_hook())
+    if (!own_directories() || (init_hook && !init_hook()))
         return kExitFailure;
     if (report.is_open() && write(report.get(), "", 1) != 1)
         ORV_LOG(log::kDebug, "nobody waits for the daemon to be up, ignoring");
@@ -295,7 +306,7 @@ int Process::run_hooks(Descriptor report)
 } // namespace
 
 std::shared_ptr<Instance> instance(int argc, char** argv)
-{
+try {
     std::string program = program_name(argc, argv);
     if (!open_standard_streams()) {
         const auto text = fmt::format("{}: cannot open /dev/null: {}\n", program, std::strerror(errno));
@@ -306,6 +317,9 @@ std::shared_ptr<Instance> instance(int argc, char** argv)
     choose_log_level(options.log_level);
     const int stop_fd = prepare_signals(options.background);
     return std::make_shared<Process>(std::move(program), options.background, stop_fd);
+} catch (const std::bad_alloc&) {
+    (void)std::fputs("out of memory\n", stderr);
+    std::exit(kExitFailure);
 }
 
 } // namespace orv::daemon
