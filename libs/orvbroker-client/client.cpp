@@ -139,6 +139,15 @@ Client::~Client()
     close();
 }
 
+std::optional<uid_t> Client::server_uid() const
+{
+    ucred server{};
+    socklen_t size = sizeof server;
+    if (::getsockopt(m_fd, SOL_SOCKET, SO_PEERCRED, &server, &size) == -1)
+        return std::nullopt;
+    return server.uid;
+}
+
 void Client::close()
 {
     if (m_fd != -1)

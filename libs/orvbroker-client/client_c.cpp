@@ -7,6 +7,7 @@
 #include <orvbroker/client_c.h>
 
 #include <new>
+#include <optional>
 #include <string>
 
 struct orvbroker_client {
@@ -146,6 +147,12 @@ const char* orvbroker_event(const orvbroker_client* client, std::size_t* length)
 int orvbroker_fd(const orvbroker_client* client)
 {
     return client ? client->connection.fd() : -1;
+}
+
+long long orvbroker_server_uid(const orvbroker_client* client)
+{
+    const auto uid = client ? client->connection.server_uid() : std::nullopt;
+    return uid ? static_cast<long long>(*uid) : -1;
 }
 
 void orvbroker_close(orvbroker_client* client)

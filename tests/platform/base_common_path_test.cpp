@@ -1,6 +1,7 @@
 // The common paths below the agent's root directory.
 
 #include "base_support.h"
+#include "memory_support.h"
 
 #include <orvutils/path.h>
 
@@ -27,6 +28,7 @@ TEST(CommonPath, OfTheRunningAgentIsMadeOnFirstUse)
     const TemporaryRoot root;
     EXPECT_EQ(printed(common_path::run), root.path() + "/run");
     EXPECT_TRUE(std::filesystem::is_directory(root.path() + "/run"));
+    EXPECT_EQ(std::filesystem::status(root.path() + "/run").permissions(), std::filesystem::perms::owner_all);
 }
 
 TEST(CommonPath, OfTheFirewallScriptsIsOnlyNamed)
@@ -34,6 +36,17 @@ TEST(CommonPath, OfTheFirewallScriptsIsOnlyNamed)
     const TemporaryRoot root;
     EXPECT_EQ(printed(common_path::firewall), root.path() + "/lib/firewall");
     EXPECT_FALSE(std::filesystem::exists(root.path() + "/lib"));
+}
+
+TEST(CommonPath, IsNotPrintedWithoutMemory)
+{
+    const TemporaryRoot root;
+    std::ostringstream out;
+    g_memory_left = 0;
+    orv::detail::print_common_path(out, common_path::run);
+    g_memory_left = -1;
+    EXPECT_TRUE(out.fail());
+    EXPECT_EQ(out.str(), "");
 }
 
 TEST(CommonPath, IsPrintedEvenWhenItCannotBeMade)

@@ -1,7 +1,9 @@
 // The daemon framework, seen from outside: the probe's options, exit statuses, signals and its way to the
 // background.
 
+#include "memory_support.h"
 #include "probe_support.h"
+#include "process_support.h"
 
 #include <orvutils/daemon.h>
 #include <orvutils/script.h>
@@ -10,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -139,6 +142,82 @@ TEST(DaemonHooks, RunsResultIsTheExitStatus)
         << "the foreground is the same process";
 }
 
+constexpr uid_t kNobody = 65534;
+
+Outcome run_below(const TemporaryRoot& root, const std::function<void()>& prepare = nullptr)
+{
+    const std::string variable = "ORV_ROOT=" + root.path();
+    return run_probe({}, {variable, "PROBE_RUN=0"}, prepare);
+}
+
+TEST(DaemonDirectories, ThatBelongToSomebodyElseAreRefused)
+{
+    for (const char* name : {"run", "tmp", "var"}) {
+        const TemporaryRoot root;
+        const std::string directory = root.path() + "/" + name;
+        Outcome outcome;
+        if (geteuid() == 0) {
+            std::filesystem::create_directory(directory);
+            ASSERT_EQ(chown(directory.c_str(), kNobody, kNobody), 0);
+            outcome = run_below(root);
+        } else {
+            std::filesystem::create_symlink("/usr", directory);
+            outcome = run_below(root, [] { (void)enter_mount_namespace(); });
+        }
+        EXPECT_EQ(outcome.status, 1);
+        EXPECT_EQ(outcome.out, "") << "before the init hook";
+        EXPECT_TRUE(contains(outcome.err, "]: " + directory + " belongs to user 65534, and is not used\n"))
+            << outcome.err;
+    }
+}
+
+TEST(DaemonDirectories, BehindALinkAreLookedAtToo)
+{
+    const TemporaryRoot root;
+    std::filesystem::create_directory(root.path() + "/elsewhere");
+    ASSERT_EQ(chmod((root.path() + "/elsewhere").c_str(), 0777), 0);
+    std::filesystem::create_symlink(root.path() + "/elsewhere", root.path() + "/run");
+    const Outcome outcome = run_below(root);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_TRUE(
+        contains(outcome.err, "]: " + root.path() + "/run can be written to by everybody, and is not used\n"))
+        << outcome.err;
+}
+
+TEST(DaemonDirectories, OfOurOwnAreClosedToOthers)
+{
+    const TemporaryRoot root;
+    const std::string directory = root.path() + "/run";
+    std::filesystem::create_directory(directory);
+    ASSERT_EQ(chmod(directory.c_str(), 0755), 0);
+    EXPECT_EQ(run_below(root).status, 0);
+    struct stat status {};
+    ASSERT_EQ(stat(directory.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0700U);
+}
+
+TEST(DaemonMemory, ThatRunsOutOfAHookIsStatusOne)
+{
+    for (const char* hook : {"PROBE_INIT=no memory", "PROBE_RUN=no memory"}) {
+        const Outcome outcome = run_probe({}, {hook});
+        EXPECT_EQ(outcome.status, 1) << hook;
+        EXPECT_TRUE(contains(outcome.err, "[run()]: out of memory\n")) << outcome.err;
+    }
+}
+
+TEST(DaemonMemory, ThatRunsOutAtTheStartIsStatusOne)
+{
+    const Outcome outcome = in_child([] {
+        char name[] = "a daemon whose name does not fit into a short string";
+        char* arguments[] = {name, nullptr};
+        g_memory_left = 0;
+        (void)orv::daemon::instance(1, arguments);
+        return 3;
+    });
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "out of memory\n");
+}
+
 void close_standard_streams()
 {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
@@ -198,6 +277,25 @@ TEST(DaemonSignals, SigintMakesTheStopDescriptorReadableWithoutInterruptingAWait
     expect_orderly_stop(SIGINT);
 }
 
+TEST(DaemonSignals, SighupMakesTheStopDescriptorReadableInTheForeground)
+{
+    expect_orderly_stop(SIGHUP);
+}
+
+TEST(DaemonSignals, SighupThatTheStarterIgnoredIsIgnored)
+{
+    const auto before = std::signal(SIGHUP, SIG_IGN);
+    const Running probe = start_probe({});
+    (void)std::signal(SIGHUP, before);
+    (void)read_until(probe.out, "waiting\n");
+    ASSERT_EQ(kill(probe.process, SIGHUP), 0);
+    pollfd told = {probe.out, POLLIN, 0};
+    EXPECT_EQ(poll(&told, 1, 100), 0) << "it waits on";
+    ASSERT_EQ(kill(probe.process, SIGTERM), 0);
+    EXPECT_EQ(read_until(probe.out, ""), "stop is readable\nstop stays readable\n");
+    EXPECT_EQ(wait_for(probe.process), 0);
+}
+
 TEST(DaemonSignals, AScriptsStatusIsSeenEvenIfTheStarterIgnoredItsChildren)
 {
     const Outcome outcome = in_child([] {
@@ -239,6 +337,17 @@ TEST(DaemonBackground, TheStarterEndsOnceTheDaemonIsUp)
     EXPECT_EQ(value_of(told, "directory"), "/");
     for (const char* stream : {"in", "out", "err"})
         EXPECT_EQ(value_of(told, stream), "/dev/null");
+    ASSERT_EQ(kill(std::stoi(process), SIGTERM), 0);
+    EXPECT_EQ(read_until(background.told, ""), "stop is readable\nstop stays readable\n");
+}
+
+TEST(DaemonBackground, SighupIsIgnored)
+{
+    Background background = start_in_background({});
+    const std::string process = value_of(read_until(background.told, "waiting\n"), "pid");
+    ASSERT_EQ(kill(std::stoi(process), SIGHUP), 0);
+    pollfd told = {background.told, POLLIN, 0};
+    EXPECT_EQ(poll(&told, 1, 100), 0) << "it waits on";
     ASSERT_EQ(kill(std::stoi(process), SIGTERM), 0);
     EXPECT_EQ(read_until(background.told, ""), "stop is readable\nstop stays readable\n");
 }

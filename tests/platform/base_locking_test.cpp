@@ -1,6 +1,7 @@
 // File locks between processes.
 
 #include "base_support.h"
+#include "memory_support.h"
 
 #include <orvutils/error.h>
 #include <orvutils/locking.h>
@@ -131,7 +132,9 @@ TEST(Lock, FileIsMadeOnlyWhenAskedFor)
     umask(before);
     struct stat status {};
     ASSERT_EQ(stat(file.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777U, 0644U);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U) << "a lock of others would keep the daemon from starting";
+    ASSERT_EQ(stat((root.path() + "/tmp").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0700U);
 }
 
 TEST(Lock, DirectoriesOutsideTheRootAreNotMade)
@@ -143,6 +146,23 @@ TEST(Lock, DirectoriesOutsideTheRootAreNotMade)
     EXPECT_FALSE(std::filesystem::exists(root.path() + "-beside"));
     EXPECT_FALSE(plock::make("", flags::create));
     EXPECT_EQ(orv::_get_orverrno(), static_cast<int>(orv::Error::invalid_argument));
+}
+
+TEST(Lock, WithoutMemoryIsNotMadeAndNoException)
+{
+    const TemporaryRoot root;
+    const orv::path file(root.path() + "/a/directory/of/some/length/lock");
+    long failures = 0;
+    bool made = false;
+    for (; !made && failures < 100; ++failures) {
+        g_memory_left = failures;
+        made = plock::make(file, flags::create).has_value();
+        const bool failed_some = g_memory_left == 0;
+        g_memory_left = -1;
+        EXPECT_TRUE(made || failed_some) << failures;
+    }
+    EXPECT_TRUE(made);
+    EXPECT_GT(failures, 1);
 }
 
 TEST(Lock, LeavesTheFilesContentAlone)

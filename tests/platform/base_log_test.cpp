@@ -1,19 +1,17 @@
 // Log lines, byte by byte. Each test logs in a child process, whose standard error is caught.
 
 #include "base_support.h"
+#include "memory_support.h"
 
 #include <orvutils/log_control.h>
 #include <orvutils/log_format.h>
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,23 +19,9 @@
 #include <regex>
 #include <string>
 
-// What the library hands to syslog: the linker sends it here, and it is told on standard output. With
-// fortified headers the library calls the second name.
-extern "C" {
-void __wrap_syslog(int priority, const char* format, ...);
-void __wrap___syslog_chk(int priority, int flag, const char* format, ...);
-}
-
 namespace {
 
 using namespace orv::log;
-
-void tell_syslog(int priority, const char* format, std::va_list arguments)
-{
-    std::printf("<%d>", priority);
-    std::vprintf(format, arguments); // NOLINT(clang-analyzer-valist.Uninitialized): the callers began it
-    std::printf("$\n");
-}
 
 constexpr Source kSource = {"some/file.cpp", 42, "work"};
 
@@ -147,8 +131,8 @@ TEST(LogLine, TimeMovesOnFromSecondToSecond)
 {
     const Outcome outcome = in_child([] {
         const std::time_t begin = std::time(nullptr);
-        while (std::time(nullptr) < begin + 2)
-            log_plain(kInfo, "x");
+        for (int i = 0; std::time(nullptr) < begin + 2; ++i)
+            ORV_LOG(kInfo, "{}", i);
         return 0;
     });
     std::string previous;
@@ -164,42 +148,111 @@ TEST(LogLine, TimeMovesOnFromSecondToSecond)
     EXPECT_LE(seconds, 3U);
 }
 
-TEST(LogLine, LineFeedsOfTheMessageAreKeptAndOneIsAdded)
+/// What a message looks like in the log, from its first byte to the end of its line.
+std::string written(const std::string& message)
 {
-    const Outcome outcome = in_child([] {
-        log_plain(kInfo, "one\n");
-        log_plain(kInfo, "\n\n");
-        return 0;
-    });
-    const std::string head = "[some/file.cpp:42][work()]: ";
-    const auto second = outcome.err.find("\n\n") + 2;
-    EXPECT_EQ(rest_of(outcome.err.substr(0, second)), head + "one\n\n");
-    EXPECT_EQ(rest_of(outcome.err.substr(second)), head + "\n\n\n");
-}
-
-TEST(LogLine, MayBeLong)
-{
-    const std::string message(1000000, 'm');
     const Outcome outcome = in_child([&] {
         ORV_LOG(kInfo, "{}", message);
         return 0;
     });
-    EXPECT_EQ(outcome.err.size(), outcome.err.find("]: ") + 3 + message.size() + 1);
-    EXPECT_NE(outcome.err.find("]: " + message + "\n"), std::string::npos);
+    return outcome.err.substr(outcome.err.find("()]: ") + 5);
+}
+
+TEST(LogLine, OneLineFeedOfTheMessageIsKeptAndOneIsAdded)
+{
+    EXPECT_EQ(written("one\n"), "one\n\n");
+    EXPECT_EQ(written("\n"), "\n\n");
+    EXPECT_EQ(written("\n\n"), "\\x0a\n\n");
+    EXPECT_EQ(written("a forged\nline\n"), "a forged\\x0aline\n\n");
+}
+
+TEST(LogLine, ControlCharactersAreEscapedWhereverTheyStandAndAllElseStaysAsItIs)
+{
+    const std::string before = "\xc3\xc3\xc3\xc3\xc3\xc3\xc3\xc3\xc3\xc3\xc3\xc3\xc3"; // any place in a word
+    const Outcome outcome = in_child([&] {
+        for (int byte = 0; byte < 256; ++byte)
+            for (const std::size_t size : {0U, 5U, 13U})
+                ORV_LOG(kInfo, "{}{}end", before.substr(0, size), static_cast<char>(byte));
+        return 0;
+    });
+    const auto lines = lines_of(outcome.err);
+    ASSERT_EQ(lines.size(), 3U * 256U);
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(i / 3);
+        const bool control = byte < 0x20 || byte == 0x7f;
+        const std::string shown =
+            control ? fmt::format("\\x{:02x}", byte) : std::string(1, static_cast<char>(byte));
+        const std::size_t size = i % 3 == 0 ? 0 : i % 3 == 1 ? 5 : 13;
+        EXPECT_EQ(lines[i].substr(lines[i].find("()]: ") + 5), before.substr(0, size) + shown + "end");
+    }
+    EXPECT_EQ(written("caf\u00e9 \u6771\u4eac \\x1b"), "caf\u00e9 \u6771\u4eac \\x1b\n");
+    EXPECT_EQ(written("\x1b]0;title\a\r"), "\\x1b]0;title\\x07\\x0d\n");
+}
+
+TEST(LogLine, IsCutAtItsBoundAndTellsItsLength)
+{
+    const std::string head = written("").empty() ? "" : "[some/file.cpp:42][work()]: ";
+    const auto text_of = [&](const std::string& message) {
+        const Outcome outcome = in_child([&] {
+            vformat_and_print(kDefaultChannel, kInfo, kSource, "{}", fmt::make_format_args(message));
+            return 0;
+        });
+        return rest_of(outcome.err);
+    };
+    const std::size_t room = kMaxText - head.size();
+    const auto cut = [&](const std::string& start, std::size_t size) {
+        return fmt::format("{}{}... ({} bytes)\n", head, start, head.size() + size);
+    };
+    EXPECT_EQ(text_of(std::string(room, 'm')), head + std::string(room, 'm') + "\n");
+    EXPECT_EQ(text_of(std::string(room + 1, 'm')), cut(std::string(room, 'm'), room + 1));
+    EXPECT_EQ(text_of(std::string(4000000, 'm')), cut(std::string(room, 'm'), 4000000));
+    // Between characters, and counted as they are written.
+    EXPECT_EQ(text_of(std::string(room - 1, 'm') + "\u00e9"), cut(std::string(room - 1, 'm'), room + 1));
+    EXPECT_EQ(text_of(std::string(room - 2, 'm') + "\u6771x"), cut(std::string(room - 2, 'm'), room + 2));
+    EXPECT_EQ(text_of(std::string(room - 4, 'm') + "\xf0\x9f\x98\x80"),
+              head + std::string(room - 4, 'm') + "\xf0\x9f\x98\x80\n");
+    EXPECT_EQ(text_of(std::string(room - 3, 'm') + "\x1b"
+                                                   "x"),
+              cut(std::string(room - 3, 'm'), room - 1));
+    EXPECT_EQ(text_of(std::string(room + 9, '\x80')), cut(std::string(room, '\x80'), room + 9));
+    std::string escapes;
+    for (std::size_t i = 0; i < room / 4; ++i)
+        escapes += "\\x00";
+    EXPECT_EQ(text_of(std::string(5000, '\0')), cut(escapes, 5000));
+}
+
+TEST(LogLine, ThatSomebodyElseHasMadeIsCutAndEscapedToo)
+{
+    const auto print_text = [](std::string text) {
+        const Outcome outcome = in_child([&] {
+            std::string line = kPrefixArea + text;
+            print(kDefaultChannel, kInfo, {line.data(), line.size()});
+            return 0;
+        });
+        return rest_of(outcome.err);
+    };
+    EXPECT_EQ(print_text("\tx\n"), "\\x09x\n");
+    EXPECT_EQ(print_text("no end"), "no end\n");
+    EXPECT_EQ(print_text(""), "\n");
+    EXPECT_EQ(print_text("\n"), "\n");
+    EXPECT_EQ(print_text(std::string(100000, 'm') + "\n"),
+              std::string(kMaxText, 'm') + "... (100000 bytes)\n");
+    EXPECT_EQ(print_text(std::string(2000, '\x01') + "\n").size(), kMaxText + sizeof "... (2000 bytes)");
 }
 
 TEST(LogLine, IsWrittenWithOneWriteHoweverLong)
 {
     const Ends ends = make_sockets(SOCK_SEQPACKET);
-    const std::string message(5000, 'm');
+    const std::string message(1900, 'm');
     (void)in_child([&] {
         dup2(ends.second, STDERR_FILENO);
         ORV_LOG(kInfo, "{}", "short");
         ORV_LOG(kInfo, "{}", message);
+        ORV_LOG(kInfo, "\x1b{}", message);
         return 0;
     });
     char packet[8192];
-    for (const std::string& expected : {std::string("short"), message}) {
+    for (const std::string& expected : {std::string("short"), message, "\\x1b" + message}) {
         const ssize_t size = recv(ends.first, packet, sizeof packet, MSG_DONTWAIT);
         ASSERT_GT(size, 0);
         const std::string line(packet, static_cast<std::size_t>(size));
@@ -207,21 +260,20 @@ TEST(LogLine, IsWrittenWithOneWriteHoweverLong)
     }
 }
 
-TEST(LogLine, ThatTheReaderTakesInPiecesArrivesWhole)
+TEST(LogLine, TakesNoMemory)
 {
-    Ends ends = make_pipe();
-    const std::string message(300000, 'm'); // several times what a pipe holds
-    const pid_t child = fork();
-    ASSERT_NE(child, -1);
-    if (child == 0) {
-        dup2(ends.second, STDERR_FILENO);
+    const std::string message(4000000, 'm');
+    const Outcome outcome = in_child([&] {
+        log_plain(kInfo, "the first line finds out where it goes");
+        g_memory_left = 0;
         ORV_LOG(kInfo, "{}", message);
-        _exit(0);
-    }
-    ends.second.reset();
-    const std::string line = read_until(ends.first, "\n");
-    EXPECT_EQ(line.substr(line.find("]: ") + 3), message + "\n");
-    EXPECT_EQ(wait_for(child), 0);
+        ORV_LOG(kInfo, "{} \x1b {}", 42, message);
+        const bool untouched = g_memory_left == 0;
+        g_memory_left = -1;
+        return untouched ? 0 : 1;
+    });
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(lines_of(outcome.err).size(), 3U);
 }
 
 TEST(LogLine, ThatCannotBeWrittenIsLostWithoutAWordAndLeavesErrno)
@@ -233,19 +285,6 @@ TEST(LogLine, ThatCannotBeWrittenIsLostWithoutAWordAndLeavesErrno)
         return errno == ENOTTY ? 0 : 1;
     });
     EXPECT_EQ(outcome.status, 0);
-}
-
-TEST(LogLine, ThatNobodyTakesDoesNotStopTheProcess)
-{
-    const Ends ends = make_pipe();
-    ASSERT_NE(fcntl(ends.second, F_SETFL, O_NONBLOCK), -1);
-    const Outcome outcome = in_child([&] {
-        dup2(ends.second, STDERR_FILENO);
-        for (int i = 0; i < 2000; ++i)
-            log_plain(kError, "a line of some length, many of which fill a pipe that nobody reads");
-        return 3;
-    });
-    EXPECT_EQ(outcome.status, 3);
 }
 
 TEST(LogLine, WithAMessageThatCannotBeFormattedTellsItsFormat)
@@ -300,37 +339,4 @@ TEST(LogChannel, CanBeOpenedAnyNumberOfTimesIfThereCanBeOne)
     EXPECT_FALSE(open_channel(-1));
 }
 
-TEST(LogBackground, LinesGoToSyslogWithoutAreaAndLineFeedsByTheirPriority)
-{
-    const Outcome outcome = in_child([] {
-        use_syslog("probe");
-        log_plain(kError, "e");
-        log_plain(kWarning, "w %d\n");
-        log_plain(kInfo, "i\n\n");
-        log_plain(kDebug, "d");
-        log_plain(kTrace, "t");
-        return 0;
-    });
-    const std::string head = "[some/file.cpp:42][work()]: ";
-    EXPECT_EQ(outcome.err, "");
-    EXPECT_EQ(outcome.out, "<3>" + head + "e$\n<4>" + head + "w %d$\n<6>" + head + "i$\n<7>" + head +
-                               "d$\n<7>" + head + "t$\n");
-}
-
 } // namespace
-
-void __wrap_syslog(int priority, const char* format, ...)
-{
-    std::va_list arguments;
-    va_start(arguments, format);
-    tell_syslog(priority, format, arguments);
-    va_end(arguments);
-}
-
-void __wrap___syslog_chk(int priority, int /*flag*/, const char* format, ...)
-{
-    std::va_list arguments;
-    va_start(arguments, format);
-    tell_syslog(priority, format, arguments);
-    va_end(arguments);
-}

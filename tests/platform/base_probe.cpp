@@ -1,6 +1,6 @@
 // A small daemon on the real framework, for the tests to run as a process. It tells on standard output (or,
 // when PROBE_FD is set, on that descriptor) what it sees; PROBE_INIT=fail and PROBE_RUN=N choose its hooks'
-// results.
+// results, PROBE_REPEAT=N how often it logs a line over again.
 
 #include <orvutils/daemon.h>
 #include <orvutils/log_format.h>
@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <new>
 #include <string>
 
 namespace {
@@ -46,7 +47,12 @@ bool init()
 {
     for (int level = orv::log::kError; level <= orv::log::kTrace; ++level)
         ORV_LOG(level, "level {}", level);
+    const char* repetitions = std::getenv("PROBE_REPEAT");
+    for (int i = 0; repetitions && i < std::atoi(repetitions); ++i)
+        ORV_LOG(orv::log::kWarning, "again and again");
     const char* wanted = std::getenv("PROBE_INIT");
+    if (wanted && std::string(wanted) == "no memory")
+        throw std::bad_alloc();
     tell("init");
     return !wanted || std::string(wanted) != "fail";
 }
@@ -81,6 +87,8 @@ int run()
 {
     tell_surroundings();
     const char* status = std::getenv("PROBE_RUN");
+    if (status && std::string(status) == "no memory")
+        throw std::bad_alloc();
     if (status)
         return std::atoi(status);
     break_pipe();

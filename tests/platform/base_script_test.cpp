@@ -1,6 +1,7 @@
 // Scripts: their words, surroundings, results, and the end of those that hang.
 
 #include "base_support.h"
+#include "memory_support.h"
 #include "script_run.h"
 
 #include <orvutils/error.h>
@@ -9,14 +10,47 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdarg>
 #include <string>
 #include <vector>
+
+namespace {
+bool g_old_kernel = false;
+bool g_kills_work = true;
+} // namespace
+
+// The linker sends every call of these here: an old kernel, and a process that hangs in it.
+extern "C" {
+long __real_syscall(long number, long a, long b, long c);
+long __wrap_syscall(long number, ...);
+int __real_kill(pid_t process, int signal);
+int __wrap_kill(pid_t process, int signal)
+{
+    return g_kills_work ? __real_kill(process, signal) : 0;
+}
+}
+
+long __wrap_syscall(long number, ...)
+{
+    std::va_list arguments;
+    va_start(arguments, number);
+    const long a = va_arg(arguments, long);
+    const long b = va_arg(arguments, long);
+    const long c = va_arg(arguments, long);
+    va_end(arguments);
+    if (g_old_kernel) {
+        errno = ENOSYS;
+        return -1;
+    }
+    return __real_syscall(number, a, b, c);
+}
 
 namespace {
 
@@ -116,6 +150,88 @@ TEST_F(Script, InheritsNoOtherDescriptor)
     });
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.out, "0\n1\n2\n3\n") << "3 is the directory that is being listed";
+}
+
+TEST_F(Script, OnAnOldKernelInheritsNoOtherDescriptorEither)
+{
+    const Outcome outcome = in_child([] {
+        for (int i = 0; i < 200; ++i)
+            if (dup(STDIN_FILENO) == -1)
+                return 1;
+        g_old_kernel = true;
+        return exec_script({{"/proc/self/fd"}}, "/bin/ls", 0);
+    });
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out, "0\n1\n2\n3\n");
+}
+
+TEST_F(Script, OnAnOldKernelIsWaitedForAndKilledLikewise)
+{
+    const std::string failing = write("failing", "exit 3\n");
+    const std::string hanging = write("hanging", "sleep 1000 & sleep 1000\n");
+    const Outcome outcome = in_child([&] {
+        g_old_kernel = true;
+        if (exec_script({{failing}}, kShell, 0) != kFailed)
+            return 1;
+        const auto begin = std::chrono::steady_clock::now();
+        if (exec_script_within({{hanging}}, kShell, 100) != kTimedOut)
+            return 2;
+        if (std::chrono::steady_clock::now() - begin > std::chrono::seconds(8))
+            return 3;
+        return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD ? 0 : 4;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_NE(outcome.err.find("'" + failing + "' ended with status 3\n"), std::string::npos);
+    EXPECT_NE(outcome.err.find("'" + hanging + "' was killed after 100 ms\n"), std::string::npos);
+}
+
+TEST_F(Script, ThatDoesNotEvenEndWhenItIsKilledIsLeftAndItsEndSeenLater)
+{
+    const std::string hanging = write("hanging", "echo $$ > $1; sleep 1000 & wait\n");
+    const std::string fine = write("fine", "exit 0\n");
+    const Outcome outcome = in_child([&] {
+        g_kills_work = false;
+        const auto begin = std::chrono::steady_clock::now();
+        if (exec_script_within({{hanging, result_file()}}, kShell, 1000) != kTimedOut)
+            return 1;
+        if (std::chrono::steady_clock::now() - begin > std::chrono::seconds(8))
+            return 2;
+        g_kills_work = true;
+        const pid_t process = std::stoi(result());
+        if (exec_script({{fine}}, kShell, 0) != 0 || kill(process, 0) != 0)
+            return 3; // it is not waited for while it goes on
+        kill(-process, SIGKILL);
+        siginfo_t info{};
+        if (waitid(P_PID, static_cast<id_t>(process), &info, WEXITED | WNOWAIT) != 0)
+            return 4;
+        if (exec_script({{fine}}, kShell, 0) != 0)
+            return 5;
+        return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD ? 0 : 6;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_NE(outcome.err.find("'" + hanging + "' was killed after 1000 ms\n"), std::string::npos);
+    EXPECT_NE(outcome.err.find("'" + hanging + "' does not end, ignoring\n"), std::string::npos);
+}
+
+TEST_F(Script, WithoutMemoryIsAFailureAndNoException)
+{
+    const std::string script = write("s", "exit 0\n");
+    const Outcome outcome = in_child([&] {
+        const std::vector<std::vector<std::string>> commands = {{script}};
+        const std::string shell = kShell;
+        for (long left = 0;; ++left) {
+            g_memory_left = left;
+            const int result = exec_script(commands, shell, 0);
+            const bool failed_some = g_memory_left == 0;
+            g_memory_left = -1;
+            if (result == 0)
+                return left > 0 ? 0 : 1;
+            if (result != kFailed || !failed_some || orv::_get_orverrno() != -kFailed)
+                return 2;
+        }
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_NE(outcome.err.find("no memory to run a script\n"), std::string::npos);
 }
 
 TEST_F(Script, HasDefaultSignalsThoughTheDaemonBlocksAndIgnoresSome)

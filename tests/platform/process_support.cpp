@@ -66,9 +66,6 @@ bool is_readable(int fd, int milliseconds)
     return poll(&watched, 1, milliseconds) > 0;
 }
 
-namespace {
-
-/// Root needs no user namespace; everybody else is root in one of his own.
 bool enter_mount_namespace()
 {
     if (unshare(CLONE_NEWNS) == 0)
@@ -82,8 +79,6 @@ bool enter_mount_namespace()
     spill("/proc/self/gid_map", group);
     return geteuid() == 0 && getegid() == 0;
 }
-
-} // namespace
 
 Outcome on_small_disk(const std::string& directory, const char* size, const std::function<int()>& body)
 {

@@ -156,6 +156,8 @@ TEST_F(AgentSettingsTest, Versions_come_from_the_release_file_and_may_be_absent)
     EXPECT_EQ(orv::get_release_version(), "7.2.1");
     EXPECT_EQ(orv::get_patch_version(), "a=b");
     spill(m_root.path() + "/etc/release", "version=");
-    EXPECT_EQ(orv::get_release_version(), "");
+    EXPECT_FALSE(orv::get_release_version().has_value()) << "no text is no version";
+    spill(m_root.path() + "/etc/release", "version=\r\nversion=9\n");
+    EXPECT_FALSE(orv::get_release_version().has_value());
     EXPECT_EQ(orv::get_patch_version(), "");
 }

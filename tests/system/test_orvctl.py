@@ -19,6 +19,7 @@ import world
 
 OK, FAILED, USAGE, UNAVAILABLE = 0, 1, 2, 3
 DONE = '{"data": null, "status": 0}'
+NOBODY = 65534
 F_GETPIPE_SZ = 1032  # Linux's, which Python knows from 3.10 on
 
 
@@ -30,10 +31,13 @@ def frame(text):
 class FakeDaemon:
     """Listens in the daemon's place and answers the first client's first line with given bytes."""
 
-    def __init__(self, *pieces, close=False):
+    def __init__(self, *pieces, close=False, user=None):
         self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         self.listener.bind(world.SOCKET_NAME)
+        listening_user = os.geteuid()  # the one whom clients see
+        os.seteuid(listening_user if user is None else user)
         self.listener.listen(8)
+        os.seteuid(listening_user)
         self.pieces = pieces
         self.close = close
         self.client = None
@@ -166,6 +170,20 @@ class WithoutDaemon(world.TestCase):
         for text in (DONE, '{"data":  {"b":1,"a":[1.0, 1e3]}, "status": 0}', '{"data": "\\u00e9\u00e9", "status": 0}'):
             with FakeDaemon(frame(text)):
                 self.check(["call", "get_services_status"], OK, stdout=text + "\n", stderr="^$")
+
+    def test_a_server_of_another_user_is_warned_of_once(self):
+        with FakeDaemon(frame(DONE)):
+            self.check(["call", "get_services_status"], OK, stdout=DONE + "\n", stderr="^$")
+        # In the user namespace that somebody else than root needs for these tests there is no second user.
+        with open("/proc/self/uid_map", encoding="ascii") as users:
+            second_user = any(int(line.split()[2]) > NOBODY for line in users)
+        warning = ("^orvctl: warning: what answers is run by user %d, neither by root nor by you: "
+                   "it may not be the broker daemon\n$" % NOBODY)
+        with FakeDaemon(frame(DONE), user=NOBODY if second_user else None):
+            self.check(["call", "get_services_status"], OK, stdout=DONE + "\n", stderr=warning if second_user else "^$")
+        with FakeDaemon(frame(DONE), close=True, user=NOBODY if second_user else None):
+            result = self.one.orvctl("status", "--timeout", "0.2")  # which asks more than once
+            self.assertEqual(result.stderr.count("neither by root"), 1 if second_user else 0, result)
 
     def test_any_status_but_zero_is_a_failure(self):
         for status in (-1, 1, 2, 255, 256):

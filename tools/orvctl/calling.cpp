@@ -5,6 +5,7 @@
 
 #include "answers.h"
 #include "catalogue.h"
+#include "connecting.h"
 #include "exit_status.h"
 #include "input.h"
 #include "texts.h"
@@ -31,9 +32,9 @@ int report(Error error)
 }
 
 /// Connects within the time that there is for all that follows.
-Error connect(orvbroker::Client& client, orvbroker::Deadline deadline)
+Error connect_before(orvbroker::Client& client, orvbroker::Deadline deadline)
 {
-    return client.connect(std::min(orvbroker::time_left(deadline), orvbroker::kConnectTimeout));
+    return connect(client, std::min(orvbroker::time_left(deadline), orvbroker::kConnectTimeout));
 }
 
 /// Whether data can be sent; complains when not.
@@ -111,7 +112,7 @@ int run_call(const CallOptions& call, const Options& options, Output& output)
     const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kCallTimeout));
     orvbroker::Client client;
     orvbroker::Answer answer;
-    Error error = connect(client, deadline);
+    Error error = connect_before(client, deadline);
     if (error == Error::none)
         error = client.call(call.name, data, answer, orvbroker::time_left(deadline));
     if (error != Error::none)
@@ -125,7 +126,7 @@ int run_subscribe(const SubscribeOptions& subscribe, const Options& options, Out
 {
     const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kForever));
     orvbroker::Client client;
-    Error error = connect(client, deadline);
+    Error error = connect_before(client, deadline);
     if (error == Error::none) {
         const auto left = std::min(orvbroker::time_left(deadline), orvbroker::kCallTimeout);
         error = client.subscribe(subscribe.event, left);

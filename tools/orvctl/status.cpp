@@ -4,6 +4,7 @@
 
 #include "status.h"
 
+#include "connecting.h"
 #include "exit_status.h"
 #include "stores.h"
 #include "texts.h"
@@ -52,7 +53,7 @@ Error ask(const char* command, const Options& options, orv::JsonPtr& data)
     const auto timeout = options.timeout.value_or(kAnswerTimeout);
     orvbroker::Client client;
     orvbroker::Answer answer;
-    Error error = client.connect(timeout);
+    Error error = connect(client, timeout);
     if (error == Error::none)
         error = client.call(command, "", answer, timeout);
     if (error == Error::none && answer.status() == 0)

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -93,6 +95,7 @@ TEST(CClient, SubscribesAndReceivesEvents)
     EXPECT_STREQ(orvbroker_event(client.get(), nullptr), R"({"a": 1})");
     EXPECT_EQ(orvbroker_next_event(client.get(), kShort), ORVBROKER_TIMED_OUT);
     EXPECT_GE(orvbroker_fd(client.get()), 0);
+    EXPECT_EQ(orvbroker_server_uid(client.get()), static_cast<long long>(::geteuid()));
     orvbroker_close(client.get());
     EXPECT_EQ(orvbroker_fd(client.get()), -1);
     EXPECT_EQ(orvbroker_next_event(client.get(), kShort), ORVBROKER_CONNECTION_LOST);
@@ -115,6 +118,7 @@ TEST(CClient, TakesANullClientForOneThatIsNotConnected)
     EXPECT_STREQ(orvbroker_data(nullptr, nullptr), "null");
     EXPECT_STREQ(orvbroker_event(nullptr, nullptr), "");
     EXPECT_EQ(orvbroker_fd(nullptr), -1);
+    EXPECT_EQ(orvbroker_server_uid(nullptr), -1);
     orvbroker_close(nullptr);
     orvbroker_free(nullptr);
 }

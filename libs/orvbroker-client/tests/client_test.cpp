@@ -112,6 +112,17 @@ TEST(Connect, TimesOutAtAServerWhoseBacklogIsFull)
     EXPECT_EQ(error, Error::timed_out);
 }
 
+TEST(Connect, TellsWhoServes)
+{
+    const FakeServer server(nullptr);
+    Client client;
+    EXPECT_FALSE(client.server_uid());
+    ASSERT_EQ(client.connect(kGenerous, server.name()), Error::none);
+    EXPECT_EQ(client.server_uid(), ::geteuid());
+    client.close();
+    EXPECT_FALSE(client.server_uid());
+}
+
 TEST(Connect, RefusesANameThatNoSocketCanHave)
 {
     Client client;

@@ -2,13 +2,17 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/types.h>
 #include <sys/un.h>
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace orv::sockutl {
 
@@ -75,6 +79,36 @@ public:
 private:
     std::array<std::uint8_t, 6> m_bytes{};
     bool m_valid = false;
+};
+
+/// The user on the other end of a connected Unix-domain socket: who connected, or, for a client, who listens.
+/// One system call. Empty when that cannot be told: no such socket, or its other end is no process.
+[[nodiscard]] std::optional<uid_t> peer_uid(int fd);
+
+/// Who may connect, as a list "0,1000,..." of user numbers says. Root and this process's own user always may;
+/// without a list, everybody may.
+class AllowedUids {
+public:
+    /// Everybody.
+    AllowedUids() = default;
+
+    /// Those of the list; everybody for an empty one. A list that is anything but decimal numbers with one "," between
+    /// them admits nobody else than root and this process's own user: see is_valid().
+    explicit AllowedUids(std::string_view list);
+
+    /// False when the text was no such list, or there was no memory for it: worth a line.
+    [[nodiscard]] bool is_valid() const { return m_valid; }
+
+    /// Whether nobody need be asked who he is.
+    [[nodiscard]] bool admit_everybody() const { return m_everybody; }
+
+    /// Whether this user may connect. One that cannot be told may only where everybody may.
+    [[nodiscard]] bool admit(std::optional<uid_t> uid) const;
+
+private:
+    std::vector<uid_t> m_uids; ///< in ascending order
+    bool m_everybody = true;
+    bool m_valid = true;
 };
 
 } // namespace orv::sockutl

@@ -1,10 +1,13 @@
-// The daemon framework. SIGTERM and SIGINT stay blocked and are received through a signalfd: the daemon's
-// waiting is never interrupted by them, and as nobody reads the descriptor it stays readable once it is.
+// The daemon framework. SIGTERM and SIGINT, and SIGHUP in the foreground, stay blocked and are received through a
+// signalfd: the daemon's waiting is never interrupted by them, and as nobody reads the descriptor it stays
+// readable once it is. In the background there is no terminal that could hang up.
 // Going to the background happens in run(), before the init hook, so that everything the hooks open belongs
 // to the final process; the process that the user started lives until the init hook's result is known and
 // hands it on as its exit status.
 
 #include <orvutils/daemon.h>
+
+#include "own_directories.h"
 
 #include <orvbase/descriptor.h>
 #include <orvbase/io.h>
@@ -24,6 +27,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -54,7 +58,8 @@ constexpr char kUsage[] =
     "  ORV_ROOT             the agent's root directory (default /opt/orvane)\n"
     "  ORV_LOG_LEVEL        the log level, unless --log-level is given\n"
     "\n"
-    "SIGTERM and SIGINT stop the daemon.\n"
+    "SIGTERM and SIGINT stop the daemon. So does SIGHUP in the foreground, unless it was\n"
+    "started with that ignored (nohup); in the background SIGHUP is ignored.\n"
     "\n"
     "Exit status: 0 stopped, or running in the background; 1 failed to start;\n"
     "2 wrong command line.\n";
@@ -170,14 +175,25 @@ bool set_action(int signal, void (*handler)(int))
     return sigaction(signal, &action, nullptr) == 0;
 }
 
+bool is_ignored(int signal)
+{
+    struct sigaction action {};
+    return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 /// The stop descriptor, or -1. Who starts the daemon may ignore its own children, and that is inherited: the
-/// statuses of the daemon's scripts would be lost.
-int prepare_signals()
+/// statuses of the daemon's scripts would be lost. That it ignores SIGHUP, on the other hand, is meant for us;
+/// blocked, the signal would be received all the same.
+int prepare_signals(bool background)
 {
     sigset_t stop;
     sigemptyset(&stop);
     sigaddset(&stop, SIGTERM);
     sigaddset(&stop, SIGINT);
+    if (background && !set_action(SIGHUP, SIG_IGN))
+        return -1;
+    if (!is_ignored(SIGHUP))
+        sigaddset(&stop, SIGHUP);
     if (!set_action(SIGPIPE, SIG_IGN) || !set_action(SIGCHLD, SIG_DFL) ||
         sigprocmask(SIG_BLOCK, &stop, nullptr) == -1)
         return -1;
@@ -235,7 +251,7 @@ public:
     }
 
     int on_stop_pipe() override { return m_stop_fd; }
-    int run() override { return m_background ? run_in_background() : run_hooks({}); }
+    int run() override;
 
 private:
     int run_in_background();
@@ -245,6 +261,14 @@ private:
     bool m_background;
     int m_stop_fd; ///< not owned: the hooks close it
 };
+
+int Process::run()
+try {
+    return m_background ? run_in_background() : run_hooks({});
+} catch (const std::bad_alloc&) {
+    ORV_LOG(log::kError, "out of memory");
+    return kExitFailure;
+}
 
 int Process::run_in_background()
 {
@@ -271,7 +295,7 @@ int Process::run_in_background()
 /// `report` is where the parent waits to hear of a successful start; closed when nobody does.
 int Process::run_hooks(Descriptor report)
 {
-    if (init_hook && !init_hook())
+    if (!own_directories() || (init_hook && !init_hook()))
         return kExitFailure;
     if (report.is_open() && write(report.get(), "", 1) != 1)
         ORV_LOG(log::kDebug, "nobody waits for the daemon to be up, ignoring");
@@ -282,7 +306,7 @@ int Process::run_hooks(Descriptor report)
 } // namespace
 
 std::shared_ptr<Instance> instance(int argc, char** argv)
-{
+try {
     std::string program = program_name(argc, argv);
     if (!open_standard_streams()) {
         const auto text = fmt::format("{}: cannot open /dev/null: {}\n", program, std::strerror(errno));
@@ -291,8 +315,11 @@ std::shared_ptr<Instance> instance(int argc, char** argv)
     }
     const Options options = parse_options(argc, argv, program);
     choose_log_level(options.log_level);
-    const int stop_fd = prepare_signals();
+    const int stop_fd = prepare_signals(options.background);
     return std::make_shared<Process>(std::move(program), options.background, stop_fd);
+} catch (const std::bad_alloc&) {
+    (void)std::fputs("out of memory\n", stderr);
+    std::exit(kExitFailure);
 }
 
 } // namespace orv::daemon

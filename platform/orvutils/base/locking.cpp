@@ -10,13 +10,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <new>
 #include <utility>
 
 namespace orv::locking {
 
 namespace {
 
-constexpr mode_t kLockFileMode = 0644;
+constexpr mode_t kLockFileMode = 0600;
 
 /// Only what lies below the agent's root is ours to make.
 void make_parent(const std::string& file)
@@ -26,7 +27,7 @@ void make_parent(const std::string& file)
     if (slash == std::string::npos || slash < root.size() || file.compare(0, root.size(), root) != 0)
         return;
     if (file[root.size()] == '/' || root == "/")
-        (void)base::make_directories(file.substr(0, slash), base::kDirectoryMode); // open() will tell
+        (void)base::make_directories(file.substr(0, slash), base::kDataDirectoryMode); // open() will tell
 }
 
 int open_file(const std::string& file, bool create)
@@ -53,13 +54,16 @@ plock::~plock()
 }
 
 std::optional<plock> plock::make(const path& file, flags how)
-{
+try {
     const int fd = open_file(file.str(), how == flags::create);
     if (fd == -1) {
         base::set_error(file.str().empty() ? Error::invalid_argument : Error::input_output);
         return std::nullopt;
     }
     return plock(fd);
+} catch (const std::bad_alloc&) {
+    base::set_error(Error::input_output);
+    return std::nullopt;
 }
 
 result plock::lock(type which)

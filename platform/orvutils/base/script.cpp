@@ -2,7 +2,8 @@
 // signal mask and dispositions that programs expect (the daemon blocks the signals that stop it), marks every
 // descriptor above the standard three close-on-exec, and leads a process group of its own, so that a script
 // that hangs is killed with everything it has started. The parent waits on a pidfd where the kernel has it;
-// otherwise it looks every few milliseconds.
+// otherwise it looks every few milliseconds. A process that stands in the kernel does not even end when it is
+// killed: it is not waited for, but looked after by the scripts that come later.
 
 #include <orvutils/script.h>
 
@@ -25,8 +26,8 @@
 #include <chrono>
 #include <climits>
 #include <csignal>
-#include <cstdint>
 #include <cstring>
+#include <new>
 
 namespace orv {
 
@@ -55,46 +56,15 @@ void restore_signals()
     (void)sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-void close_on_exec(int fd)
+/// False where the kernel cannot do that: before 5.11.
+bool close_on_exec_all()
 {
-    if (fd > STDERR_FILENO)
-        (void)fcntl(fd, F_SETFD, FD_CLOEXEC); // fails for those that are not open
-}
-
-/// The descriptor that an entry of /proc/self/fd names; -1 for "." and "..".
-int parse_descriptor(const char* name)
-{
-    int fd = 0;
-    for (; *name >= '0' && *name <= '9'; ++name)
-        fd = fd * 10 + (*name - '0');
-    return *name == '\0' ? fd : -1;
-}
-
-/// One buffer of directory entries as getdents64(2) lays them out: 64 bits inode, 64 bits offset, 16 bits
-/// length of the entry, 8 bits type, name.
-void close_on_exec_all(const char* entries, std::size_t size)
-{
-    constexpr std::size_t kLengthOffset = 16;
-    constexpr std::size_t kNameOffset = 19;
-    for (std::size_t at = 0; at < size;) {
-        std::uint16_t length = 0;
-        std::memcpy(&length, entries + at + kLengthOffset, sizeof length);
-        close_on_exec(parse_descriptor(entries + at + kNameOffset));
-        at += length;
-    }
-}
-
-/// opendir() would allocate memory, so the directory is read by its system call.
-bool close_on_exec_listed()
-{
-    const int directory = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (directory == -1)
-        return false;
-    alignas(std::uint64_t) char entries[1024];
-    long size = 0;
-    while ((size = syscall(SYS_getdents64, directory, entries, sizeof entries)) > 0)
-        close_on_exec_all(entries, static_cast<std::size_t>(size));
-    return size == 0;
+#ifdef SYS_close_range
+    constexpr unsigned kCloseOnExec = 1U << 2U; // CLOSE_RANGE_CLOEXEC of <linux/close_range.h>
+    return syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, kCloseOnExec) == 0;
+#else
+    return false;
+#endif
 }
 
 void close_on_exec_up_to_limit()
@@ -104,14 +74,14 @@ void close_on_exec_up_to_limit()
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < INT_MAX)
         end = static_cast<int>(limit.rlim_cur);
     for (int fd = STDERR_FILENO + 1; fd < end; ++fd)
-        close_on_exec(fd);
+        (void)fcntl(fd, F_SETFD, FD_CLOEXEC); // fails for those that are not open
 }
 
 [[noreturn]] void become_script(char* const* words)
 {
     (void)setpgid(0, 0); // the parent does it as well: whoever comes first
     restore_signals();
-    if (!close_on_exec_listed())
+    if (!close_on_exec_all())
         close_on_exec_up_to_limit();
     execv(words[0], words);
     _exit(kExecFailed);
@@ -153,7 +123,7 @@ bool wait_for_end(pid_t process, TimePoint deadline)
     return ended;
 }
 
-/// The status of a process that has ended or is about to; -1 if there is none to be had.
+/// The status of a process that has ended; -1 if there is none to be had.
 int reap(pid_t process)
 {
     int status = 0;
@@ -177,13 +147,32 @@ int judge(const std::string& script, int status)
     return base::fail(Error::input_output);
 }
 
+/// Scripts that were killed and had not ended when that was looked for.
+std::vector<pid_t> g_unended;
+
+void reap_unended()
+{
+    const auto is_gone = [](pid_t process) {
+        if (!has_ended(process))
+            return false;
+        (void)reap(process);
+        return true;
+    };
+    g_unended.erase(std::remove_if(g_unended.begin(), g_unended.end(), is_gone), g_unended.end());
+}
+
 int wait_for_script(pid_t process, const std::string& script, int limit_ms)
 {
     if (wait_for_end(process, Clock::now() + milliseconds(limit_ms)))
         return judge(script, reap(process));
     (void)kill(-process, SIGKILL);
-    (void)reap(process);
     ORV_LOG(log::kWarning, "'{}' was killed after {} ms", script, limit_ms);
+    if (wait_for_end(process, Clock::now() + detail::kKillLimit)) {
+        (void)reap(process);
+    } else {
+        ORV_LOG(log::kWarning, "'{}' does not end, ignoring", script);
+        g_unended.push_back(process);
+    }
     return base::fail(Error::timed_out);
 }
 
@@ -204,6 +193,8 @@ int run_script(const Command& command, const std::string& interpreter, int limit
     if (command.empty() || interpreter.empty())
         return base::fail(Error::invalid_argument);
     const std::vector<char*> words = make_arguments(interpreter, command);
+    reap_unended();
+    g_unended.reserve(g_unended.size() + 1); // before there is a process that could get lost
     const pid_t process = fork();
     if (process == -1)
         return base::fail(Error::input_output);
@@ -220,10 +211,15 @@ namespace detail {
 int exec_script_within(const std::vector<std::vector<std::string>>& commands, const std::string& interpreter,
                        int limit_ms)
 {
-    for (const Command& command : commands) {
-        const int result = run_script(command, interpreter, limit_ms);
-        if (result < 0)
-            return result;
+    try {
+        for (const Command& command : commands) {
+            const int result = run_script(command, interpreter, limit_ms);
+            if (result < 0)
+                return result;
+        }
+    } catch (const std::bad_alloc&) {
+        ORV_LOG(log::kWarning, "no memory to run a script");
+        return base::fail(Error::input_output);
     }
     return 0;
 }

@@ -1,9 +1,11 @@
-// Timers on timerfd.
+// Timers on timerfd. A daemon's own is what wakes it when nothing else happens, so that is when the log tells what
+// it has held back.
 
 #include <orvutils/time.h>
 
 #include <orvbase/error_number.h>
 #include <orvbase/io.h>
+#include <orvutils/log_control.h>
 
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -34,6 +36,7 @@ int timer_start(int fd, long first, long period, bool absolute)
 
 std::uint64_t timer_tick(int fd)
 {
+    log::settle();
     std::uint64_t expirations = 0;
     return base::read_some(fd, &expirations, sizeof expirations) == sizeof expirations ? expirations : 0;
 }

@@ -1,13 +1,25 @@
 // Writing log lines. A client's request costs two of them, so a line is stamped from a template that is kept
 // ready: its date and time change once a second, its process id after a fork, and only the milliseconds and
-// the level are put in line by line. Nothing here allocates memory, and a foreground line is one write(2).
+// the level are put in line by line. Nothing here allocates memory or waits, and a foreground line is one write(2);
+// only a line that is too long, or holds control characters, is copied.
+//
+// What a neighbour can make happen over and over must not drown the rest. A line with the text and level of
+// the last one is counted instead of written. The count is told by the next repetition that comes a second or more
+// after the last line was written, before any other line, and at the end of the process. A line that nobody
+// took is counted, too, and that is told as soon as there is room again.
 //
 // All channels share the one sink; a line on a channel that nobody opened is written too, as losing it would
 // be worse. errno is left as it was, so that logging a failure does not disturb who looks at its cause next.
 
 #include <orvutils/log.h>
 
+#include "log_sink.h"
+#include "log_text.h"
+
+#include <orvbase/clock.h>
 #include <orvutils/log_control.h>
+
+#include <fmt/format.h>
 
 #include <pthread.h>
 #include <syslog.h>
@@ -15,9 +27,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 namespace orv::log {
 
@@ -41,12 +55,17 @@ constexpr Field kProcess = {24, 7};
 constexpr Field kLevel = {32, 5};
 static_assert(kLevel.offset + kLevel.width + 1 == kPrefixAreaSize);
 
+/// "Mmm dd HH:MM:SS", as the system log wants it.
+constexpr std::size_t kShortStampSize = 15;
+
 struct State {
     char stamp[sizeof kPrefixArea];
-    std::time_t second; ///< that the stamp shows
+    char short_stamp[kShortStampSize];
+    std::time_t second; ///< that the stamps show
     bool has_second;
     bool has_process;
-    bool in_background;
+    const char* program; ///< in the background
+    const char* address; ///< of the system log; null in the foreground
 };
 
 constexpr State initial_state()
@@ -58,6 +77,21 @@ constexpr State initial_state()
 }
 
 State g_state = initial_state();
+
+constexpr std::size_t kMaxWritten = kMaxText + kMaxMark;
+constexpr std::int64_t kRepetitionMs = 1000;
+
+/// The last line that was written, without its prefix area and last line feed, and what came of others.
+struct Last {
+    char text[kMaxWritten];
+    std::size_t size; ///< 0: none that could be repeated
+    int level;
+    std::int64_t written_at;
+    unsigned long repetitions; ///< that nobody knows of yet
+    unsigned long lost;        ///< that nobody knows of yet
+};
+
+Last g_last = {};
 
 /// Right-aligns a number in its field; of one that is too long the last digits are shown.
 void put_number(char* area, Field field, long number, char padding)
@@ -71,18 +105,23 @@ void put_number(char* area, Field field, long number, char padding)
     std::fill(begin, digit, padding);
 }
 
-void forget_process()
+/// In a new process: what was not told of the other one's lines is told by the other one.
+void begin_process()
 {
     g_state.has_process = false;
+    g_last.size = 0;
+    g_last.repetitions = 0;
+    g_last.lost = 0;
+    leave_standard_error();
 }
 
 void stamp_process()
 {
-    static bool watching_forks = false;
-    if (!watching_forks)
-        watching_forks = pthread_atfork(nullptr, nullptr, forget_process) == 0;
+    static bool s_watching_forks = false;
+    if (!s_watching_forks)
+        s_watching_forks = pthread_atfork(nullptr, nullptr, begin_process) == 0;
     put_number(g_state.stamp, kProcess, getpid(), ' ');
-    g_state.has_process = watching_forks; // else ask for each line
+    g_state.has_process = s_watching_forks; // else ask for each line
 }
 
 void stamp_second(std::time_t second)
@@ -96,11 +135,17 @@ void stamp_second(std::time_t second)
     put_number(g_state.stamp, kHour, local.tm_hour, '0');
     put_number(g_state.stamp, kMinute, local.tm_min, '0');
     put_number(g_state.stamp, kSecond, local.tm_sec, '0');
+    constexpr char kMonths[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
+    std::memcpy(g_state.short_stamp, kMonths + 3L * local.tm_mon, 3);
+    std::memcpy(g_state.short_stamp + 3, " dd ", 4);
+    put_number(g_state.short_stamp, {4, 2}, local.tm_mday, ' ');
+    std::memcpy(g_state.short_stamp + 7, g_state.stamp + kHour.offset, 8);
     g_state.second = second;
     g_state.has_second = true;
 }
 
-void fill_prefix(char* area, int level)
+/// Brings the stamps up to date; the milliseconds within the second.
+long stamp_now()
 {
     if (!g_state.has_process)
         stamp_process();
@@ -108,22 +153,15 @@ void fill_prefix(char* area, int level)
     (void)clock_gettime(CLOCK_REALTIME, &now); // this clock is always there
     if (!g_state.has_second || now.tv_sec != g_state.second)
         stamp_second(now.tv_sec);
-    std::memcpy(area, g_state.stamp, kPrefixAreaSize);
-    put_number(area, kMilliseconds, now.tv_nsec / 1000000, '0');
-    put_number(area, kLevel, level, ' ');
+    return now.tv_nsec / 1000000;
 }
 
-void write_line(const char* data, std::size_t size)
+void fill_prefix(char* area, int level)
 {
-    while (size > 0) {
-        const ssize_t written = write(STDERR_FILENO, data, size);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written < 0)
-            return;
-        data += written;
-        size -= static_cast<std::size_t>(written);
-    }
+    const long milliseconds = stamp_now();
+    std::memcpy(area, g_state.stamp, kPrefixAreaSize);
+    put_number(area, kMilliseconds, milliseconds, '0');
+    put_number(area, kLevel, level, ' ');
 }
 
 int priority(int level)
@@ -140,14 +178,153 @@ int priority(int level)
     }
 }
 
-/// syslog() stamps a line itself, and ends it.
-void send_to_syslog(int level, const Text& line)
+std::string_view without_line_feeds(std::string_view text)
 {
-    const std::size_t begin = std::min(kPrefixAreaSize, line.size);
-    std::size_t end = line.size;
-    while (end > begin && line.data[end - 1] == '\n')
-        --end;
-    syslog(priority(level), "%.*s", static_cast<int>(end - begin), line.data + begin);
+    while (!text.empty() && text.back() == '\n')
+        text.remove_suffix(1);
+    return text;
+}
+
+/// The message has the system log's own stamp, and neither prefix area nor line feeds.
+bool send_in_background(int level, std::string_view text)
+{
+    (void)stamp_now();
+    char head[16 + kShortStampSize];
+    const auto head_size = fmt::format_to_n(head, sizeof head, "<{}>{} ", LOG_DAEMON | priority(level),
+                                            std::string_view(g_state.short_stamp, kShortStampSize))
+                               .size;
+    char process[16];
+    const auto process_size = fmt::format_to_n(process, sizeof process, "[{}]: ", getpid()).size;
+    return send_to_syslog(g_state.address, {head, head_size}, g_state.program, {process, process_size},
+                          without_line_feeds(text));
+}
+
+/// Sends a line that can go as it is: its prefix area, its text, its line feed.
+bool send_whole(int level, Text line)
+{
+    if (g_state.address)
+        return send_in_background(level, {line.data + kPrefixAreaSize, line.size - kPrefixAreaSize});
+    fill_prefix(line.data, level);
+    return write_to_standard_error({line.data, line.size});
+}
+
+/// Sends a line of this text with its control characters escaped, cut if it is then too long.
+bool send_edited(int level, std::string_view text, std::string_view end)
+{
+    char copy[kPrefixAreaSize + kMaxWritten + 2];
+    std::size_t size = kPrefixAreaSize;
+    const bool fits = fitting(text, kMaxWritten) == text.size();
+    size += put_escaped(copy + size, fits ? text : text.substr(0, fitting(text, kMaxText)));
+    if (!fits)
+        size += put_mark(copy + size, text.size());
+    std::memcpy(copy + size, end.data(), end.size());
+    return send_whole(level, {copy, size + end.size()});
+}
+
+/// Sends a line with a text that does not end in a line feed but for one that may belong to it.
+bool send(int level, Text line, std::string_view text)
+{
+    const bool is_ended = line.size == kPrefixAreaSize + text.size() + 1;
+    const std::size_t feed = !text.empty() && text.back() == '\n' ? 1 : 0;
+    const std::string_view body = text.substr(0, text.size() - feed);
+    if (is_ended && body.size() <= kMaxWritten && is_plain(body))
+        return send_whole(level, line);
+    return send_edited(level, body, feed == 0 ? "\n" : "\n\n");
+}
+
+// ---- what is counted
+
+template <typename... Arguments>
+bool tell(int level, fmt::format_string<Arguments...> format, Arguments... arguments)
+{
+    char line[kPrefixAreaSize + 64];
+    const auto size =
+        fmt::format_to_n(line + kPrefixAreaSize, sizeof line - kPrefixAreaSize, format, arguments...).size;
+    return send_whole(level, {line, kPrefixAreaSize + size});
+}
+
+void tell_all();
+
+/// Without memory for that, the last counts are not told.
+void tell_at_end()
+{
+    static bool s_registered = false;
+    if (!s_registered)
+        s_registered = std::atexit(tell_all) == 0;
+}
+
+bool tell_losses()
+{
+    if (g_last.lost > 0 && !tell(kWarning, "[log]: {} lines lost\n", g_last.lost))
+        return false;
+    g_last.lost = 0;
+    return true;
+}
+
+void lose(unsigned long lines)
+{
+    tell_at_end();
+    g_last.lost += lines;
+    g_last.size = 0; // the last line that was written is not the last one any more
+}
+
+void tell_repetitions()
+{
+    const unsigned long count = g_last.repetitions;
+    if (count == 0)
+        return;
+    g_last.repetitions = 0;
+    g_last.written_at = base::coarse_now_ms();
+    if (!tell(g_last.level, "[log]: last line repeated {} times\n", count))
+        lose(count);
+}
+
+void tell_all()
+{
+    tell_repetitions();
+    (void)tell_losses(); // what nobody takes now stays counted
+    if (!g_state.address)
+        write_rest_of_line();
+}
+
+bool is_repetition(int level, std::string_view text)
+{
+    return g_last.size > 0 && level == g_last.level && text == std::string_view(g_last.text, g_last.size);
+}
+
+/// Counts it, and tells the count once a second. False for one that stands alone: it is as good as new.
+bool count_repetition()
+{
+    const bool is_due = base::coarse_now_ms() - g_last.written_at >= kRepetitionMs;
+    if (is_due && g_last.repetitions == 0)
+        return false;
+    tell_at_end();
+    ++g_last.repetitions;
+    if (is_due)
+        tell_repetitions();
+    return true;
+}
+
+void remember(int level, std::string_view text)
+{
+    g_last.size = text.size() <= sizeof g_last.text ? text.size() : 0;
+    std::memcpy(g_last.text, text.data(), g_last.size);
+    g_last.level = level;
+    g_last.written_at = base::coarse_now_ms();
+}
+
+void print_text(int level, Text line)
+{
+    const std::size_t ended = line.data[line.size - 1] == '\n' ? 1 : 0;
+    const std::string_view text(line.data + kPrefixAreaSize,
+                                std::max(line.size - ended, kPrefixAreaSize) - kPrefixAreaSize);
+    if (is_repetition(level, text) && count_repetition())
+        return;
+    tell_repetitions();
+    if (tell_losses() && send(level, line, text))
+        remember(level, text);
+    else
+        lose(1);
 }
 
 int threshold_from_environment()
@@ -173,22 +350,28 @@ void set_threshold(int level)
     detail::g_threshold = level;
 }
 
-void use_syslog(const char* program)
+void use_syslog(const char* program, const char* address)
 {
-    openlog(program, LOG_PID, LOG_DAEMON);
-    g_state.in_background = true;
+    g_state.program = program;
+    g_state.address = address;
+    leave_standard_error();
+}
+
+void settle()
+{
+    const int error = errno;
+    if (base::coarse_now_ms() - g_last.written_at >= kRepetitionMs)
+        tell_all();
+    errno = error;
 }
 
 void print(int /*channel*/, int level, Text line)
 {
     const int error = errno;
-    if (g_state.in_background) {
-        send_to_syslog(level, line);
-    } else {
-        if (line.size >= kPrefixAreaSize)
-            fill_prefix(line.data, level);
-        write_line(line.data, line.size);
-    }
+    if (line.size >= kPrefixAreaSize)
+        print_text(level, line);
+    else
+        (void)write_to_standard_error({line.data, line.size}); // no line, but maybe of use to somebody
     errno = error;
 }
 

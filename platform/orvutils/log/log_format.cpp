@@ -1,9 +1,13 @@
-// Formatting of log lines: the prefix area, "[file:line][function()]: ", the message, a line feed. Lines are
-// built on the stack, those longer than kStackSize on the heap. The head is put together by hand, as parsing
-// its format would cost more than the rest of a short line.
+// Formatting of log lines: the prefix area, "[file:line][function()]: ", the message, a line feed. A line is
+// built on the stack and never longer than the log writes it: of a message that is longer, the end is only
+// counted. So no line takes memory. The head is put together by hand, as parsing its format would cost more
+// than the rest of a short line.
 
 #include <orvutils/log_format.h>
 
+#include "log_text.h"
+
+#include <algorithm>
 #include <cstring>
 #include <exception>
 
@@ -11,51 +15,84 @@ namespace orv::log {
 
 namespace {
 
-constexpr std::size_t kStackSize = 1024;
-using Line = fmt::basic_memory_buffer<char, kStackSize>;
+class Line {
+public:
+    explicit Line(const Source& source);
 
-void append(Line& line, std::string_view text)
+    void append(std::string_view text);
+    /// May throw; the line is then as before.
+    void append_formatted(fmt::string_view format, fmt::format_args arguments);
+    /// Cuts what is too long and ends the line.
+    [[nodiscard]] Text finish();
+
+private:
+    char* end() { return m_data + kPrefixAreaSize + m_kept; }
+    [[nodiscard]] std::size_t room() const { return kKept - m_kept; }
+
+    /// With the beginning of a character that a cut would go through.
+    static constexpr std::size_t kKept = kMaxText + 4;
+
+    char m_data[kPrefixAreaSize + kMaxText + kMaxMark + 1];
+    std::size_t m_kept = 0; ///< bytes of the text that are here
+    std::size_t m_full = 0; ///< bytes that it has
+};
+
+Line::Line(
+    const Source& source) // NOLINT(cppcoreguidelines-pro-type-member-init): 2 KiB, of which few are used
 {
-    line.append(text.data(), text.data() + text.size());
+    std::memcpy(m_data, kPrefixArea, kPrefixAreaSize);
+    append("[");
+    append(source.file);
+    append(":");
+    const fmt::format_int number(source.line);
+    append({number.data(), number.size()});
+    append("][");
+    append(source.function);
+    append("()]: ");
 }
 
-void append_head(Line& line, const Source& source)
+void Line::append(std::string_view text)
 {
-    append(line, {kPrefixArea, kPrefixAreaSize});
-    append(line, "[");
-    append(line, source.file);
-    append(line, ":");
-    const fmt::format_int number(source.line);
-    append(line, {number.data(), number.size()});
-    append(line, "][");
-    append(line, source.function);
-    append(line, "()]: ");
+    const std::size_t kept = std::min(text.size(), room());
+    std::memcpy(end(), text.data(), kept);
+    m_kept += kept;
+    m_full += text.size();
+}
+
+void Line::append_formatted(fmt::string_view format, fmt::format_args arguments)
+{
+    const std::size_t size = fmt::vformat_to_n(end(), room(), format, arguments).size;
+    m_kept += std::min(size, room());
+    m_full += size;
+}
+
+Text Line::finish()
+{
+    const std::size_t fits = fitting({m_data + kPrefixAreaSize, m_kept}, kMaxText);
+    if (fits < m_full) {
+        m_kept = fits;
+        m_kept += put_mark(end(), m_full);
+    }
+    *end() = '\n';
+    return {m_data, kPrefixAreaSize + m_kept + 1};
 }
 
 /// A message that cannot be formatted is told by its format, so that the line still helps to find its cause.
 void append_message(Line& line, fmt::string_view format, fmt::format_args arguments)
 {
-    const std::size_t begin = line.size();
+    const auto append_failure = [&](const char* cause) {
+        line.append("cannot format '");
+        line.append({format.data(), format.size()});
+        line.append("': ");
+        line.append(cause);
+    };
     try {
-        fmt::vformat_to(fmt::appender(line), format, arguments);
+        line.append_formatted(format, arguments);
     } catch (const std::exception& error) {
-        line.resize(begin);
-        append(line, "cannot format '");
-        append(line, {format.data(), format.size()});
-        append(line, "': ");
-        append(line, error.what());
+        append_failure(error.what());
+    } catch (...) {
+        append_failure("unknown exception");
     }
-}
-
-/// For when there is no memory for the line itself.
-void print_loss(int channel, int level)
-{
-    char line[kPrefixAreaSize + 64] = {};
-    std::memcpy(line, kPrefixArea, kPrefixAreaSize);
-    constexpr std::string_view message = "[log]: no memory for a log line\n";
-    static_assert(kPrefixAreaSize + message.size() <= sizeof line);
-    std::memcpy(line + kPrefixAreaSize, message.data(), message.size());
-    print(channel, level, {line, kPrefixAreaSize + message.size()});
 }
 
 } // namespace
@@ -63,15 +100,9 @@ void print_loss(int channel, int level)
 void vformat_and_print(int channel, int level, const Source& source, fmt::string_view format,
                        fmt::format_args arguments)
 {
-    try {
-        Line line;
-        append_head(line, source);
-        append_message(line, format, arguments);
-        line.push_back('\n');
-        print(channel, level, {line.data(), line.size()});
-    } catch (const std::exception&) {
-        print_loss(channel, level);
-    }
+    Line line(source);
+    append_message(line, format, arguments);
+    print(channel, level, line.finish());
 }
 
 } // namespace orv::log

@@ -35,7 +35,10 @@ std::optional<std::string> read_release_line(std::string_view name)
 
 std::optional<std::string> get_release_version()
 {
-    return read_release_line("version");
+    auto version = read_release_line("version");
+    if (version && version->empty())
+        version.reset();
+    return version;
 }
 
 std::string get_patch_version()

@@ -2,8 +2,11 @@
 
 #include <orvbroker/deadline.h>
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -104,6 +107,10 @@ public:
     /// For a loop of one's own: watch this for input, then call next_event() with a time-out of 0.
     /// -1 while there is no connection.
     [[nodiscard]] int fd() const { return m_fd; }
+
+    /// The user who serves the connection. The daemon's name can be taken by whoever comes first: an answer of
+    /// another user than root or one's own may be anything. Empty without a connection.
+    [[nodiscard]] std::optional<uid_t> server_uid() const;
 
     void close();
 

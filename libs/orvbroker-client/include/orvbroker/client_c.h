@@ -92,6 +92,12 @@ const char* orvbroker_event(const struct orvbroker_client* client, size_t* lengt
  */
 int orvbroker_fd(const struct orvbroker_client* client);
 
+/**
+ * The number of the user who serves the connection, -1 while there is none. The daemon's name can be taken by whoever
+ * comes first: an answer of another user than root or one's own may be anything.
+ */
+long long orvbroker_server_uid(const struct orvbroker_client* client);
+
 void orvbroker_close(struct orvbroker_client* client);
 
 #ifdef __cplusplus

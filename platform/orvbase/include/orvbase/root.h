@@ -15,7 +15,7 @@ namespace orv::base {
 /// set on failure.
 [[nodiscard]] bool make_directories(const std::string& directory, mode_t mode);
 
+/// What lies below the root is reached by its owner alone.
 constexpr mode_t kDataDirectoryMode = 0700;
-constexpr mode_t kDirectoryMode = 0755;
 
 } // namespace orv::base
