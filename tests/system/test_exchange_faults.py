@@ -2,9 +2,11 @@
 
 import json
 import os
+import signal
 import socket
 import struct
 import threading
+import time
 
 import world
 from test_agentsim import Agent
@@ -401,6 +403,42 @@ class Bus(Faults):
         load.stop()
         self.assertEqual(load.failure, None)
         self.assertGreater(load.answered, 100)
+
+    def check_answers_and_stop(self):
+        """Everybody is answered at once, and so is the signal to stop."""
+        end = time.monotonic() + 2.5  # several attempts to reach the bus
+        while time.monotonic() < end:
+            start = time.monotonic()
+            self.check_serving()
+            self.assertLess(time.monotonic() - start, 1)
+        start = time.monotonic()
+        self.served.stop_daemon()
+        self.assertLess(time.monotonic() - start, 2)
+
+    def test_a_listener_in_its_place_that_accepts_nobody_holds_up_nobody(self):
+        self.served.kill_bus()
+        with world.CrowdedListener(os.path.join(self.served.root, "run", "exchange.skt")):
+            self.served.wait_for_log("cannot reach the exchange: too many wait for it already")
+            self.check_answers_and_stop()
+
+    def test_a_bus_that_is_stopped_holds_up_nobody(self):
+        for restart in (False, True):
+            if restart:
+                self.served.start_daemon()
+                self.served.kill_bus()
+                self.served.start_bus()
+            self.served.bus.send_signal(signal.SIGSTOP)
+            self.check_answers_and_stop()
+            self.served.bus.send_signal(signal.SIGCONT)
+
+    def test_the_daemon_waits_five_seconds_at_its_start_and_says_for_what(self):
+        self.served.stop_daemon()
+        self.served.kill_bus()
+        with world.CrowdedListener(os.path.join(self.served.root, "run", "exchange.skt")):
+            start = time.monotonic()
+            self.assertEqual(self.served.launch().wait(world.DEADLINE), 1)
+            self.assertLess(time.monotonic() - start, 8)
+        self.assertIn("cannot reach the exchange: too many wait for it already", self.served.messages())
 
     def test_a_bus_that_is_away_for_long_is_met_within_six_seconds(self):
         self.served.kill_bus()

@@ -6,6 +6,7 @@ import signal
 import socket
 import subprocess
 import threading
+import time
 
 import world
 
@@ -140,6 +141,30 @@ class BusGone(WithoutDaemon):
         status, stdout, stderr = self.finish(process)
         self.assertEqual((status, stderr), (FAILED, 'orvctl: the answer is of type "2"\n'))
         self.assertNotEqual(stdout, "")
+
+
+class TimeLimit(WithoutDaemon):
+    """Each verb keeps to --timeout whatever it is that does not let it join."""
+
+    def check_all_time_out(self):
+        for verb, expected in (("request", "timed out waiting for the answer"),
+                               ("message", "timed out before the exchange had taken all of it"),
+                               ("publish", "timed out before the exchange had taken all of it"),
+                               ("monitor", "cannot reach the message exchange")):
+            start = time.monotonic()
+            status, stdout, stderr = self.orvctl(verb, "a:b", "--timeout", "0.3")
+            self.assertLess(time.monotonic() - start, 2)
+            self.assertEqual((status, stdout), (UNAVAILABLE, ""), verb)
+            self.assertIn("orvctl: " + expected, stderr)
+
+    def test_with_a_listener_that_accepts_nobody(self):
+        self.one.kill_bus()
+        with world.CrowdedListener(os.path.join(self.one.root, "run", "exchange.skt")):
+            self.check_all_time_out()
+
+    def test_with_a_stopped_bus(self):
+        self.one.bus.send_signal(signal.SIGSTOP)
+        self.check_all_time_out()
 
 
 class LargePayloads(WithoutDaemon):
