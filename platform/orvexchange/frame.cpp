@@ -149,8 +149,7 @@ FrameHeader frame_header_of(DBusMessage& message)
 {
     FrameHeader header;
     header.type = dbus_message_get_type(&message);
-    header.wants_reply =
-        header.type == DBUS_MESSAGE_TYPE_METHOD_CALL && !dbus_message_get_no_reply(&message);
+    header.wants_reply = header.type == DBUS_MESSAGE_TYPE_METHOD_CALL && !dbus_message_get_no_reply(&message);
     header.serial = dbus_message_get_serial(&message);
     header.reply_serial = dbus_message_get_reply_serial(&message);
     if (const char* sender = dbus_message_get_sender(&message))

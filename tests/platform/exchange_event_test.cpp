@@ -203,7 +203,7 @@ TEST_F(ExchangeEvents, AMalformedOneIsALogLineAndNothingElse)
     EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 4) << log;
 }
 
-TEST_F(ExchangeEvents, PayloadsOf16MiBPass)
+TEST_F(ExchangeEvents, PayloadsOfFourMiBLessAFramesLengthPass)
 {
     std::string data(kMax, 'x');
     data.front() = 'a';

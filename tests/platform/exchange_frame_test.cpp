@@ -80,7 +80,8 @@ TEST(ExchangeFrame, AHeaderTellsWhomToAnswer)
 
 TEST(ExchangeFrame, ASenderThatCannotBeWrittenToIsNone)
 {
-    for (const char* sender : {"org.freedesktop.DBus", ":1.7777777777777777777777777777777777777777777777777777777777777777"})
+    for (const char* sender :
+         {"org.freedesktop.DBus", ":1.7777777777777777777777777777777777777777777777777777777777777777"})
         EXPECT_STREQ(read(header_of(*call_from(sender))).sender, "") << sender;
     for (const char bad : {'\xff', '/', '.'}) {
         std::string header = header_of(*call_from(":1.7"));
@@ -133,7 +134,8 @@ TEST_F(ExchangeLarge, ARequestIsRefusedWithOneLine)
     EXPECT_EQ(s_received[0].type, "good") << "what follows is read as ever";
     EXPECT_EQ(s_received.size(), 1U);
     EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
-    EXPECT_NE(log.find("a message from " + peer.unique_name() + " is lost: too large"), std::string::npos) << log;
+    EXPECT_NE(log.find("a message from " + peer.unique_name() + " is lost: too large"), std::string::npos)
+        << log;
     const RawMessage refusal = peer.receive();
     EXPECT_EQ(reply_serial_of(refusal), serial);
     EXPECT_EQ(error_of(refusal), "net.orvane.Exchange1.Error.BadArguments");
@@ -166,7 +168,8 @@ TEST_F(ExchangeLarge, AnEventIsDroppedWithoutBeingHeld)
 TEST_F(ExchangeLarge, AnOnlookerSaysNothingOfIt)
 {
     int seen = 0;
-    OrvexPtr monitor{orvex_monitor([&seen](const OrvexTraffic& t) { seen += t.name == "small" ? 1 : 0; }, false)};
+    OrvexPtr monitor{
+        orvex_monitor([&seen](const OrvexTraffic& t) { seen += t.name == "small" ? 1 : 0; }, false)};
     ASSERT_NE(monitor, nullptr);
     RawPeer peer(m_bus.address(), "peer");
     (void)peer.call("peer", "Request", "large", m_large);

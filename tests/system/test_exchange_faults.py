@@ -15,6 +15,7 @@ from world import Client, wait_until
 FAILED = (None, -1)
 TIME_OUT_KEY = "/exchange/request_timeout_ms"
 SEND_BUFFER = 4 << 20  # what one client's buffer holds, length words included
+MAX_PAYLOAD = (4 << 20) - 4
 RENAME = {"device_id": "d1", "name": "new name"}
 GIVEN_NAME_KEY = "/tmp/daemons/orvbrokerd/d1/friendly_name"
 
@@ -119,7 +120,7 @@ class Answers(Faults):
     def test_data_that_is_not_json_leaves_a_scan_status_unanswered(self):
         scanner = self.participant(self.served, "orvvad")
         for number, data in enumerate((b"", b"idle", b"5", b'"idle"', b"{", b'{"a": 1} {', b"\xff\xfe", b'{"a": "\xff"}',
-                                       b"\0", b"[" * 100000, b"x" * (16 << 20))):
+                                       b"\0", b"[" * 100000, b"x" * MAX_PAYLOAD)):
             client = self.asking("va_status")
             self.asked(scanner, "va_scan_status")
             scanner.answer(number, "0", data)
@@ -136,7 +137,7 @@ class Answers(Faults):
 
     def test_an_answer_larger_than_the_send_buffer_is_cut_there(self):
         scanner = self.participant(self.served, "orvvad")
-        text = '["%s"]' % ("x" * ((16 << 20) - 4))
+        text = '["%s"]' % ("x" * (MAX_PAYLOAD - 4))
         client = self.asking("va_status")
         self.asked(scanner, "va_scan_status")
         scanner.answer(0, "0", text)
@@ -153,7 +154,7 @@ class Answers(Faults):
                            ("mac", "02:00:00:00:00:01")):
             self.served.set_setting("/registration/" + key, value)
         manager = self.participant(self.served, "broker-devmgmt")
-        for number, data in enumerate((b"", b"ok", b"[]", b'["result"]', b'{"Result": 1}', b"\xff", b"x" * (16 << 20))):
+        for number, data in enumerate((b"", b"ok", b"[]", b'["result"]', b'{"Result": 1}', b"\xff", b"x" * MAX_PAYLOAD)):
             client = self.asking("set_router_model", "M1")
             self.asked(manager, "register_tuvo")
             manager.answer(number, "0", data)
@@ -171,7 +172,7 @@ class Answers(Faults):
             subscriber.subscribe("cloud_registration_status")
             received = 0
             for data in (b"", b"ok", b'"ok"', b"[]", b'{"result": 0}', b'{"result": "refused"}', b"\xff",
-                         b'{"result": "no", "reason": 5}', b"x" * (16 << 20), b'{"result": "ok"}'):
+                         b'{"result": "no", "reason": 5}', b"x" * MAX_PAYLOAD, b'{"result": "ok"}'):
                 self.assertEqual(client.call("start_cloud_registration", {"router_id": "r1"}), (None, 0))
                 while agent.receive()[1] != "start_cloud_registration":  # telemetry comes, too
                     received += 1

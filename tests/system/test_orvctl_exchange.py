@@ -12,7 +12,7 @@ import world
 
 OK, FAILED, USAGE, UNAVAILABLE = 0, 1, 2, 3
 GONE = "orvctl: the message exchange has gone\n"
-LARGE = "x" * (8 << 20)  # much more than a socket's buffer takes
+LARGE = "x" * ((4 << 20) - 4)  # much more than a socket's buffer takes
 
 
 def without_log(text):
@@ -176,6 +176,11 @@ class LargePayloads(WithoutDaemon):
                 self.assertEqual(self.orvctl("publish", "a", "-", "--timeout", "0.5", input=LARGE, env=proxy.environment),
                                  (UNAVAILABLE, "", "orvctl: timed out before the exchange had taken all of it\n"))
             os.unlink(proxy.path)
+
+    def test_a_payload_that_is_too_large_is_a_usage_error_that_says_so(self):
+        for verb in ("publish", "message", "request"):
+            self.assertEqual(self.orvctl(verb, "a:b", "-", input=LARGE + "x"),
+                             (USAGE, "", "orvctl: standard input is longer than can be sent (4194300 bytes)\n"), verb)
 
     def test_a_large_payload_is_delivered_though_nobody_reads_the_output(self):
         receiver = self.participant(self.one, "there")

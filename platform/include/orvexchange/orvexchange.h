@@ -29,8 +29,9 @@ static_assert(sizeof(void*) != 4 || (offsetof(Message, type) == 4 && offsetof(Me
 
 /// Names of participants, events and requests: at most this many bytes.
 constexpr std::size_t kOrvexMaxName = 127;
-/// Payloads: at most this many bytes.
-constexpr std::size_t kOrvexMaxPayload = std::size_t{16} * 1024 * 1024;
+/// Payloads: at most this many bytes, which is what the broker's clients can be sent in one piece: 4 MiB less the
+/// length that goes before it. More is refused where it is sent, with a line in the log.
+constexpr std::size_t kOrvexMaxPayload = std::size_t{4} * 1024 * 1024 - 4;
 /// Requests that may wait for the answers of one participant: at most this many.
 constexpr std::size_t kOrvexMaxRequests = 4096;
 
