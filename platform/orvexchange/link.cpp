@@ -246,7 +246,8 @@ void Link::read_in()
 bool Link::read_once(std::size_t& allowance)
 {
     if (!make_room()) {
-        end(); // not even room for a header
+        if (!has_frame())
+            end(); // not even room for a header; else the message is given up, as pop() tells
         return false;
     }
     const std::size_t room = std::min(m_capacity - m_end, allowance);

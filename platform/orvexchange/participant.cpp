@@ -275,6 +275,7 @@ void Orvex::leave(const ShortText& reason)
     m_state = State::away;
     m_join_by.reset();
     m_origins.clear();
+    m_owed_count = 0;
     m_matches.clear();
     if (m_auto_reconnect) {
         m_retry_at = Clock::now() + m_retry_delay;
@@ -299,6 +300,7 @@ int Orvex::process()
         return -1;
     m_processing = true;
     wait(milliseconds::zero());
+    send_owed_errors();
     deliver();
     if (std::exchange(m_alarm_rang, false))
         expire();
@@ -373,6 +375,8 @@ void Orvex::settle()
     }
     if (!m_given_up.empty())
         m_alarm.ring_now();
+    if (m_owed_count > 0)
+        m_alarm.ring_by(Clock::now() + kFirstRetryDelay);
     if (const auto deadline = m_requests.next_deadline())
         m_alarm.ring_by(*deadline);
     if (m_join_by)
@@ -455,7 +459,7 @@ void Orvex::on_lost(const FrameHeader& header, const char* error, const char* wh
         return; // it is between others
     const std::uint32_t serial = header.reply_serial;
     if (header.wants_reply && header.serial != 0)
-        (void)send(make_error(header.sender, header.serial, error, why));
+        send_error(header.sender, header.serial, error, why);
     if (header.type != DBUS_MESSAGE_TYPE_METHOD_RETURN && header.type != DBUS_MESSAGE_TYPE_ERROR)
         return;
     if (m_state == State::joining && (serial == m_hello || serial == m_claim))
@@ -541,7 +545,24 @@ void Orvex::refuse(DBusMessage& call, const char* error, const char* text)
 {
     ORVEX_LOG(orv::log::kWarning, "{} from {}", text, sender_of(call));
     if (!dbus_message_get_no_reply(&call))
-        (void)send(make_error(sender_of(call), dbus_message_get_serial(&call), error, text));
+        send_error(sender_of(call), dbus_message_get_serial(&call), error, text);
+}
+
+/// Sends an error, at once or as soon as there is memory for it. Up to kMaxOwed of them wait.
+void Orvex::send_error(const char* to, std::uint32_t serial, const char* error, const char* text)
+{
+    if (send(make_error(to, serial, error, text)) != 0 && m_owed_count < kMaxOwed)
+        m_owed.at(m_owed_count++) = {ShortText{"{}", to}, serial, error, text};
+}
+
+void Orvex::send_owed_errors()
+{
+    while (m_owed_count > 0) {
+        const Owed& owed = m_owed.at(m_owed_count - 1);
+        if (send(make_error(owed.to.c_str(), owed.serial, owed.error, owed.text)) != 0)
+            return;
+        --m_owed_count;
+    }
 }
 
 /// Nobody has to ask for a return of a one-way message, but those who do get it.
@@ -562,8 +583,8 @@ void Orvex::hand_over(OrvexKind kind, const Content& content, const char* from, 
     const Origin* origin = kind == OrvexKind::request ? m_origins.find(identifier) : nullptr;
     if (!origin)
         return; // nobody waits, or has the answer already
-    (void)send(make_error(origin->sender.c_str(), static_cast<std::uint32_t>(origin->number),
-                          DBUS_ERROR_NO_MEMORY, kNoMemory));
+    send_error(origin->sender.c_str(), static_cast<std::uint32_t>(origin->number), DBUS_ERROR_NO_MEMORY,
+               kNoMemory);
     (void)m_origins.take(identifier);
 }
 
@@ -581,8 +602,8 @@ std::uint64_t Orvex::remember(Origin origin)
 {
     const Origin oldest = m_origins.add(std::move(origin));
     if (oldest.kind == Origin::Kind::request)
-        (void)send(make_error(oldest.sender.c_str(), static_cast<std::uint32_t>(oldest.number),
-                              kErrorUnanswered, "not answered"));
+        send_error(oldest.sender.c_str(), static_cast<std::uint32_t>(oldest.number), kErrorUnanswered,
+                   "not answered");
     return m_origins.last_identifier();
 }
 

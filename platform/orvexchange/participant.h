@@ -9,6 +9,7 @@
 
 #include <orvexchange/publisher.h>
 
+#include <array>
 #include <list>
 #include <map>
 #include <memory>
@@ -47,6 +48,15 @@ private:
     struct Method;
     static const Method kMethods[];
 
+    /// An error that somebody waits for, and for which there was no memory.
+    struct Owed {
+        orv::exchange::ShortText to;
+        std::uint32_t serial = 0;
+        const char* error = nullptr; ///< literals
+        const char* text = nullptr;
+    };
+    static constexpr std::size_t kMaxOwed = 16;
+
     // Coming and going.
     void join();
     void connect();
@@ -78,6 +88,8 @@ private:
     void on_lost(const orv::exchange::FrameHeader& header, const char* error, const char* why);
     void on_refused_match(std::uint32_t serial, const char* why);
     void refuse(DBusMessage& call, const char* error, const char* text);
+    void send_error(const char* to, std::uint32_t serial, const char* error, const char* text);
+    void send_owed_errors();
     void acknowledge(DBusMessage& call);
     void hand_over(OrvexKind kind, const orv::exchange::Content& content, const char* from,
                    std::uint64_t identifier);
@@ -122,6 +134,8 @@ private:
     orv::exchange::Requests m_requests;
     std::list<orv::exchange::Request> m_given_up; ///< their callers are still to be told
     orv::exchange::Origins m_origins;
+    std::array<Owed, kMaxOwed> m_owed;
+    std::size_t m_owed_count = 0;
     std::uint64_t m_published = 0;
     std::unique_ptr<orv::exchange::TrafficReader> m_traffic;
 };
