@@ -23,10 +23,13 @@ public:
     static constexpr std::size_t kMaxOrigins = 1024;
 
     /// Keeps an origin; its identifier is last_identifier() from then on. Gives back the one that had to go.
+    /// Throws, with nothing changed, when memory is short.
     [[nodiscard]] Origin add(Origin origin);
     /// Identifiers are never 0 and never used again.
     [[nodiscard]] std::uint64_t last_identifier() const { return m_last; }
-    /// Takes out an origin that has not been answered yet.
+    /// An origin that has not been answered yet, null when there is none of that identifier.
+    [[nodiscard]] const Origin* find(std::uint64_t identifier) const;
+    /// Takes it out.
     [[nodiscard]] std::optional<Origin> take(std::uint64_t identifier);
     void clear() { m_origins.clear(); }
 

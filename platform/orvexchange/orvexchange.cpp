@@ -1,20 +1,41 @@
 // The interface: checks what comes from the caller, and hands it to the participant. A null handle fails like
-// any other.
+// any other, and so does whatever memory is too short for: nothing is thrown at the caller.
 
 #include "participant.h"
+#include "safe_log.h"
 
 #include <orvexchange/publisher.h>
-#include <orvutils/log_format.h>
 
+#include <exception>
 #include <utility>
 
 using namespace orv::exchange;
 
 namespace {
 
-Orvex* started(std::unique_ptr<Orvex> orvex)
+/// What the function returns, or the failure when it throws.
+template <typename Result, typename Function>
+Result guarded(Result failure, Function function)
 {
-    return orvex->start() ? orvex.release() : nullptr;
+    try {
+        return function();
+    } catch (const std::exception&) {
+        return failure;
+    }
+}
+
+Orvex* started(std::unique_ptr<Orvex> orvex, std::chrono::milliseconds patience)
+{
+    return orvex->start(patience) ? orvex.release() : nullptr;
+}
+
+/// Whether a payload can be sent; one that is too large is told in the caller's name.
+bool can_carry(const char* data, std::size_t length, orv::log::Caller caller = orv::log::caller())
+{
+    if (length > kOrvexMaxPayload)
+        ORVEX_LOG_AS(caller, orv::log::kWarning, "cannot send {} bytes: a payload has {} at most", length,
+                     kOrvexMaxPayload);
+    return is_payload(data, length);
 }
 
 } // namespace
@@ -38,21 +59,27 @@ bool orvex_is_name(const char* text)
 
 bool orvex_is_target(const char* text)
 {
-    return parse_target(text).has_value();
+    return guarded(false, [&] { return parse_target(text).has_value(); });
 }
 
-Orvex* orvex_join(const char* name, OrvexHandler handler, bool auto_reconnect)
+Orvex* orvex_join(const char* name, OrvexHandler handler, bool auto_reconnect,
+                  std::chrono::milliseconds patience)
 {
-    if (!handler || (name && !is_participant(name)))
-        return nullptr;
-    return started(std::make_unique<Orvex>(name ? name : "", std::move(handler), nullptr, auto_reconnect));
+    return guarded<Orvex*>(nullptr, [&]() -> Orvex* {
+        if (!handler || (name && !is_participant(name)))
+            return nullptr;
+        return started(std::make_unique<Orvex>(name ? name : "", std::move(handler), nullptr, auto_reconnect),
+                       patience);
+    });
 }
 
-Orvex* orvex_monitor(OrvexObserver observer, bool auto_reconnect)
+Orvex* orvex_monitor(OrvexObserver observer, bool auto_reconnect, std::chrono::milliseconds patience)
 {
-    if (!observer)
-        return nullptr;
-    return started(std::make_unique<Orvex>("", nullptr, std::move(observer), auto_reconnect));
+    return guarded<Orvex*>(nullptr, [&]() -> Orvex* {
+        if (!observer)
+            return nullptr;
+        return started(std::make_unique<Orvex>("", nullptr, std::move(observer), auto_reconnect), patience);
+    });
 }
 
 int orvex_get_fd(Orvex* orvex)
@@ -67,54 +94,63 @@ int orvex_read_fd(Orvex* orvex)
 
 int orvex_subscribe(Orvex* orvex, const char** names, int count)
 {
-    if (!orvex || count < 0 || (!names && count > 0))
-        return -1;
-    std::set<std::string, std::less<>> events;
-    for (int i = 0; i < count; ++i) {
-        if (!is_name(names[i]))
+    return guarded(-1, [&] {
+        if (!orvex || count < 0 || (!names && count > 0))
             return -1;
-        events.insert(names[i]);
-    }
-    return orvex->subscribe(std::move(events));
+        std::set<std::string, std::less<>> events;
+        for (int i = 0; i < count; ++i) {
+            if (!is_name(names[i]))
+                return -1;
+            events.insert(names[i]);
+        }
+        return orvex->subscribe(std::move(events));
+    });
 }
 
 int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::size_t length,
                        void (*response_callback)(void* arg, const Message* response), void* arg)
 {
-    const auto target = parse_target(name);
-    if (!orvex || !target || !is_payload(data, length) || !response_callback)
-        return -1;
-    return orvex->send_request(*target, {data, length}, response_callback, arg);
+    const bool can_be_carried = can_carry(data, length);
+    return guarded(-1, [&] {
+        const auto target = parse_target(name);
+        if (!orvex || !target || !can_be_carried || !response_callback)
+            return -1;
+        return orvex->send_request(*target, {data, length}, response_callback, arg);
+    });
 }
 
 int orvex_send_message(Orvex* orvex, const char* name, const char* data, std::size_t length)
 {
-    const auto target = parse_target(name);
-    if (!orvex || !target || !is_payload(data, length))
-        return -1;
-    return orvex->send_one_way(*target, {data, length});
+    const bool can_be_carried = can_carry(data, length);
+    return guarded(-1, [&] {
+        const auto target = parse_target(name);
+        if (!orvex || !target || !can_be_carried)
+            return -1;
+        return orvex->send_one_way(*target, {data, length});
+    });
 }
 
 int orvex_send_response(Orvex* orvex, int status, std::uint64_t request_id, const char* data,
                         std::size_t length)
 {
-    return orvex_send_response_typed(orvex, request_id, std::to_string(status).c_str(), data, length);
+    const ShortText type{"{}", status};
+    return orvex_send_response_typed(orvex, request_id, type.c_str(), data, length);
 }
 
 int orvex_send_response_typed(Orvex* orvex, std::uint64_t request_id, const char* type, const char* data,
                               std::size_t length)
 {
-    if (!orvex || !is_name(type) || !is_payload(data, length))
+    if (!orvex || !is_name(type) || !can_carry(data, length))
         return -1;
-    return orvex->respond(request_id, type, {data, length});
+    return guarded(-1, [&] { return orvex->respond(request_id, type, {data, length}); });
 }
 
 int orvex_publish(Orvex* orvex, const char* name, const char* data, std::size_t length,
                   std::uint64_t* identifier)
 {
-    if (!orvex || !is_name(name) || !is_payload(data, length))
+    if (!orvex || !is_name(name) || !can_carry(data, length))
         return -1;
-    return orvex->publish(name, {data, length}, identifier);
+    return guarded(-1, [&] { return orvex->publish(name, {data, length}, identifier); });
 }
 
 void orvex_uninit(Orvex* orvex)

@@ -4,10 +4,14 @@
 #include "link.h"
 #include "origins.h"
 #include "requests.h"
+#include "short_text.h"
 #include "wire.h"
 
 #include <orvexchange/publisher.h>
 
+#include <array>
+#include <list>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -17,7 +21,8 @@ class TrafficReader;
 }
 
 /// One participant: the handle of the interface. Its functions answer to those of orvexchange.h and
-/// orvexchange/publisher.h, with arguments that have been checked.
+/// orvexchange/publisher.h, with arguments that have been checked. What sends may throw std::bad_alloc, with
+/// nothing changed; what receives does not.
 struct Orvex {
 public:
     /// Exactly one of `handler` and `observer` is set; an observer only looks on.
@@ -26,8 +31,8 @@ public:
     Orvex& operator=(const Orvex&) = delete;
     ~Orvex();
 
-    /// Joins the exchange, waiting for at most kJoinTime. False, with a log line, when that does not succeed.
-    [[nodiscard]] bool start();
+    /// Joins the exchange, waiting for at most so long. False, with a log line, when that does not succeed.
+    [[nodiscard]] bool start(std::chrono::milliseconds patience);
     [[nodiscard]] int fd() const { return m_epoll.get(); }
     [[nodiscard]] int process();
 
@@ -43,22 +48,34 @@ private:
     struct Method;
     static const Method kMethods[];
 
+    /// An error that somebody waits for, and for which there was no memory.
+    struct Owed {
+        orv::exchange::ShortText to;
+        std::uint32_t serial = 0;
+        const char* error = nullptr; ///< literals
+        const char* text = nullptr;
+    };
+    static constexpr std::size_t kMaxOwed = 16;
+
     // Coming and going.
     void join();
+    void connect();
     [[nodiscard]] bool send_join_calls();
-    [[nodiscard]] bool wait_until_joined();
+    [[nodiscard]] bool wait_until_joined(orv::exchange::TimePoint end);
     void on_join_reply(DBusMessage& reply);
     void on_joined();
-    void leave(const std::string& reason);
-    void complain(const std::string& text);
+    void leave(const orv::exchange::ShortText& reason);
+    void complain(const orv::exchange::ShortText& text);
 
     // One pass.
     void wait(std::chrono::milliseconds time);
     void deliver();
+    void give_up_requests(int count);
     void expire();
     void settle(); ///< at the end of all that sends: what is to be waited for now
 
     // What arrives.
+    void arrive(orv::exchange::Arrival& arrival);
     void dispatch(DBusMessage& message);
     void on_reply(DBusMessage& reply);
     void on_signal(DBusMessage& signal);
@@ -68,7 +85,11 @@ private:
     void on_respond(DBusMessage& call);
     void on_ping(DBusMessage& call);
     void on_introspect(DBusMessage& call);
+    void on_lost(const orv::exchange::FrameHeader& header, const char* error, const char* why);
+    void on_refused_match(std::uint32_t serial, const char* why);
     void refuse(DBusMessage& call, const char* error, const char* text);
+    void send_error(const char* to, std::uint32_t serial, const char* error, const char* text);
+    void send_owed_errors();
     void acknowledge(DBusMessage& call);
     void hand_over(OrvexKind kind, const orv::exchange::Content& content, const char* from,
                    std::uint64_t identifier);
@@ -77,9 +98,12 @@ private:
 
     // What is sent.
     [[nodiscard]] bool may_send(std::size_t length) const;
+    [[nodiscard]] std::uint32_t post(const orv::exchange::MessagePtr& message);
     int send(const orv::exchange::MessagePtr& message);
-    int send_tracked(const orv::exchange::MessagePtr& message, orv::exchange::Request request);
-    [[nodiscard]] bool change_match(const char* member, const std::string& event);
+    [[nodiscard]] bool add_matches();
+    [[nodiscard]] bool add_match(const std::string& event);
+    [[nodiscard]] bool remove_matches();
+    [[nodiscard]] std::uint32_t change_match(const char* member, const std::string& event);
 
     const std::string m_name; ///< empty: none
     const OrvexHandler m_handler;
@@ -92,6 +116,7 @@ private:
     bool m_alarm_rang = false;
     std::unique_ptr<orv::exchange::Link> m_link; ///< null exactly while the state is away
     State m_state = State::away;
+    bool m_is_crowded = false; ///< the last attempt met a listener that accepts nobody at the moment
     bool m_processing = false;
 
     std::uint32_t m_hello = 0; ///< serial of Hello
@@ -100,11 +125,17 @@ private:
     std::chrono::milliseconds m_request_time{}; ///< how long an answer is waited for
     std::chrono::milliseconds m_retry_delay;
     std::optional<orv::exchange::TimePoint> m_retry_at;
-    std::string m_complaint; ///< the last one logged, so that an outage is one line
+    std::optional<orv::exchange::TimePoint> m_join_by; ///< set while joining
+    orv::exchange::ShortText m_complaint;              ///< the last one logged, so that an outage is one line
 
-    std::set<std::string, std::less<>> m_events; ///< subscribed to
+    std::set<std::string, std::less<>> m_events; ///< the caller's subscriptions
+    /// Those that the bus was asked for and has not refused, with the serial of the call.
+    std::map<std::string, std::uint32_t, std::less<>> m_matches;
     orv::exchange::Requests m_requests;
+    std::list<orv::exchange::Request> m_given_up; ///< their callers are still to be told
     orv::exchange::Origins m_origins;
+    std::array<Owed, kMaxOwed> m_owed;
+    std::size_t m_owed_count = 0;
     std::uint64_t m_published = 0;
     std::unique_ptr<orv::exchange::TrafficReader> m_traffic;
 };

@@ -3,15 +3,25 @@
 
 #include "requests.h"
 
+#include <new>
 #include <utility>
 
 namespace orv::exchange {
 
+/// All of it, or, when memory is short, nothing.
 void Requests::add(Request request)
 {
-    const std::uint32_t serial = request.serial;
-    ++m_counts[request.participant];
-    m_by_serial[serial] = m_requests.insert(m_requests.end(), std::move(request));
+    std::list<Request> added;
+    added.push_back(std::move(request));
+    const auto at = added.begin();
+    const auto index = m_by_serial.emplace(at->serial, at).first;
+    try {
+        ++m_counts[at->participant];
+    } catch (const std::bad_alloc&) {
+        m_by_serial.erase(index);
+        throw;
+    }
+    m_requests.splice(m_requests.end(), added);
 }
 
 std::optional<Request> Requests::take(std::uint32_t serial)

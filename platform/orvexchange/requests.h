@@ -18,7 +18,6 @@ struct Request {
     std::uint32_t serial = 0;
     TimePoint deadline;
     std::string participant;
-    /// Null for the library's own calls to the bus.
     void (*callback)(void* arg, const Message* response) = nullptr;
     void* arg = nullptr;
 };
@@ -27,6 +26,7 @@ struct Request {
 /// answered in, so this is the order of their deadlines too.
 class Requests {
 public:
+    /// Throws, with nothing changed, when memory is short.
     void add(Request request);
     /// Takes out the one that an answer belongs to, nothing when it is no longer waited for.
     [[nodiscard]] std::optional<Request> take(std::uint32_t serial);

@@ -14,9 +14,9 @@ constexpr char kMonitoring[] = "org.freedesktop.DBus.Monitoring";
 
 /// A bus adds the sender to each message. Something else at the other end may not, and then has nobody to
 /// address either.
-const char* address_of(const std::string& receiver)
+const char* address_of(const char* receiver)
 {
-    return receiver.empty() ? nullptr : receiver.c_str();
+    return *receiver == '\0' ? nullptr : receiver;
 }
 
 MessagePtr make_call(const char* receiver, const char* object, const char* interface, const char* member)
@@ -56,7 +56,7 @@ MessagePtr make_named_call(const Target& target, const char* member, Bytes data)
 }
 
 /// A reply whose call is no longer at hand.
-MessagePtr address_reply(MessagePtr reply, const std::string& receiver, std::uint32_t serial)
+MessagePtr address_reply(MessagePtr reply, const char* receiver, std::uint32_t serial)
 {
     if (!reply || !dbus_message_set_destination(reply.get(), address_of(receiver)) ||
         !dbus_message_set_reply_serial(reply.get(), serial))
@@ -137,12 +137,11 @@ std::optional<Target> parse_target(const char* text)
     return target;
 }
 
-MessagePtr make_event(const char* name, const std::string& from, std::uint64_t identifier, Bytes data)
+MessagePtr make_event(const char* name, const char* from, std::uint64_t identifier, Bytes data)
 {
-    const char* sender = from.c_str();
     const dbus_uint64_t number = identifier;
     return with_bytes(with(MessagePtr{dbus_message_new_signal(kObject, kInterface, "Event")},
-                           DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING, &sender, DBUS_TYPE_UINT64, &number),
+                           DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING, &from, DBUS_TYPE_UINT64, &number),
                       data);
 }
 
@@ -159,7 +158,7 @@ MessagePtr make_one_way(const Target& target, Bytes data)
     return call;
 }
 
-MessagePtr make_respond(const std::string& receiver, std::uint64_t identifier, Bytes data)
+MessagePtr make_respond(const char* receiver, std::uint64_t identifier, Bytes data)
 {
     const dbus_uint64_t number = identifier;
     MessagePtr call = make_call(address_of(receiver), kObject, kInterface, "Respond");
@@ -168,7 +167,7 @@ MessagePtr make_respond(const std::string& receiver, std::uint64_t identifier, B
     return with_bytes(with(std::move(call), DBUS_TYPE_UINT64, &number), data);
 }
 
-MessagePtr make_answer(const std::string& receiver, std::uint32_t serial, const char* type, Bytes data)
+MessagePtr make_answer(const char* receiver, std::uint32_t serial, const char* type, Bytes data)
 {
     MessagePtr reply{dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN)};
     return with_bytes(with(address_reply(std::move(reply), receiver, serial), DBUS_TYPE_STRING, &type), data);
@@ -184,7 +183,7 @@ MessagePtr make_empty_answer(DBusMessage& call)
     return MessagePtr{dbus_message_new_method_return(&call)};
 }
 
-MessagePtr make_error(const std::string& receiver, std::uint32_t serial, const char* error, const char* text)
+MessagePtr make_error(const char* receiver, std::uint32_t serial, const char* error, const char* text)
 {
     MessagePtr reply{dbus_message_new(DBUS_MESSAGE_TYPE_ERROR)};
     if (!reply || !dbus_message_set_error_name(reply.get(), error))

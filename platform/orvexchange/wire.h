@@ -53,16 +53,15 @@ struct Target {
 
 /// Builders. Names must have been checked. Null when memory is short.
 /// @{
-[[nodiscard]] MessagePtr make_event(const char* name, const std::string& from, std::uint64_t identifier,
-                                    Bytes data);
+[[nodiscard]] MessagePtr make_event(const char* name, const char* from, std::uint64_t identifier, Bytes data);
 [[nodiscard]] MessagePtr make_request(const Target& target, Bytes data);
 [[nodiscard]] MessagePtr make_one_way(const Target& target, Bytes data);
-[[nodiscard]] MessagePtr make_respond(const std::string& receiver, std::uint64_t identifier, Bytes data);
-[[nodiscard]] MessagePtr make_answer(const std::string& receiver, std::uint32_t serial, const char* type,
+[[nodiscard]] MessagePtr make_respond(const char* receiver, std::uint64_t identifier, Bytes data);
+[[nodiscard]] MessagePtr make_answer(const char* receiver, std::uint32_t serial, const char* type,
                                      Bytes data);
 [[nodiscard]] MessagePtr make_text_answer(DBusMessage& call, const char* text);
 [[nodiscard]] MessagePtr make_empty_answer(DBusMessage& call);
-[[nodiscard]] MessagePtr make_error(const std::string& receiver, std::uint32_t serial, const char* error,
+[[nodiscard]] MessagePtr make_error(const char* receiver, std::uint32_t serial, const char* error,
                                     const char* text);
 /// @}
 

@@ -1,5 +1,5 @@
-// JSON when memory is short: whatever allocation fails, parsing and writing give the right result or none, and
-// leave nothing behind.
+// JSON when memory is short: whatever allocation fails, parsing and writing give the right result or none,
+// and leave nothing behind.
 
 #include <orvutils/json.h>
 

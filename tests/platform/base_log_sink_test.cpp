@@ -1,5 +1,5 @@
-// Logging where nobody reads, and the same line over and over. Each test logs in a child process; one that waited
-// would hang it.
+// Logging where nobody reads, and the same line over and over. Each test logs in a child process; one that
+// waited would hang it.
 
 #include "base_support.h"
 #include "probe_support.h"

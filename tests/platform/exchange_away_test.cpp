@@ -2,6 +2,7 @@
 
 #include "exchange_support.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -35,23 +36,47 @@ protected:
 /// A listening socket in the bus's place that says nothing.
 class MuteBus {
 public:
-    explicit MuteBus(const std::string& path) : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    explicit MuteBus(const std::string& path, int backlog = 10)
+        : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
         ::unlink(path.c_str());
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        EXPECT_EQ(::bind(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(::listen(m_socket, 10), 0);
+        m_address.sun_family = AF_UNIX;
+        std::strncpy(m_address.sun_path, path.c_str(), sizeof m_address.sun_path - 1);
+        EXPECT_EQ(::bind(m_socket, reinterpret_cast<const sockaddr*>(&m_address), sizeof m_address), 0);
+        EXPECT_EQ(::listen(m_socket, backlog), 0);
     }
     MuteBus(const MuteBus&) = delete;
     MuteBus& operator=(const MuteBus&) = delete;
-    ~MuteBus() { ::close(m_socket); }
+    ~MuteBus()
+    {
+        ::close(m_socket);
+        for (const int client : m_crowd)
+            ::close(client);
+    }
+    /// Lets others wait for it until nobody more can.
+    void fill()
+    {
+        for (;;) {
+            m_crowd.push_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+            if (::connect(m_crowd.back(), reinterpret_cast<const sockaddr*>(&m_address), sizeof m_address) !=
+                0)
+                break;
+        }
+        EXPECT_EQ(errno, EAGAIN);
+    }
+    /// Accepts all who wait, and hangs up on them.
+    void empty()
+    {
+        while (someone_connects(milliseconds{0}))
+            ::close(accept());
+    }
     [[nodiscard]] bool someone_connects(milliseconds within) const { return is_readable(m_socket, within); }
     [[nodiscard]] int accept() const { return ::accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC); }
 
 private:
     int m_socket;
+    sockaddr_un m_address{};
+    std::vector<int> m_crowd;
 };
 
 /// A bus that does not listen to what it is told, but says at once all that it has to say to the first who
@@ -59,7 +84,20 @@ private:
 class RecitingBus {
 public:
     RecitingBus(const std::string& path, const std::vector<RawMessage>& messages)
-        : m_listener(path), m_thread([this, text = text_of(messages)] { serve(text); })
+        : RecitingBus(path, text_of(messages))
+    {
+    }
+    RecitingBus(const std::string& path, const std::string& text)
+        : m_own(std::make_unique<MuteBus>(path)), m_listener(*m_own), m_thread([this, text] { serve(text); })
+    {
+    }
+    /// Takes the place of a listener with a full queue, a moment later.
+    RecitingBus(MuteBus& crowded, const std::vector<RawMessage>& messages)
+        : m_listener(crowded), m_thread([this, text = text_of(messages)] {
+              (void)::poll(nullptr, 0, 150);
+              m_listener.empty();
+              serve(text);
+          })
     {
     }
     RecitingBus(const RecitingBus&) = delete;
@@ -76,7 +114,7 @@ public:
 private:
     static std::string text_of(const std::vector<RawMessage>& messages)
     {
-        std::string text = "OK 0123456789abcdef0123456789abcdef\r\nERROR\r\n"; // it passes no descriptors
+        std::string text = "OK 0123456789abcdef0123456789abcdef\r\n";
         for (const RawMessage& message : messages)
             text += marshalled(*message);
         return text;
@@ -93,7 +131,8 @@ private:
         ::close(connection);
     }
 
-    MuteBus m_listener;
+    std::unique_ptr<MuteBus> m_own;
+    MuteBus& m_listener;
     std::string m_heard;
     std::thread m_thread;
 };
@@ -211,6 +250,136 @@ TEST_F(ExchangeAway, JoiningABusThatDoesNotAnswerFailsInTime)
     EXPECT_LT(steady_clock::now() - start, seconds{10});
 }
 
+TEST_F(ExchangeAway, JoiningWaitsNoLongerThanItIsTold)
+{
+    m_broker.reset();
+    m_bus.kill();
+    MuteBus mute(m_bus.socket(), 0);
+    for (int i = 0; i < 2; ++i) {
+        const auto start = steady_clock::now();
+        EXPECT_FALSE(OrvexPtr{orvex_join(
+            "other", [](OrvexKind, const Message&) {}, true, milliseconds{300})});
+        EXPECT_FALSE(OrvexPtr{orvex_monitor([](const OrvexTraffic&) {}, true, milliseconds{300})});
+        EXPECT_GE(steady_clock::now() - start, milliseconds{600});
+        EXPECT_LT(steady_clock::now() - start, milliseconds{2000});
+        mute.fill(); // now they do not even get into the queue
+    }
+}
+
+TEST_F(ExchangeAway, JoiningABusThatAcceptsNobodyFailsInTimeAndSaysWhy)
+{
+    m_broker.reset();
+    m_bus.kill();
+    MuteBus crowded(m_bus.socket(), 0);
+    crowded.fill();
+    testing::internal::CaptureStderr();
+    const auto start = steady_clock::now();
+    EXPECT_EQ(join("other"), nullptr);
+    EXPECT_GE(steady_clock::now() - start, seconds{4});
+    EXPECT_LT(steady_clock::now() - start, seconds{7});
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(occurrences(log, "cannot reach the exchange: too many wait for it already"), 1U) << log;
+    EXPECT_EQ(occurrences(log, "\n"), 1U) << log;
+}
+
+TEST_F(ExchangeAway, JoiningABusThatAcceptsNobodyAtFirstSucceeds)
+{
+    m_broker.reset();
+    m_bus.kill();
+    MuteBus crowded(m_bus.socket(), 0);
+    crowded.fill();
+    std::vector<RawMessage> welcome;
+    welcome.push_back(reply_to_hello());
+    welcome.push_back(reply_to_claim());
+    RecitingBus bus(crowded, welcome); // once it has found out that it is crowded
+    EXPECT_NE(join("broker"), nullptr);
+}
+
+TEST_F(ExchangeAway, ABusThatAcceptsNobodyIsTriedAgainWithoutBlocking)
+{
+    ASSERT_EQ(subscribe({"kept"}), 0);
+    m_bus.kill();
+    auto crowded = std::make_unique<MuteBus>(m_bus.socket(), 0);
+    crowded->fill();
+    testing::internal::CaptureStderr();
+    const auto start = steady_clock::now();
+    auto longest = steady_clock::duration::zero();
+    int wakeups = 0;
+    while (steady_clock::now() - start < milliseconds{1500}) {
+        wakeups += is_readable(orvex_get_fd(m_broker.get()), milliseconds{50}) ? 1 : 0;
+        const auto before = steady_clock::now();
+        EXPECT_EQ(orvex_read_fd(m_broker.get()), 0);
+        EXPECT_FALSE(can_send());
+        longest = std::max(longest, steady_clock::now() - before);
+    }
+    EXPECT_LT(longest, milliseconds{100});
+    EXPECT_LT(wakeups, 20) << "it waits, and does not spin";
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(occurrences(log, "too many wait for it already"), 1U) << log;
+    crowded->empty();
+    ASSERT_TRUE(serve_until([&] { return crowded->someone_connects(milliseconds{0}); }));
+    crowded.reset();
+    ASSERT_TRUE(m_bus.start());
+    ASSERT_TRUE(serve_until_back());
+}
+
+TEST_F(ExchangeAway, ABusThatDoesNotAnswerForTenSecondsIsTriedAnew)
+{
+    m_bus.kill();
+    const MuteBus mute(m_bus.socket());
+    ASSERT_TRUE(serve_until([&] { return mute.someone_connects(milliseconds{0}); }));
+    const int connection = mute.accept();
+    const auto start = steady_clock::now();
+    testing::internal::CaptureStderr();
+    ASSERT_TRUE(serve_until([&] { return mute.someone_connects(milliseconds{0}); }));
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(occurrences(log, "the exchange does not answer"), 1U) << log;
+    EXPECT_GE(steady_clock::now() - start, seconds{9});
+    char greeting[64];
+    while (::recv(connection, greeting, sizeof greeting, MSG_DONTWAIT) > 0) {
+    }
+    EXPECT_EQ(::recv(connection, greeting, sizeof greeting, MSG_DONTWAIT), 0) << "the first one is closed";
+    ::close(connection);
+}
+
+TEST_F(ExchangeAway, ABusThatDoesNotLetUsInOrTalksNonsenseIsLeft)
+{
+    m_broker.reset();
+    m_bus.kill();
+    const std::string nonsense(2000, 'x'); // no line at all
+    const std::string in = "OK 0123456789abcdef0123456789abcdef\r\n";
+    for (const auto& [text, reason] : std::vector<std::pair<std::string, std::string>>{
+             {"REJECTED EXTERNAL\r\n", "the exchange does not let us in"},
+             {"\r\n", "the exchange does not let us in"},
+             {nonsense, "the exchange is gone"},
+             {in + nonsense, "the exchange is gone"},
+             {in + std::string("l\2\0\1\0\0\0\0\0\0\0\0\0\0\0\0", 16), "the exchange is gone"}, // serial 0
+             {in + std::string("l\2\0\1\0\0\0\0\1\0\0\0\0\0\0\x7f", 16), "the exchange is gone"},
+             {in + std::string("l\2\0\1\0\0\0\x7f\1\0\0\0\0\0\0\0", 16), "the exchange is gone"}}) {
+        RecitingBus bus(m_bus.socket(), text);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(join("other"), nullptr);
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(occurrences(log, reason), 1U) << log;
+        EXPECT_EQ(occurrences(log, "\n"), 1U) << log;
+    }
+}
+
+TEST_F(ExchangeAway, OnlyUnixSocketsAreAddresses)
+{
+    const std::string path = m_bus.socket();
+    for (const char* address :
+         {"tcp:host=localhost,port=1", "unixexec:path=/bin/true", "autolaunch:", "nonsense"}) {
+        setenv("ORVEX_ADDRESS", address, 1);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(join("other"), nullptr);
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(occurrences(log, std::string(address) + " is no address of a Unix socket"), 1U) << log;
+    }
+    setenv("ORVEX_ADDRESS", ("tcp:host=localhost,port=1;unix:path=/nowhere;unix:path=" + path).c_str(), 1);
+    EXPECT_NE(join("other"), nullptr) << "the first one of a list that can be reached";
+}
+
 TEST_F(ExchangeAway, ANameHasOneOwner)
 {
     EXPECT_EQ(join("broker"), nullptr);
@@ -304,6 +473,49 @@ TEST_F(ExchangeAway, RequestsInFlightAreAnsweredInTheOrderOfSending)
     m_bus.kill();
     ASSERT_TRUE(serve_until_away());
     EXPECT_EQ(order, "02122232");
+}
+
+TEST_F(ExchangeAway, ManyRequestsInFlightAreGivenUpSixteenInAPassAndInOrder)
+{
+    RawPeer agent(m_bus.address(), "orvagent");
+    std::vector<int> order;
+    std::vector<Answers> each(100);
+    for (int i = 0; i < 100; ++i) {
+        each[static_cast<std::size_t>(i)].also = [&order, i](const Message&) { order.push_back(i); };
+        ASSERT_EQ(
+            orvex_send_request(m_broker.get(), "x", "", 0, Answers::take, &each[static_cast<std::size_t>(i)]),
+            0);
+    }
+    agent.sync();
+    m_bus.kill();
+    ASSERT_TRUE(m_bus.start()); // it comes back before all of them are told
+    for (std::size_t told = 0; told < 100; told = order.size()) {
+        ASSERT_TRUE(is_readable(orvex_get_fd(m_broker.get()), seconds{10}));
+        EXPECT_EQ(orvex_read_fd(m_broker.get()), 0);
+        EXPECT_LE(order.size() - told, 16U);
+    }
+    EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+    ASSERT_TRUE(serve_until_back());
+    EXPECT_EQ(order.size(), 100U);
+}
+
+TEST_F(ExchangeAway, WithoutReconnectionTheEndIsReportedAfterAllThatWereInFlight)
+{
+    m_broker.reset();
+    m_broker = join("broker", 0);
+    ASSERT_NE(m_broker, nullptr);
+    RawPeer agent(m_bus.address(), "orvagent");
+    for (int i = 0; i < 40; ++i)
+        ASSERT_EQ(request("x"), 0);
+    m_bus.kill();
+    for (const std::size_t told : {16U, 32U}) {
+        ASSERT_TRUE(is_readable(orvex_get_fd(m_broker.get()), seconds{10}));
+        EXPECT_EQ(orvex_read_fd(m_broker.get()), 0);
+        EXPECT_EQ(m_answers.all.size(), told);
+    }
+    ASSERT_TRUE(is_readable(orvex_get_fd(m_broker.get()), seconds{10}));
+    EXPECT_EQ(orvex_read_fd(m_broker.get()), -1);
+    EXPECT_EQ(m_answers.all.size(), 40U);
 }
 
 TEST_F(ExchangeAway, ARequestSentIntoABrokenConnectionIsAnsweredOrRefused)
@@ -434,7 +646,8 @@ TEST_F(ExchangeAway, AttemptsAreFurtherAndFurtherApartUpToFiveSeconds)
         ASSERT_TRUE(serve_until([&] { return mute.someone_connects(milliseconds{0}); }));
         ::close(mute.accept());
         const auto failure = steady_clock::now();
-        ASSERT_TRUE(serve_until([] { return time_to_alarm().has_value(); }));
+        // Until then it is set to the time by which the bus should have answered.
+        ASSERT_TRUE(serve_until([] { return time_to_alarm().value_or(seconds{10}) < seconds{6}; }));
         EXPECT_LE(*time_to_alarm(), milliseconds{delay});
         EXPECT_GT(*time_to_alarm() + (steady_clock::now() - failure), milliseconds{delay - 10});
     }

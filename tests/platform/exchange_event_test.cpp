@@ -2,6 +2,7 @@
 
 #include "exchange_support.h"
 
+#include <algorithm>
 #include <string>
 
 namespace {
@@ -202,7 +203,7 @@ TEST_F(ExchangeEvents, AMalformedOneIsALogLineAndNothingElse)
     EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 4) << log;
 }
 
-TEST_F(ExchangeEvents, PayloadsOf16MiBPass)
+TEST_F(ExchangeEvents, PayloadsOfFourMiBLessAFramesLengthPass)
 {
     std::string data(kMax, 'x');
     data.front() = 'a';
@@ -239,8 +240,79 @@ TEST_F(ExchangeEvents, AFloodIsDeliveredInManyPasses)
     for (std::size_t before = 0; before < kEvents; before = s_received.size()) {
         ASSERT_TRUE(is_readable(orvex_get_fd(m_broker.get()), kPatience));
         EXPECT_EQ(orvex_read_fd(m_broker.get()), 0);
-        EXPECT_LE(s_received.size() - before, 256U);
+        EXPECT_LE(s_received.size() - before, 16U);
     }
+}
+
+TEST_F(ExchangeEvents, AFloodDoesNotHoldUpTimeOuts)
+{
+    m_peer.reset();
+    rejoin_with_request_time(std::chrono::milliseconds{100});
+    m_peer = std::make_unique<RawPeer>(m_bus.address());
+    RawPeer silent(m_bus.address(), "silent");
+    ASSERT_TRUE(subscribe_and_wait({"n"}));
+    for (int i = 0; i < 100; ++i)
+        ASSERT_EQ(request("silent:x"), 0);
+    for (std::size_t told = 0; told < 100; told = m_answers.all.size()) {
+        for (int i = 0; i < 17; ++i) // more than one pass takes
+            m_peer->emit("n", "");
+        m_peer->sync();
+        EXPECT_EQ(orvex_read_fd(m_broker.get()), 0);
+        EXPECT_LE(m_answers.all.size() - told, 16U);
+        ASSERT_LT(s_received.size(), 100000U);
+    }
+    EXPECT_TRUE(is_readable(orvex_get_fd(m_broker.get()), std::chrono::milliseconds{0}))
+        << "the flood goes on";
+}
+
+TEST_F(ExchangeEvents, OneThatTheBusRefusesIsAskedForAgainByTheNextList)
+{
+    m_broker.reset();
+    m_peer.reset();
+    m_bus.kill();
+    m_bus.change_limit("max_match_rules_per_connection", "2");
+    ASSERT_TRUE(m_bus.start());
+    m_broker = join("broker");
+    ASSERT_NE(m_broker, nullptr);
+    m_peer = std::make_unique<RawPeer>(m_bus.address());
+    testing::internal::CaptureStderr();
+    ASSERT_TRUE(subscribe_and_wait({"a", "b", "end"}));
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("the exchange refuses a subscription: "), std::string::npos);
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
+
+    ASSERT_TRUE(subscribe_and_wait({"b", "end"})); // there is room now
+    m_peer->emit("b", "");
+    ASSERT_TRUE(serve_all());
+    EXPECT_EQ(s_received.size(), 2U);
+    ASSERT_TRUE(subscribe_and_wait({"end"})); // and what was refused at first can be taken back
+    ASSERT_TRUE(subscribe_and_wait({"end", "c"}));
+    s_received.clear();
+    m_peer->emit("c", "");
+    ASSERT_TRUE(serve_all());
+    EXPECT_EQ(s_received.size(), 2U);
+}
+
+TEST_F(ExchangeEvents, OneThatTheBusRefusesIsAskedForAgainWhenItComesBack)
+{
+    m_broker.reset();
+    m_peer.reset();
+    m_bus.kill();
+    m_bus.change_limit("max_match_rules_per_connection", "1");
+    ASSERT_TRUE(m_bus.start());
+    m_broker = join("broker");
+    ASSERT_NE(m_broker, nullptr);
+    ASSERT_TRUE(subscribe_and_wait({"a", "end"}));
+    const auto can_send = [this] { return orvex_send_message(m_broker.get(), "nobody:x", "", 0) == 0; };
+    m_bus.kill();
+    ASSERT_TRUE(serve_until([&] { return !can_send(); }));
+    m_bus.change_limit("max_match_rules_per_connection", "10");
+    ASSERT_TRUE(m_bus.start());
+    ASSERT_TRUE(serve_until(can_send));
+    m_peer = std::make_unique<RawPeer>(m_bus.address());
+    m_peer->emit("a", "");
+    ASSERT_TRUE(serve_all());
+    EXPECT_EQ(s_received.size(), 2U);
 }
 
 TEST_F(ExchangeEvents, TheCallbackMaySubscribeSendAndAnswer)

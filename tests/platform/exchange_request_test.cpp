@@ -3,6 +3,7 @@
 #include "exchange_support.h"
 
 #include <algorithm>
+#include <functional>
 #include <string>
 
 using std::chrono::milliseconds;
@@ -69,6 +70,35 @@ TEST_F(ExchangeRequests, BadNamesAndPayloadsAreRefused)
     EXPECT_EQ(orvex_send_message(m_broker.get(), "x", nullptr, 0), 0);
     EXPECT_EQ(orvex_send_request(m_broker.get(), "x", "", 0, nullptr, nullptr), -1);
     EXPECT_TRUE(m_answers.all.empty());
+}
+
+TEST_F(ExchangeRequests, APayloadThatIsTooLargeIsRefusedWithALineThatSaysSo)
+{
+    const std::string too_much(kMax + 1, 'x');
+    RawPeer peer(m_bus.address());
+    const std::uint32_t serial = peer.call("broker", "Request", "x", "");
+    ASSERT_TRUE(serve_until([] { return s_received.size() == 1; }));
+    const auto log_of = [](const std::function<int()>& send) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(send(), -1);
+        return testing::internal::GetCapturedStderr();
+    };
+    const std::string reason = "cannot send 4194301 bytes: a payload has 4194300 at most\n";
+    Orvex* orvex = m_broker.get();
+    const std::string logs[] = {
+        log_of([&] { return request("x", too_much); }),
+        log_of([&] { return orvex_send_message(orvex, "x", too_much.data(), too_much.size()); }),
+        log_of([&] { return orvex_publish(orvex, "x", too_much.data(), too_much.size(), nullptr); }),
+        log_of([&] {
+            return orvex_send_response(orvex, 0, s_received[0].id, too_much.data(), too_much.size());
+        }),
+    };
+    for (const std::string& log : logs) {
+        EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
+        EXPECT_NE(log.find(reason), std::string::npos) << log;
+    }
+    EXPECT_EQ(orvex_send_response(orvex, 0, s_received[0].id, "less", 4), 0) << "it can still be answered";
+    EXPECT_EQ(reply_serial_of(peer.receive()), serial);
 }
 
 TEST_F(ExchangeRequests, TheLongestNamesPass)

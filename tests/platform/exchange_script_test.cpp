@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstdio>
@@ -36,11 +37,16 @@ Outcome run(const std::string& arguments)
     return outcome;
 }
 
+std::string content_of(const std::string& path)
+{
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
 std::map<std::string, long> limits_in(const std::string& path)
 {
     static const std::regex kLimit(R"re(<limit name="(\w+)">(\d+)</limit>)re");
-    std::ifstream file(path);
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    const std::string text = content_of(path);
     std::map<std::string, long> limits;
     for (std::sregex_iterator limit(text.begin(), text.end(), kLimit), end; limit != end; ++limit)
         limits[(*limit)[1]] = std::stol((*limit)[2]);
@@ -73,6 +79,66 @@ TEST(ExchangeScript, AStaleSocketIsReplaced)
     ASSERT_TRUE(std::filesystem::exists(bus.socket()));
     ASSERT_TRUE(bus.start());
     RawPeer(bus.address()).sync();
+}
+
+mode_t mode_of(const std::string& path)
+{
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
+}
+
+TEST(ExchangeScript, WhatIsBelowRunIsItsOwnersAlone)
+{
+    Bus bus;
+    const std::string run = bus.root() + "/run";
+    std::filesystem::create_directory(run);
+    ASSERT_EQ(chmod(run.c_str(), 0777), 0);
+    const mode_t old_mask = umask(0);
+    const bool is_served = bus.start();
+    umask(old_mask);
+    ASSERT_TRUE(is_served);
+    EXPECT_EQ(mode_of(run), 0700U)
+        << "so nobody else reaches the socket, whatever dbus-daemon makes of its mode";
+    EXPECT_EQ(mode_of(run + "/exchange.lock"), 0600U);
+    EXPECT_EQ(mode_of(run + "/exchange-private.conf"), 0600U);
+}
+
+TEST(ExchangeScript, ADirectoryOfAnotherUserIsRefused)
+{
+    const Bus bus;
+    const std::string directory = bus.root() + "/run";
+    if (geteuid() == 0) {
+        std::filesystem::create_directory(directory);
+        ASSERT_EQ(chown(directory.c_str(), 65534, 65534), 0);
+    } else {
+        std::filesystem::create_directory_symlink("/usr", directory);
+    }
+    const Outcome outcome = run("");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.output,
+              "orvexchanged: " + directory + " belongs to another user; remove it, or run as that user\n");
+    EXPECT_FALSE(std::filesystem::exists(bus.root() + "/run/exchange.lock"));
+}
+
+TEST(ExchangeScript, PlantedLinksAreNotFollowed)
+{
+    Bus bus;
+    const std::string victim = bus.root() + "/victim";
+    std::ofstream{victim} << "precious";
+    ASSERT_EQ(chmod(victim.c_str(), 0644), 0);
+    std::filesystem::create_directory(bus.root() + "/run");
+    for (const char* name : {"exchange.lock", "exchange-private.conf", "exchange.skt"})
+        std::filesystem::create_symlink(victim, bus.root() + "/run/" + name);
+    ASSERT_TRUE(bus.start());
+    EXPECT_EQ(content_of(victim), "precious");
+    EXPECT_EQ(mode_of(victim), 0644U);
+    EXPECT_TRUE(
+        std::filesystem::is_regular_file(std::filesystem::symlink_status(bus.root() + "/run/exchange.lock")));
+    bus.kill();
+    std::filesystem::remove(bus.root() + "/run/exchange.lock");
+    std::filesystem::create_hard_link(victim, bus.root() + "/run/exchange.lock");
+    ASSERT_TRUE(bus.start());
+    EXPECT_EQ(content_of(victim), "precious");
 }
 
 TEST(ExchangeScript, AnUnusualRootIsServedToo)

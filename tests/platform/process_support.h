@@ -50,8 +50,8 @@ private:
 bool is_readable(int fd, int milliseconds);
 constexpr int kPatienceMs = 20000;
 
-/// Gives this process mounts of its own. Root needs no user namespace for that; everybody else becomes root in one,
-/// where the files of the real root belong to user 65534.
+/// Gives this process mounts of its own. Root needs no user namespace for that; everybody else becomes root
+/// in one, where the files of the real root belong to user 65534.
 bool enter_mount_namespace();
 
 /// Runs `body` in a child process that has a file system of its own at `directory`, limited in size.

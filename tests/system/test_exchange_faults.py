@@ -2,9 +2,11 @@
 
 import json
 import os
+import signal
 import socket
 import struct
 import threading
+import time
 
 import world
 from test_agentsim import Agent
@@ -13,6 +15,7 @@ from world import Client, wait_until
 FAILED = (None, -1)
 TIME_OUT_KEY = "/exchange/request_timeout_ms"
 SEND_BUFFER = 4 << 20  # what one client's buffer holds, length words included
+MAX_PAYLOAD = (4 << 20) - 4
 RENAME = {"device_id": "d1", "name": "new name"}
 GIVEN_NAME_KEY = "/tmp/daemons/orvbrokerd/d1/friendly_name"
 
@@ -117,7 +120,7 @@ class Answers(Faults):
     def test_data_that_is_not_json_leaves_a_scan_status_unanswered(self):
         scanner = self.participant(self.served, "orvvad")
         for number, data in enumerate((b"", b"idle", b"5", b'"idle"', b"{", b'{"a": 1} {', b"\xff\xfe", b'{"a": "\xff"}',
-                                       b"\0", b"[" * 100000, b"x" * (16 << 20))):
+                                       b"\0", b"[" * 100000, b"x" * MAX_PAYLOAD)):
             client = self.asking("va_status")
             self.asked(scanner, "va_scan_status")
             scanner.answer(number, "0", data)
@@ -134,7 +137,7 @@ class Answers(Faults):
 
     def test_an_answer_larger_than_the_send_buffer_is_cut_there(self):
         scanner = self.participant(self.served, "orvvad")
-        text = '["%s"]' % ("x" * ((16 << 20) - 4))
+        text = '["%s"]' % ("x" * (MAX_PAYLOAD - 4))
         client = self.asking("va_status")
         self.asked(scanner, "va_scan_status")
         scanner.answer(0, "0", text)
@@ -151,7 +154,7 @@ class Answers(Faults):
                            ("mac", "02:00:00:00:00:01")):
             self.served.set_setting("/registration/" + key, value)
         manager = self.participant(self.served, "broker-devmgmt")
-        for number, data in enumerate((b"", b"ok", b"[]", b'["result"]', b'{"Result": 1}', b"\xff", b"x" * (16 << 20))):
+        for number, data in enumerate((b"", b"ok", b"[]", b'["result"]', b'{"Result": 1}', b"\xff", b"x" * MAX_PAYLOAD)):
             client = self.asking("set_router_model", "M1")
             self.asked(manager, "register_tuvo")
             manager.answer(number, "0", data)
@@ -169,7 +172,7 @@ class Answers(Faults):
             subscriber.subscribe("cloud_registration_status")
             received = 0
             for data in (b"", b"ok", b'"ok"', b"[]", b'{"result": 0}', b'{"result": "refused"}', b"\xff",
-                         b'{"result": "no", "reason": 5}', b"x" * (16 << 20), b'{"result": "ok"}'):
+                         b'{"result": "no", "reason": 5}', b"x" * MAX_PAYLOAD, b'{"result": "ok"}'):
                 self.assertEqual(client.call("start_cloud_registration", {"router_id": "r1"}), (None, 0))
                 while agent.receive()[1] != "start_cloud_registration":  # telemetry comes, too
                     received += 1
@@ -401,6 +404,42 @@ class Bus(Faults):
         load.stop()
         self.assertEqual(load.failure, None)
         self.assertGreater(load.answered, 100)
+
+    def check_answers_and_stop(self):
+        """Everybody is answered at once, and so is the signal to stop."""
+        end = time.monotonic() + 2.5  # several attempts to reach the bus
+        while time.monotonic() < end:
+            start = time.monotonic()
+            self.check_serving()
+            self.assertLess(time.monotonic() - start, 1)
+        start = time.monotonic()
+        self.served.stop_daemon()
+        self.assertLess(time.monotonic() - start, 2)
+
+    def test_a_listener_in_its_place_that_accepts_nobody_holds_up_nobody(self):
+        self.served.kill_bus()
+        with world.CrowdedListener(os.path.join(self.served.root, "run", "exchange.skt")):
+            self.served.wait_for_log("cannot reach the exchange: too many wait for it already")
+            self.check_answers_and_stop()
+
+    def test_a_bus_that_is_stopped_holds_up_nobody(self):
+        for restart in (False, True):
+            if restart:
+                self.served.start_daemon()
+                self.served.kill_bus()
+                self.served.start_bus()
+            self.served.bus.send_signal(signal.SIGSTOP)
+            self.check_answers_and_stop()
+            self.served.bus.send_signal(signal.SIGCONT)
+
+    def test_the_daemon_waits_five_seconds_at_its_start_and_says_for_what(self):
+        self.served.stop_daemon()
+        self.served.kill_bus()
+        with world.CrowdedListener(os.path.join(self.served.root, "run", "exchange.skt")):
+            start = time.monotonic()
+            self.assertEqual(self.served.launch().wait(world.DEADLINE), 1)
+            self.assertLess(time.monotonic() - start, 8)
+        self.assertIn("cannot reach the exchange: too many wait for it already", self.served.messages())
 
     def test_a_bus_that_is_away_for_long_is_met_within_six_seconds(self):
         self.served.kill_bus()

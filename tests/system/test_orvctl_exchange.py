@@ -6,12 +6,13 @@ import signal
 import socket
 import subprocess
 import threading
+import time
 
 import world
 
 OK, FAILED, USAGE, UNAVAILABLE = 0, 1, 2, 3
 GONE = "orvctl: the message exchange has gone\n"
-LARGE = "x" * (8 << 20)  # much more than a socket's buffer takes
+LARGE = "x" * ((4 << 20) - 4)  # much more than a socket's buffer takes
 
 
 def without_log(text):
@@ -142,6 +143,30 @@ class BusGone(WithoutDaemon):
         self.assertNotEqual(stdout, "")
 
 
+class TimeLimit(WithoutDaemon):
+    """Each verb keeps to --timeout whatever it is that does not let it join."""
+
+    def check_all_time_out(self):
+        for verb, expected in (("request", "timed out waiting for the answer"),
+                               ("message", "timed out before the exchange had taken all of it"),
+                               ("publish", "timed out before the exchange had taken all of it"),
+                               ("monitor", "cannot reach the message exchange")):
+            start = time.monotonic()
+            status, stdout, stderr = self.orvctl(verb, "a:b", "--timeout", "0.3")
+            self.assertLess(time.monotonic() - start, 2)
+            self.assertEqual((status, stdout), (UNAVAILABLE, ""), verb)
+            self.assertIn("orvctl: " + expected, stderr)
+
+    def test_with_a_listener_that_accepts_nobody(self):
+        self.one.kill_bus()
+        with world.CrowdedListener(os.path.join(self.one.root, "run", "exchange.skt")):
+            self.check_all_time_out()
+
+    def test_with_a_stopped_bus(self):
+        self.one.bus.send_signal(signal.SIGSTOP)
+        self.check_all_time_out()
+
+
 class LargePayloads(WithoutDaemon):
     def test_a_bus_that_does_not_read_is_timed_out(self):
         for setting in (None, "50"):  # what bounds requests has no say in it
@@ -151,6 +176,11 @@ class LargePayloads(WithoutDaemon):
                 self.assertEqual(self.orvctl("publish", "a", "-", "--timeout", "0.5", input=LARGE, env=proxy.environment),
                                  (UNAVAILABLE, "", "orvctl: timed out before the exchange had taken all of it\n"))
             os.unlink(proxy.path)
+
+    def test_a_payload_that_is_too_large_is_a_usage_error_that_says_so(self):
+        for verb in ("publish", "message", "request"):
+            self.assertEqual(self.orvctl(verb, "a:b", "-", input=LARGE + "x"),
+                             (USAGE, "", "orvctl: standard input is longer than can be sent (4194300 bytes)\n"), verb)
 
     def test_a_large_payload_is_delivered_though_nobody_reads_the_output(self):
         receiver = self.participant(self.one, "there")

@@ -90,7 +90,7 @@ class Installed(world.TestCase):
             file.write(self.read("etc", "exchange.conf").replace("/opt/orvane", one.root))
         one.start()
         # The bus takes the largest payload: it answers, and does not hang up, that nobody is there to get it.
-        result = one.orvctl("exchange", "request", "nobody:x", "-", input="x" * (16 * 1024 * 1024))
+        result = one.orvctl("exchange", "request", "nobody:x", "-", input="x" * ((4 << 20) - 4))
         self.assertIn("net.orvane.exchange.nobody", result.stdout)
         self.assertEqual(one.orvctl("status").returncode, 0)
         self.assertFalse(os.path.exists(os.path.join(one.root, "run", "exchange-private.conf")))

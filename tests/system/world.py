@@ -60,6 +60,28 @@ def wait_until(condition, what, deadline=DEADLINE):
         time.sleep(0.005)
 
 
+class CrowdedListener:
+    """Listens on a path, accepts nobody, and has no room for one more to wait."""
+
+    def __init__(self, path):
+        if os.path.exists(path):
+            os.unlink(path)
+        self.path = path
+        self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.listener.bind(path)
+        self.listener.listen(0)
+        self.crowd = []
+        while not self.crowd or self.crowd[-1].connect_ex(path) == 0:
+            self.crowd.append(socket.socket(socket.AF_UNIX, socket.SOCK_STREAM | socket.SOCK_NONBLOCK))
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for one in (self.listener, *self.crowd):
+            one.close()
+
+
 class Client:
     """A client at the level of bytes."""
 

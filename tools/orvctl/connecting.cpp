@@ -1,5 +1,5 @@
-// An abstract socket's name belongs to whoever binds it first, so any user can play the daemon while it is not running.
-// The kernel tells who it is.
+// An abstract socket's name belongs to whoever binds it first, so any user can play the daemon while it is
+// not running. The kernel tells who it is.
 
 #include "connecting.h"
 

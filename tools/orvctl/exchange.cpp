@@ -32,6 +32,9 @@ constexpr std::size_t kSurelyWritten = 65536;
 /// The type of the answer that the exchange itself makes up when none will come: also when the bus has gone.
 constexpr std::string_view kNoAnswer = "2";
 
+constexpr char kAnswerTimedOut[] = "timed out waiting for the answer";
+constexpr char kSendingTimedOut[] = "timed out before the exchange had taken all of it";
+
 constexpr std::string_view kTargetForm = "PARTICIPANT:NAME or NAME is needed, both of 1 to 127 bytes, the "
                                          "participant of letters, digits, - _ and .";
 constexpr std::string_view kEventForm = "the names of events have 1 to 127 bytes of UTF-8";
@@ -41,6 +44,15 @@ int no_bus()
     complain(
         "cannot reach the message exchange: is its bus running? (socket run/exchange.skt below ORV_ROOT, "
         "or ORVEX_ADDRESS)");
+    return kUnavailable;
+}
+
+/// Why joining by then did not succeed.
+int cannot_join(orvbroker::Deadline deadline, const char* timed_out)
+{
+    if (!orvbroker::is_over(deadline))
+        return no_bus();
+    complain(timed_out);
     return kUnavailable;
 }
 
@@ -67,9 +79,17 @@ bool is_event(const std::string& name)
     return orvex_is_name(name.c_str());
 }
 
-Handle join(OrvexHandler handler = [](OrvexKind, const Message&) {})
+/// How long joining may take, when all has to be done by then.
+std::chrono::milliseconds patience(orvbroker::Deadline deadline)
 {
-    return {orvex_join(nullptr, std::move(handler), /*auto_reconnect=*/false), &orvex_uninit};
+    return std::min(orvbroker::time_left(deadline), kOrvexJoinTime);
+}
+
+Handle join(
+    orvbroker::Deadline deadline, OrvexHandler handler = [](OrvexKind, const Message&) {})
+{
+    return {orvex_join(nullptr, std::move(handler), /*auto_reconnect=*/false, patience(deadline)),
+            &orvex_uninit};
 }
 
 /// Whether the bus has been found gone: nothing else fails when asked to do what there is to be done.
@@ -83,7 +103,7 @@ int cannot_send(Orvex* orvex)
 {
     if (is_gone(orvex))
         return bus_gone();
-    complain("cannot send: out of memory");
+    complain("cannot send: out of memory, or the exchange does not take more");
     return kFailed;
 }
 
@@ -121,13 +141,13 @@ void keep_answer(void* arg, const Message* response)
 /// Sends a request and waits for its answer. Complains, with the exit status as the result, unless one came.
 int request(const SendOptions& send, const Options& options, std::optional<Answer>& answer)
 {
-    const Handle orvex = join();
+    const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kCallTimeout));
+    const Handle orvex = join(deadline);
     if (!orvex)
-        return no_bus();
+        return cannot_join(deadline, kAnswerTimedOut);
     if (orvex_send_request(orvex.get(), send.name.c_str(), send.data.data(), send.data.size(), keep_answer,
                            &answer) != 0)
         return cannot_send(orvex.get());
-    const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kCallTimeout));
     switch (serve_until(orvex.get(), deadline, [&answer] { return answer.has_value(); })) {
     case End::done:
         break;
@@ -136,7 +156,7 @@ int request(const SendOptions& send, const Options& options, std::optional<Answe
     case End::bus_gone:
         return bus_gone();
     case End::timed_out:
-        complain("timed out waiting for the answer");
+        complain(kAnswerTimedOut);
         return kUnavailable;
     }
     if (answer->type == kNoAnswer && is_gone(orvex.get())) {
@@ -157,19 +177,18 @@ bool complete(SendOptions& send)
 
 /// Waits until the bus has taken all that was sent before. It works in order, so an event to ourselves comes
 /// back after that. (The answer to a request would not do: a lost bus and a time-out are answers as well.)
-int flush(Orvex* orvex, const bool& event_came, const Options& options)
+int flush(Orvex* orvex, const bool& event_came, orvbroker::Deadline deadline)
 {
     const std::string event = "orvctl_flush_" + std::to_string(::getpid());
     const char* name = event.c_str();
     if (orvex_subscribe(orvex, &name, 1) != 0 || orvex_publish(orvex, name, "", 0, nullptr) != 0)
         return cannot_send(orvex);
-    const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kCallTimeout));
     switch (serve_until(
         orvex, deadline, [&event_came] { return event_came; }, Reader::not_needed)) {
     case End::done:
         return kSuccess;
     case End::timed_out:
-        complain("timed out before the exchange had taken all of it");
+        complain(kSendingTimedOut);
         return kUnavailable;
     case End::bus_gone:
     case End::output_closed: // is not looked for
@@ -185,14 +204,15 @@ int send_one_way(SendOptions send, const Options& options,
     if (!complete(send))
         return kUsage;
     bool event_came = false;
-    const Handle orvex =
-        join([&event_came](OrvexKind kind, const Message&) { event_came |= kind == OrvexKind::event; });
+    const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kCallTimeout));
+    const Handle orvex = join(
+        deadline, [&event_came](OrvexKind kind, const Message&) { event_came |= kind == OrvexKind::event; });
     if (!orvex)
-        return no_bus();
+        return cannot_join(deadline, kSendingTimedOut);
     if (work(orvex.get(), send) != 0)
         return cannot_send(orvex.get());
     if (send.data.size() > kSurelyWritten)
-        return flush(orvex.get(), event_came, options);
+        return flush(orvex.get(), event_came, deadline);
     return is_gone(orvex.get()) ? bus_gone() : kSuccess;
 }
 
@@ -301,10 +321,10 @@ int run_exchange_monitor(const MonitorOptions& monitor, const Options& options, 
         else
             output.json(to_json(traffic));
     };
-    const Handle orvex(orvex_monitor(print, /*auto_reconnect=*/false), &orvex_uninit);
+    const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kForever));
+    const Handle orvex(orvex_monitor(print, /*auto_reconnect=*/false, patience(deadline)), &orvex_uninit);
     if (!orvex)
         return no_bus();
-    const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kForever));
     switch (serve_until(orvex.get(), deadline, is_enough)) {
     case End::done:
     case End::output_closed:

@@ -30,7 +30,9 @@ bool read_standard_input(std::string& text, std::size_t limit, std::string_view 
         text.append(chunk.data(), static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
     }
     constexpr std::size_t kMebibyte = 1048576;
-    complain("standard input is longer than can be sent (" + std::to_string(limit / kMebibyte) + " MiB)");
+    const std::string most = limit % kMebibyte == 0 ? std::to_string(limit / kMebibyte) + " MiB"
+                                                    : std::to_string(limit) + " bytes";
+    complain("standard input is longer than can be sent (" + most + ")");
     return false;
 }
 

@@ -33,8 +33,8 @@ enum class Queued {
     broken,  ///< its beginning is queued, and its end cannot be: the connection is of no use any more
 };
 
-/// Queues the same envelope on a connection, as a frame, and takes ownership of `data`. However large it is, it is
-/// nowhere in memory but in the send buffer.
+/// Queues the same envelope on a connection, as a frame, and takes ownership of `data`. However large it is,
+/// it is nowhere in memory but in the send buffer.
 [[nodiscard]] Queued queue_response(Connection* conn, int status, json_t* data, int epfd);
 
 /// Puts `value` (a new reference) where a handler leaves what the client gets, dropping what was there.

@@ -1,6 +1,6 @@
 // The handlers of the client commands. Each takes what the dispatcher has checked by the command table, reads
-// or changes the stores or asks another daemon over the exchange, and returns. Nothing here waits, but for the
-// disk, for a key that another process has locked (a second at most) and for the firewall script.
+// or changes the stores or asks another daemon over the exchange, and returns. Nothing here waits, but for
+// the disk, for a key that another process has locked (a second at most) and for the firewall script.
 //
 // A section for each family: registration, features, devices, the router's identity, the router's interfaces
 // and firewall, satellites, vulnerability assessment, reports. The helpers that all of them use come first.

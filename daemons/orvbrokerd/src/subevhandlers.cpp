@@ -2,8 +2,8 @@
 // the list of changed devices collected until the next tick of the cached-events timer.
 //
 // What the device library's callbacks share with the timer stands under a mutex, since it is the library's
-// business where it calls from. The event that is sent is made of what the cache holds under one lock, so that
-// no change is told twice or lost between the two.
+// business where it calls from. The event that is sent is made of what the cache holds under one lock, so
+// that no change is told twice or lost between the two.
 
 #include "subevhandlers.h"
 

@@ -4,8 +4,9 @@
 #include <cstdint>
 
 /// One participant's end of the message exchange that links the agent's daemons: events, requests with
-/// answers, one-way messages. Results: 0 success, -1 failure, unless said otherwise. Nothing blocks but
-/// orvex_init_eventloop(). Not thread-safe; callbacks run only from inside orvex_read_fd().
+/// answers, one-way messages. Results: 0 success, -1 failure, a lack of memory included, unless said
+/// otherwise. Nothing throws. Nothing blocks but orvex_init_eventloop(). Not thread-safe; callbacks run only
+/// from inside orvex_read_fd().
 struct Orvex;
 
 /// What the exchange hands to every callback: an event, a request, a message or an answer. It and what it
@@ -28,13 +29,15 @@ static_assert(sizeof(void*) != 4 || (offsetof(Message, type) == 4 && offsetof(Me
 
 /// Names of participants, events and requests: at most this many bytes.
 constexpr std::size_t kOrvexMaxName = 127;
-/// Payloads: at most this many bytes.
-constexpr std::size_t kOrvexMaxPayload = std::size_t{16} * 1024 * 1024;
+/// Payloads: at most this many bytes, which is what the broker's clients can be sent in one piece: 4 MiB less
+/// the length that goes before it. More is refused where it is sent, with a line in the log.
+constexpr std::size_t kOrvexMaxPayload = std::size_t{4} * 1024 * 1024 - 4;
 /// Requests that may wait for the answers of one participant: at most this many.
 constexpr std::size_t kOrvexMaxRequests = 4096;
 
 /// Connects as participant `name`; `event_callback` is called for every event, request and message that
-/// arrives. Null when the exchange cannot be reached or the name is taken. `flags` is 0; `auto_reconnect` is
+/// arrives. Waits at most 5 s in all. Null, with the reason in the log, when the exchange cannot be reached,
+/// does not answer by then, or the name is taken. `flags` is 0; `auto_reconnect` is
 /// 1 for a participant that comes back by itself, name and subscriptions included, after the exchange was
 /// away.
 [[nodiscard]] Orvex* orvex_init_eventloop(const char* name, void (*event_callback)(const Message*), int flags,
@@ -43,12 +46,15 @@ constexpr std::size_t kOrvexMaxRequests = 4096;
 /// The one descriptor to watch for input, or -1.
 [[nodiscard]] int orvex_get_fd(Orvex* orvex);
 
-/// Does what is to be done: reads, writes, times out, reconnects; calls the callbacks. -1 when called from a
-/// callback, and when the exchange is gone for good (without auto_reconnect).
+/// Does what is to be done: reads, writes, times out, reconnects; calls the callbacks, for at most 16
+/// messages and as many requests that have failed: the descriptor stays readable while there are more. -1
+/// when called from a callback, and when the exchange is gone for good (without auto_reconnect).
 [[nodiscard]] int orvex_read_fd(Orvex* orvex);
 
-/// Replaces the events that this participant receives. -1 as well while the exchange is away; the list is
-/// kept even so, and renewed by itself when the exchange is back. A bad name changes nothing.
+/// Replaces the events that this participant receives. -1 as well while the exchange is away, or when not all
+/// of it could be asked for; the list is kept even so. What is missing, be it that the exchange has refused
+/// it, is asked for again by the next call, and all of it when the exchange is back after it was away. A bad
+/// name changes nothing.
 [[nodiscard]] int orvex_subscribe(Orvex* orvex, const char** names, int count);
 
 /// Sends a request to "participant:request", or with a bare request name to "orvagent". After 0,
@@ -64,7 +70,8 @@ constexpr std::size_t kOrvexMaxRequests = 4096;
 /// Sends a one-way message; success says that it was handed over, not that anyone received it.
 [[nodiscard]] int orvex_send_message(Orvex* orvex, const char* name, const char* data, std::size_t length);
 
-/// Answers the event or request whose identifier is `request_id`, once. `status` is 0. The identifiers of the
+/// Answers the event or request whose identifier is `request_id`, once; after -1 it can be tried again, be it
+/// with less. `status` is 0. The identifiers of the
 /// last 1024 events and requests are known; a request that is older and has no answer is refused by itself.
 [[nodiscard]] int orvex_send_response(Orvex* orvex, int status, std::uint64_t request_id, const char* data,
                                       std::size_t length);

@@ -8,9 +8,9 @@ namespace orv::daemon {
 /// One daemon process: its command line, its signals and the order of its hooks.
 ///
 /// The framework owns the options -f/--foreground (the default), -d/--daemonize, -l/--log-level N, --version
-/// and --help. SIGTERM and SIGINT make the stop descriptor readable, and so does SIGHUP in the foreground, unless
-/// the starter ignored it. SIGPIPE is ignored, and SIGHUP in the background; SIGCHLD is not, even if the starter
-/// did so. Standard streams that the starter has closed lead to /dev/null.
+/// and --help. SIGTERM and SIGINT make the stop descriptor readable, and so does SIGHUP in the foreground,
+/// unless the starter ignored it. SIGPIPE is ignored, and SIGHUP in the background; SIGCHLD is not, even if
+/// the starter did so. Standard streams that the starter has closed lead to /dev/null.
 class Instance {
 public:
     Instance(const Instance&) = delete;
@@ -22,8 +22,8 @@ public:
     virtual int on_stop_pipe() = 0;
 
     /// Goes to the background if the command line says so, calls the init hook and, if it returned true, the
-    /// run hook. Returns the process's exit status: 1 when init failed, when a directory below the agent's root is
-    /// somebody else's, or when memory ran out of a hook; else what the run hook returned.
+    /// run hook. Returns the process's exit status: 1 when init failed, when a directory below the agent's
+    /// root is somebody else's, or when memory ran out of a hook; else what the run hook returned.
     virtual int run() = 0;
 
     std::function<bool()> init_hook;

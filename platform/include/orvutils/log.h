@@ -37,10 +37,10 @@ struct Text {
 };
 
 /// Fills in the line's prefix area and writes it with one write: to standard error in the foreground,
-/// to syslog in the background. Never waits: a line that is not taken at once is lost and counted, and "N lines
-/// lost" is written when there is room again. A line with the text and level of the one before is counted as well, for
-/// "last line repeated N times". Control characters of the text become "\xNN", and a text of more than 2048
-/// bytes is cut; one line feed before the last one stays.
+/// to syslog in the background. Never waits: a line that is not taken at once is lost and counted, and "N
+/// lines lost" is written when there is room again. A line with the text and level of the one before is
+/// counted as well, for "last line repeated N times". Control characters of the text become "\xNN", and a
+/// text of more than 2048 bytes is cut; one line feed before the last one stays.
 void print(int channel, int level, Text line);
 
 /// Opens a channel, which may be open already. False when there is no such channel.

@@ -92,8 +92,8 @@ public:
     /// Everybody.
     AllowedUids() = default;
 
-    /// Those of the list; everybody for an empty one. A list that is anything but decimal numbers with one "," between
-    /// them admits nobody else than root and this process's own user: see is_valid().
+    /// Those of the list; everybody for an empty one. A list that is anything but decimal numbers with one
+    /// "," between them admits nobody else than root and this process's own user: see is_valid().
     explicit AllowedUids(std::string_view list);
 
     /// False when the text was no such list, or there was no memory for it: worth a line.

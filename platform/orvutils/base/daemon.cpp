@@ -1,9 +1,9 @@
-// The daemon framework. SIGTERM and SIGINT, and SIGHUP in the foreground, stay blocked and are received through a
-// signalfd: the daemon's waiting is never interrupted by them, and as nobody reads the descriptor it stays
-// readable once it is. In the background there is no terminal that could hang up.
-// Going to the background happens in run(), before the init hook, so that everything the hooks open belongs
-// to the final process; the process that the user started lives until the init hook's result is known and
-// hands it on as its exit status.
+// The daemon framework. SIGTERM and SIGINT, and SIGHUP in the foreground, stay blocked and are received
+// through a signalfd: the daemon's waiting is never interrupted by them, and as nobody reads the descriptor
+// it stays readable once it is. In the background there is no terminal that could hang up. Going to the
+// background happens in run(), before the init hook, so that everything the hooks open belongs to the final
+// process; the process that the user started lives until the init hook's result is known and hands it on as
+// its exit status.
 
 #include <orvutils/daemon.h>
 
@@ -182,8 +182,8 @@ bool is_ignored(int signal)
 }
 
 /// The stop descriptor, or -1. Who starts the daemon may ignore its own children, and that is inherited: the
-/// statuses of the daemon's scripts would be lost. That it ignores SIGHUP, on the other hand, is meant for us;
-/// blocked, the signal would be received all the same.
+/// statuses of the daemon's scripts would be lost. That it ignores SIGHUP, on the other hand, is meant for
+/// us; blocked, the signal would be received all the same.
 int prepare_signals(bool background)
 {
     sigset_t stop;

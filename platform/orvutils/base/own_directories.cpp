@@ -1,5 +1,5 @@
-// A daemon that starts early, as root, below a directory that everybody can write to may find its own directories
-// made by somebody else, with links in them that lead to root's files.
+// A daemon that starts early, as root, below a directory that everybody can write to may find its own
+// directories made by somebody else, with links in them that lead to root's files.
 
 #include "own_directories.h"
 

@@ -1,5 +1,5 @@
-// Timers on timerfd. A daemon's own is what wakes it when nothing else happens, so that is when the log tells what
-// it has held back.
+// Timers on timerfd. A daemon's own is what wakes it when nothing else happens, so that is when the log tells
+// what it has held back.
 
 #include <orvutils/time.h>
 

@@ -1,12 +1,12 @@
 // Writing log lines. A client's request costs two of them, so a line is stamped from a template that is kept
 // ready: its date and time change once a second, its process id after a fork, and only the milliseconds and
-// the level are put in line by line. Nothing here allocates memory or waits, and a foreground line is one write(2);
-// only a line that is too long, or holds control characters, is copied.
+// the level are put in line by line. Nothing here allocates memory or waits, and a foreground line is one
+// write(2); only a line that is too long, or holds control characters, is copied.
 //
 // What a neighbour can make happen over and over must not drown the rest. A line with the text and level of
-// the last one is counted instead of written. The count is told by the next repetition that comes a second or more
-// after the last line was written, before any other line, and at the end of the process. A line that nobody
-// took is counted, too, and that is told as soon as there is room again.
+// the last one is counted instead of written. The count is told by the next repetition that comes a second or
+// more after the last line was written, before any other line, and at the end of the process. A line that
+// nobody took is counted, too, and that is told as soon as there is room again.
 //
 // All channels share the one sink; a line on a channel that nobody opened is written too, as losing it would
 // be worse. errno is left as it was, so that logging a failure does not disturb who looks at its cause next.

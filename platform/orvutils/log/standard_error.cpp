@@ -1,14 +1,14 @@
-// Writing to standard error without ever waiting for its reader. Its descriptor is shared with other processes,
-// which must not find it set to O_NONBLOCK. So a pipe or a terminal is opened once more, for this process alone
-// and without waiting; a socket can be asked not to wait for each message; and a file never makes anybody
-// wait. Where the second opening is not possible (no /proc, a terminal of somebody else), the kernel
-// is asked for room before a line is written.
+// Writing to standard error without ever waiting for its reader. Its descriptor is shared with other
+// processes, which must not find it set to O_NONBLOCK. So a pipe or a terminal is opened once more, for this
+// process alone and without waiting; a socket can be asked not to wait for each message; and a file never
+// makes anybody wait. Where the second opening is not possible (no /proc, a terminal of somebody else), the
+// kernel is asked for room before a line is written.
 //
-// What standard error is can change under way. A descriptor of our own would miss that, so with one it is looked at for
-// each line; otherwise once a second, as a system call is half of what a line costs.
+// What standard error is can change under way. A descriptor of our own would miss that, so with one it is
+// looked at for each line; otherwise once a second, as a system call is half of what a line costs.
 //
-// A pipe takes a line whole or not at all, as lines are shorter than PIPE_BUF. Of what may take a part of one (a
-// terminal, a stream socket, a full disk) the rest is kept, and goes first the next time.
+// A pipe takes a line whole or not at all, as lines are shorter than PIPE_BUF. Of what may take a part of one
+// (a terminal, a stream socket, a full disk) the rest is kept, and goes first the next time.
 
 #include "log_sink.h"
 

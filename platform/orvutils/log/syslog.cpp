@@ -1,5 +1,5 @@
-// The system log's end of a datagram socket. syslog(3) would wait for a reader that does not read, and would not
-// find one that has taken the place of another which hangs.
+// The system log's end of a datagram socket. syslog(3) would wait for a reader that does not read, and would
+// not find one that has taken the place of another which hangs.
 
 #include "log_sink.h"
 

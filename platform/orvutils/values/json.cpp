@@ -1,15 +1,15 @@
 // JSON without surprises when memory is short.
 //
-// The JSON library does not notice every failed allocation: while parsing, a token that cannot grow is written
-// to behind its end; while writing, a key that finds no room is left out. So while it parses, its memory comes
-// from an arena, and when that cannot grow the parser is left by longjmp(), over nothing but its own frames, and
-// the arena is given back as a whole. What it writes is collected here, and a failure is remembered whether or
-// not the library heeds it.
+// The JSON library does not notice every failed allocation: while parsing, a token that cannot grow is
+// written to behind its end; while writing, a key that finds no room is left out. So while it parses, its
+// memory comes from an arena, and when that cannot grow the parser is left by longjmp(), over nothing but its
+// own frames, and the arena is given back as a whole. What it writes is collected here, and a failure is
+// remembered whether or not the library heeds it.
 //
 // An arena lives until the last of its blocks is freed. Freeing finds out by address whether a block is an
-// arena's; there are hardly ever more than two at a time. The first is always there, and has room for an ordinary
-// request. Further pieces double in size, so that a large value has few, and large ones go back to the system at
-// once.
+// arena's; there are hardly ever more than two at a time. The first is always there, and has room for an
+// ordinary request. Further pieces double in size, so that a large value has few, and large ones go back to
+// the system at once.
 
 #include <orvutils/json.h>
 

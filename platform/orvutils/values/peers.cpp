@@ -1,5 +1,5 @@
-// Who is at the other end of a connection. The kernel keeps the user who called connect() or listen(), so this
-// cannot be forged, and stays true when that process has gone.
+// Who is at the other end of a connection. The kernel keeps the user who called connect() or listen(), so
+// this cannot be forged, and stays true when that process has gone.
 
 #include <orvutils/sockutl.h>
 

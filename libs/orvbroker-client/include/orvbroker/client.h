@@ -108,8 +108,8 @@ public:
     /// -1 while there is no connection.
     [[nodiscard]] int fd() const { return m_fd; }
 
-    /// The user who serves the connection. The daemon's name can be taken by whoever comes first: an answer of
-    /// another user than root or one's own may be anything. Empty without a connection.
+    /// The user who serves the connection. The daemon's name can be taken by whoever comes first: an answer
+    /// of another user than root or one's own may be anything. Empty without a connection.
     [[nodiscard]] std::optional<uid_t> server_uid() const;
 
     void close();

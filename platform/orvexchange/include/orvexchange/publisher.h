@@ -2,6 +2,7 @@
 
 #include <orvexchange/orvexchange.h>
 
+#include <chrono>
 #include <functional>
 #include <string_view>
 
@@ -27,9 +28,14 @@ enum class OrvexKind {
 /// sender's unique bus name.
 using OrvexHandler = std::function<void(OrvexKind kind, const Message& message)>;
 
+/// How long joining waits for the exchange, unless told otherwise.
+constexpr std::chrono::milliseconds kOrvexJoinTime{5000};
+
 /// As orvex_init_eventloop(), whose callback is not told of answers to events. With a null `name` the
 /// participant has none: it can publish, send and subscribe, but nobody can address it but by answering.
-[[nodiscard]] Orvex* orvex_join(const char* name, OrvexHandler handler, bool auto_reconnect);
+/// Waits at most `patience` in all.
+[[nodiscard]] Orvex* orvex_join(const char* name, OrvexHandler handler, bool auto_reconnect,
+                                std::chrono::milliseconds patience = kOrvexJoinTime);
 
 /// Sends an event to all that have subscribed to it. `identifier`, unless null, is set to the number under
 /// which answers will come. 0, or -1.
@@ -57,4 +63,5 @@ using OrvexObserver = std::function<void(const OrvexTraffic& traffic)>;
 
 /// Joins as an onlooker that sees all traffic and takes no part in it: every operation that sends fails.
 /// Only the bus's own user may. Leave with orvex_uninit(). Null when the exchange cannot be reached.
-[[nodiscard]] Orvex* orvex_monitor(OrvexObserver observer, bool auto_reconnect);
+[[nodiscard]] Orvex* orvex_monitor(OrvexObserver observer, bool auto_reconnect,
+                                   std::chrono::milliseconds patience = kOrvexJoinTime);
