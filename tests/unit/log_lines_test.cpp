@@ -579,8 +579,8 @@ TEST_F(SpineLogLines, HaveTheirLevelAndComeFromTheFunctionThatTheReaderKnows)
         }
     }
     renew_platform();
-    platform->has_addresses = false;
-    live();
+    EXPECT_EQ(brokerd::create_server_socket("no address"), -1);
+    collect(*platform, seen);
 
     expect_table(seen, {kSpine, kSock});
 }

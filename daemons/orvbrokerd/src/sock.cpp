@@ -14,16 +14,14 @@
 namespace orv::brokerd {
 namespace {
 
-/// The version in the name is that of the client protocol, also found in the version file.
-constexpr char kServerAddress[] = ":orvbrokerd-1.3.skt";
 /// Clients that may wait for being accepted.
 constexpr int kBacklog = 8;
 
 } // namespace
 
-int create_server_socket()
+int create_server_socket(const char* text)
 {
-    sockutl::address address(kServerAddress);
+    sockutl::address address(text);
     if (!address.is_valid()) {
         ORV_LOG(log::kError, "Invalid server address: {}", _get_orverrno());
         return -1;

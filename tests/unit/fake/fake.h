@@ -187,7 +187,6 @@ public:
     std::vector<std::string> outbox; ///< telemetry events as JSON texts
     std::optional<std::string> release_version = "1.2.3";
     std::string patch_version = "4";
-    bool has_addresses = true;    ///< a text can become a socket address
     int script_result = 0;        ///< of a script that does not fail
     std::string root;             ///< directory of the common paths, which have their numbers as names
     std::time_t now = 1700000000; ///< what time() gives

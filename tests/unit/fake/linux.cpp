@@ -4,8 +4,6 @@
 
 #include "fake.h"
 
-#include <orvutils/sockutl.h>
-
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -59,15 +57,6 @@ bool no_memory(const char* what)
 } // namespace
 
 extern "C" {
-
-// The constructor of orv::sockutl::address from a text, by its name for the linker.
-void __real__ZN3orv7sockutl7addressC1EPKc(orv::sockutl::address* self, const char* text);
-void __wrap__ZN3orv7sockutl7addressC1EPKc(orv::sockutl::address* self, const char* text)
-{
-    const Fake::Calm calm;
-    const Fake* fake = Fake::current();
-    __real__ZN3orv7sockutl7addressC1EPKc(self, fake && !fake->has_addresses ? "" : text);
-}
 
 int __real_epoll_create(int size);
 int __real_epoll_ctl(int epfd, int operation, int fd, epoll_event* event);
