@@ -208,9 +208,9 @@ class World:
     def start_daemon(self, **extra):
         """Starts the daemon and waits until it answers."""
         self.daemon = self.launch(**extra)
-        wait_until(self._answers, "the daemon answers")
+        wait_until(self.answers, "the daemon answers")
 
-    def _answers(self):
+    def answers(self):
         if self.daemon.poll() is not None:
             raise AssertionError("the daemon ended with %d" % self.daemon.returncode)
         try:

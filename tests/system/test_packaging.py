@@ -1,0 +1,126 @@
+"""What starts the daemons: the init script of OpenWrt, run by a shell with procd's functions replaced, and the units."""
+
+import os
+import subprocess
+
+import world
+
+PACKAGING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "packaging")
+NOBODY = 65534
+
+# procd's functions tell what they are called with; logger prints what it is to log.
+PROCD = """
+procd_open_instance() { echo "instance $1"; }
+procd_set_param() { echo "$*"; }
+procd_close_instance() { :; }
+logger() { echo "$6" >&2; }
+"""
+
+
+class InitScript(world.TestCase):
+    def setUp(self):
+        super().setUp()
+        self.one = self.world()
+        self.volatile = os.path.join(self.one.root, "memory")
+        self.root = os.path.join(self.one.root, "root")
+        os.mkdir(self.root)
+
+    def start(self):
+        with open(os.path.join(PACKAGING, "openwrt", "orvbrokerd.init"), encoding="utf-8") as file:
+            script = file.read()
+        self.assertIn("\nROOT=/opt/orvane\nVOLATILE=/tmp/orvane\n", script)
+        script = script.replace("ROOT=/opt/orvane\nVOLATILE=/tmp/orvane\n",
+                                "ROOT=%s\nVOLATILE=%s\n" % (self.root, self.volatile))
+        return subprocess.run(["sh", "-c", script + PROCD + "start_service"], stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, text=True, timeout=world.DEADLINE, check=False)
+
+    def check_started(self):
+        result = self.start()
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        instances = [line for line in result.stdout.splitlines() if line.startswith("instance")]
+        self.assertEqual(instances, ["instance orvexchanged", "instance orvbrokerd"])
+        self.assertEqual(result.stdout.count("respawn 3600 1 0\n"), 2)
+
+    def check_refused(self, directory):
+        result = self.start()
+        self.assertEqual((result.returncode, result.stdout), (1, ""))
+        self.assertEqual(result.stderr, "%s is not a directory of root's own: remove it; not started\n" % directory)
+
+    def mode(self, *path):
+        return os.stat(os.path.join(*path)).st_mode & 0o777
+
+    def test_the_first_start_makes_directories_of_its_own_and_links_to_them(self):
+        for _ in range(2):  # the second time they are there
+            self.check_started()
+            self.assertEqual(self.mode(self.volatile), 0o700)
+            for name in ("run", "tmp"):
+                self.assertEqual(self.mode(self.volatile, name), 0o700)
+                self.assertEqual(os.readlink(os.path.join(self.root, name)), os.path.join(self.volatile, name))
+
+    def test_directories_of_an_earlier_version_are_closed(self):
+        os.makedirs(os.path.join(self.volatile, "run"), 0o755)
+        os.chmod(os.path.join(self.volatile, "run"), 0o755)
+        self.check_started()
+        self.assertEqual(self.mode(self.volatile, "run"), 0o700)
+
+    def test_a_directory_that_others_can_write_to_is_refused(self):
+        for mode in (0o777, 0o770, 0o1777, 0o707):
+            os.mkdir(self.volatile)
+            os.chmod(self.volatile, mode)
+            self.check_refused(self.volatile)
+            os.rmdir(self.volatile)
+        os.mkdir(self.volatile, 0o700)
+        os.mkdir(os.path.join(self.volatile, "run"))
+        os.chmod(os.path.join(self.volatile, "run"), 0o777)
+        self.check_refused(os.path.join(self.volatile, "run"))
+
+    def test_a_link_or_a_file_is_refused(self):
+        elsewhere = os.path.join(self.one.root, "elsewhere")
+        os.mkdir(elsewhere, 0o700)
+        os.symlink(elsewhere, self.volatile)
+        self.check_refused(self.volatile)
+        self.assertEqual(os.listdir(elsewhere), [])
+        os.unlink(self.volatile)
+        with open(self.volatile, "w", encoding="ascii"):
+            pass
+        self.check_refused(self.volatile)
+
+    def test_a_directory_of_another_user_is_refused(self):
+        with open("/proc/self/uid_map", encoding="ascii") as users:
+            second_user = any(int(line.split()[2]) > NOBODY for line in users)
+        os.mkdir(self.volatile, 0o700)
+        if second_user:
+            os.chown(self.volatile, NOBODY, NOBODY)
+            self.check_refused(self.volatile)
+        else:  # in a user namespace with one user nobody else can have made it
+            self.check_started()
+
+    def test_a_directory_on_the_flash_gives_way_and_what_the_owner_has_linked_stays(self):
+        os.makedirs(os.path.join(self.root, "tmp", "settings"))
+        elsewhere = os.path.join(self.one.root, "elsewhere")
+        os.mkdir(elsewhere)
+        os.symlink(elsewhere, os.path.join(self.root, "run"))
+        self.check_started()
+        self.assertEqual(os.readlink(os.path.join(self.root, "tmp")), os.path.join(self.volatile, "tmp"))
+        self.assertEqual(os.readlink(os.path.join(self.root, "run")), elsewhere)
+
+    def test_a_tmpfs_in_the_place_stays(self):
+        mounted = os.path.join(self.root, "tmp")
+        os.mkdir(mounted)
+        subprocess.run(["mount", "-t", "tmpfs", "none", mounted], check=True)
+        self.addCleanup(subprocess.run, ["umount", mounted], check=True)
+        self.check_started()
+        self.assertFalse(os.path.islink(mounted))
+
+
+class Units(world.TestCase):
+    def test_the_daemons_are_started_again_whatever_has_ended_them(self):
+        for unit in ("orvbrokerd", "orvexchanged"):
+            with open(os.path.join(PACKAGING, "systemd", unit + ".service"), encoding="utf-8") as file:
+                lines = file.read().splitlines()
+            self.assertIn("Restart=always", lines)
+            self.assertIn("UMask=0077", lines)
+
+
+if __name__ == "__main__":
+    world.main()
