@@ -2,6 +2,7 @@
 
 #include "device_fields.h"
 
+#include <orvbase/without_throwing.h>
 #include <orvdevmgmt/device_writer.h>
 #include <orvutils/json.h>
 
@@ -86,22 +87,12 @@ std::string take_member(std::string_view name, const json_t* value, Device& devi
     return field == kTextFields.end() ? "is no member of a device" : take_text(*field, value, device);
 }
 
-/// The size of the UTF-8 sequence that a text begins with; 0 when it begins with none.
-std::size_t sequence_size(std::string_view text)
-{
-    constexpr std::size_t kLongest = 4;
-    for (std::size_t size = 1; size <= std::min(text.size(), kLongest); ++size)
-        if (is_utf8(text.substr(0, size)))
-            return size;
-    return 0;
-}
-
 /// A text for people: with U+FFFD in place of every byte that is not UTF-8.
 std::string replace_malformed(std::string_view text)
 {
     std::string result;
     while (!text.empty()) {
-        const std::size_t size = sequence_size(text);
+        const std::size_t size = utf8_sequence_size(text);
         result += size != 0 ? text.substr(0, size) : "\xef\xbf\xbd";
         text.remove_prefix(std::max<std::size_t>(size, 1));
     }
@@ -139,10 +130,7 @@ JsonPtr macs_to_json(const Device& device)
     return object;
 }
 
-} // namespace
-
-bool device_from_json(const json_t* json, const std::string& default_owner, Device& device,
-                      std::string& error)
+bool read_device(const json_t* json, const std::string& default_owner, Device& device, std::string& error)
 {
     if (!json_is_object(json)) {
         error = "a device must be an object";
@@ -172,7 +160,7 @@ bool device_from_json(const json_t* json, const std::string& default_owner, Devi
     return true;
 }
 
-json_t* device_to_json(const Device& device)
+json_t* make_json(const Device& device)
 {
     JsonPtr json(json_object());
     bool complete = true;
@@ -186,6 +174,19 @@ json_t* device_to_json(const Device& device)
     }
     set(kTrafficBlockedField, json_integer(device.traffic_blocked));
     return complete ? json.release() : nullptr;
+}
+
+} // namespace
+
+bool device_from_json(const json_t* json, const std::string& default_owner, Device& device,
+                      std::string& error)
+{
+    return base::without_throwing(false, [&] { return read_device(json, default_owner, device, error); });
+}
+
+json_t* device_to_json(const Device& device)
+{
+    return base::without_throwing<json_t*>(nullptr, [&] { return make_json(device); });
 }
 
 } // namespace orv::devMgmt

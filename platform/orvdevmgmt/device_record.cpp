@@ -1,25 +1,30 @@
-// A record is a version byte and then numbers of four bytes, the lowest first, and texts, each after its
+// A device is a version byte and then numbers of four bytes, the lowest first, and texts, each after its
 // length: the text fields in their order, the blocked flag, the number of MAC addresses; of each of these its
 // six bytes, the number of IP addresses and their texts.
+//
+// A record is another version byte, the history and a device. Of the history: numbers of eight bytes for the
+// birth and for each field that has changed, after two bytes that tell which these are.
 
 #include "device_record.h"
 
-#include "device_fields.h"
+#include <orvdevmgmt/device_writer.h>
 
-#include <cstdint>
 #include <map>
 
 namespace orv::devMgmt {
 
 namespace {
 
-constexpr std::size_t kNumberSize = 4;
 constexpr std::size_t kMacSize = 6;
-constexpr char kVersion = 1;
+constexpr char kDeviceVersion = 1;
+constexpr char kRecordVersion = 2;
+constexpr char kStateVersion = 1;
+static_assert(kFieldCount <= 16, "two bytes tell which fields have changed");
 
-void put_number(std::string& bytes, std::uint32_t number)
+template <typename Number>
+void put_number(std::string& bytes, Number number)
 {
-    for (std::size_t i = 0; i < kNumberSize; ++i)
+    for (std::size_t i = 0; i < sizeof number; ++i)
         bytes.push_back(static_cast<char>(number >> 8 * i & 0xffU));
 }
 
@@ -46,18 +51,21 @@ public:
         return taken;
     }
 
-    std::uint32_t number()
+    template <typename Number = std::uint32_t>
+    Number number()
     {
-        std::uint32_t number = 0;
+        Number number = 0;
         unsigned shift = 0;
-        for (const char byte : bytes(kNumberSize)) {
-            number |= std::uint32_t{static_cast<unsigned char>(byte)} << shift;
+        for (const char byte : bytes(sizeof number)) {
+            number = static_cast<Number>(number | Number{static_cast<unsigned char>(byte)} << shift);
             shift += 8;
         }
         return number;
     }
 
     std::string_view text() { return bytes(number()); }
+
+    std::string_view rest() { return bytes(m_rest.size()); }
 
     [[nodiscard]] bool is_sound() const { return m_sound; }
     [[nodiscard]] bool is_at_end() const { return m_sound && m_rest.empty(); }
@@ -94,6 +102,12 @@ bool decode_mac(Reader& reader, Device& device)
     return reader.is_sound() && mac.is_valid();
 }
 
+/// Whether a device can be looked up by this text.
+bool is_key(std::string_view did)
+{
+    return is_device_id(did) && did.size() <= kMaxDeviceIdSize;
+}
+
 } // namespace
 
 bool is_device_id(std::string_view text)
@@ -103,7 +117,7 @@ bool is_device_id(std::string_view text)
 
 std::string encode_device(const Device& device)
 {
-    std::string bytes(1, kVersion);
+    std::string bytes(1, kDeviceVersion);
     for (const TextField& field : kTextFields)
         put_text(bytes, device.*field.member);
     put_number(bytes, static_cast<std::uint32_t>(device.traffic_blocked));
@@ -123,7 +137,7 @@ std::string encode_device(const Device& device)
 bool decode_device(std::string_view bytes, Device& device)
 {
     Reader reader(bytes);
-    if (reader.bytes(1) != std::string_view(&kVersion, 1))
+    if (reader.bytes(1) != std::string_view(&kDeviceVersion, 1))
         return false;
     for (const TextField& field : kTextFields)
         device.*field.member = reader.text();
@@ -136,26 +150,97 @@ bool decode_device(std::string_view bytes, Device& device)
     return reader.is_at_end() && is_device_id(device.did) && blocked <= 1;
 }
 
+std::string encode_record(const History& history, std::string_view device)
+{
+    std::string bytes(1, kRecordVersion);
+    put_number(bytes, history.born);
+    std::uint16_t changed = 0;
+    for (std::size_t i = 0; i < kFieldCount; ++i)
+        changed = static_cast<std::uint16_t>(changed | (history.changed[i] != 0 ? 1U << i : 0U));
+    put_number(bytes, changed);
+    for (const std::uint64_t number : history.changed)
+        if (number != 0)
+            put_number(bytes, number);
+    return bytes.append(device);
+}
+
+bool split_record(std::string_view record, History& history, std::string_view& device)
+{
+    history = {};
+    device = record;
+    if (record.empty() || record.front() == kDeviceVersion)
+        return !record.empty();
+    Reader reader(record);
+    if (reader.bytes(1) != std::string_view(&kRecordVersion, 1))
+        return false;
+    history.born = reader.number<std::uint64_t>();
+    const auto changed = reader.number<std::uint16_t>();
+    for (std::size_t i = 0; i < kFieldCount; ++i)
+        if ((changed >> i & 1U) != 0)
+            history.changed[i] = reader.number<std::uint64_t>();
+    device = reader.rest();
+    const bool is_sound = reader.is_sound() && changed >> kFieldCount == 0;
+    if (!is_sound)
+        history = {};
+    return is_sound;
+}
+
 std::string encode_change(const Change& change)
 {
     std::string bytes(1, static_cast<char>(change.type));
-    put_text(bytes, change.did);
-    put_text(bytes, change.field);
-    put_text(bytes, change.record);
-    return bytes;
+    bytes.push_back(static_cast<char>(change.field));
+    put_number(bytes, change.born);
+    put_number(bytes, change.died);
+    return bytes.append(change.did);
 }
 
 bool decode_change(std::string_view bytes, Change& change)
 {
     Reader reader(bytes);
-    const std::string_view type = reader.bytes(1);
-    change.did = reader.text();
-    change.field = reader.text();
-    change.record = reader.text();
-    if (!reader.is_at_end() || static_cast<unsigned char>(type.front()) > 2 || !is_device_id(change.did))
+    const auto type = reader.number<unsigned char>();
+    change.field = reader.number<unsigned char>();
+    change.born = reader.number<std::uint64_t>();
+    change.died = reader.number<std::uint64_t>();
+    change.did = reader.rest();
+    if (!reader.is_sound() || type > 2 || change.field >= kFieldCount || !is_key(change.did))
         return false;
-    change.type = static_cast<DevInfoChangeType>(type.front());
+    change.type = static_cast<DevInfoChangeType>(type);
     return true;
+}
+
+std::string encode_mark(const Mark& mark)
+{
+    std::string bytes;
+    put_text(bytes, mark.did);
+    return bytes.append(mark.record);
+}
+
+bool decode_mark(std::string_view bytes, Mark& mark)
+{
+    Reader reader(bytes);
+    mark.did = reader.text();
+    mark.record = reader.rest();
+    return reader.is_sound() && is_key(mark.did);
+}
+
+std::string encode_state(const LogState& state)
+{
+    std::string bytes(1, kStateVersion);
+    for (const std::uint64_t number :
+         {state.identity, state.last, state.dropped, state.mark_count, state.mark_bytes})
+        put_number(bytes, number);
+    return bytes;
+}
+
+bool decode_state(std::string_view bytes, LogState& state)
+{
+    Reader reader(bytes);
+    if (reader.bytes(1) != std::string_view(&kStateVersion, 1))
+        return false;
+    for (std::uint64_t* number :
+         {&state.identity, &state.last, &state.dropped, &state.mark_count, &state.mark_bytes})
+        *number = reader.number<std::uint64_t>();
+    return reader.is_at_end() && state.identity != 0;
 }
 
 } // namespace orv::devMgmt

@@ -1,15 +1,18 @@
-// Record, index and journal change in one transaction, so they cannot disagree.
+// Record, index and log change in one transaction, so they cannot disagree.
 
 #include "device_store.h"
 
+#include "change_log.h"
 #include "device_fields.h"
 #include "device_record.h"
 
 #include <orvbase/error_number.h>
+#include <orvbase/without_throwing.h>
 #include <orvdevmgmt/device_writer.h>
 #include <orvutils/log_format.h>
 
 #include <algorithm>
+#include <unordered_set>
 
 namespace orv::devMgmt {
 
@@ -22,6 +25,7 @@ using store::Write;
 
 constexpr std::size_t kMapSize = std::size_t{64} * 1024 * 1024;
 constexpr std::size_t kMacSize = 6;
+constexpr int kOutOfMemory = -static_cast<int>(Error::input_output);
 
 std::string mac_prefix(const sockutl::macaddr& mac)
 {
@@ -76,13 +80,12 @@ Error sweep_index(Write& transaction, std::string_view did)
     return cursor.error();
 }
 
-/// Removes a device from the index, by its stored record.
-Error clear_index(Write& transaction, const std::string& did, std::string_view record)
+/// Removes a device from the index, by its stored record; null for a malformed one.
+Error clear_index(Write& transaction, const std::string& did, const Device* stored)
 {
-    Device device;
-    if (!decode_device(record, device))
+    if (!stored)
         return sweep_index(transaction, did);
-    for (const auto& entry : device.macs) {
+    for (const auto& entry : stored->macs) {
         const Error error = transaction.remove(kMacIndex, mac_prefix(entry.first) + did);
         if (error != Error::none && error != Error::no_such_key)
             return error;
@@ -99,68 +102,145 @@ Error write_index(Write& transaction, const Device& device)
     return Error::none;
 }
 
-Error append_change(Write& transaction, const Change& change)
-{
-    return kChangeJournal.append(transaction, encode_change(change));
-}
+/// A transaction that changes devices.
+class Writing {
+public:
+    /// Why not, if it has not begun.
+    [[nodiscard]] Error begin()
+    {
+        return m_transaction.error() != Error::none ? m_transaction.error() : m_log.begin();
+    }
 
-/// Tells the journal what a new record means for its device. A malformed old one counts as none.
-Error log_put(Write& transaction, std::string_view old_record, const Device& device)
-{
-    Device before;
-    if (!decode_device(old_record, before))
-        return append_change(transaction, {DevInfoChangeType::added, device.did, {}, {}});
-    for (const std::string& field : changed_fields(before, device))
-        if (const Error error =
-                append_change(transaction, {DevInfoChangeType::updated, device.did, field, {}});
-            error != Error::none)
+    /// Storing what is there already is no change.
+    [[nodiscard]] Error put(const Device& device, const std::string& bytes)
+    {
+        std::string_view found;
+        const Error looked_up = m_transaction.get(kDevices, device.did, found);
+        if (looked_up != Error::none && looked_up != Error::no_such_key)
+            return looked_up;
+        const std::string record(found); // what is found is gone after the first change
+        History history;
+        std::string_view old_bytes;
+        if (split_record(record, history, old_bytes) && old_bytes == bytes)
+            return Error::none;
+        m_has_changed = true;
+        const Error error =
+            looked_up == Error::none ? replace(device, old_bytes, history) : add(device, history);
+        return error == Error::none ? m_transaction.put(kDevices, device.did, encode_record(history, bytes))
+                                    : error;
+    }
+
+    [[nodiscard]] Error remove(const std::string& did, bool with_mark = true)
+    {
+        std::string_view found;
+        Error error = m_transaction.get(kDevices, did, found);
+        if (error != Error::none)
             return error;
-    return Error::none;
-}
+        const std::string record(found);
+        History history;
+        std::string_view bytes;
+        Device device;
+        const bool is_sound = split_record(record, history, bytes) && decode_device(bytes, device);
+        m_has_changed = true;
+        error = m_transaction.remove(kDevices, did);
+        if (error == Error::none)
+            error = clear_index(m_transaction, did, is_sound ? &device : nullptr);
+        return error == Error::none ? m_log.remove(did, record, with_mark) : error;
+    }
 
-Error put(const Device& device)
-{
-    const std::string record = encode_device(device);
-    if (!is_possible(device) || record.size() > kMaxRecordSize)
-        return Error::invalid_argument;
-    Write transaction(device_environment());
-    if (transaction.error() != Error::none)
-        return transaction.error();
-    std::string_view found;
-    const Error looked_up = transaction.get(kDevices, device.did, found);
-    if (looked_up != Error::none && looked_up != Error::no_such_key)
-        return looked_up;
-    if (found == record)
+    /// Removes all but these devices.
+    [[nodiscard]] Error remove_all_but(const Device* devices, std::size_t count)
+    {
+        std::unordered_set<std::string_view> staying;
+        for (std::size_t i = 0; i < count; ++i)
+            staying.insert(devices[i].did);
+        std::vector<std::string> leaving;
+        {
+            Cursor cursor(m_transaction, kDevices);
+            for (bool found = cursor.first(); found; found = cursor.next())
+                if (staying.count(cursor.key()) == 0)
+                    leaving.emplace_back(cursor.key());
+            if (cursor.error() != Error::none)
+                return cursor.error();
+        }
+        for (const std::string& did : leaving)
+            if (const Error error = remove(did); error != Error::none)
+                return error;
         return Error::none;
-    const std::string old_record(found);
-    Error error = transaction.put(kDevices, device.did, record);
-    if (error == Error::none && looked_up == Error::none)
-        error = clear_index(transaction, device.did, old_record);
-    if (error == Error::none)
-        error = write_index(transaction, device);
-    if (error == Error::none)
-        error = log_put(transaction, old_record, device);
-    return error == Error::none ? transaction.commit() : error;
+    }
+
+    [[nodiscard]] Error commit()
+    {
+        if (!m_has_changed)
+            return Error::none;
+        const Error error = m_log.finish();
+        return error == Error::none ? m_transaction.commit() : error;
+    }
+
+private:
+    /// With the history of what stood in its place, if there was something.
+    [[nodiscard]] Error add(const Device& device, History& history)
+    {
+        const Error error = m_log.add(device.did, history);
+        return error == Error::none ? write_index(m_transaction, device) : error;
+    }
+
+    /// Writes down what is different. In the place of a malformed record the device is a new one.
+    [[nodiscard]] Error replace(const Device& device, std::string_view old_bytes, History& history)
+    {
+        Device before;
+        const bool is_sound = decode_device(old_bytes, before);
+        const Fields fields = is_sound ? changed_fields(before, device) : Fields();
+        if (is_sound && !fields[kMacsNumber])
+            return m_log.update(device.did, fields, history);
+        const Error error = clear_index(m_transaction, device.did, is_sound ? &before : nullptr);
+        if (error != Error::none || !is_sound)
+            return error != Error::none ? error : add(device, history);
+        const Error indexed = write_index(m_transaction, device);
+        return indexed == Error::none ? m_log.update(device.did, fields, history) : indexed;
+    }
+
+    Write m_transaction{device_environment()};
+    ChangeLog m_log{m_transaction};
+    bool m_has_changed = false;
+};
+
+Error put(const Device* devices, std::size_t count, Others others, std::string& refused)
+{
+    std::vector<std::string> encoded;
+    encoded.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        encoded.push_back(encode_device(devices[i]));
+        if (is_possible(devices[i]) && encoded.back().size() <= kMaxRecordSize)
+            continue;
+        refused = devices[i].did;
+        return Error::invalid_argument;
+    }
+    Writing writing;
+    Error error = writing.begin();
+    for (std::size_t i = 0; error == Error::none && i < count; ++i)
+        error = writing.put(devices[i], encoded[i]);
+    if (error == Error::none && others == Others::go)
+        error = writing.remove_all_but(devices, count);
+    return error == Error::none ? writing.commit() : error;
 }
 
+Error remove_once(const std::string& did, bool with_mark)
+{
+    Writing writing;
+    Error error = writing.begin();
+    if (error == Error::none)
+        error = writing.remove(did, with_mark);
+    return error == Error::none ? writing.commit() : error;
+}
+
+/// In a store without room for a mark the device can be removed all the same.
 Error remove(const std::string& did)
 {
     if (did.empty() || did.size() > kMaxDeviceIdSize)
         return Error::no_such_key;
-    Write transaction(device_environment());
-    if (transaction.error() != Error::none)
-        return transaction.error();
-    std::string_view record;
-    Error error = transaction.get(kDevices, did, record);
-    if (error != Error::none)
-        return error;
-    const Change change{DevInfoChangeType::removed, did, {}, std::string(record)};
-    error = transaction.remove(kDevices, did);
-    if (error == Error::none)
-        error = clear_index(transaction, did, change.record);
-    if (error == Error::none)
-        error = append_change(transaction, change);
-    return error == Error::none ? transaction.commit() : error;
+    const Error error = remove_once(did, /*with_mark=*/true);
+    return error == Error::input_output ? remove_once(did, /*with_mark=*/false) : error;
 }
 
 int result(Error error)
@@ -170,7 +250,9 @@ int result(Error error)
 
 bool decode_stored(std::string_view did, std::string_view record, Device& device)
 {
-    if (decode_device(record, device) && device.did == did)
+    History history;
+    std::string_view bytes;
+    if (split_record(record, history, bytes) && decode_device(bytes, device) && device.did == did)
         return true;
     ORV_LOG(log::kError, "device store: skipping device {}, its record is malformed", did);
     return false;
@@ -225,12 +307,21 @@ const store::Failure& failure()
 
 int put_device(const Device& device)
 {
-    return result(put(device));
+    return base::without_throwing(kOutOfMemory, [&] {
+        std::string refused;
+        return result(put(&device, 1, Others::stay, refused));
+    });
+}
+
+int put_devices(const std::vector<Device>& devices, Others others, std::string& refused)
+{
+    return base::without_throwing(
+        kOutOfMemory, [&] { return result(put(devices.data(), devices.size(), others, refused)); });
 }
 
 int remove_device(const std::string& did)
 {
-    return result(remove(did));
+    return base::without_throwing(kOutOfMemory, [&] { return result(remove(did)); });
 }
 
 } // namespace orv::devMgmt

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <orvdevmgmt/orvdevmgmt.h>
-#include <orvstore/journal.h>
 #include <orvstore/transaction.h>
 
 #include <string>
@@ -9,12 +8,10 @@
 #include <vector>
 
 /// The device store's trees: from device ids to records; an index whose keys are a MAC address and the id of
-/// the device that has it, one after the other; the journal of changes.
+/// the device that has it, one after the other; what has changed (change_log.h).
 namespace orv::devMgmt {
 
 enum DeviceTree : std::size_t { kDevices, kMacIndex, kChanges };
-
-constexpr store::Journal kChangeJournal{kChanges, 4096};
 
 [[nodiscard]] store::Environment& device_environment();
 

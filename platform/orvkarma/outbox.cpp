@@ -5,6 +5,8 @@
 #include <orvstore/transaction.h>
 #include <orvutils/log_format.h>
 
+#include <string>
+
 namespace orv::karma::outbox {
 
 namespace {
@@ -20,10 +22,25 @@ constexpr std::size_t kMapSize = std::size_t{16} * 1024 * 1024;
 /// place.
 constexpr std::size_t kMaxTotalSize = kMapSize / 2;
 
+bool g_is_quiet = false;
+std::string g_last_report; ///< since an event was last kept
+
+/// A store that fails each time says so once.
 void report(store::Severity severity, const std::string& text)
 {
+    if (g_is_quiet || text == g_last_report)
+        return;
+    g_last_report = text;
     ORV_LOG(static_cast<int>(severity), "{}", text);
 }
+
+/// Nothing is reported while one of these lives.
+struct Quiet {
+    Quiet() { g_is_quiet = true; }
+    Quiet(const Quiet&) = delete;
+    Quiet& operator=(const Quiet&) = delete;
+    ~Quiet() { g_is_quiet = false; }
+};
 
 /// Lives as long as the process: it holds what the operating system releases anyhow.
 Environment& environment()
@@ -67,7 +84,19 @@ Error make_room(Write& transaction, std::size_t needed)
 
 Error open()
 {
+    g_last_report.clear();
     return environment().open();
+}
+
+Error try_to_open()
+{
+    const Quiet quiet;
+    return environment().open();
+}
+
+bool is_open()
+{
+    return environment().is_wanted();
 }
 
 const store::Failure& failure()
@@ -86,7 +115,7 @@ Error read(std::vector<Entry>& entries)
     if (transaction.error() != Error::none)
         return transaction.error();
     Cursor cursor(transaction, kEvents);
-    for (bool found = cursor.first(); found; found = cursor.next())
+    for (bool found = cursor.first(); found && entries.size() < kMaxEvents; found = cursor.next())
         entries.push_back({std::string(cursor.key()), std::string(cursor.value())});
     return cursor.error();
 }
@@ -118,18 +147,25 @@ Error put(std::string_view id, std::string_view text)
         return error;
     if (const Error error = transaction.put(kEvents, id, text); error != Error::none)
         return error;
-    return transaction.commit();
+    const Error error = transaction.commit();
+    if (error == Error::none)
+        g_last_report.clear();
+    return error;
 }
 
-Error remove(std::string_view id)
+Error remove(const std::vector<std::string_view>& ids)
 {
     Write transaction(environment());
     if (transaction.error() != Error::none)
         return transaction.error();
-    const Error error = transaction.remove(kEvents, id);
-    if (error == Error::no_such_key)
-        return Error::none;
-    return error == Error::none ? transaction.commit() : error;
+    bool has_changed = false;
+    for (const std::string_view id : ids) {
+        const Error error = transaction.remove(kEvents, id);
+        if (error != Error::none && error != Error::no_such_key)
+            return error;
+        has_changed = has_changed || error == Error::none;
+    }
+    return has_changed ? transaction.commit() : Error::none;
 }
 
 Error clear()

@@ -42,9 +42,11 @@ TEST(CommonPath, IsNotPrintedWithoutMemory)
 {
     const TemporaryRoot root;
     std::ostringstream out;
-    g_memory_left = 0;
-    orv::detail::print_common_path(out, common_path::run);
-    g_memory_left = -1;
+    {
+        const FailingMemory memory(1, /*from_then_on=*/true);
+        orv::detail::print_common_path(out, common_path::run);
+        EXPECT_EQ(orv::common_directory(common_path::run).str(), "");
+    }
     EXPECT_TRUE(out.fail());
     EXPECT_EQ(out.str(), "");
 }

@@ -210,7 +210,7 @@ TEST(DaemonMemory, ThatRunsOutAtTheStartIsStatusOne)
     const Outcome outcome = in_child([] {
         char name[] = "a daemon whose name does not fit into a short string";
         char* arguments[] = {name, nullptr};
-        g_memory_left = 0;
+        const FailingMemory memory(1, /*from_then_on=*/true);
         (void)orv::daemon::instance(1, arguments);
         return 3;
     });

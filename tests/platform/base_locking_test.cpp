@@ -152,17 +152,18 @@ TEST(Lock, WithoutMemoryIsNotMadeAndNoException)
 {
     const TemporaryRoot root;
     const orv::path file(root.path() + "/a/directory/of/some/length/lock");
-    long failures = 0;
-    bool made = false;
-    for (; !made && failures < 100; ++failures) {
-        g_memory_left = failures;
-        made = plock::make(file, flags::create).has_value();
-        const bool failed_some = g_memory_left == 0;
-        g_memory_left = -1;
-        EXPECT_TRUE(made || failed_some) << failures;
-    }
-    EXPECT_TRUE(made);
-    EXPECT_GT(failures, 1);
+    unsigned long failures = 0;
+    for_each_allocation([&](unsigned long number) {
+        bool made = false;
+        {
+            const FailingMemory memory(number, /*from_then_on=*/true);
+            made = plock::make(file, flags::create).has_value();
+        }
+        EXPECT_NE(made, FailingMemory::has_failed()) << number;
+        failures += made ? 0 : 1;
+        return !made;
+    });
+    EXPECT_GT(failures, 0U);
 }
 
 TEST(Lock, LeavesTheFilesContentAlone)

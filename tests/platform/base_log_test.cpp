@@ -265,12 +265,10 @@ TEST(LogLine, TakesNoMemory)
     const std::string message(4000000, 'm');
     const Outcome outcome = in_child([&] {
         log_plain(kInfo, "the first line finds out where it goes");
-        g_memory_left = 0;
+        const FailingMemory memory(1, /*from_then_on=*/true);
         ORV_LOG(kInfo, "{}", message);
         ORV_LOG(kInfo, "{} \x1b {}", 42, message);
-        const bool untouched = g_memory_left == 0;
-        g_memory_left = -1;
-        return untouched ? 0 : 1;
+        return FailingMemory::allocations() == 0 ? 0 : 1;
     });
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(lines_of(outcome.err).size(), 3U);

@@ -96,9 +96,9 @@ TEST(AllowedUids, NobodyElseThanRootAndOurOwnWhenTheListCannotBeRead)
 
 TEST(AllowedUids, WithoutMemoryAreNobodyElse)
 {
-    g_memory_left = 0;
+    std::optional<FailingMemory> memory(std::in_place, 1, /*from_then_on=*/true);
     const AllowedUids allowed("1000");
-    g_memory_left = -1;
+    memory.reset();
     EXPECT_FALSE(allowed.is_valid());
     EXPECT_FALSE(allowed.admit(1000));
     EXPECT_TRUE(allowed.admit(0));

@@ -1,5 +1,6 @@
 // The JSON form of a device.
 
+#include "device_fields.h"
 #include "devmgmt_support.h"
 
 using namespace orv::devMgmt;
@@ -74,6 +75,22 @@ TEST(DeviceJsonTest, Bytes_that_are_not_UTF_8_are_shown_as_replacement_character
         const orv::JsonPtr json(device_to_json(device));
         ASSERT_NE(json, nullptr);
         EXPECT_STREQ(json_string_value(json_object_get(json.get(), "display_name")), shown.c_str());
+    }
+}
+
+TEST(DeviceJsonTest, A_text_is_UTF_8_where_the_JSON_library_takes_it)
+{
+    const std::string_view bytes(
+        "\0\x01\x7f\x80\x8f\x90\x9f\xa0\xbf\xc0\xc1\xc2\xdf\xe0\xe1\xed\xee\xef\xf0\xf1\xf4\xf5\xf8\xff", 24);
+    for (std::size_t number = 0; number < 24 * 24 * 24 * 24; ++number) {
+        std::string text;
+        for (std::size_t rest = number; text.size() < 4; rest /= 24)
+            text += bytes[rest % 24];
+        for (std::size_t size = 0; size <= 4; ++size) {
+            const std::string_view part = std::string_view(text).substr(0, size);
+            const orv::JsonPtr json(json_stringn(part.data(), part.size()));
+            ASSERT_EQ(is_utf8(part), json != nullptr) << number << " " << size;
+        }
     }
 }
 

@@ -1,87 +1,57 @@
 // Telemetry events: kept until the agent confirms them.
 
-#include "base_support.h"
+#include "karma_support.h"
+#include "process_support.h"
 
-#include <orvkarma/orvkarma.h>
-#include <orvkarma/outbox.h>
+#include <orvstore/notify.h>
+#include <orvstore/transaction.h>
 #include <orvutils/error.h>
-#include <orvutils/json.h>
-
-#include <gtest/gtest.h>
 
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <ctime>
 #include <filesystem>
-#include <memory>
 #include <regex>
 
 using namespace orv::karma;
 
-/// The exchange as the test plays it.
-struct Orvex {
-    struct Request {
-        std::string name;
-        std::string data;
-        void (*callback)(void* arg, const Message* response);
-        void* argument;
-    };
-    std::vector<Request> requests;
-    int result = 0;
-
-    void answer(std::size_t index, const char* type) const
-    {
-        Message message{};
-        std::snprintf(message.type, sizeof message.type, "%s", type);
-        requests.at(index).callback(requests.at(index).argument, &message);
-    }
-};
-
-int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::size_t length,
-                       void (*response_callback)(void* arg, const Message* response), void* arg)
-{
-    if (orvex->result == 0)
-        orvex->requests.push_back({name, std::string(data, length), response_callback, arg});
-    return orvex->result;
-}
-
 namespace {
 
-class KarmaTest : public testing::Test {
-protected:
-    void SetUp() override { ASSERT_EQ(init(), 0); }
-    void TearDown() override { uninit(); }
-
-    static orv::JsonPtr event(const char* type = "test", const char* data = R"({"a": 1})")
-    {
-        const orv::JsonPtr json(json_loads(data, 0, nullptr));
-        return orv::JsonPtr(build_karma_event_json(type, json.get()));
-    }
-
-    static std::string id_of(const orv::JsonPtr& event)
-    {
-        return json_string_value(json_object_get(event.get(), "id"));
-    }
-
-    /// The ids of the events in the outbox.
-    static std::vector<std::string> stored()
-    {
-        std::vector<json_t*> events;
-        EXPECT_EQ(read_events(events), 0);
-        std::vector<std::string> ids;
-        ids.reserve(events.size());
-        for (json_t* json : events)
-            ids.push_back(id_of(orv::JsonPtr(json)));
-        return ids;
-    }
-
-    TemporaryRoot m_root;
-    Orvex m_exchange;
-};
-
+using Clock = std::chrono::steady_clock;
 using Ids = std::vector<std::string>;
+
+/// The ids in the outbox, with nothing else done to it.
+Ids kept()
+{
+    std::vector<outbox::Entry> entries;
+    EXPECT_EQ(outbox::read(entries), orv::Error::none);
+    Ids ids;
+    ids.reserve(entries.size());
+    for (const outbox::Entry& entry : entries)
+        ids.push_back(entry.id);
+    return ids;
+}
+
+/// Turns of a loop that watches the notification descriptor, as long as it rings.
+void run_passes()
+{
+    while (is_readable(orv::store::notify::descriptor(), 0))
+        orv::store::notify::read();
+}
+
+/// A full outbox, and all of it submitted.
+void submit_all(Orvex& exchange)
+{
+    std::vector<json_t*> events;
+    ASSERT_EQ(read_events(events), 0);
+    for (json_t* json : events) {
+        const orv::JsonPtr event(json);
+        ASSERT_EQ(submit_karma_event(event.get(), &exchange), 0);
+    }
+}
 
 } // namespace
 
@@ -308,10 +278,187 @@ TEST_F(KarmaTest, Without_an_outbox_events_are_sent_but_not_kept)
     std::vector<json_t*> events;
     EXPECT_EQ(read_events(events), -1);
     EXPECT_EQ(orv::_get_orverrno(), 2);
+    ASSERT_EQ(init(), 0);
+}
+
+TEST_F(KarmaTest, An_outbox_that_cannot_be_opened_is_told_once_and_used_when_it_can)
+{
+    uninit();
     std::filesystem::remove_all(m_root.path() + "/var");
     spill(m_root.path() + "/var", "in the way");
-    EXPECT_EQ(init(), -1);
+    const Outcome outcome = in_child([this] {
+        REQUIRE(init() == 0);
+        for (int i = 0; i < 5; ++i) {
+            REQUIRE(submit_karma_event(event().get(), &m_exchange) == -1);
+            REQUIRE(m_exchange.requests.size() == static_cast<std::size_t>(i) + 1);
+            m_exchange.answer(m_exchange.requests.size() - 1, "0");
+            std::vector<json_t*> events;
+            REQUIRE(read_events(events) == 0 && events.empty());
+            run_passes();
+        }
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    ASSERT_EQ(lines_of(outcome.err).size(), 1U) << outcome.err;
+    EXPECT_NE(outcome.err.find("telemetry: events are sent without being kept: " + m_root.path() +
+                               "/var/telemetry: cannot create the directory: Not a directory"),
+              std::string::npos)
+        << outcome.err;
+
+    ASSERT_EQ(init(), 0);
+    EXPECT_EQ(submit_karma_event(event().get(), &m_exchange), -1);
     std::filesystem::remove(m_root.path() + "/var");
+    orv::JsonPtr json;
+    const auto deadline = Clock::now() + std::chrono::seconds(20);
+    do {
+        json = event();
+    } while (submit_karma_event(json.get(), &m_exchange) != 0 && Clock::now() < deadline &&
+             usleep(10000) == 0);
+    EXPECT_EQ(stored(), Ids{id_of(json)});
+}
+
+TEST_F(KarmaTest, Without_room_events_are_sent_and_that_they_are_not_kept_is_told_once)
+{
+    uninit();
+    std::filesystem::create_directories(m_root.path() + "/var/telemetry");
+    const Outcome outcome = on_small_disk(m_root.path() + "/var/telemetry", "64k", [this] {
+        fill_disk(m_root.path() + "/var/telemetry/full");
+        REQUIRE(init() == 0);
+        for (int i = 0; i < 5; ++i)
+            REQUIRE(submit_karma_event(event().get(), &m_exchange) == -1);
+        REQUIRE(m_exchange.requests.size() == 5);
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(lines_of(outcome.err).size(), 1U) << outcome.err;
+    const Outcome later = on_small_disk(m_root.path() + "/var/telemetry", "64k", [this] {
+        REQUIRE(init() == 0);
+        fill_disk(m_root.path() + "/var/telemetry/full");
+        for (int i = 0; i < 5; ++i)
+            (void)submit_karma_event(event().get(), &m_exchange);
+        REQUIRE(m_exchange.requests.size() == 5);
+        return 0;
+    });
+    EXPECT_EQ(later.status, 0) << later.err;
+    EXPECT_EQ(lines_of(later.err).size(), 1U) << later.err;
+    ASSERT_EQ(init(), 0);
+}
+
+TEST_F(KarmaTest, A_confirmed_event_leaves_the_outbox_with_the_next_turns_of_the_loop)
+{
+    ASSERT_EQ(submit_karma_event(event().get(), &m_exchange), 0);
+    m_exchange.answer(0, "0");
+    EXPECT_EQ(kept().size(), 1U);
+    run_passes();
+    EXPECT_EQ(kept(), Ids{});
+    EXPECT_FALSE(is_readable(orv::store::notify::descriptor(), 0));
+}
+
+TEST_F(KarmaTest, A_thousand_confirmed_events_wait_for_a_slow_disk_a_few_times)
+{
+    for (int i = 0; i < 1000; ++i) {
+        const std::string id = "id" + std::to_string(10000 + i);
+        ASSERT_EQ(outbox::put(id, "{\"id\": \"" + id + "\"}"), orv::Error::none);
+    }
+    const auto submitted = Clock::now();
+    submit_all(m_exchange);
+    EXPECT_LT(Clock::now() - submitted, std::chrono::seconds(1));
+    const Ids before = kept();
+    const SlowDisk disk; // each commit takes 20 ms
+    const auto started = Clock::now();
+    std::size_t answered = 0;
+    int most_in_a_pass = 0;
+    while (answered < 1000) {
+        for (int i = 0; i < 16 && answered < 1000; ++i)
+            m_exchange.answer(answered++, "0");
+        const int commits = SlowDisk::commits();
+        if (is_readable(orv::store::notify::descriptor(), 0))
+            orv::store::notify::read();
+        most_in_a_pass = std::max(most_in_a_pass, SlowDisk::commits() - commits);
+    }
+    run_passes();
+    EXPECT_LT(Clock::now() - started, std::chrono::milliseconds(500));
+    EXPECT_LE(most_in_a_pass, 1);
+    EXPECT_LE(SlowDisk::commits(), 3);
+    EXPECT_EQ(before.size(), 1000U);
+    EXPECT_EQ(kept(), Ids{});
+}
+
+TEST_F(KarmaTest, Confirmed_events_are_removed_after_a_second_though_confirmations_go_on)
+{
+    ASSERT_EQ(submit_karma_event(event().get(), &m_exchange), 0);
+    m_exchange.answer(0, "0");
+    const auto started = Clock::now();
+    const Ids first = kept();
+    const SlowDisk disk; // else a second is enough for as many as are removed at once anyway
+    while (!kept().empty() && kept().front() == first.front()) {
+        ASSERT_LT(Clock::now() - started, std::chrono::seconds(20));
+        ASSERT_EQ(submit_karma_event(event().get(), &m_exchange), 0);
+        m_exchange.answer(m_exchange.requests.size() - 1, "0");
+        orv::store::notify::read();
+    }
+    EXPECT_LT(m_exchange.requests.size(), outbox::kMaxEvents);
+}
+
+TEST_F(KarmaTest, What_cannot_be_removed_is_not_given_back_and_removed_with_the_next_ones)
+{
+    const orv::JsonPtr first = event();
+    const orv::JsonPtr second = event();
+    ASSERT_EQ(submit_karma_event(first.get(), &m_exchange), 0);
+    ASSERT_EQ(submit_karma_event(second.get(), &m_exchange), 0);
+    {
+        const SlowDisk failing(/*is_failing=*/true);
+        m_exchange.answer(0, "0");
+        run_passes();
+        EXPECT_EQ(kept().size(), 2U);
+        EXPECT_EQ(stored(), Ids{id_of(second)});
+    }
+    m_exchange.answer(1, "0");
+    run_passes();
+    EXPECT_EQ(kept(), Ids{});
+}
+
+TEST_F(KarmaTest, A_confirmed_event_that_is_submitted_again_waits_for_its_own_answer)
+{
+    const orv::JsonPtr json = event();
+    ASSERT_EQ(submit_karma_event(json.get(), &m_exchange), 0);
+    m_exchange.answer(0, "0");
+    ASSERT_EQ(submit_karma_event(json.get(), &m_exchange), 0);
+    ASSERT_EQ(submit_karma_event(event().get(), &m_exchange), 0);
+    ASSERT_EQ(m_exchange.requests.size(), 3U);
+    m_exchange.answer(2, "0");
+    run_passes();
+    EXPECT_EQ(kept(), Ids{id_of(json)});
+    m_exchange.answer(1, "0");
+    run_passes();
+    EXPECT_EQ(kept(), Ids{});
+}
+
+TEST_F(KarmaTest, What_is_confirmed_at_the_end_does_not_come_back)
+{
+    ASSERT_EQ(submit_karma_event(event().get(), &m_exchange), 0);
+    m_exchange.answer(0, "0");
+    uninit();
+    ASSERT_EQ(init(), 0);
+    EXPECT_EQ(kept(), Ids{});
+}
+
+TEST_F(KarmaTest, No_more_events_are_loaded_than_the_outbox_can_hold)
+{
+    uninit();
+    const Outcome outcome = in_child([] { // who opens the store a second time needs a process of his own
+        orv::store::Environment store({"var/telemetry", {"events"}, std::size_t{16} << 20U, true});
+        REQUIRE(store.open() == orv::Error::none);
+        orv::store::Write writing(store);
+        for (int i = 0; i < 1500; ++i) {
+            const std::string id = "id" + std::to_string(10000 + i);
+            REQUIRE(writing.put(0, id, "{\"id\": \"" + id + "\"}") == orv::Error::none);
+        }
+        return static_cast<int>(writing.commit());
+    });
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    ASSERT_EQ(init(), 0);
+    EXPECT_EQ(stored().size(), 1000U);
 }
 
 TEST_F(KarmaTest, Clearing_removes_everything)

@@ -6,7 +6,9 @@
 //     show ID                  -> that form of a stored device
 //     remove ID
 //     rename ID NAME COUNT     that many changes of one field: the display name becomes NAME and a number
-//     crowd PREFIX COUNT MAC   that many new devices, called PREFIX and a number; MAC is the first half of theirs
+//     crowd PREFIX COUNT MAC   that many new devices, called PREFIX and a number; MAC is the first half of theirs;
+//                              in one transaction, as the next one
+//     clear                    removes all devices
 //     plant ID HEX             bytes where a record is expected
 //     record ID                -> the bytes of a record
 //     churn ID                 puts and removes a device for ever; answers "churning" once
@@ -24,6 +26,7 @@
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 using namespace orv::devMgmt;
 
@@ -77,14 +80,19 @@ orv::sockutl::macaddr numbered_mac(const std::string& prefix, unsigned number)
 
 std::string crowd(const std::string& prefix, unsigned count, const std::string& mac)
 {
+    std::vector<Device> devices(count);
     for (unsigned number = 0; number < count; ++number) {
-        Device device;
-        device.did = prefix + std::to_string(number);
-        device.macs[numbered_mac(mac, number)];
-        if (put_device(device) != 0)
-            return outcome(false);
+        devices[number].did = prefix + std::to_string(number);
+        devices[number].macs[numbered_mac(mac, number)];
     }
-    return outcome(true);
+    std::string refused;
+    return outcome(put_devices(devices, Others::stay, refused) == 0);
+}
+
+std::string clear()
+{
+    std::string refused;
+    return outcome(put_devices({}, Others::go, refused) == 0);
 }
 
 std::string record(const std::string& id)
@@ -132,6 +140,8 @@ std::string obey(const std::string& line)
     words >> verb;
     if (verb == "put")
         return put(line.substr(verb.size()));
+    if (verb == "clear")
+        return clear();
     words >> id;
     if (verb == "remove")
         return outcome(remove_device(id) == 0);

@@ -1,7 +1,9 @@
 """The device commands and the device store together: what is listed, changed, blocked, reported and survived."""
 
+import contextlib
 import json
 import signal
+import time
 
 import world
 from test_agentsim import WithAgent
@@ -317,16 +319,17 @@ class Changes(WithDevices):
         for number in range(10):
             self.put("d%d" % number, macs={"02:00:00:00:00:%02x" % number: []})
         discoveries = self.subscriber("device_discovery")
+        last = self.COUNT // 10 - 1
         for number in range(10):
-            # Each change is told, with the name of that moment; nobody takes the list meanwhile, so its period goes on.
+            # Those that come together are told as one, with the present name; none is told twice, the last one always.
+            # Nobody takes the list meanwhile, so its period goes on.
             self.store.do("rename d%d name %d" % (number, self.COUNT // 10))
-            names = []
-            for _ in range(self.COUNT // 10):
+            names = [-1]
+            while names[-1] != last:
                 change = json.loads(discoveries.frame())
                 self.assertEqual(change["mac"], "02:00:00:00:00:%02x" % number)
                 names.append(int(change["display_name"][len("name"):]))
-            self.assertEqual(names, sorted(names))
-            self.assertEqual(names[-1], self.COUNT // 10 - 1)
+            self.assertEqual(names, sorted(set(names)))
         updates = self.subscriber("devices_list_updated")
         events = json.loads(updates.frame())
         self.assertCountEqual(events, [{"device_id": "d%d" % number, "status": "new"} for number in range(10)])
@@ -343,20 +346,52 @@ class Changes(WithDevices):
         events = json.loads(self.subscriber("devices_list_updated").frame())
         self.assertCountEqual([event["device_id"] for event in events], ["d%d" % number for number in range(1000)])
 
-    def test_a_daemon_that_slept_through_too_many_changes_tells_of_every_device(self):
+    def asleep(self):
+        """The daemon stopped, until the end of a with statement."""
+        @contextlib.contextmanager
+        def stopped():
+            self.served.daemon.send_signal(signal.SIGSTOP)
+            try:
+                yield
+            finally:
+                self.served.daemon.send_signal(signal.SIGCONT)
+        return stopped()
+
+    def test_a_daemon_that_slept_through_many_changes_tells_of_what_has_changed_and_forgets_no_given_name(self):
         for number in range(3):
             self.put("d%d" % number, macs={"02:00:00:00:00:%02x" % number: []})
+            self.served.set_setting("/tmp/daemons/orvbrokerd/d%d/friendly_name" % number, "given")
         updates = self.subscriber("devices_list_updated")
         seen = set()
         while len(seen) < 3:
             seen |= {event["device_id"] for event in json.loads(updates.frame())}
-        self.served.daemon.send_signal(signal.SIGSTOP)
-        self.store.do("rename d0 name 5000")
-        self.served.daemon.send_signal(signal.SIGCONT)
+        discoveries = self.subscriber("device_discovery")
+        with self.asleep():
+            self.store.do("rename d0 name 5000")
+            self.put("d1", macs={"02:00:00:00:00:01": []}, friendly_name="new")
+        self.assertEqual(json.loads(discoveries.frame()), {"mac": "02:00:00:00:00:00", "display_name": "name4999"})
+        self.assertEqual(updates.frame(), '[{"device_id": "d0", "status": "updated"}]')
+        self.assertFalse(discoveries.has_input())
+        self.assertEqual([self.served.setting("/tmp/daemons/orvbrokerd/d%d/friendly_name" % number)
+                          for number in range(3)], ["given", None, "given"])
+
+    def test_thousands_of_devices_that_came_and_went_while_the_daemon_slept_keep_nobody_waiting(self):
+        updates = self.subscriber("devices_list_updated")
+        with self.asleep():
+            self.store.do("crowd d 2000 02:00:00")
+            self.store.do("clear")
+        began = time.monotonic()
+        self.assertEqual(self.call("get_services_status")[1], 0)
+        self.assertLess(time.monotonic() - began, 1)
+        self.put("last")
         states = {}
-        while len(states) < 3:
-            states.update((event["device_id"], event["status"]) for event in json.loads(updates.frame()))
-        self.assertEqual(states, {"d%d" % number: "updated" for number in range(3)})
+        while "last" not in states:
+            for event in json.loads(updates.frame()):
+                self.assertIn((states.get(event["device_id"]), event["status"]),
+                              ((None, "new"), ("new", "removed"), (None, "removed")))
+                states[event["device_id"]] = event["status"]
+        self.assertEqual(states.pop("last"), "new")
+        self.assertEqual(states, {"d%d" % number: "removed" for number in range(2000)})
 
 
 class Writers(WithDevices):

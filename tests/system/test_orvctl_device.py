@@ -4,6 +4,7 @@ import json
 import os
 
 import world
+from test_agentsim import WithAgent
 
 OK, FAILED, USAGE, UNAVAILABLE = 0, 1, 2, 3
 
@@ -105,7 +106,8 @@ class Devices(world.TestCase):
         self.assertEqual(self.listed(), [])
 
     def test_wrong_command_lines_are_usage_errors(self):
-        for line in ("", "nonsense", "show", "show a b", "put", "put a b", "remove", "list extra"):
+        for line in ("", "nonsense", "show", "show a b", "put", "put a b", "remove", "list extra", "backup",
+                     "backup a b", "restore", "restore a b"):
             status, stdout, stderr = self.device(*line.split())
             self.assertEqual((status, stdout), (USAGE, ""), line)
             self.assertRegex(stderr, r"^orvctl: .+\(see orvctl --help\)\n$")
@@ -118,6 +120,61 @@ class Devices(world.TestCase):
             self.assertEqual((status, stdout), (UNAVAILABLE, ""), arguments)
             self.assertIn("orvctl: cannot open the ", stderr)
 
+    def test_a_backup_brings_everything_back_and_nothing_else(self):
+        file = os.path.join(self.one.root, "backup")
+        kept = [{**TV, "did": "d%d" % number, "friendly_name": "line\n\u96fb \\" * number} for number in range(3)]
+        self.device("put", "-", input="\n".join(json.dumps(device) for device in kept))
+        self.assertEqual(self.device("backup", file), (OK, "", ""))
+        self.assertEqual(os.stat(file).st_mode & 0o777, 0o600)
+        with open(file) as backup:
+            self.assertEqual(json.load(backup), {"devices": kept})
+        self.device("remove", "d0")
+        self.device("put", json.dumps({**TV, "did": "d1", "display_name": "Radio"}))
+        self.device("put", '{"did": "new"}')
+        self.assertEqual(self.device("restore", file), (OK, "", ""))
+        self.assertEqual(self.listed(), kept)
+        self.device("remove", "d2")
+        self.assertEqual(self.device("backup", file), (OK, "", ""))
+        self.assertEqual(self.device("restore", file), (OK, "", ""))
+        self.assertEqual(self.listed(), kept[:2])
+        self.assertEqual([name for name in os.listdir(self.one.root) if name.startswith("backup")], ["backup"])
+
+    def test_an_empty_store_is_kept_and_brought_back_too(self):
+        file = os.path.join(self.one.root, "backup")
+        self.assertEqual(self.device("backup", file), (OK, "", ""))
+        self.device("put", json.dumps(TV))
+        self.assertEqual(self.device("restore", file), (OK, "", ""))
+        self.assertEqual(self.listed(), [])
+
+    def test_what_is_no_whole_backup_changes_nothing(self):
+        self.device("put", json.dumps(TV))
+        file = os.path.join(self.one.root, "backup")
+        self.device("backup", file)
+        with open(file) as backup:
+            whole = backup.read()
+        for text, message in (("", "is no backup of devices: "), (whole[:-3], "is no backup of devices: "),
+                              ("[]", 'is no backup of devices: no list of "devices"'),
+                              ("{}", 'is no backup of devices: no list of "devices"'),
+                              ('{"devices": [{"did": "new"}, {"did": 7}]}', "refused, did: "),
+                              ('{"devices": [{"did": "new", "device_os": "%s"}]}' % ("x" * 9000),
+                               "refused, larger than a record can be (8192 bytes): new")):
+            with open(file, "w") as backup:
+                backup.write(text)
+            status, stdout, stderr = self.device("restore", file)
+            self.assertEqual((status, stdout), (FAILED, ""), text)
+            self.assertIn(message, stderr)
+            self.assertEqual(self.listed(), [TV])
+
+    def test_a_file_that_cannot_be_read_or_written_is_told_and_stays(self):
+        missing = os.path.join(self.one.root, "no", "backup")
+        for verb, doing in (("backup", "write"), ("restore", "read")):
+            self.assertEqual(self.device(verb, missing),
+                             (FAILED, "", "orvctl: cannot %s %s: No such file or directory\n" % (doing, missing)))
+        self.assertEqual(self.device("backup", "/dev/null"),
+                         (FAILED, "", "orvctl: cannot write /dev/null: no regular file\n"))
+        self.assertEqual(self.device("restore", self.one.root)[::2],
+                         (FAILED, "orvctl: cannot read %s: Is a directory\n" % self.one.root))
+
     def test_people_see_devices_as_a_table(self):
         self.device("put", json.dumps({**TV, "friendly_name": "Big \u20ac\x1b[2J\u009b", "traffic_blocked": 1}))
         self.device("put", '{"did": "a-longer-id", "owner": "r1"}')
@@ -125,6 +182,34 @@ class Devices(world.TestCase):
             "ID           NAME        TYPE  BLOCKED  OWNER  ADDRESSES\n"
             "a-longer-id                    no       r1     \n"
             "d1           Big \u20ac?[2J?  tv    yes      r1     aa:bb:cc:00:00:01 192.168.1.20 fe80::1\n")))
+
+
+class BackupWhileAllRuns(WithAgent):
+    def test_clients_are_told_of_what_is_different_after_a_restore_and_given_names_stay(self):
+        self.served.set_setting("/daemons/orvbrokerd/cache_process_interval", "1")
+        self.served.restart_daemon()
+        file = os.path.join(self.served.root, "backup")
+        macs = ["aa:bb:cc:00:00:%02x" % number for number in range(4)]
+        devices = [{**TV, "did": "d%d" % number, "macs": {macs[number]: []}} for number in range(4)]
+        self.served.orvctl("device", "put", "-", input="".join(json.dumps(device) + "\n" for device in devices[:3]))
+        self.served.orvctl("device", "backup", file)
+        self.served.orvctl("device", "remove", "d2")
+        self.served.orvctl("device", "put", json.dumps({**devices[1], "device_os": "other"}))
+        self.served.orvctl("device", "put", json.dumps(devices[3]))
+        updates = self.subscriber("devices_list_updated")
+        seen = {}
+        while len(seen) < 4:
+            seen.update({event["device_id"]: event["status"] for event in json.loads(updates.frame())})
+        discoveries = self.subscriber("device_discovery")
+        self.served.set_setting("/tmp/daemons/orvbrokerd/d0/friendly_name", "given")
+        result = self.served.orvctl("device", "restore", file)
+        self.assertEqual((result.returncode, result.stderr), (OK, ""))
+        self.assertEqual(json.loads(discoveries.frame()), {"mac": macs[1], "device_os": ""})
+        self.assertCountEqual(json.loads(updates.frame()), [{"device_id": "d1", "status": "updated"},
+                                                            {"device_id": "d2", "status": "new"},
+                                                            {"device_id": "d3", "status": "removed"}])
+        self.assertFalse(discoveries.has_input())
+        self.assertEqual(self.served.setting("/tmp/daemons/orvbrokerd/d0/friendly_name"), "given")
 
 
 class Answers(world.ServedTestCase):

@@ -370,6 +370,19 @@ void add_device(CommandLine& line)
         "several\n"
         "is not of the right shape, none is stored.\n",
         [](const std::string& data, Output&) { return run_device_put(data); });
+    add_on_device(line, *device, "backup", "Write all devices to a file", "FILE",
+                  "The file, which is replaced",
+                  "  orvctl device backup devices.json\n"
+                  "\nAll as they are at one moment; nothing needs to be stopped.\n",
+                  [](const std::string& file, Output&) { return run_device_backup(file); });
+    add_on_device(
+        line, *device, "restore", "Make the device store hold what a backup holds", "FILE",
+        "A file that \"device backup\" has written",
+        "  orvctl device restore devices.json\n"
+        "\nDevices that are not in the file are removed. All together or not at all; nothing needs to "
+        "be\n"
+        "stopped, and whoever watches the store is told of what is different.\n",
+        [](const std::string& file, Output&) { return run_device_restore(file); });
     add_on_device(line, *device, "remove", "Remove one device", "ID", "The device's id",
                   "  orvctl device remove d1\n",
                   [](const std::string& id, Output&) { return run_device_remove(id); });

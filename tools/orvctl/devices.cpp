@@ -3,6 +3,7 @@
 
 #include "devices.h"
 
+#include "backup.h"
 #include "exit_status.h"
 #include "input.h"
 #include "stores.h"
@@ -114,15 +115,55 @@ int read_devices(std::string_view text, std::vector<Device>& devices)
     return kSuccess;
 }
 
-int put(const Device& device)
+int put(const std::vector<Device>& devices, orv::devMgmt::Others others)
 {
-    if (orv::devMgmt::put_device(device) == 0)
+    std::string refused;
+    if (orv::devMgmt::put_devices(devices, others, refused) == 0)
         return kSuccess;
     if (orv::_get_orverrno() != static_cast<int>(orv::Error::invalid_argument))
-        return report_failure(device.did);
+        return report_failure(others == orv::devMgmt::Others::go ? "restore" : "put");
     complain("refused, larger than a record can be (" + std::to_string(orv::devMgmt::kMaxRecordSize) +
-             " bytes): " + device.did);
+             " bytes): " + refused);
     return kFailed;
+}
+
+/// A backup is one object, so that one that was cut off is none: {"devices": [...]}, a device on each line.
+bool make_backup(const std::vector<Device>& devices, std::string& text)
+{
+    text = "{\"devices\": [";
+    const char* separator = "\n";
+    for (const auto& device : devices) {
+        const orv::JsonPtr json(orv::devMgmt::device_to_json(device));
+        const std::string line = orvtools::to_text(json.get());
+        if (line.empty()) {
+            complain("cannot make JSON of the device: " + device.did);
+            return false;
+        }
+        text.append(separator).append(line);
+        separator = ",\n";
+    }
+    text += "\n]}\n";
+    return true;
+}
+
+int read_backup_devices(const std::string& file, const std::string& text, std::vector<Device>& devices)
+{
+    json_error_t error{};
+    const orv::JsonPtr backup = orvtools::parse_json(text, 0, &error);
+    const json_t* list = json_object_get(backup.get(), "devices");
+    if (!json_is_array(list)) {
+        complain(file + " is no backup of devices: " + (backup ? "no list of \"devices\"" : error.text));
+        return kFailed;
+    }
+    devices.resize(json_array_size(list));
+    for (std::size_t i = 0; i < devices.size(); ++i) {
+        std::string problem;
+        if (!orv::devMgmt::device_from_json(json_array_get(list, i), "", devices[i], problem)) {
+            complain("refused, " + problem);
+            return kFailed;
+        }
+    }
+    return kSuccess;
 }
 
 } // namespace
@@ -174,10 +215,34 @@ int run_device_put(const std::string& data)
     if (!store.is_open())
         return report_closed(Store::devices);
     std::vector<Device> devices;
-    int status = read_devices(text, devices);
-    for (std::size_t i = 0; status == kSuccess && i < devices.size(); ++i)
-        status = put(devices[i]);
-    return status;
+    const int status = read_devices(text, devices);
+    return status == kSuccess ? put(devices, orv::devMgmt::Others::stay) : status;
+}
+
+int run_device_backup(const std::string& file)
+{
+    const OpenedStore store(Store::devices);
+    if (!store.is_open())
+        return report_closed(Store::devices);
+    std::vector<Device> devices;
+    if (orv::devMgmt::get_devices(devices) != 0)
+        return report_failure("backup");
+    std::string text;
+    return make_backup(devices, text) && write_backup(file, text) ? kSuccess : kFailed;
+}
+
+int run_device_restore(const std::string& file)
+{
+    std::string text;
+    std::vector<Device> devices;
+    if (!read_backup(file, text, kMaxInputSize))
+        return kFailed;
+    if (const int status = read_backup_devices(file, text, devices); status != kSuccess)
+        return status;
+    const OpenedStore store(Store::devices);
+    if (!store.is_open())
+        return report_closed(Store::devices);
+    return put(devices, orv::devMgmt::Others::go);
 }
 
 int run_device_remove(const std::string& id)

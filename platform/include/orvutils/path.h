@@ -35,7 +35,7 @@ enum class common_path : int {
     run = 6,      ///< what lives as long as the running agent
 };
 
-/// The directory of a common path.
+/// The directory of a common path; empty without memory.
 [[nodiscard]] path common_directory(common_path which);
 
 namespace detail {

@@ -8,7 +8,11 @@ namespace orv::detail {
 
 void print_common_path(std::ostream& out, common_path which)
 {
-    out << common_directory(which).str();
+    const path directory = common_directory(which);
+    if (directory.str().empty())
+        out.setstate(std::ios::failbit); // no memory
+    else
+        out << directory.str();
 }
 
 } // namespace orv::detail

@@ -7,13 +7,14 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 /// The writer's side of the device store, for the device-management daemon and tools. The store must be open
 /// (init()). A change is on disk, and told to all readers, when the function has returned.
 namespace orv::devMgmt {
 
 constexpr std::size_t kMaxDeviceIdSize = 255;
-constexpr std::size_t kMaxRecordSize = 8192; ///< of a whole device, as it is stored
+constexpr std::size_t kMaxRecordSize = 8192; ///< of a whole device, as it is stored, without its history
 
 /// Why init() has failed; Kind::none when the store itself could be opened.
 [[nodiscard]] const store::Failure& failure();
@@ -22,6 +23,14 @@ constexpr std::size_t kMaxRecordSize = 8192; ///< of a whole device, as it is st
 /// an impossible device (no id, texts that are not UTF-8, invalid addresses, with the member's name in the
 /// log; too large). Storing what is there already changes nothing.
 [[nodiscard]] int put_device(const Device& device);
+
+/// What becomes of the devices that are not among those that are stored.
+enum class Others { stay, go };
+
+/// Stores many devices, and removes all others if they are to go, in one transaction: all or nothing, one wait for
+/// the disk, and readers are told of what is different. 0, or below 0 with nothing changed; error 1 for an
+/// impossible device, whose id is `refused` then.
+[[nodiscard]] int put_devices(const std::vector<Device>& devices, Others others, std::string& refused);
 
 /// Removes a device. 0, or below 0: error 4 when there is none with that id.
 [[nodiscard]] int remove_device(const std::string& did);
@@ -33,7 +42,8 @@ constexpr std::size_t kMaxRecordSize = 8192; ///< of a whole device, as it is st
 ///      "device_os_version": "", "device_manufacturer": "", "last_va_scan_ts": "", "traffic_blocked": 0}
 ///
 /// Only "did" must be there; without "owner" it is `default_owner`. False with an explanation that names the
-/// offending member, and `device` untouched, when the JSON is not of that shape.
+/// offending member, and `device` untouched, when the JSON is not of that shape; without one when memory is
+/// short.
 [[nodiscard]] bool device_from_json(const json_t* json, const std::string& default_owner, Device& device,
                                     std::string& error);
 

@@ -17,6 +17,9 @@ constexpr std::size_t kMaxIdSize = 255;
 constexpr std::size_t kMaxEventSize = std::size_t{256} * 1024;
 
 [[nodiscard]] Error open();
+/// The same, with nothing logged when it fails.
+[[nodiscard]] Error try_to_open();
+[[nodiscard]] bool is_open();
 /// Why open() has failed.
 [[nodiscard]] const store::Failure& failure();
 void close();
@@ -26,7 +29,7 @@ struct Entry {
     std::string text; ///< the event as JSON
 };
 
-/// All entries in the order of their ids, which is that of their making.
+/// All entries, no more than kMaxEvents, in the order of their ids, which is that of their making.
 [[nodiscard]] Error read(std::vector<Entry>& entries);
 
 /// The id of the last entry; Error::no_such_key when the outbox is empty.
@@ -35,8 +38,8 @@ struct Entry {
 /// Adds an event unless its id is there already. When there is no room the oldest ones go, with a log line.
 [[nodiscard]] Error put(std::string_view id, std::string_view text);
 
-/// Removes an event; it is no error when it is not there.
-[[nodiscard]] Error remove(std::string_view id);
+/// Removes events, all with one wait for the disk; it is no error when some are not there.
+[[nodiscard]] Error remove(const std::vector<std::string_view>& ids);
 
 /// Removes all events.
 [[nodiscard]] Error clear();
