@@ -66,7 +66,7 @@ std::size_t Transaction::entries(std::size_t tree)
 
 Read::Read(Environment& environment) : Transaction(environment)
 {
-    m_opened = environment.use(Environment::Purpose::reading);
+    m_opened = environment.use_for_reading();
     if (!m_opened)
         m_error = Error::input_output;
     else if (const int code = m_opened->begin_read(); code != MDB_SUCCESS)
@@ -83,18 +83,21 @@ Read::~Read()
 
 Write::Write(Environment& environment) : Transaction(environment)
 {
-    m_opened = environment.use(Environment::Purpose::writing);
-    if (!m_opened)
-        m_error = Error::input_output;
-    else if (const int code = mdb_txn_begin(m_opened->environment(), nullptr, 0, &m_transaction);
-             code != MDB_SUCCESS)
+    m_error = environment.use_for_writing(m_opened);
+    if (m_error != Error::none)
+        return;
+    if (const int code = m_opened->begin_write(m_transaction); code != MDB_SUCCESS) {
         m_error = failed("begin to write", code);
+        m_opened->end_exclusion();
+    }
 }
 
 Write::~Write()
 {
-    if (m_transaction)
-        mdb_txn_abort(m_transaction);
+    if (!m_transaction)
+        return;
+    mdb_txn_abort(m_transaction);
+    m_opened->end_exclusion();
 }
 
 Error Write::put(std::size_t tree, std::string_view key, std::string_view value)
@@ -117,7 +120,9 @@ Error Write::remove(std::size_t tree, std::string_view key)
 Error Write::commit()
 {
     const int code = mdb_txn_commit(std::exchange(m_transaction, nullptr));
-    return code == MDB_SUCCESS ? Error::none : failed("commit", code);
+    const Error error = code == MDB_SUCCESS ? Error::none : failed("commit", code);
+    m_opened->end_exclusion();
+    return error;
 }
 
 Cursor::Cursor(Transaction& transaction, std::size_t tree) : m_transaction(transaction)

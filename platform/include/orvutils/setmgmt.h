@@ -14,6 +14,9 @@
 ///
 /// Failures are negative numbers: the negated error number (orv::Error), which orv::_get_orverrno() also
 /// gives. Not thread-safe.
+///
+/// Nothing waits for another process longer than a second, whatever state that process is in: opening and
+/// writing then fail with error 3. Reading never waits.
 namespace orv::setMgmt {
 
 constexpr std::size_t kMaxKeySize = 511;

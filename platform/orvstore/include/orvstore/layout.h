@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -25,6 +26,8 @@ struct Layout {
     /// system: when it is damaged, and nobody has it open, it is created anew.
     bool synced;
     Report report = nullptr; ///< null: nobody listens
+    /// How long writing and opening wait for other processes; reading never does.
+    std::chrono::milliseconds patience = std::chrono::seconds{1};
 };
 
 } // namespace orv::store

@@ -55,7 +55,8 @@ public:
     ~Read();
 };
 
-/// Changes the environment, all or nothing. Waits for writers in other processes; must not be nested.
+/// Changes the environment, all or nothing. Waits for writers in other processes as long as the layout says,
+/// then fails with Error::timed_out; must not be nested.
 class Write : public Transaction {
 public:
     explicit Write(Environment& environment);
