@@ -147,7 +147,7 @@ Error remove(const std::string& did)
 {
     if (did.empty() || did.size() > kMaxDeviceIdSize)
         return Error::no_such_key;
-    Write transaction(device_environment());
+    Write transaction(device_environment(), Write::Kind::removing);
     if (transaction.error() != Error::none)
         return transaction.error();
     std::string_view record;

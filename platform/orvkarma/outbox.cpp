@@ -123,7 +123,7 @@ Error put(std::string_view id, std::string_view text)
 
 Error remove(std::string_view id)
 {
-    Write transaction(environment());
+    Write transaction(environment(), Write::Kind::removing);
     if (transaction.error() != Error::none)
         return transaction.error();
     const Error error = transaction.remove(kEvents, id);
@@ -134,7 +134,7 @@ Error remove(std::string_view id)
 
 Error clear()
 {
-    Write transaction(environment());
+    Write transaction(environment(), Write::Kind::removing);
     if (transaction.error() != Error::none)
         return transaction.error();
     {

@@ -18,6 +18,11 @@
 // which newer ones take for a moment to close it. (A part of that lock is held from before LMDB is asked, so
 // that it is never kept waiting for it.)
 //
+// Room: LMDB never changes a page in place, so removing takes free pages, too: the path to each entry, and, all in
+// one row, those for the list of what becomes free. Adding therefore ends a sixteenth before the limit, and
+// when the file has no such row at its end, removing may go beyond the limit as far as that. Other processes
+// then find pages outside their map, and map the file again.
+//
 // Forking: a child would share its parent's place in the reader table. It therefore opens the store anew on
 // its first use.
 
@@ -52,6 +57,13 @@ constexpr mode_t kFileMode = 0600;
 constexpr int kReaders = 126; ///< processes that can have an environment open
 /// LMDB's reader table: a cache line for each of its two locks and for each reader.
 constexpr off_t kLockFileSize = off_t{kReaders + 2} * 64;
+constexpr std::size_t kKeptBack = 16;      ///< the part of the map that is, for removing
+constexpr std::size_t kPagesToRemove = 64; ///< beside the list of what becomes free: paths and splits
+constexpr std::size_t kPagesToAdd =
+    6; ///< beside those for the value: the pages that are always there, splits
+/// LMDB's own trees.
+constexpr MDB_dbi kFreeList = 0;
+constexpr MDB_dbi kMainTree = 1;
 constexpr long kPauseNs = 1'000'000;
 /// A wait that takes longer is told about.
 constexpr std::chrono::milliseconds kSilentWait{200};
@@ -345,6 +357,11 @@ private:
         struct stat status {};
         if (fcntl(fd, F_SETFD, FD_CLOEXEC) < 0 || fstat(fd, &status) < 0)
             return fail_to_open(std::strerror(errno));
+        MDB_stat layout{};
+        if (const int stat_code = mdb_env_stat(m_opened->m_environment, &layout); stat_code != MDB_SUCCESS)
+            return fail_to_open(mdb_strerror(stat_code));
+        m_opened->m_page_size = layout.ms_psize;
+        m_opened->m_map_size = m_layout.map_size;
         m_opened->m_file = to_file_state(status);
         if (m_opened->m_read_only)
             report(Severity::warning, "can be read only");
@@ -436,9 +453,16 @@ bool Opened::is_sound() const
 
 int Opened::begin_read()
 {
-    if (m_readings == 0)
-        if (const int code = mdb_txn_renew(m_reader); code != MDB_SUCCESS)
+    if (m_readings == 0) {
+        int code = mdb_txn_renew(m_reader);
+        if (code == MDB_MAP_RESIZED) { // the file has grown beyond its limit, to remove something
+            code = mdb_env_set_mapsize(m_environment, 0);
+            if (code == MDB_SUCCESS)
+                code = mdb_txn_renew(m_reader);
+        }
+        if (code != MDB_SUCCESS)
             return code;
+    }
     ++m_readings;
     return MDB_SUCCESS;
 }
@@ -466,16 +490,50 @@ int Opened::publish_commit()
         return code;
     // Taking the writer's mutex over from the dead does it.
     MDB_txn* transaction = nullptr;
-    const int code = begin_write(transaction);
+    const int code = begin_write(transaction, /*is_to_remove=*/false);
     if (code == MDB_SUCCESS)
         mdb_txn_abort(transaction);
     m_lock.release();
     return code;
 }
 
-int Opened::begin_write(MDB_txn*& transaction)
+int Opened::begin_write(MDB_txn*& transaction, bool is_to_remove)
 {
+    if (const int code = fit_map(is_to_remove); code != MDB_SUCCESS)
+        return code;
     return mdb_txn_begin(m_environment, nullptr, 0, &transaction);
+}
+
+/// Maps as much of the file as may be in use after the transaction that is going to begin.
+int Opened::fit_map(bool is_to_remove)
+{
+    MDB_envinfo info{};
+    if (const int code = mdb_env_info(m_environment, &info); code != MDB_SUCCESS)
+        return code;
+    const std::size_t end = (info.me_last_pgno + 1) * m_page_size;
+    const std::size_t list = m_map_size / m_page_size * sizeof(std::size_t);
+    const std::size_t room = list + kPagesToRemove * m_page_size;
+    std::size_t size = m_map_size;
+    if (is_to_remove && end + room > size)
+        size = std::min(end + room, 2 * m_map_size) / m_page_size * m_page_size;
+    size = std::max(size, end);
+    // What is being read must stay where it is.
+    return size == info.me_mapsize || m_readings > 0 ? MDB_SUCCESS : mdb_env_set_mapsize(m_environment, size);
+}
+
+bool Opened::has_room(MDB_txn* transaction, std::size_t size) const
+{
+    std::size_t pages = size / m_page_size + kPagesToAdd;
+    const auto add = [&](MDB_dbi tree) {
+        MDB_stat status{};
+        if (mdb_stat(transaction, tree, &status) == MDB_SUCCESS)
+            pages += status.ms_branch_pages + status.ms_leaf_pages + status.ms_overflow_pages;
+    };
+    for (const MDB_dbi tree : m_trees)
+        add(tree);
+    add(kFreeList);
+    add(kMainTree);
+    return pages <= (m_map_size - m_map_size / kKeptBack) / m_page_size;
 }
 
 const char* Opened::note_failure(int code)

@@ -59,7 +59,10 @@ public:
     void end_exclusion() { m_lock.release(); }
     [[nodiscard]] bool is_excluding() const { return m_lock.is_held(); }
     /// Begins a writing transaction, with all other writers kept out.
-    [[nodiscard]] int begin_write(MDB_txn*& transaction);
+    /// If it is to remove something, there will be pages for that.
+    [[nodiscard]] int begin_write(MDB_txn*& transaction, bool is_to_remove);
+    /// Whether an entry of so many bytes still fits, after what the writing transaction has done so far.
+    [[nodiscard]] bool has_room(MDB_txn* transaction, std::size_t size) const;
     /// Who keeps this process out, for a log.
     [[nodiscard]] std::string excluded_by() const { return m_lock.holder(); }
 
@@ -70,13 +73,17 @@ private:
     friend class Opening;
     Opened();
 
+    [[nodiscard]] int fit_map(bool is_to_remove);
+
     Lock m_lock; ///< outlives LMDB's handles
     MDB_env* m_environment = nullptr;
     MDB_txn* m_reader = nullptr; ///< the one reading transaction: renewed and reset, never ended
     std::vector<unsigned> m_trees;
-    FileState m_file;        ///< the data file
-    unsigned m_readings = 0; ///< readings that are going on, nested ones included
-    unsigned m_forks;        ///< of this process, when it was opened
+    FileState m_file; ///< the data file
+    std::size_t m_page_size = 0;
+    std::size_t m_map_size = 0; ///< what the layout allows
+    unsigned m_readings = 0;    ///< readings that are going on, nested ones included
+    unsigned m_forks;           ///< of this process, when it was opened
     bool m_read_only = false;
     bool m_in_doubt = false;
 };

@@ -81,12 +81,12 @@ Read::~Read()
         m_opened->end_read();
 }
 
-Write::Write(Environment& environment) : Transaction(environment)
+Write::Write(Environment& environment, Kind kind) : Transaction(environment), m_kind(kind)
 {
     m_error = environment.use_for_writing(m_opened);
     if (m_error != Error::none)
         return;
-    if (const int code = m_opened->begin_write(m_transaction); code != MDB_SUCCESS) {
+    if (const int code = m_opened->begin_write(m_transaction, kind == Kind::removing); code != MDB_SUCCESS) {
         m_error = failed("begin to write", code);
         m_opened->end_exclusion();
     }
@@ -100,8 +100,19 @@ Write::~Write()
     m_opened->end_exclusion();
 }
 
+Error Write::check_room(std::string_view key, std::string_view value)
+{
+    if (m_opened->has_room(m_transaction, key.size() + value.size()))
+        return Error::none;
+    m_environment.report_about(Severity::error, "cannot write: it is full");
+    return Error::input_output;
+}
+
 Error Write::put(std::size_t tree, std::string_view key, std::string_view value)
 {
+    if (m_kind == Kind::adding)
+        if (const Error error = check_room(key, value); error != Error::none)
+            return error;
     MDB_val mdb_key = to_value(key);
     MDB_val mdb_value = to_value(value);
     const int code = mdb_put(m_transaction, m_opened->tree(tree), &mdb_key, &mdb_value, 0);

@@ -339,9 +339,9 @@ TEST_F(StoppedTest, A_refused_write_is_one_line_that_names_the_holder_and_does_n
     int status = 0;
     ASSERT_EQ(waitpid(holder.pid(), &status, WUNTRACED), holder.pid());
     EXPECT_GE(duration_of([&] { EXPECT_EQ(write(environment, "mine"), Error::timed_out); }), kLong);
-    EXPECT_EQ(told(), std::vector<std::string>{"0 store store: cannot begin to write: it is being written by process " +
-                                               std::to_string(holder.pid()) +
-                                               " (platform_orvsto), which is stopped"});
+    EXPECT_EQ(told(), std::vector<std::string>{
+                          "0 store store: cannot begin to write: it is being written by process " +
+                          std::to_string(holder.pid()) + " (platform_orvsto), which is stopped"});
     EXPECT_LT(duration_of([&] {
                   for (int i = 0; i < 10; ++i)
                       EXPECT_EQ(write(environment, "mine"), Error::timed_out);
@@ -367,8 +367,10 @@ TEST_F(StoppedTest, Opening_tells_why_it_waits_and_ends_after_the_bound)
               milliseconds(300) + kSlack);
     const std::string holder = "process " + std::to_string(getpid()) + " (platform_orvsto)";
     EXPECT_EQ(environment.failure().kind, Failure::Kind::busy);
-    EXPECT_EQ(told(), (std::vector<std::string>{"1 store store: waiting for " + holder,
-                                                "0 store store: cannot open the store: it is being opened or written by " + holder}));
+    EXPECT_EQ(told(),
+              (std::vector<std::string>{
+                  "1 store store: waiting for " + holder,
+                  "0 store store: cannot open the store: it is being opened or written by " + holder}));
     ASSERT_EQ(flock(directory, LOCK_UN), 0);
     EXPECT_EQ(environment.open(), Error::none);
 }

@@ -112,7 +112,7 @@ Error remove_nodes(Write& transaction, const SettingsKey& key)
 
 Error remove_tree(const SettingsKey& key)
 {
-    Write transaction(settings_environment(key));
+    Write transaction(settings_environment(key), Write::Kind::removing);
     if (transaction.error() != Error::none)
         return transaction.error();
     if (const Error error = remove_nodes(transaction, key); error != Error::none)
