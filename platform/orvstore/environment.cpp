@@ -128,7 +128,8 @@ Opened* Environment::use_for_reading()
     if (std::holds_alternative<Closed>(m_state))
         return nullptr;
     Opened* present = opened();
-    if (present && (present->is_being_read() || is_as_it_should_be(*present, Purpose::reading)))
+    if (present && (present->is_being_read() || present->is_excluding() ||
+                    is_as_it_should_be(*present, Purpose::reading)))
         return present;
     return reopen(base::Clock::now());
 }

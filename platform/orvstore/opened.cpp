@@ -440,7 +440,7 @@ Opened::Opened() : m_forks(g_forks) {}
 
 Opened::~Opened()
 {
-    if (m_reader && m_forks == g_forks)
+    if (m_reader && is_own())
         mdb_txn_abort(m_reader); // in a fork's child that would give the parent's place away
     if (m_environment)
         mdb_env_close(m_environment);
@@ -448,7 +448,12 @@ Opened::~Opened()
 
 bool Opened::is_sound() const
 {
-    return !m_in_doubt && m_forks == g_forks;
+    return !m_in_doubt && is_own();
+}
+
+bool Opened::is_own() const
+{
+    return m_forks == g_forks;
 }
 
 int Opened::begin_read()

@@ -35,6 +35,9 @@ public:
     /// Whether it can go on being used: no operation has left it in doubt, and this is the process that has
     /// opened it.
     [[nodiscard]] bool is_sound() const;
+    /// Whether this is the process that has opened it. What a fork's child has is its parent's: it must neither
+    /// end the parent's transactions nor give the parent's locks back.
+    [[nodiscard]] bool is_own() const;
     [[nodiscard]] bool is_read_only() const { return m_read_only; }
     [[nodiscard]] const FileState& file() const { return m_file; }
 
@@ -57,7 +60,7 @@ public:
     /// Keeps all other writers out; EWOULDBLOCK when there is one until the deadline.
     [[nodiscard]] int begin_exclusion(base::TimePoint deadline) { return m_lock.take(deadline); }
     void end_exclusion() { m_lock.release(); }
-    [[nodiscard]] bool is_excluding() const { return m_lock.is_held(); }
+    [[nodiscard]] bool is_excluding() const { return m_lock.is_held() && is_own(); }
     /// Begins a writing transaction, with all other writers kept out.
     /// If it is to remove something, there will be pages for that.
     [[nodiscard]] int begin_write(MDB_txn*& transaction, bool is_to_remove);

@@ -94,7 +94,7 @@ Write::Write(Environment& environment, Kind kind) : Transaction(environment), m_
 
 Write::~Write()
 {
-    if (!m_transaction)
+    if (!m_transaction || !m_opened->is_own())
         return;
     mdb_txn_abort(m_transaction);
     m_opened->end_exclusion();

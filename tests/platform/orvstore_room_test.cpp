@@ -102,7 +102,10 @@ protected:
         return transaction.entries(0);
     }
 
-    [[nodiscard]] std::uintmax_t file_size() const { return fs::file_size(m_root.path() + "/store/data.mdb"); }
+    [[nodiscard]] std::uintmax_t file_size() const
+    {
+        return fs::file_size(m_root.path() + "/store/data.mdb");
+    }
 
     TemporaryRoot m_root;
     Environment m_environment;
