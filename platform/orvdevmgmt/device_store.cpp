@@ -105,6 +105,8 @@ Error write_index(Write& transaction, const Device& device)
 /// A transaction that changes devices.
 class Writing {
 public:
+    explicit Writing(Write::Kind kind = Write::Kind::adding) : m_transaction(device_environment(), kind) {}
+
     /// Why not, if it has not begun.
     [[nodiscard]] Error begin()
     {
@@ -200,7 +202,7 @@ private:
         return indexed == Error::none ? m_log.update(device.did, fields, history) : indexed;
     }
 
-    Write m_transaction{device_environment()};
+    Write m_transaction;
     ChangeLog m_log{m_transaction};
     bool m_has_changed = false;
 };
@@ -227,7 +229,7 @@ Error put(const Device* devices, std::size_t count, Others others, std::string& 
 
 Error remove_once(const std::string& did, bool with_mark)
 {
-    Writing writing;
+    Writing writing(Write::Kind::removing);
     Error error = writing.begin();
     if (error == Error::none)
         error = writing.remove(did, with_mark);

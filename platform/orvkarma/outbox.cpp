@@ -155,7 +155,7 @@ Error put(std::string_view id, std::string_view text)
 
 Error remove(const std::vector<std::string_view>& ids)
 {
-    Write transaction(environment());
+    Write transaction(environment(), Write::Kind::removing);
     if (transaction.error() != Error::none)
         return transaction.error();
     bool has_changed = false;
@@ -170,7 +170,7 @@ Error remove(const std::vector<std::string_view>& ids)
 
 Error clear()
 {
-    Write transaction(environment());
+    Write transaction(environment(), Write::Kind::removing);
     if (transaction.error() != Error::none)
         return transaction.error();
     {

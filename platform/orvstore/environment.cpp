@@ -14,6 +14,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 namespace orv::store {
@@ -22,6 +23,12 @@ namespace {
 
 constexpr std::int64_t kCheckIntervalMs = 100;
 constexpr std::int64_t kRetryIntervalMs = 1000;
+constexpr int kAttempts = 3; ///< to get hold of a store that is replaced again and again
+
+Error to_error(const Failure& failure)
+{
+    return failure.kind == Failure::Kind::busy ? Error::timed_out : Error::input_output;
+}
 
 } // namespace
 
@@ -34,10 +41,10 @@ Error Environment::open()
     close();
     m_directory = base::root_path(m_layout.directory);
     m_data_file = data_file_in(m_directory);
-    if (reopen())
+    if (reopen(base::Clock::now() + m_layout.patience))
         return Error::none;
     m_state = Closed{std::move(std::get<Missing>(m_state).failure)};
-    return Error::input_output;
+    return to_error(failure());
 }
 
 void Environment::close()
@@ -56,7 +63,7 @@ const Failure& Environment::failure() const
 
 void Environment::look_after()
 {
-    (void)use(Purpose::reading); // a failure is told to whoever uses it next
+    (void)use_for_reading(); // a failure is told to whoever uses it next
 }
 
 void Environment::refresh()
@@ -65,23 +72,26 @@ void Environment::refresh()
     look_after();
 }
 
-void Environment::catch_up()
+bool Environment::catch_up()
 {
-    Opened* opened = use(Purpose::reading);
+    Opened* opened = use_for_reading();
     if (!opened || opened->is_read_only())
-        return;
+        return true;
     const std::uint64_t written = opened->written_commit();
     if (const int code = opened->begin_read(); code != 0) {
         (void)operation_failed(*opened, "begin to read", code);
-        return;
+        return true;
     }
     const std::uint64_t seen = opened->seen_commit();
     opened->end_read();
     if (seen >= written)
-        return;
-    // The writer's lock is free once the commit is visible; taking it over from a dead writer makes it so.
-    if (const int code = opened->wait_for_writer(); code != 0)
-        (void)operation_failed(*opened, "wait for a commit", code);
+        return true;
+    const int code = opened->publish_commit();
+    if (code == EWOULDBLOCK)
+        return false;
+    if (code != 0)
+        (void)operation_failed(*opened, "take over a commit", code);
+    return true;
 }
 
 unsigned Environment::generation() const
@@ -106,50 +116,114 @@ Error Environment::operation_failed(Opened& opened, const char* doing, int code)
     return Error::input_output;
 }
 
-/// The store, open and the right one; null when it cannot be had.
-Opened* Environment::use(Purpose purpose)
+Opened* Environment::opened() const
 {
-    if (const auto* opened = std::get_if<std::unique_ptr<Opened>>(&m_state)) {
-        if ((*opened)->is_being_read() || is_as_it_should_be(**opened, purpose))
-            return opened->get();
-    } else if (std::holds_alternative<Closed>(m_state)) {
+    const auto* opened = std::get_if<std::unique_ptr<Opened>>(&m_state);
+    return opened ? opened->get() : nullptr;
+}
+
+/// The store, open and the right one as far as that can be had without waiting; null when it cannot.
+Opened* Environment::use_for_reading()
+{
+    if (std::holds_alternative<Closed>(m_state))
         return nullptr;
+    Opened* present = opened();
+    if (present && (present->is_being_read() || present->is_excluding() ||
+                    is_as_it_should_be(*present, Purpose::reading)))
+        return present;
+    return reopen(base::Clock::now());
+}
+
+/// The store, open, the right one, and with all other writers kept out.
+Error Environment::use_for_writing(Opened*& opened)
+{
+    if (std::holds_alternative<Closed>(m_state))
+        return Error::input_output;
+    const base::TimePoint until = deadline();
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        opened = this->opened();
+        if (opened && opened->is_excluding()) {
+            report_about(Severity::error, "cannot begin to write: this process is writing");
+            return Error::input_output;
+        }
+        if ((!opened || !opened->is_sound()) && !(opened = reopen(until)))
+            return to_error(failure());
+        const int code = opened->begin_exclusion(until);
+        if (code == EWOULDBLOCK)
+            return keep_out(*opened);
+        if (code != 0)
+            return operation_failed(*opened, "lock the directory", code);
+        m_stuck_at.reset();
+        // While the lock was waited for, another store may have taken its place.
+        if (opened->is_being_read() || is_as_it_should_be(*opened, Purpose::writing))
+            return Error::none;
+        opened->end_exclusion();
+        if (!reopen(until))
+            return to_error(failure());
     }
-    return reopen();
+    return Error::timed_out;
+}
+
+/// The time until which to wait for other processes now.
+base::TimePoint Environment::deadline() const
+{
+    const Opened* present = opened();
+    const bool is_stuck = present ? m_stuck_at && *m_stuck_at == present->written_commit()
+                                  : failure().kind == Failure::Kind::busy;
+    return base::Clock::now() + (is_stuck ? std::chrono::milliseconds{0} : m_layout.patience);
+}
+
+Error Environment::keep_out(const Opened& opened)
+{
+    m_stuck_at = opened.written_commit();
+    report_about(Severity::error, "cannot begin to write: it is being written by " + opened.excluded_by());
+    return Error::timed_out;
+}
+
+bool Environment::is_due_for_a_check()
+{
+    const std::int64_t now = base::coarse_now_ms();
+    if (now - m_last_check_ms < kCheckIntervalMs)
+        return false;
+    m_last_check_ms = now;
+    return true;
 }
 
 bool Environment::is_as_it_should_be(const Opened& opened, Purpose purpose)
 {
     if (!opened.is_sound())
         return false;
-    if (purpose == Purpose::reading) {
-        const std::int64_t now = base::coarse_now_ms();
-        if (now - m_last_check_ms < kCheckIntervalMs)
-            return true;
-        m_last_check_ms = now;
-    }
+    if (purpose == Purpose::reading && !is_due_for_a_check())
+        return true;
     const bool is_writable_again =
         purpose == Purpose::writing && opened.is_read_only() && access(m_data_file.c_str(), W_OK) == 0;
     return opened.file().is_same_file(file_state(m_data_file)) && !is_writable_again;
 }
 
-/// Opens it, unless that failed a moment ago and nothing has changed since.
-Opened* Environment::reopen()
+/// Opens it, unless that failed a moment ago and nothing has changed since. One that can go on being used
+/// stays when other processes keep this one out.
+Opened* Environment::reopen(base::TimePoint deadline)
 {
     Failure before;
+    std::unique_ptr<Opened> present;
     if (auto* missing = std::get_if<Missing>(&m_state)) {
-        if (file_state(m_data_file).is_unchanged(missing->seen) &&
+        if (missing->failure.kind != Failure::Kind::busy &&
+            file_state(m_data_file).is_unchanged(missing->seen) &&
             base::coarse_now_ms() - missing->tried_ms < kRetryIntervalMs)
             return nullptr;
         before = std::move(missing->failure);
+    } else if (auto* opened = std::get_if<std::unique_ptr<Opened>>(&m_state)) {
+        present = std::move(*opened);
     }
-    m_state = Closed{}; // a process opens a directory at most once
+    m_state = Closed{};
     Failure failure;
-    if (auto opened = Opened::open(m_directory, m_layout, failure)) {
+    if (auto opened = Opened::open(m_directory, m_layout, deadline, present, failure)) {
         if (before.kind != Failure::Kind::none)
             report_about(Severity::info, "is back");
         return take(std::move(opened));
     }
+    if (failure.kind == Failure::Kind::busy && present && present->is_sound())
+        return m_state.emplace<std::unique_ptr<Opened>>(std::move(present)).get();
     // The same failure is told only once.
     if (before.kind == Failure::Kind::none || failure.text() != before.text())
         report_about(Severity::error, failure.text());

@@ -10,6 +10,7 @@
 #include <orvbase/descriptor.h>
 #include <orvbase/io.h>
 
+#include <sched.h>
 #include <sys/inotify.h>
 
 #include <algorithm>
@@ -26,6 +27,8 @@ namespace {
 
 constexpr std::uint32_t kEvents = IN_MODIFY | IN_ATTRIB | IN_MOVE_SELF | IN_DELETE_SELF;
 
+constexpr int kMaxYields = 100;
+
 struct Watched {
     Environment* environment;
     int users;
@@ -37,7 +40,7 @@ class Hub {
 public:
     int descriptor()
     {
-        if (open() && maintain())
+        if (open() && (maintain() || has_caught_up()))
             wake();
         return fd();
     }
@@ -89,13 +92,37 @@ public:
         m_is_reading = true;
         drain();
         (void)maintain();
-        for (const Watched& watched : m_watched)
-            watched.environment->catch_up();
+        catch_up();
         call_listeners();
         m_is_reading = false;
     }
 
 private:
+    /// Whether all that has been committed can be seen by now.
+    bool all_is_visible()
+    {
+        m_is_behind = false;
+        for (const Watched& watched : m_watched)
+            m_is_behind = !watched.environment->catch_up() || m_is_behind;
+        return !m_is_behind;
+    }
+
+    /// A writer that has lost the processor right before it makes its commit visible is given it, again and
+    /// again, with all else in the caller's loop in between. One that is stopped there is asked about when
+    /// the descriptor is.
+    void catch_up()
+    {
+        if (all_is_visible()) {
+            m_yields = 0;
+        } else if (m_yields < kMaxYields) {
+            ++m_yields;
+            (void)sched_yield(); // cannot fail
+            wake();
+        }
+    }
+
+    bool has_caught_up() { return m_is_behind && all_is_visible(); }
+
     bool open()
     {
         if (m_inotify.is_open())
@@ -201,6 +228,8 @@ private:
     base::Descriptor m_inotify;
     bool m_has_failed = false;
     bool m_is_reading = false;
+    bool m_is_behind = false; ///< a commit is in the file and cannot be seen yet
+    int m_yields = 0;         ///< for its writer
     std::vector<Watched> m_watched;
     std::uint64_t m_last_id = 0;
     std::map<std::uint64_t, std::shared_ptr<Listener>> m_listeners;

@@ -11,6 +11,18 @@
 // store that is not synced is thrown away when nobody has it open: a crash of the system may have damaged it,
 // and it holds nothing that has to outlive one.
 //
+// Waiting: LMDB waits without a limit for its own locks, whatever state their holder is in. It therefore is
+// asked for nothing that takes one unless the lock on the directory is held, which nobody waits for without a
+// limit: for its mutexes, which it needs to write and to enter or sweep the reader table, and for the lock on
+// the first byte of the lock file, which a process has to itself while it is the first to open the store and
+// which newer ones take for a moment to close it. (A part of that lock is held from before LMDB is asked, so
+// that it is never kept waiting for it.)
+//
+// Room: LMDB never changes a page in place, so removing takes free pages, too: the path to each entry, and, all in
+// one row, those for the list of what becomes free. Adding therefore ends a sixteenth before the limit, and
+// when the file has no such row at its end, removing may go beyond the limit as far as that. Other processes
+// then find pages outside their map, and map the file again.
+//
 // Forking: a child would share its parent's place in the reader table. It therefore opens the store anew on
 // its first use.
 
@@ -25,13 +37,15 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <ctime>
+#include <utility>
 
 namespace orv::store {
 
@@ -43,6 +57,16 @@ constexpr mode_t kFileMode = 0600;
 constexpr int kReaders = 126; ///< processes that can have an environment open
 /// LMDB's reader table: a cache line for each of its two locks and for each reader.
 constexpr off_t kLockFileSize = off_t{kReaders + 2} * 64;
+constexpr std::size_t kKeptBack = 16;      ///< the part of the map that is, for removing
+constexpr std::size_t kPagesToRemove = 64; ///< beside the list of what becomes free: paths and splits
+constexpr std::size_t kPagesToAdd =
+    6; ///< beside those for the value: the pages that are always there, splits
+/// LMDB's own trees.
+constexpr MDB_dbi kFreeList = 0;
+constexpr MDB_dbi kMainTree = 1;
+constexpr long kPauseNs = 1'000'000;
+/// A wait that takes longer is told about.
+constexpr std::chrono::milliseconds kSilentWait{200};
 
 /// How many forks lie between this process and the first one.
 unsigned g_forks = 0;
@@ -120,11 +144,22 @@ int allocate(int fd, off_t size)
     return 0;
 }
 
-int lock_directory(int fd)
+/// Takes the lock that says that the store is open, before LMDB does. EWOULDBLOCK when another process keeps
+/// it for itself until the deadline.
+int announce_use(int lock_file, base::TimePoint deadline)
 {
-    while (flock(fd, LOCK_EX) < 0)
-        if (errno != EINTR)
+    struct flock lock {};
+    lock.l_type = F_RDLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_len = 1;
+    while (fcntl(lock_file, F_SETLK, &lock) < 0) {
+        if (errno != EAGAIN && errno != EACCES && errno != EINTR)
             return errno;
+        if (base::Clock::now() >= deadline)
+            return EWOULDBLOCK;
+        const timespec pause{0, kPauseNs};
+        (void)nanosleep(&pause, nullptr); // a signal only shortens it
+    }
     return 0;
 }
 
@@ -144,15 +179,19 @@ std::string data_file_in(const std::string& directory)
 /// One attempt to open a store. Its steps tell whether they have succeeded, and leave the failure if not.
 class Opening {
 public:
-    Opening(const std::string& directory, const Layout& layout, Failure& failure)
+    Opening(const std::string& directory, const Layout& layout, base::TimePoint deadline,
+            std::unique_ptr<Opened>& before, Failure& failure)
         : m_directory(directory), m_data_file(data_file_in(directory)), m_lock_file(directory + "/lock.mdb"),
-          m_layout(layout), m_failure(failure), m_opened(new Opened)
+          m_layout(layout), m_deadline(deadline), m_before(before), m_failure(failure), m_opened(new Opened)
     {
     }
 
     std::unique_ptr<Opened> run()
     {
-        return enter_directory() && open_files() ? std::move(m_opened) : nullptr;
+        if (!enter_directory() || !open_files())
+            return nullptr;
+        m_opened->m_lock.release();
+        return std::move(m_opened);
     }
 
 private:
@@ -172,7 +211,7 @@ private:
             m_layout.report(severity, std::string("store ") + m_layout.directory + ": " + text);
     }
 
-    /// Makes it, and keeps all others who open the store out.
+    /// Makes it, and keeps all others out.
     bool enter_directory()
     {
         const auto failed = [this](const char* doing, int code) {
@@ -180,12 +219,41 @@ private:
         };
         if (!base::make_directories(m_directory, base::kDataDirectoryMode))
             return failed("create the directory", errno);
-        m_locked = Descriptor(::open(m_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (!m_locked.is_open())
-            return failed("open the directory", errno);
-        const int code = lock_directory(m_locked.get());
+        if (const int code = lock().open(m_directory); code != 0)
+            return failed("open the directory", code);
+        // While the store is open, its lock file must be opened by LMDB only: closing it loses LMDB's locks.
+        if (!m_before)
+            lock().queue_at(open_lock_file());
+        const int code = take_lock();
+        if (code == EWOULDBLOCK)
+            return fail_busy();
+        m_before.reset();
         return code == 0 || failed("lock the directory", code);
     }
+
+    int take_lock()
+    {
+        int code = lock().take(std::min(m_deadline, base::Clock::now() + kSilentWait));
+        if (code == EWOULDBLOCK && base::Clock::now() < m_deadline) {
+            report(Severity::warning, "waiting for " + lock().holder());
+            code = lock().take(m_deadline);
+        }
+        return code;
+    }
+
+    bool fail_busy()
+    {
+        m_failure = {Kind::busy, m_directory, "open the store",
+                     "it is being opened or written by " + lock().holder()};
+        return false;
+    }
+
+    [[nodiscard]] Descriptor open_lock_file() const
+    {
+        return Descriptor(::open(m_lock_file.c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_CLOEXEC, kFileMode));
+    }
+
+    Lock& lock() { return m_opened->m_lock; }
 
     bool open_files()
     {
@@ -230,8 +298,8 @@ private:
 
     bool reserve_lock_file()
     {
-        const Descriptor file(
-            ::open(m_lock_file.c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_CLOEXEC, kFileMode));
+        lock().queue_at(Descriptor());
+        Descriptor file = open_lock_file();
         // Elsewhere somebody may be writing, and readers must leave their marks in the lock file.
         if (!file.is_open() && errno == EROFS) {
             m_opened->m_read_only = true;
@@ -248,6 +316,7 @@ private:
         if (!S_ISREG(status.st_mode))
             return failed("open the lock file", "no regular file");
         const int code = allocate(file.get(), kLockFileSize);
+        lock().queue_at(std::move(file));
         return code == 0 || failed("allocate the lock file", std::strerror(code));
     }
 
@@ -260,7 +329,10 @@ private:
         if (environment)
             mdb_env_close(environment);
         environment = nullptr;
-        int code = mdb_env_create(&environment);
+        // Anew each time: whenever a process closes a file, all of its locks on it are gone.
+        int code = lock().queue() < 0 ? 0 : announce_use(lock().queue(), m_deadline);
+        if (code == MDB_SUCCESS)
+            code = mdb_env_create(&environment);
         if (code == MDB_SUCCESS)
             code = mdb_env_set_maxdbs(environment, static_cast<unsigned>(m_layout.trees.size()));
         if (code == MDB_SUCCESS)
@@ -278,11 +350,18 @@ private:
         mdb_filehandle_t fd = -1;
         if (code == MDB_SUCCESS)
             code = mdb_env_get_fd(m_opened->m_environment, &fd);
+        if (code == EWOULDBLOCK)
+            return fail(Kind::busy, m_directory, "open the store", "another process is closing it");
         if (code != MDB_SUCCESS)
             return fail_to_open(mdb_strerror(code));
         struct stat status {};
         if (fcntl(fd, F_SETFD, FD_CLOEXEC) < 0 || fstat(fd, &status) < 0)
             return fail_to_open(std::strerror(errno));
+        MDB_stat layout{};
+        if (const int stat_code = mdb_env_stat(m_opened->m_environment, &layout); stat_code != MDB_SUCCESS)
+            return fail_to_open(mdb_strerror(stat_code));
+        m_opened->m_page_size = layout.ms_psize;
+        m_opened->m_map_size = m_layout.map_size;
         m_opened->m_file = to_file_state(status);
         if (m_opened->m_read_only)
             report(Severity::warning, "can be read only");
@@ -297,7 +376,7 @@ private:
     {
         if (const int code = mdb_env_sync(m_opened->m_environment, 1); code != MDB_SUCCESS)
             return fail(Kind::data_file, m_data_file, "sync the data file", mdb_strerror(code));
-        (void)fsync(m_locked.get()); // as durable as the file system makes it
+        (void)fsync(lock().directory()); // as durable as the file system makes it
         return true;
     }
 
@@ -342,23 +421,26 @@ private:
     const std::string m_data_file;
     const std::string m_lock_file;
     const Layout& m_layout;
+    const base::TimePoint m_deadline;
+    std::unique_ptr<Opened>& m_before;
     Failure& m_failure;
-    Descriptor m_locked; ///< the directory
     bool m_is_new = false;
-    std::unique_ptr<Opened> m_opened; ///< in the making; given back while the directory is still locked
+    std::unique_ptr<Opened> m_opened; ///< in the making
 };
 
-std::unique_ptr<Opened> Opened::open(const std::string& directory, const Layout& layout, Failure& failure)
+std::unique_ptr<Opened> Opened::open(const std::string& directory, const Layout& layout,
+                                     base::TimePoint deadline, std::unique_ptr<Opened>& before,
+                                     Failure& failure)
 {
     watch_for_forks();
-    return Opening(directory, layout, failure).run();
+    return Opening(directory, layout, deadline, before, failure).run();
 }
 
 Opened::Opened() : m_forks(g_forks) {}
 
 Opened::~Opened()
 {
-    if (m_reader && m_forks == g_forks)
+    if (m_reader && is_own())
         mdb_txn_abort(m_reader); // in a fork's child that would give the parent's place away
     if (m_environment)
         mdb_env_close(m_environment);
@@ -366,14 +448,26 @@ Opened::~Opened()
 
 bool Opened::is_sound() const
 {
-    return !m_in_doubt && m_forks == g_forks;
+    return !m_in_doubt && is_own();
+}
+
+bool Opened::is_own() const
+{
+    return m_forks == g_forks;
 }
 
 int Opened::begin_read()
 {
-    if (m_readings == 0)
-        if (const int code = mdb_txn_renew(m_reader); code != MDB_SUCCESS)
+    if (m_readings == 0) {
+        int code = mdb_txn_renew(m_reader);
+        if (code == MDB_MAP_RESIZED) { // the file has grown beyond its limit, to remove something
+            code = mdb_env_set_mapsize(m_environment, 0);
+            if (code == MDB_SUCCESS)
+                code = mdb_txn_renew(m_reader);
+        }
+        if (code != MDB_SUCCESS)
             return code;
+    }
     ++m_readings;
     return MDB_SUCCESS;
 }
@@ -395,13 +489,56 @@ std::uint64_t Opened::written_commit() const
     return mdb_env_info(m_environment, &written) == MDB_SUCCESS ? written.me_last_txnid : 0;
 }
 
-int Opened::wait_for_writer()
+int Opened::publish_commit()
 {
+    if (const int code = m_lock.try_to_take(); code != 0)
+        return code;
+    // Taking the writer's mutex over from the dead does it.
     MDB_txn* transaction = nullptr;
-    const int code = mdb_txn_begin(m_environment, nullptr, 0, &transaction);
+    const int code = begin_write(transaction, /*is_to_remove=*/false);
     if (code == MDB_SUCCESS)
         mdb_txn_abort(transaction);
+    m_lock.release();
     return code;
+}
+
+int Opened::begin_write(MDB_txn*& transaction, bool is_to_remove)
+{
+    if (const int code = fit_map(is_to_remove); code != MDB_SUCCESS)
+        return code;
+    return mdb_txn_begin(m_environment, nullptr, 0, &transaction);
+}
+
+/// Maps as much of the file as may be in use after the transaction that is going to begin.
+int Opened::fit_map(bool is_to_remove)
+{
+    MDB_envinfo info{};
+    if (const int code = mdb_env_info(m_environment, &info); code != MDB_SUCCESS)
+        return code;
+    const std::size_t end = (info.me_last_pgno + 1) * m_page_size;
+    const std::size_t list = m_map_size / m_page_size * sizeof(std::size_t);
+    const std::size_t room = list + kPagesToRemove * m_page_size;
+    std::size_t size = m_map_size;
+    if (is_to_remove && end + room > size)
+        size = std::min(end + room, 2 * m_map_size) / m_page_size * m_page_size;
+    size = std::max(size, end);
+    // What is being read must stay where it is.
+    return size == info.me_mapsize || m_readings > 0 ? MDB_SUCCESS : mdb_env_set_mapsize(m_environment, size);
+}
+
+bool Opened::has_room(MDB_txn* transaction, std::size_t size) const
+{
+    std::size_t pages = size / m_page_size + kPagesToAdd;
+    const auto add = [&](MDB_dbi tree) {
+        MDB_stat status{};
+        if (mdb_stat(transaction, tree, &status) == MDB_SUCCESS)
+            pages += status.ms_branch_pages + status.ms_leaf_pages + status.ms_overflow_pages;
+    };
+    for (const MDB_dbi tree : m_trees)
+        add(tree);
+    add(kFreeList);
+    add(kMainTree);
+    return pages <= (m_map_size - m_map_size / kKeptBack) / m_page_size;
 }
 
 const char* Opened::note_failure(int code)

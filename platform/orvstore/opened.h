@@ -1,5 +1,8 @@
 #pragma once
 
+#include "lock.h"
+
+#include <orvbase/clock.h>
 #include <orvstore/failure.h>
 #include <orvstore/file_state.h>
 #include <orvstore/layout.h>
@@ -19,9 +22,12 @@ namespace orv::store {
 /// return LMDB's error code, 0 for success.
 class Opened {
 public:
-    /// Opens or creates the store in `directory`. Null, with the reason, when that fails.
+    /// Opens or creates the store in `directory`. Null, with the reason, when that fails, or when other
+    /// processes are at it until the deadline. `before`, the one that was open so far, is closed as soon as
+    /// no other process is.
     [[nodiscard]] static std::unique_ptr<Opened> open(const std::string& directory, const Layout& layout,
-                                                      Failure& failure);
+                                                      base::TimePoint deadline,
+                                                      std::unique_ptr<Opened>& before, Failure& failure);
     Opened(const Opened&) = delete;
     Opened& operator=(const Opened&) = delete;
     ~Opened();
@@ -29,6 +35,9 @@ public:
     /// Whether it can go on being used: no operation has left it in doubt, and this is the process that has
     /// opened it.
     [[nodiscard]] bool is_sound() const;
+    /// Whether this is the process that has opened it. What a fork's child has is its parent's: it must neither
+    /// end the parent's transactions nor give the parent's locks back.
+    [[nodiscard]] bool is_own() const;
     [[nodiscard]] bool is_read_only() const { return m_read_only; }
     [[nodiscard]] const FileState& file() const { return m_file; }
 
@@ -44,8 +53,21 @@ public:
     [[nodiscard]] std::uint64_t seen_commit() const;
     /// The last commit in the data file, which readers need not see yet; 0 when it cannot be told.
     [[nodiscard]] std::uint64_t written_commit() const;
-    /// Returns when no other process is writing.
-    [[nodiscard]] int wait_for_writer();
+    /// Makes the last commit visible to readers, whose writer died before it could; EWOULDBLOCK when a
+    /// process is writing, which then is to do that itself.
+    [[nodiscard]] int publish_commit();
+
+    /// Keeps all other writers out; EWOULDBLOCK when there is one until the deadline.
+    [[nodiscard]] int begin_exclusion(base::TimePoint deadline) { return m_lock.take(deadline); }
+    void end_exclusion() { m_lock.release(); }
+    [[nodiscard]] bool is_excluding() const { return m_lock.is_held() && is_own(); }
+    /// Begins a writing transaction, with all other writers kept out.
+    /// If it is to remove something, there will be pages for that.
+    [[nodiscard]] int begin_write(MDB_txn*& transaction, bool is_to_remove);
+    /// Whether an entry of so many bytes still fits, after what the writing transaction has done so far.
+    [[nodiscard]] bool has_room(MDB_txn* transaction, std::size_t size) const;
+    /// Who keeps this process out, for a log.
+    [[nodiscard]] std::string excluded_by() const { return m_lock.holder(); }
 
     /// Takes notice of a failed operation, and tells what its code means.
     const char* note_failure(int code);
@@ -54,12 +76,17 @@ private:
     friend class Opening;
     Opened();
 
+    [[nodiscard]] int fit_map(bool is_to_remove);
+
+    Lock m_lock; ///< outlives LMDB's handles
     MDB_env* m_environment = nullptr;
     MDB_txn* m_reader = nullptr; ///< the one reading transaction: renewed and reset, never ended
     std::vector<unsigned> m_trees;
-    FileState m_file;        ///< the data file
-    unsigned m_readings = 0; ///< readings that are going on, nested ones included
-    unsigned m_forks;        ///< of this process, when it was opened
+    FileState m_file; ///< the data file
+    std::size_t m_page_size = 0;
+    std::size_t m_map_size = 0; ///< what the layout allows
+    unsigned m_readings = 0;    ///< readings that are going on, nested ones included
+    unsigned m_forks;           ///< of this process, when it was opened
     bool m_read_only = false;
     bool m_in_doubt = false;
 };

@@ -66,7 +66,7 @@ std::size_t Transaction::entries(std::size_t tree)
 
 Read::Read(Environment& environment) : Transaction(environment)
 {
-    m_opened = environment.use(Environment::Purpose::reading);
+    m_opened = environment.use_for_reading();
     if (!m_opened)
         m_error = Error::input_output;
     else if (const int code = m_opened->begin_read(); code != MDB_SUCCESS)
@@ -81,24 +81,38 @@ Read::~Read()
         m_opened->end_read();
 }
 
-Write::Write(Environment& environment) : Transaction(environment)
+Write::Write(Environment& environment, Kind kind) : Transaction(environment), m_kind(kind)
 {
-    m_opened = environment.use(Environment::Purpose::writing);
-    if (!m_opened)
-        m_error = Error::input_output;
-    else if (const int code = mdb_txn_begin(m_opened->environment(), nullptr, 0, &m_transaction);
-             code != MDB_SUCCESS)
+    m_error = environment.use_for_writing(m_opened);
+    if (m_error != Error::none)
+        return;
+    if (const int code = m_opened->begin_write(m_transaction, kind == Kind::removing); code != MDB_SUCCESS) {
         m_error = failed("begin to write", code);
+        m_opened->end_exclusion();
+    }
 }
 
 Write::~Write()
 {
-    if (m_transaction)
-        mdb_txn_abort(m_transaction);
+    if (!m_transaction || !m_opened->is_own())
+        return;
+    mdb_txn_abort(m_transaction);
+    m_opened->end_exclusion();
+}
+
+Error Write::check_room(std::string_view key, std::string_view value)
+{
+    if (m_opened->has_room(m_transaction, key.size() + value.size()))
+        return Error::none;
+    m_environment.report_about(Severity::error, "cannot write: it is full");
+    return Error::input_output;
 }
 
 Error Write::put(std::size_t tree, std::string_view key, std::string_view value)
 {
+    if (m_kind == Kind::adding)
+        if (const Error error = check_room(key, value); error != Error::none)
+            return error;
     MDB_val mdb_key = to_value(key);
     MDB_val mdb_value = to_value(value);
     const int code = mdb_put(m_transaction, m_opened->tree(tree), &mdb_key, &mdb_value, 0);
@@ -117,7 +131,9 @@ Error Write::remove(std::size_t tree, std::string_view key)
 Error Write::commit()
 {
     const int code = mdb_txn_commit(std::exchange(m_transaction, nullptr));
-    return code == MDB_SUCCESS ? Error::none : failed("commit", code);
+    const Error error = code == MDB_SUCCESS ? Error::none : failed("commit", code);
+    m_opened->end_exclusion();
+    return error;
 }
 
 Cursor::Cursor(Transaction& transaction, std::size_t tree) : m_transaction(transaction)

@@ -96,6 +96,45 @@ TEST_F(StoreFailureTest, A_store_that_has_reached_its_size_limit_still_reads_and
     EXPECT_EQ(setKey("/tmp/big/0", value), 0);
 }
 
+TEST_F(StoreFailureTest, A_volatile_store_filled_to_its_last_page_can_be_emptied_key_by_key_and_at_once)
+{
+    ASSERT_EQ(init(), 0);
+    for (const std::size_t size : {std::size_t{700}, std::size_t{20000}, kMaxValueSize}) {
+        for (const bool at_once : {true, false}) {
+            int written = 0;
+            while (setKey("/tmp/fill/" + std::to_string(written), std::string(size, 'v')) == 0)
+                ++written;
+            ASSERT_GT(written, 20) << size;
+            EXPECT_EQ(setKey("/tmp/more", std::string(size, 'v')), -2);
+            if (at_once) {
+                ASSERT_EQ(deleteKey("/tmp/fill"), 0) << size;
+            } else {
+                for (int i = 0; i < written; ++i)
+                    ASSERT_EQ(deleteKey("/tmp/fill/" + std::to_string(i)), 0) << size << ", " << i;
+            }
+            EXPECT_EQ(value_of("/tmp/fill"), "error 4");
+            ASSERT_EQ(setKey("/tmp/small", "x"), 0);
+        }
+    }
+}
+
+TEST_F(StoreFailureTest, A_durable_store_filled_to_its_last_page_can_be_emptied)
+{
+    ASSERT_EQ(init(), 0);
+    const std::string value(kMaxValueSize, 'v');
+    int written = 0;
+    while (setKey("/fill/" + std::to_string(written), value) == 0)
+        ++written;
+    ASSERT_GT(written, 20);
+    for (int i = 0; setKey("/fill/small/" + std::to_string(i), value.substr(0, 100000)) == 0; ++i) {
+    }
+    for (int i = 0; i < 12; ++i)
+        ASSERT_EQ(deleteKey("/fill/" + std::to_string(i)), 0);
+    EXPECT_EQ(deleteKey("/fill"), 0);
+    EXPECT_EQ(value_of("/fill"), "error 4");
+    EXPECT_EQ(setKey("/small", "x"), 0);
+}
+
 TEST_F(StoreFailureTest, A_store_cannot_be_created_on_a_full_disk_but_later)
 {
     const Outcome outcome = on_small_disk(tmp(), "64k", [&]() -> int {

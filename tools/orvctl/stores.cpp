@@ -63,6 +63,7 @@ std::string to_text(const Failure& failure)
         return failure.path + " is damaged: " + failure.reason;
     case Failure::Kind::data_file:
     case Failure::Kind::lock_file:
+    case Failure::Kind::busy:
     case Failure::Kind::store:
         break;
     }

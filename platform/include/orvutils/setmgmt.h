@@ -14,6 +14,9 @@
 ///
 /// Failures are negative numbers: the negated error number (orv::Error), which orv::_get_orverrno() also
 /// gives. Not thread-safe.
+///
+/// Nothing waits for another process longer than a second, whatever state that process is in: opening and
+/// writing then fail with error 3. Reading never waits.
 namespace orv::setMgmt {
 
 constexpr std::size_t kMaxKeySize = 511;
@@ -33,7 +36,8 @@ void uninit();
 /// A key's value; `fallback` when it cannot be read.
 [[nodiscard]] std::string getKeyValue(const std::string& key, const std::string& fallback);
 
-/// Writes a key. 0, or below 0: then nothing has changed.
+/// Writes a key. 0, or below 0: then nothing has changed. A value that is there already tells whoever watches
+/// the key, and costs no durable commit.
 [[nodiscard]] int setKey(const std::string& key, const std::string& value);
 
 /// Removes a key with everything below it, all or nothing. 0, or below 0 (error 4 when there is nothing).
@@ -42,6 +46,25 @@ void uninit();
 /// Fills in the names of a key's children, in lexical order. Returns their number (0 for a key that is not
 /// there), or below 0.
 [[nodiscard]] int enumSubkeys(const std::string& key, std::vector<std::string>& names);
+
+/// Writes that belong together: one durable commit for all of them. From its making to its commit or its end,
+/// what setKey() and deleteKey() do in this process goes into it, and getKey() and enumSubkeys() see it; nobody
+/// else does, and other processes cannot write. Each call succeeds or fails as it would alone, and one that
+/// fails leaves the batch as it was before (but for an input/output error, after which all else fails, too).
+///
+/// A batch in another one belongs to that one. The end of the store is that of its batch.
+class Batch {
+public:
+    Batch();
+    Batch(const Batch&) = delete;
+    Batch& operator=(const Batch&) = delete;
+    /// Without a commit, nothing has changed.
+    ~Batch();
+
+    /// 0, or below 0: then nothing has changed (of the keys below /tmp, which come second, perhaps only they
+    /// have not). The batch is over in any case.
+    [[nodiscard]] int commit();
+};
 
 /// Takes the lock named by a key (which need not exist) against other processes, waiting at most one second
 /// (then error 3). Within this process locks are counted. The lock falls with its holder.

@@ -2,7 +2,8 @@
 // the commit that wrote it, so a present key has changed if that number is higher than the snapshot's; a key
 // that is absent now has changed if it was present, or if the journal of removals names it, that is, it came
 // and went in between. After the store itself was replaced, numbers say nothing and every key counts as
-// changed.
+// changed. A durable key that was written over with its value is named by another journal, in the volatile
+// store.
 
 #include "settings_store.h"
 
@@ -21,7 +22,7 @@ using store::Environment;
 using store::Read;
 using store::Transaction;
 
-constexpr std::size_t kRemovalsAtOnce = 64;
+constexpr std::size_t kEntriesAtOnce = 64;
 
 /// What a watch has seen so far.
 struct Seen {
@@ -29,6 +30,13 @@ struct Seen {
     std::uint64_t commit = 0;
     std::uint64_t removals = 0; ///< place in their journal
     bool present = false;
+};
+
+/// What a watch of a durable key has seen of the rewrites.
+struct SeenRewrites {
+    unsigned generation = 0; ///< of the volatile environment; 0 before the first look
+    std::uint64_t commit = 0;
+    std::uint64_t place = 0;
 };
 
 class KeyWatch;
@@ -55,6 +63,8 @@ public:
             return false;
         m_environment = &settings_environment(m_key);
         store::notify::watch(*m_environment);
+        if (!m_key.is_volatile())
+            store::notify::watch(volatile_settings());
         (void)has_changed(); // takes the present state for seen
         all_watches().push_back(this);
         m_active = true;
@@ -68,6 +78,8 @@ public:
         auto& watches = all_watches();
         watches.erase(std::find(watches.begin(), watches.end(), this));
         store::notify::unwatch(*m_environment);
+        if (!m_key.is_volatile())
+            store::notify::unwatch(volatile_settings());
         store::notify::remove(*this); // may end this object's life
     }
 
@@ -87,6 +99,12 @@ public:
 
 private:
     bool has_changed()
+    {
+        const bool rewritten = !m_key.is_volatile() && was_rewritten(); // both are to be looked at
+        return has_record_changed() || rewritten;
+    }
+
+    bool has_record_changed()
     {
         Read snapshot(*m_environment);
         if (snapshot.error() != Error::none)
@@ -110,19 +128,36 @@ private:
         return m_seen.present ? record.commit > before.commit : before.present || removed;
     }
 
-    /// Reads on in the journal of removals.
-    bool was_removed(Transaction& snapshot)
+    bool was_removed(Transaction& snapshot) { return is_named(kRemovalJournal, snapshot, m_seen.removals); }
+
+    bool was_rewritten()
     {
-        bool removed = false;
-        std::vector<std::string> nodes;
+        Read snapshot(volatile_settings());
+        if (snapshot.error() != Error::none)
+            return false;
+        const SeenRewrites before = m_rewrites;
+        const unsigned generation = volatile_settings().generation();
+        if (generation == before.generation && snapshot.id() == before.commit)
+            return false;
+        m_rewrites.generation = generation;
+        m_rewrites.commit = snapshot.id();
+        const bool named = is_named(kRewriteJournal, snapshot, m_rewrites.place);
+        return before.generation != 0 && (named || generation != before.generation);
+    }
+
+    /// Reads on in a journal of keys.
+    bool is_named(const store::Journal& journal, Transaction& snapshot, std::uint64_t& place) const
+    {
+        bool named = false;
+        std::vector<std::string> keys;
         do {
-            nodes.clear();
+            keys.clear();
             bool lost = false;
-            if (kRemovalJournal.read(snapshot, m_seen.removals, kRemovalsAtOnce, nodes, lost) != Error::none)
+            if (journal.read(snapshot, place, kEntriesAtOnce, keys, lost) != Error::none)
                 return true; // unknown; one notice too many does less harm than one too few
-            removed = removed || lost || std::find(nodes.begin(), nodes.end(), m_key.bytes()) != nodes.end();
-        } while (!nodes.empty());
-        return removed;
+            named = named || lost || std::find(keys.begin(), keys.end(), m_key.bytes()) != keys.end();
+        } while (!keys.empty());
+        return named;
     }
 
     path m_path;
@@ -131,6 +166,7 @@ private:
     SettingsKey m_key;
     Environment* m_environment = nullptr;
     Seen m_seen;
+    SeenRewrites m_rewrites;
     bool m_keep;
     bool m_notify_now;
     bool m_active = false;

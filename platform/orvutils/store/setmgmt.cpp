@@ -1,5 +1,6 @@
 // Reading, writing and listing of settings. Records and environments are described in settings_store.h.
 
+#include "batch.h"
 #include "settings_store.h"
 
 #include <orvbase/error_number.h>
@@ -30,7 +31,8 @@ void report(store::Severity severity, const std::string& text)
 
 struct Environments {
     Environment durable{{"var/settings", {"values", "removals"}, 64 * kMegabyte, true, report}};
-    Environment volatile_keys{{"tmp/settings", {"values", "removals"}, 32 * kMegabyte, false, report}};
+    Environment volatile_keys{
+        {"tmp/settings", {"values", "removals", "rewrites"}, 32 * kMegabyte, false, report}};
 };
 
 /// Live as long as the process: they hold what the operating system releases anyhow.
@@ -59,11 +61,43 @@ Error tell_absence(Transaction& transaction, const SettingsKey& key)
     return cursor.error() != Error::none ? cursor.error() : Error::no_such_key;
 }
 
-Error read_value(const SettingsKey& key, std::string& value)
+/// Calls a function with what is to be read: what the open batch has written there, or a snapshot.
+template <typename Function>
+Error read_in(Environment& environment, Function&& function)
 {
-    Read transaction(settings_environment(key));
+    if (OpenBatch* batch = open_batch())
+        if (Transaction* transaction = batch->to_read(environment))
+            return function(*transaction);
+    Read snapshot(environment);
+    return snapshot.error() == Error::none ? function(snapshot) : snapshot.error();
+}
+
+/// Calls a function with a transaction that it is to write to, and commits it unless it is a batch's.
+template <typename Function>
+Error write_in(Environment& environment, Write::Kind kind, Function&& function)
+{
+    if (OpenBatch* batch = open_batch()) {
+        Error error = Error::none;
+        Write* transaction = batch->to_write(environment, error);
+        return transaction ? function(*transaction) : error;
+    }
+    Write transaction(environment, kind);
     if (transaction.error() != Error::none)
         return transaction.error();
+    const Error error = function(transaction);
+    return error == Error::none ? transaction.commit() : error;
+}
+
+/// For an error that may have left half of a change in an open batch.
+Error fail_batch(Error error)
+{
+    if (OpenBatch* batch = open_batch(); batch && error != Error::none)
+        batch->fail();
+    return error;
+}
+
+Error read_value_in(Transaction& transaction, const SettingsKey& key, std::string& value)
+{
     SettingsRecord record;
     const Error error = key.is_root() ? Error::no_such_key : read_record(transaction, key, record);
     if (error == Error::no_such_key)
@@ -73,19 +107,52 @@ Error read_value(const SettingsKey& key, std::string& value)
     return error;
 }
 
-Error write_value(const SettingsKey& key, std::string_view value)
+Error read_value(const SettingsKey& key, std::string& value)
 {
-    Write transaction(settings_environment(key));
-    if (transaction.error() != Error::none)
-        return transaction.error();
+    return read_in(settings_environment(key),
+                   [&](Transaction& transaction) { return read_value_in(transaction, key, value); });
+}
+
+/// Whether the key has this value already.
+bool has_value(const SettingsKey& key, std::string_view value)
+{
+    return read_in(settings_environment(key), [&](Transaction& transaction) {
+               SettingsRecord record;
+               const Error error = read_record(transaction, key, record);
+               return error == Error::none && record.value != value ? Error::no_value : error;
+           }) == Error::none;
+}
+
+/// A durable value that is there already is left where it is. False when nobody can be told that way.
+bool rewrite_value(const SettingsKey& key, std::string_view value)
+{
+    if (key.is_volatile() || !has_value(key, value))
+        return false;
+    if (OpenBatch* batch = open_batch()) {
+        batch->note_rewrite(key);
+        return true;
+    }
+    return tell_rewrites({std::string(key.bytes())}) == Error::none;
+}
+
+Error put_value(Write& transaction, const SettingsKey& key, std::string_view value)
+{
     const std::uint64_t commit = transaction.id();
     std::string record(kStampSize + value.size(), '\0');
     std::memcpy(record.data(), &commit, kStampSize);
     if (!value.empty())
         std::memcpy(record.data() + kStampSize, value.data(), value.size());
-    if (const Error error = transaction.put(kValues, key.bytes(), record); error != Error::none)
+    if (const Error error = transaction.check_room(key.bytes(), record); error != Error::none)
         return error;
-    return transaction.commit();
+    return fail_batch(transaction.put(kValues, key.bytes(), record));
+}
+
+Error write_value(const SettingsKey& key, std::string_view value)
+{
+    if (rewrite_value(key, value))
+        return Error::none;
+    return write_in(settings_environment(key), Write::Kind::adding,
+                    [&](Write& transaction) { return put_value(transaction, key, value); });
 }
 
 /// Removes every node from the key down that has a value, and tells the journal of each.
@@ -112,12 +179,10 @@ Error remove_nodes(Write& transaction, const SettingsKey& key)
 
 Error remove_tree(const SettingsKey& key)
 {
-    Write transaction(settings_environment(key));
-    if (transaction.error() != Error::none)
-        return transaction.error();
-    if (const Error error = remove_nodes(transaction, key); error != Error::none)
-        return error;
-    return transaction.commit();
+    return write_in(settings_environment(key), Write::Kind::removing, [&](Write& transaction) {
+        const Error error = remove_nodes(transaction, key);
+        return error == Error::no_such_key ? error : fail_batch(error);
+    });
 }
 
 /// Whether a piece of a stored key can be one of a path: else the path would lead somewhere else.
@@ -133,11 +198,8 @@ Error report_malformed(const char* what)
 }
 
 /// Appends the names of a key's children in one environment.
-Error list_children(Environment& environment, const SettingsKey& key, std::vector<std::string>& names)
+Error list_children_in(Transaction& transaction, const SettingsKey& key, std::vector<std::string>& names)
 {
-    Read transaction(environment);
-    if (transaction.error() != Error::none)
-        return transaction.error();
     Cursor cursor(transaction, kValues);
     const std::string_view prefix = key.prefix();
     std::string from(prefix);
@@ -155,6 +217,12 @@ Error list_children(Environment& environment, const SettingsKey& key, std::vecto
         from = std::string(prefix).append(name) + '\1';
     }
     return cursor.error();
+}
+
+Error list_children(Environment& environment, const SettingsKey& key, std::vector<std::string>& names)
+{
+    return read_in(environment,
+                   [&](Transaction& transaction) { return list_children_in(transaction, key, names); });
 }
 
 Error list_all_children(const SettingsKey& key, std::vector<std::string>& names)
@@ -179,6 +247,23 @@ int result(Error error)
 Environment& settings_environment(const SettingsKey& key)
 {
     return key.is_volatile() ? environments().volatile_keys : environments().durable;
+}
+
+Environment& volatile_settings()
+{
+    return environments().volatile_keys;
+}
+
+Error tell_rewrites(const std::vector<std::string>& keys)
+{
+    // Like a removal's it is bounded, so it may use the room that is kept back.
+    Write transaction(volatile_settings(), Write::Kind::removing);
+    if (transaction.error() != Error::none)
+        return transaction.error();
+    for (const std::string& key : keys)
+        if (const Error error = kRewriteJournal.append(transaction, key); error != Error::none)
+            return error;
+    return transaction.commit();
 }
 
 Error read_record(Transaction& transaction, const SettingsKey& key, SettingsRecord& record)
@@ -216,6 +301,7 @@ int init()
 
 void uninit()
 {
+    detail::drop_batch();
     detail::settings_closing();
     detail::environments().volatile_keys.close();
     detail::environments().durable.close();

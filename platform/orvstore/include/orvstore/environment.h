@@ -1,5 +1,6 @@
 #pragma once
 
+#include <orvbase/clock.h>
 #include <orvbase/error.h>
 #include <orvstore/failure.h>
 #include <orvstore/file_state.h>
@@ -7,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <variant>
 
@@ -20,6 +22,10 @@ class Opened;
 /// Between open() and close() the environment looks after itself: one that was deleted, replaced or broken by
 /// an input/output error is opened again as soon as it is there, on the next use. Each failure is reported
 /// once.
+///
+/// Other processes may be stopped at any moment, while they write, open or close the store: reading goes on,
+/// writing and opening wait for them no longer than the layout says. Who was waited for in vain is not waited
+/// for a second time until he has got somewhere.
 class Environment {
 public:
     explicit Environment(Layout layout);
@@ -29,7 +35,7 @@ public:
 
     /// Opens or creates it, below the root directory as it is named now. Falls back to reading only on a
     /// read-only file system, and where the data file, but not the lock file, must not be written. A failure
-    /// leaves it closed.
+    /// leaves it closed. Error::timed_out when other processes were at it all the time; a wait is reported.
     [[nodiscard]] Error open();
     void close();
     [[nodiscard]] bool is_wanted() const { return !std::holds_alternative<Closed>(m_state); }
@@ -43,9 +49,10 @@ public:
     /// The same, at once.
     void refresh();
 
-    /// Makes every commit visible that has reached the data file. (A commit becomes visible to readers an
-    /// instant after LMDB has written it; a writer that is killed in between leaves it for the next one.)
-    void catch_up();
+    /// Whether every commit that has reached the data file is visible. (A commit becomes visible to readers an
+    /// instant after LMDB has written it; for a writer that was killed in between this does it.) Never waits:
+    /// false while a writer in between is alive, who is to be asked about again.
+    [[nodiscard]] bool catch_up();
 
     /// 0 while nothing is open; else another number for every store that this environment has opened.
     [[nodiscard]] unsigned generation() const;
@@ -72,10 +79,15 @@ private:
 
     enum class Purpose { reading, writing };
 
-    [[nodiscard]] Opened* use(Purpose purpose);
+    [[nodiscard]] Opened* opened() const;
+    [[nodiscard]] Opened* use_for_reading();
+    [[nodiscard]] Error use_for_writing(Opened*& opened);
     [[nodiscard]] bool is_as_it_should_be(const Opened& opened, Purpose purpose);
-    [[nodiscard]] Opened* reopen();
+    [[nodiscard]] bool is_due_for_a_check();
+    [[nodiscard]] Opened* reopen(base::TimePoint deadline);
     [[nodiscard]] Opened* take(std::unique_ptr<Opened> opened);
+    [[nodiscard]] base::TimePoint deadline() const;
+    [[nodiscard]] Error keep_out(const Opened& opened);
     Error operation_failed(Opened& opened, const char* doing, int code) const;
     void report_about(Severity severity, const std::string& text) const;
 
@@ -85,7 +97,8 @@ private:
     std::variant<Closed, Missing, std::unique_ptr<Opened>> m_state;
     FileState m_last_opened; ///< the data file that was opened last
     unsigned m_generation = 0;
-    std::int64_t m_last_check_ms = 0; ///< of whether the store is still the one under its name
+    std::int64_t m_last_check_ms = 0;        ///< of whether the store is still the one under its name
+    std::optional<std::uint64_t> m_stuck_at; ///< the last commit when a writer was waited for in vain
 };
 
 } // namespace orv::store

@@ -12,6 +12,7 @@ struct Failure {
         data_file,
         damage, ///< the data file is not what a store's can be
         lock_file,
+        busy,  ///< another process is opening or writing it, and takes its time
         store, ///< all else: LMDB's own reasons, room for example
     };
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -20,11 +21,14 @@ using Report = void (*)(Severity severity, const std::string& text);
 struct Layout {
     const char* directory; ///< relative to the agent's root
     std::vector<const char*> trees;
-    std::size_t map_size; ///< bytes that the data file can grow to
+    /// Bytes that the data file can grow to. A sixteenth is kept back for removing, which may even exceed it.
+    std::size_t map_size;
     /// A commit is on disk when it returns. A store that is not synced need not outlive a crash of the
     /// system: when it is damaged, and nobody has it open, it is created anew.
     bool synced;
     Report report = nullptr; ///< null: nobody listens
+    /// How long writing and opening wait for other processes; reading never does.
+    std::chrono::milliseconds patience = std::chrono::seconds{1};
 };
 
 } // namespace orv::store

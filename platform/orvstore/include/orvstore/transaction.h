@@ -55,17 +55,29 @@ public:
     ~Read();
 };
 
-/// Changes the environment, all or nothing. Waits for writers in other processes; must not be nested.
+/// Changes the environment, all or nothing. Waits for writers in other processes as long as the layout says,
+/// then fails with Error::timed_out; must not be nested.
 class Write : public Transaction {
 public:
-    explicit Write(Environment& environment);
+    /// What it is for: a full store refuses what adds to it; what removes may use the room that is kept back,
+    /// and may write as well whatever tells of the removal.
+    enum class Kind { adding, removing };
+
+    explicit Write(Environment& environment, Kind kind = Kind::adding);
     ~Write();
+
+    /// Error::input_output, with a report, when an entry of this size does not fit: nothing has happened then
+    /// and the transaction can go on. An adding transaction looks for itself.
+    [[nodiscard]] Error check_room(std::string_view key, std::string_view value);
 
     [[nodiscard]] Error put(std::size_t tree, std::string_view key, std::string_view value);
     /// Removes an entry; Error::no_such_key, without a report, when it is not there.
     [[nodiscard]] Error remove(std::size_t tree, std::string_view key);
     /// Ends the transaction. Without it the destructor drops everything.
     [[nodiscard]] Error commit();
+
+private:
+    Kind m_kind;
 };
 
 /// A place in a tree, in key order. Ends before its transaction does. The functions that move tell whether

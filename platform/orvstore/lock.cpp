@@ -1,0 +1,122 @@
+// The locks are flock()s, which the kernel gives back when their holder dies, and which are asked for again and
+// again instead of waited for: nothing else bounds the wait for a process that is stopped. Alone that would be
+// unfair to those who wait, since one who writes without a pause would always be there first. Hence the queue:
+// only one process at a time tries to get the lock, and who has just released it has to queue up again.
+
+#include "lock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <fstream>
+
+namespace orv::store {
+
+namespace {
+
+using base::Clock;
+using base::TimePoint;
+
+constexpr long kFirstPauseNs = 50'000;
+constexpr long kLongestPauseNs = 2'000'000;
+
+int try_lock(int fd)
+{
+    while (flock(fd, LOCK_EX | LOCK_NB) < 0)
+        if (errno != EINTR)
+            return errno;
+    return 0;
+}
+
+void unlock(int fd)
+{
+    (void)flock(fd, LOCK_UN); // of a lock that is held; closing the file gives it back in any case
+}
+
+int wait_for_lock(int fd, TimePoint deadline)
+{
+    for (long pause_ns = kFirstPauseNs;; pause_ns = std::min(2 * pause_ns, kLongestPauseNs)) {
+        const int code = try_lock(fd);
+        if (code != EWOULDBLOCK || Clock::now() >= deadline)
+            return code;
+        const timespec pause{0, pause_ns};
+        (void)nanosleep(&pause, nullptr); // a signal only shortens it
+    }
+}
+
+/// What /proc says of a process: " (orvctl), which is stopped"; nothing when it does not.
+std::string describe_process(int process)
+{
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::string line;
+    std::getline(file, line); // "1234 (orvctl) T 1 ..."
+    const auto open = line.find('(');
+    const auto close = line.rfind(')');
+    if (open == std::string::npos || close == std::string::npos || close + 2 >= line.size())
+        return {};
+    const char state = line[close + 2];
+    return " " + line.substr(open, close + 1 - open) +
+           (state == 'T' || state == 't' ? ", which is stopped" : "");
+}
+
+} // namespace
+
+int Lock::open(const std::string& directory)
+{
+    m_directory = base::Descriptor(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return m_directory.is_open() ? 0 : errno;
+}
+
+int Lock::take(TimePoint deadline)
+{
+    // A queue that does not work costs nothing but fairness.
+    const int queued = m_queue.is_open() ? wait_for_lock(m_queue.get(), deadline) : ENOTSUP;
+    if (queued == EWOULDBLOCK)
+        return queued;
+    const int code = wait_for_lock(m_directory.get(), deadline);
+    if (queued == 0)
+        unlock(m_queue.get());
+    m_is_held = code == 0;
+    return code;
+}
+
+int Lock::try_to_take()
+{
+    const int code = try_lock(m_directory.get());
+    m_is_held = code == 0;
+    return code;
+}
+
+void Lock::release()
+{
+    if (std::exchange(m_is_held, false))
+        unlock(m_directory.get());
+}
+
+std::string Lock::holder() const
+{
+    struct stat status {};
+    std::ifstream locks("/proc/locks");
+    if (fstat(m_directory.get(), &status) == 0)
+        for (std::string line; std::getline(locks, line);) {
+            // "1: FLOCK  ADVISORY  WRITE 1234 fe:00:5678 0 EOF"
+            int process = 0;
+            unsigned int major = 0;
+            unsigned int minor = 0;
+            unsigned long long inode = 0;
+            if (std::sscanf(line.c_str(), "%*u: FLOCK ADVISORY WRITE %d %x:%x:%llu", // NOLINT(cert-err34-c)
+                            &process, &major, &minor, &inode) == 4 &&
+                inode == status.st_ino && makedev(major, minor) == status.st_dev && process > 0)
+                return "process " + std::to_string(process) + describe_process(process);
+        }
+    return "another process";
+}
+
+} // namespace orv::store

@@ -1,0 +1,405 @@
+// Other processes that are stopped, at any moment of opening, writing and closing a store, greedy or killed:
+// nobody waits for them longer than the layout says, and afterwards all is well.
+
+#include "process_support.h"
+
+#include <orvstore/notify.h>
+#include <orvstore/transaction.h>
+
+#include <gtest/gtest.h>
+
+#include <sys/file.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+
+using namespace orv::store;
+using orv::Error;
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr milliseconds kPatience{20};
+/// What the machine may take for itself, beside the waiting.
+constexpr milliseconds kSlack{400};
+
+std::vector<std::string>& told()
+{
+    static std::vector<std::string> lines;
+    return lines;
+}
+
+void tell(Severity severity, const std::string& text)
+{
+    told().push_back(std::to_string(static_cast<int>(severity)) + " " + text);
+}
+
+Layout layout(milliseconds patience = kPatience)
+{
+    return {"store", {"a"}, std::size_t{1024} * 1024, true, tell, patience};
+}
+
+Error write(Environment& environment, const std::string& value)
+{
+    Write transaction(environment);
+    if (transaction.error() != Error::none)
+        return transaction.error();
+    if (const Error error = transaction.put(0, "key", value); error != Error::none)
+        return error;
+    return transaction.commit();
+}
+
+std::string value_in(Environment& environment)
+{
+    Read transaction(environment);
+    std::string_view value;
+    if (transaction.error() != Error::none)
+        return "unreadable";
+    return transaction.get(0, "key", value) == Error::none ? std::string(value) : "absent";
+}
+
+/// How long something takes.
+milliseconds duration_of(const std::function<void()>& action)
+{
+    const auto begin = Clock::now();
+    action();
+    return std::chrono::duration_cast<milliseconds>(Clock::now() - begin);
+}
+
+/// A child process that goes on from system call to system call: it is stopped before and after each.
+class Stepped {
+public:
+    explicit Stepped(const std::function<int()>& body) : m_process(fork())
+    {
+        if (m_process == 0) {
+            if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
+                _exit(111);
+            (void)raise(SIGSTOP);
+            _exit(body());
+        }
+        m_is_there = wait();
+    }
+    Stepped(const Stepped&) = delete;
+    Stepped& operator=(const Stepped&) = delete;
+    ~Stepped() { kill(); }
+
+    /// On to the next stop; false when it has ended instead.
+    bool step()
+    {
+        m_is_there = m_is_there && ptrace(PTRACE_SYSCALL, m_process, nullptr, nullptr) == 0 && wait();
+        return m_is_there;
+    }
+
+    void kill()
+    {
+        if (!std::exchange(m_is_there, false))
+            return;
+        (void)::kill(m_process, SIGKILL);
+        (void)wait_for(m_process);
+    }
+
+    void let_go()
+    {
+        if (!std::exchange(m_is_there, false))
+            return;
+        (void)ptrace(PTRACE_DETACH, m_process, nullptr, nullptr);
+        m_status = wait_for(m_process);
+    }
+
+    /// The exit status, or 1000 + the signal that it died by.
+    [[nodiscard]] int status() const { return m_status; }
+
+private:
+    bool wait()
+    {
+        int status = 0;
+        if (waitpid(m_process, &status, 0) != m_process)
+            return false;
+        if (WIFSTOPPED(status))
+            return true;
+        m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+        return false;
+    }
+
+    pid_t m_process;
+    bool m_is_there = false;
+    int m_status = -1;
+};
+
+int open_and_write(const std::string& value)
+{
+    Environment environment(layout(milliseconds(10000)));
+    REQUIRE(environment.open() == Error::none);
+    REQUIRE(write(environment, value) == Error::none);
+    environment.close();
+    return 0;
+}
+
+/// Opens the store in a process of its own; its error.
+Error open_elsewhere(milliseconds patience = kPatience)
+{
+    const Outcome outcome = in_child([&] {
+        Environment environment(layout(patience));
+        return static_cast<int>(environment.open());
+    });
+    return static_cast<Error>(outcome.status);
+}
+
+bool is_bounded(Error error)
+{
+    return error == Error::none || error == Error::timed_out;
+}
+
+class Seeing : public notify::Listener {
+public:
+    explicit Seeing(Environment& environment) : m_environment(environment) {}
+    void look() override { m_seen = value_in(m_environment); }
+    [[nodiscard]] const std::string& seen() const { return m_seen; }
+
+private:
+    Environment& m_environment;
+    std::string m_seen;
+};
+
+class StoppedTest : public testing::Test {
+protected:
+    void SetUp() override { told().clear(); }
+
+    TemporaryRoot m_root;
+};
+
+} // namespace
+
+TEST_F(StoppedTest, A_process_stopped_in_any_system_call_of_opening_writing_or_closing_freezes_nobody)
+{
+    Environment environment(layout());
+    ASSERT_EQ(environment.open(), Error::none);
+    ASSERT_EQ(write(environment, "first"), Error::none);
+    notify::watch(environment);
+    const auto listener = std::make_shared<Seeing>(environment);
+    notify::add(listener);
+    std::string last = "first";
+    int refused = 0;
+    bool is_over = false;
+    int steps = 0;
+    for (; !is_over; ++steps) {
+        const std::string next = "step " + std::to_string(steps);
+        Stepped other([&] { return open_and_write(next); });
+        for (int i = 0; i < steps && !is_over; ++i)
+            is_over = !other.step();
+        if (is_over)
+            break;
+        EXPECT_LT(duration_of([&] {
+                      const std::string value = value_in(environment);
+                      EXPECT_TRUE(value == last || value == next) << value;
+                      (void)notify::descriptor();
+                      notify::read();
+                  }),
+                  kSlack)
+            << steps;
+        Error error = Error::none;
+        EXPECT_LT(duration_of([&] { error = write(environment, "mine"); }), kPatience + kSlack) << steps;
+        EXPECT_TRUE(is_bounded(error)) << steps;
+        refused += error == Error::timed_out ? 1 : 0;
+        EXPECT_LT(duration_of([&] { error = open_elsewhere(); }), kPatience + kSlack) << steps;
+        EXPECT_TRUE(is_bounded(error)) << steps;
+        if (steps % 2 == 0) {
+            other.let_go();
+            EXPECT_EQ(other.status(), 0) << steps;
+            // Its commit is noticed, whatever it was stopped in.
+            const auto deadline = Clock::now() + std::chrono::seconds(20);
+            while (listener->seen() != next && Clock::now() < deadline)
+                if (is_readable(notify::descriptor(), 1))
+                    notify::read();
+            EXPECT_EQ(listener->seen(), next) << steps;
+        } else {
+            other.kill();
+        }
+        last = "after " + std::to_string(steps);
+        ASSERT_EQ(write(environment, last), Error::none) << steps;
+        EXPECT_EQ(value_in(environment), last);
+        EXPECT_EQ(open_elsewhere(), Error::none) << steps;
+    }
+    EXPECT_GT(steps, 60) << "system calls were looked at";
+    EXPECT_GT(refused, 10) << "some of them with the lock held";
+    notify::remove(*listener);
+    notify::unwatch(environment);
+}
+
+TEST_F(StoppedTest, A_process_stopped_in_any_system_call_of_creating_the_store_lets_others_create_it_later)
+{
+    bool is_over = false;
+    for (int steps = 0; !is_over; ++steps) {
+        fs::remove_all(m_root.path() + "/store");
+        Stepped other([] { return open_and_write("other"); });
+        for (int i = 0; i < steps && !is_over; ++i)
+            is_over = !other.step();
+        Environment environment(layout());
+        Error error = Error::none;
+        EXPECT_LT(duration_of([&] { error = environment.open(); }), kPatience + kSlack) << steps;
+        EXPECT_TRUE(is_bounded(error)) << steps;
+        environment.close();
+        if (steps % 2 == 0)
+            other.let_go();
+        else
+            other.kill();
+        ASSERT_EQ(environment.open(), Error::none) << steps;
+        ASSERT_EQ(write(environment, "mine"), Error::none) << steps;
+    }
+}
+
+TEST_F(StoppedTest, A_writer_that_is_stopped_again_and_again_costs_others_nothing_but_the_bound)
+{
+    Environment environment(layout());
+    ASSERT_EQ(environment.open(), Error::none);
+    Companion writer([](Companion::Ends) -> int {
+        Environment own(layout(milliseconds(10000)));
+        REQUIRE(own.open() == Error::none);
+        for (unsigned i = 0;; ++i)
+            REQUIRE(write(own, "its " + std::to_string(i)) == Error::none);
+        return 0;
+    });
+    std::mt19937 random(1); // NOLINT(cert-msc32-c,cert-msc51-cpp): the same moments on each run
+    for (int round = 0; round < 200; ++round) {
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
+        ASSERT_EQ(kill(writer.pid(), SIGSTOP), 0);
+        Error error = Error::none;
+        EXPECT_LT(duration_of([&] { error = write(environment, "mine"); }), kPatience + kSlack);
+        EXPECT_TRUE(is_bounded(error));
+        EXPECT_LT(duration_of([&] { EXPECT_NE(value_in(environment), "unreadable"); }), kSlack);
+        ASSERT_EQ(kill(writer.pid(), SIGCONT), 0);
+    }
+    writer.kill();
+    EXPECT_EQ(writer.join(), 1000 + SIGKILL);
+    EXPECT_EQ(write(environment, "mine"), Error::none);
+    EXPECT_EQ(value_in(environment), "mine");
+}
+
+TEST_F(StoppedTest, Who_writes_without_a_pause_keeps_nobody_out)
+{
+    constexpr milliseconds kLongWrite{5};
+    Environment environment(layout(milliseconds(1000)));
+    ASSERT_EQ(environment.open(), Error::none);
+    Companion greedy([&](Companion::Ends ends) -> int {
+        Environment own(layout(milliseconds(10000)));
+        REQUIRE(own.open() == Error::none);
+        for (bool told_so = false;;) {
+            Write transaction(own);
+            REQUIRE(transaction.error() == Error::none);
+            REQUIRE(transaction.put(0, "greedy", "x") == Error::none);
+            if (!std::exchange(told_so, true))
+                REQUIRE(::write(ends.out, "w", 1) == 1);
+            std::this_thread::sleep_for(kLongWrite);
+            REQUIRE(transaction.commit() == Error::none);
+        }
+        return 0;
+    });
+    ASSERT_EQ(greedy.hear(), 'w');
+    for (int i = 0; i < 20; ++i)
+        EXPECT_LT(duration_of([&] { EXPECT_EQ(write(environment, "mine"), Error::none); }),
+                  10 * kLongWrite + kSlack);
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(open_elsewhere(milliseconds(1000)), Error::none);
+}
+
+TEST_F(StoppedTest, A_refused_write_is_one_line_that_names_the_holder_and_does_not_wait_twice_for_it)
+{
+    constexpr milliseconds kLong{300};
+    Environment environment(layout(kLong));
+    ASSERT_EQ(environment.open(), Error::none);
+    ASSERT_EQ(write(environment, "first"), Error::none);
+    Companion holder([](Companion::Ends ends) -> int {
+        Environment own(layout());
+        REQUIRE(own.open() == Error::none);
+        Write transaction(own);
+        REQUIRE(transaction.error() == Error::none);
+        REQUIRE(::write(ends.out, "w", 1) == 1);
+        REQUIRE(raise(SIGSTOP) == 0);
+        REQUIRE(transaction.put(0, "key", "its") == Error::none);
+        REQUIRE(transaction.commit() == Error::none);
+        return 0;
+    });
+    ASSERT_EQ(holder.hear(), 'w');
+    int status = 0;
+    ASSERT_EQ(waitpid(holder.pid(), &status, WUNTRACED), holder.pid());
+    EXPECT_GE(duration_of([&] { EXPECT_EQ(write(environment, "mine"), Error::timed_out); }), kLong);
+    EXPECT_EQ(told(), std::vector<std::string>{
+                          "0 store store: cannot begin to write: it is being written by process " +
+                          std::to_string(holder.pid()) + " (platform_orvsto), which is stopped"});
+    EXPECT_LT(duration_of([&] {
+                  for (int i = 0; i < 10; ++i)
+                      EXPECT_EQ(write(environment, "mine"), Error::timed_out);
+              }),
+              kLong);
+    EXPECT_EQ(value_in(environment), "first");
+    ASSERT_EQ(kill(holder.pid(), SIGCONT), 0);
+    EXPECT_EQ(holder.join(), 0);
+    EXPECT_EQ(value_in(environment), "its");
+    EXPECT_EQ(write(environment, "mine"), Error::none);
+}
+
+TEST_F(StoppedTest, Opening_tells_why_it_waits_and_ends_after_the_bound)
+{
+    {
+        Environment other(layout());
+        ASSERT_EQ(other.open(), Error::none);
+    }
+    const Fd directory(open((m_root.path() + "/store").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(flock(directory, LOCK_EX), 0);
+    Environment environment(layout(milliseconds(300)));
+    EXPECT_LT(duration_of([&] { EXPECT_EQ(environment.open(), Error::timed_out); }),
+              milliseconds(300) + kSlack);
+    const std::string holder = "process " + std::to_string(getpid()) + " (platform_orvsto)";
+    EXPECT_EQ(environment.failure().kind, Failure::Kind::busy);
+    EXPECT_EQ(told(),
+              (std::vector<std::string>{
+                  "1 store store: waiting for " + holder,
+                  "0 store store: cannot open the store: it is being opened or written by " + holder}));
+    ASSERT_EQ(flock(directory, LOCK_UN), 0);
+    EXPECT_EQ(environment.open(), Error::none);
+}
+
+TEST_F(StoppedTest, A_replaced_store_is_read_on_while_its_successor_is_locked)
+{
+    Environment environment(layout());
+    ASSERT_EQ(environment.open(), Error::none);
+    ASSERT_EQ(write(environment, "first"), Error::none);
+    fs::rename(m_root.path() + "/store", m_root.path() + "/away");
+    fs::create_directory(m_root.path() + "/store");
+    const Fd directory(open((m_root.path() + "/store").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(flock(directory, LOCK_EX), 0);
+    environment.refresh();
+    EXPECT_EQ(value_in(environment), "first");
+    EXPECT_EQ(write(environment, "mine"), Error::timed_out);
+    ASSERT_EQ(flock(directory, LOCK_UN), 0);
+    EXPECT_EQ(write(environment, "mine"), Error::none);
+    EXPECT_EQ(value_in(environment), "mine");
+}
+
+TEST_F(StoppedTest, A_write_within_a_write_is_refused_instead_of_waiting_for_itself)
+{
+    Environment environment(layout());
+    ASSERT_EQ(environment.open(), Error::none);
+    Write outer(environment);
+    ASSERT_EQ(outer.error(), Error::none);
+    EXPECT_EQ(write(environment, "inner"), Error::input_output);
+    ASSERT_EQ(outer.put(0, "key", "outer"), Error::none);
+    ASSERT_EQ(outer.commit(), Error::none);
+    EXPECT_EQ(value_in(environment), "outer");
+}
