@@ -219,14 +219,15 @@ TEST_F(Script, WithoutMemoryIsAFailureAndNoException)
     const Outcome outcome = in_child([&] {
         const std::vector<std::vector<std::string>> commands = {{script}};
         const std::string shell = kShell;
-        for (long left = 0;; ++left) {
-            g_memory_left = left;
-            const int result = exec_script(commands, shell, 0);
-            const bool failed_some = g_memory_left == 0;
-            g_memory_left = -1;
+        for (unsigned long number = 1;; ++number) {
+            int result = 0;
+            {
+                const FailingMemory memory(number, /*from_then_on=*/true);
+                result = exec_script(commands, shell, /*flags=*/0);
+            }
             if (result == 0)
-                return left > 0 ? 0 : 1;
-            if (result != kFailed || !failed_some || orv::_get_orverrno() != -kFailed)
+                return number > 1 && !FailingMemory::has_failed() ? 0 : 1;
+            if (result != kFailed || !FailingMemory::has_failed() || orv::_get_orverrno() != -kFailed)
                 return 2;
         }
     });
