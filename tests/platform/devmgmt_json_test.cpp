@@ -10,8 +10,8 @@ namespace {
 constexpr const char* kFullText =
     R"({"did": "d1", "owner": "router", "macs": {"aa:bb:cc:00:00:01": ["192.168.1.20", "fe80::1"], )"
     R"("aa:bb:cc:00:00:02": []}, "display_name": "TV", "friendly_name": "Big \"TV\"", "device_type": "tv", )"
-    R"("device_os": "tvos", "device_os_version": "1.2", "device_manufacturer": "ACME", )"
-    R"("last_va_scan_ts": "1700000000", "traffic_blocked": 1})";
+    R"("device_os": "Linux", "device_os_version": "6.1", "device_manufacturer": "Acme", )"
+    R"("last_va_scan_ts": "1699999999", "traffic_blocked": 1})";
 
 /// The device's JSON text, or the error.
 std::string convert(const char* text)

@@ -2,23 +2,17 @@
 
 #include "devmgmt_support.h"
 
+#include "make_device.h"
+
 using orv::devMgmt::Device;
 
 Device make_device(const std::string& did)
 {
-    Device device;
-    device.did = did;
-    device.owner = "router";
+    Device device = orv::test::make_device(did, "router");
     device.macs[orv::sockutl::macaddr("aa:bb:cc:00:00:01")] = {orv::sockutl::address("192.168.1.20"),
                                                                orv::sockutl::address("fe80::1")};
     device.macs[orv::sockutl::macaddr("aa:bb:cc:00:00:02")];
-    device.display_name = "TV";
     device.friendly_name = "Big \"TV\"";
-    device.device_type = "tv";
-    device.device_os = "tvos";
-    device.device_os_version = "1.2";
-    device.device_manufacturer = "ACME";
-    device.last_va_scan_ts = "1700000000";
     device.traffic_blocked = 1;
     return device;
 }

@@ -134,11 +134,11 @@ Result process_start_cloud_registration(json_t* data)
 Result process_register(json_t* data, json_t*& out)
 {
     constexpr std::size_t kCheckOnly = JSON_VALIDATE_ONLY | JSON_STRICT;
-    if (json_unpack_ex(data, nullptr, kCheckOnly, "{s:s}", "router_id") == 0) {
+    if (json_unpack_ex(data, /*error=*/nullptr, kCheckOnly, "{s:s}", "router_id") == 0) {
         ORV_LOG(log::kInfo, "Starting router_id registration");
         return kPending;
     }
-    if (json_unpack_ex(data, nullptr, kCheckOnly, "{s:s,s:s,s:s}", "token", "mac", "redeem") == 0) {
+    if (json_unpack_ex(data, /*error=*/nullptr, kCheckOnly, "{s:s,s:s,s:s}", "token", "mac", "redeem") == 0) {
         ORV_LOG(log::kInfo, "Starting token, mac, redeem registration");
         return kPending;
     }
@@ -399,7 +399,7 @@ bool is_confirmed(const Message* answer, log::Caller caller = log::caller())
 /// A change of a device's traffic on its way.
 struct TrafficBlockedData {
     TextPtr device_id;
-    int traffic_blocked;
+    int traffic_blocked = 0;
 };
 
 // The queue of online-status requests for the leases daemon: texts under an index, and their number.
@@ -677,7 +677,7 @@ Result process_set_router_name(const std::string& name, Connection* conn, int ep
         return kDone;
     }
     const JsonPtr payload(json_pack("{s:s}", "friendly_name", name.c_str()));
-    return send_rename(nullptr, name.c_str(), payload, conn, epfd);
+    return send_rename(/*device_id=*/nullptr, name.c_str(), payload, conn, epfd);
 }
 
 Result process_set_router_model(const std::string& model, Connection* conn, int epfd)
@@ -1193,9 +1193,9 @@ Result process_get_version_info(json_t*& out)
 {
     const std::string version = get_release_version().value_or(kReleaseVersionDefault);
     const std::string patch = get_patch_version();
-    json_error_t error;
-    JsonPtr info(
-        json_pack_ex(&error, 0, "{s:s,s:s}", "version", version.c_str(), "patch_level", patch.c_str()));
+    json_error_t error{};
+    JsonPtr info(json_pack_ex(&error, /*flags=*/0, "{s:s,s:s}", "version", version.c_str(), "patch_level",
+                              patch.c_str()));
     if (!info)
         ORV_LOG(log::kError, "Failed to pack info into json: version={:s} patch={:s} {:s}", version, patch,
                 error.text);

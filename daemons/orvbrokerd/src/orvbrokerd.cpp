@@ -477,7 +477,7 @@ void dispatch(const epoll_event& event, Pass& pass)
 /// Waits once and handles what is ready. False when the daemon has to stop.
 bool run_pass(setMgmt::MonitoredKey& key, log::Caller caller = log::caller())
 {
-    std::array<epoll_event, kMaxEvents> events;
+    std::array<epoll_event, kMaxEvents> events; // epoll fills in as much as there is
     Pass pass{key, caller};
     if (!g_accepting && std::time(nullptr) != g_paused_at)
         resume_accepting();

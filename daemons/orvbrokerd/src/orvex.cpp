@@ -28,10 +28,10 @@ constexpr char kRegistrationStatusChanged[] = "registration_status_changed";
 
 /// One request in flight. The library holds it between sending and answer; the trampoline frees it.
 struct AsyncContext {
-    ResponseCallback callback;
-    void* arg;
-    Connection* connection; ///< who waits for the answer; null when gone
-    int epfd;
+    ResponseCallback callback = nullptr;
+    void* arg = nullptr;
+    Connection* connection = nullptr; ///< who waits for the answer; null when gone
+    int epfd = -1;
 
     AsyncContext* next = nullptr; ///< links of the list of requests in flight
     AsyncContext** link = nullptr;

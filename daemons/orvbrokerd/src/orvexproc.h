@@ -13,7 +13,7 @@ void orvex_cloud_registration_status_cb(void* arg, const Message* answer);
 /// What a registration result says: `ok` is 1 for success; `json` is the text for clients, null when the
 /// result is malformed.
 struct RegistrationStatus {
-    int ok;
+    int ok = 0;
     TextPtr json;
 };
 [[nodiscard]] RegistrationStatus process_cloud_registration_status(const Message* msg);

@@ -61,7 +61,7 @@ public:
 private:
     struct Entry {
         V value;
-        std::time_t added;
+        std::time_t added = 0;
     };
 
     bool make_space()
