@@ -155,8 +155,7 @@ TEST(LogWithoutReader, AnotherStreamInItsPlaceGetsWholeLines)
         dup2(stopped.second, STDERR_FILENO);
         for (int i = 0; i < kLines; ++i)
             log_number(i); // the last one that was taken was maybe taken in part
-        use_syslog("", "");
-        use_syslog(nullptr, nullptr); // which looks anew
+        begin_anew();
         dup2(pipe.second, STDERR_FILENO);
         log_number(kLines);
         return 0;
@@ -308,6 +307,25 @@ TEST(LogRepetition, OfALineThatWasLostIsLostToo)
         told_by(outcome.out),
         (std::vector<std::string>{"1 [log]: 10 lines lost", "2 " + std::string(kHead) + "line 1, one of many",
                                   "2 " + std::string(kHead) + "the same"}));
+}
+
+TEST(LogRepetition, IsToldBeforeStandardErrorLeadsElsewhereAndStartsAnewThere)
+{
+    const Ends first = make_pipe();
+    const Ends second = make_pipe();
+    (void)in_child([&] {
+        dup2(first.second, STDERR_FILENO);
+        log_text(kInfo, "the same");
+        log_text(kInfo, "the same");
+        begin_anew();
+        dup2(second.second, STDERR_FILENO);
+        log_text(kInfo, "the same");
+        return 0;
+    });
+    const std::string same = "2 " + std::string(kHead) + "the same";
+    EXPECT_EQ(told_by(drain(first.first)),
+              (std::vector<std::string>{same, "2 [log]: last line repeated 1 times"}));
+    EXPECT_EQ(told_by(drain(second.first)), std::vector<std::string>{same});
 }
 
 // ---- the system log

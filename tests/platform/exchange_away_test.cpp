@@ -194,9 +194,9 @@ TEST_F(ExchangeAway, WhatComesWhileJoiningIsRefusedAndNotHandedOver)
     m_broker.reset();
     m_bus.kill();
     RecitingBus bus(m_bus.socket(), calls_before_and_after_the_claim());
-    testing::internal::CaptureStderr();
+    capture_log();
     m_broker = join("broker");
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = captured_log();
     ASSERT_NE(m_broker, nullptr);
     EXPECT_TRUE(s_received.empty()) << "callbacks run only inside orvex_read_fd";
     EXPECT_EQ(occurrences(log, "call while joining"), 3U) << log;
@@ -593,14 +593,14 @@ TEST_F(ExchangeAway, ANameTakenMeanwhileIsWaitedFor)
     ASSERT_TRUE(serve_until_away());
     ASSERT_TRUE(m_bus.start());
     auto usurper = std::make_unique<RawPeer>(m_bus.address(), "broker");
-    testing::internal::CaptureStderr();
+    capture_log();
     std::string log;
     ASSERT_TRUE(serve_until([&] {
-        log += testing::internal::GetCapturedStderr();
-        testing::internal::CaptureStderr();
+        log += captured_log();
+        capture_log();
         return log.find("is taken") != std::string::npos;
     }));
-    testing::internal::GetCapturedStderr();
+    captured_log();
     EXPECT_FALSE(can_send());
     usurper.reset();
     ASSERT_TRUE(serve_until_back());
@@ -609,14 +609,14 @@ TEST_F(ExchangeAway, ANameTakenMeanwhileIsWaitedFor)
 
 TEST_F(ExchangeAway, AnOutageIsTwoLinesInTheLog)
 {
-    testing::internal::CaptureStderr();
+    capture_log();
     m_bus.kill();
     ASSERT_TRUE(serve_until_away());
     const auto end = steady_clock::now() + milliseconds{800}; // three attempts or so
     ASSERT_TRUE(serve_until([end] { return steady_clock::now() > end; }));
     ASSERT_TRUE(m_bus.start());
     ASSERT_TRUE(serve_until_back());
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = captured_log();
     EXPECT_LE(std::count(log.begin(), log.end(), '\n'), 3) << log;
     EXPECT_NE(log.find("the exchange is gone"), std::string::npos);
     EXPECT_NE(log.find("back on the exchange"), std::string::npos);

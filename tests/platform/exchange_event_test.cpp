@@ -178,7 +178,7 @@ TEST_F(ExchangeEvents, TheLast1024CanBeAnswered)
 TEST_F(ExchangeEvents, AMalformedOneIsALogLineAndNothingElse)
 {
     ASSERT_TRUE(subscribe_and_wait({"bad", "end"}));
-    testing::internal::CaptureStderr();
+    capture_log();
     const RawMessage wrong_types = raw_signal("Event");
     add_text(*wrong_types, "bad");
     add_text(*wrong_types, "raw");
@@ -198,7 +198,7 @@ TEST_F(ExchangeEvents, AMalformedOneIsALogLineAndNothingElse)
     m_peer->send(long_sender);
     m_peer->emit("bad", std::string(kMax + 1, 'x'));
     ASSERT_TRUE(serve_all());
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = captured_log();
     EXPECT_EQ(s_received.size(), 1U);
     EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 4) << log;
 }

@@ -170,13 +170,13 @@ TEST_F(ExchangeRequests, AReceiverThatDiesIsAnAnswerOfType2)
 TEST_F(ExchangeRequests, AMalformedAnswerIsOneOfType2AndALogLine)
 {
     RawPeer agent(m_bus.address(), "orvagent");
-    testing::internal::CaptureStderr();
+    capture_log();
     ASSERT_EQ(request("empty"), 0);
     agent.send(raw_reply(*agent.receive()));
     ASSERT_EQ(request("long type"), 0);
     agent.answer(*agent.receive(), std::string(128, 't'), "");
     ASSERT_TRUE(serve_until_answered(2));
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = captured_log();
     EXPECT_EQ(m_answers.all[0].type, "2");
     EXPECT_EQ(m_answers.all[0].data, "malformed answer");
     EXPECT_EQ(m_answers.all[1].type, "2");
@@ -422,7 +422,7 @@ TEST_F(ExchangeRequests, MessagesToUsHaveNothingToAnswer)
 TEST_F(ExchangeRequests, MalformedCallsGetAnErrorAndALogLine)
 {
     RawPeer peer(m_bus.address());
-    testing::internal::CaptureStderr();
+    capture_log();
     for (const char* member : {"Request", "Message", "Respond"}) {
         const RawMessage call = raw_call("broker", member);
         add_number(*call, 1);
@@ -433,7 +433,7 @@ TEST_F(ExchangeRequests, MalformedCallsGetAnErrorAndALogLine)
     (void)peer.call("broker", "Reqest", "x", "");
     (void)peer.call("broker", "Request", "good", "");
     ASSERT_TRUE(serve_until([] { return !s_received.empty(); }));
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = captured_log();
     ASSERT_EQ(s_received.size(), 1U);
     EXPECT_EQ(s_received[0].type, "good");
     EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 6) << log;

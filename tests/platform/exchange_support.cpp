@@ -1,5 +1,6 @@
 #include "exchange_support.h"
 
+#include <orvutils/log_control.h>
 #include <orvutils/setmgmt.h>
 
 #include <dbus/dbus.h>
@@ -18,7 +19,9 @@
 #include <fstream>
 #include <iterator>
 #include <ostream>
+#include <sstream>
 #include <stdexcept>
+#include <string_view>
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
@@ -54,6 +57,31 @@ std::string read_file(const std::string& path)
 } // namespace
 
 // ---- the bus
+
+void capture_log()
+{
+    orv::log::begin_anew();
+    testing::internal::CaptureStderr();
+}
+
+std::string captured_log()
+{
+    orv::log::begin_anew();
+    std::istringstream log(testing::internal::GetCapturedStderr());
+    constexpr std::string_view kMark = "]: last line repeated ";
+    std::string all;
+    std::string last;
+    for (std::string line; std::getline(log, line);) {
+        const std::size_t mark = line.find(kMark);
+        const unsigned long times =
+            mark == std::string::npos ? 1 : std::stoul(line.substr(mark + kMark.size()));
+        if (mark == std::string::npos)
+            last = line + '\n';
+        for (unsigned long i = 0; i < times; ++i)
+            all += last;
+    }
+    return all;
+}
 
 Bus::Bus()
 {
@@ -379,6 +407,7 @@ bool serve_until(Orvex* orvex, const std::function<bool()>& condition)
 
 int open_descriptors()
 {
+    orv::log::begin_anew(); // it has one of its own where standard error is a pipe
     int count = 0;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         (void)entry;

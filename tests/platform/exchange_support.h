@@ -45,6 +45,10 @@ private:
     pid_t m_process = -1;
 };
 
+/// Catches what is logged from here on, until it is asked for: every line as often as it was logged.
+void capture_log();
+std::string captured_log();
+
 struct UnrefMessage {
     void operator()(DBusMessage* message) const;
 };

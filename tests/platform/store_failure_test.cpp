@@ -5,6 +5,7 @@
 #include "store_support.h"
 
 #include <orvutils/error.h>
+#include <orvutils/log_control.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -67,6 +68,7 @@ TEST_F(StoreFailureTest, A_full_disk_fails_writes_only_and_only_while_it_is_full
         while (setKey("/tmp/k" + std::to_string(written), std::string(3000, 'v')) == 0)
             REQUIRE(++written < 1000);
         REQUIRE(orv::_get_orverrno() == 2);
+        orv::log::begin_anew();
         std::fprintf(stderr, "]: ---\n");
         REQUIRE(setKey("/tmp/again", std::string(3000, 'v')) == -2);
         REQUIRE(value_of("/tmp/first") == "kept");
@@ -141,6 +143,7 @@ TEST_F(StoreFailureTest, A_store_cannot_be_created_on_a_full_disk_but_later)
         for (unsigned left = 0; left < 10; ++left) {
             fill_disk(tmp() + "/filler");
             fs::resize_file(tmp() + "/filler", fs::file_size(tmp() + "/filler") - std::size_t{4096} * left);
+            orv::log::begin_anew();
             std::fprintf(stderr, "]: ---\n");
             if (init() == 0)
                 uninit();

@@ -32,6 +32,8 @@ _LOG_LINE = re.compile(
     r"^(?P<area>\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +\d+ +(?P<level>\d+) )"
     r"\[(?P<file>[^\]:]*):(?P<line>\d+)\]\[(?P<function>[^\]]*)\(\)\]: (?P<text>.*)$")
 
+_REPEATED = re.compile(r"\[log\]: last line repeated (\d+) times$")
+
 
 def main():
     """Runs the tests of the calling program, in namespaces of its own."""
@@ -273,9 +275,16 @@ class World:
             return ""
 
     def messages(self, path=None, level=4):
-        """The messages up to a level, without what the log library and the place put in front."""
-        found = (_LOG_LINE.match(line) for line in self.log(path).splitlines())
-        return [match["text"] for match in found if match and int(match["level"]) <= level]
+        """The messages up to a level, each as often as it was logged, without what the log library and the place put in
+        front."""
+        found = []
+        for line in self.log(path).splitlines():
+            match, repeated = _LOG_LINE.match(line), _REPEATED.search(line)
+            if match:
+                found.append((int(match["level"]), match["text"]))
+            elif repeated:
+                found += [found[-1]] * int(repeated[1])
+        return [text for line_level, text in found if line_level <= level]
 
     def wait_for_log(self, text, count=1, path=None, deadline=DEADLINE):
         """Waits until some line's message is exactly this text, `count` times over."""

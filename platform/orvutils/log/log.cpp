@@ -365,6 +365,15 @@ void settle()
     errno = error;
 }
 
+void begin_anew()
+{
+    const int error = errno;
+    tell_all();
+    g_last.size = 0;
+    leave_standard_error();
+    errno = error;
+}
+
 void print(int /*channel*/, int level, Text line)
 {
     const int error = errno;

@@ -3,6 +3,7 @@
 #include <orvbase/error_number.h>
 
 #include <orvutils/log.h>
+#include <orvutils/log_control.h>
 
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -12,6 +13,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ostream>
+#include <string>
+#include <string_view>
 
 namespace orv::fake {
 
@@ -101,6 +104,24 @@ Calls Fake::take_calls()
     return std::exchange(m_calls, {});
 }
 
+namespace {
+
+bool is_beginning(const LogLine& cut, const LogLine& whole)
+{
+    return cut.cut == whole.text.size() && whole.text.compare(0, cut.text.size(), cut.text) == 0;
+}
+
+} // namespace
+
+bool operator==(const LogLine& a, const LogLine& b)
+{
+    if (a.level != b.level)
+        return false;
+    if (a.cut != 0 && b.cut == 0)
+        return is_beginning(a, b);
+    return a.cut == 0 && b.cut != 0 ? is_beginning(b, a) : a.text == b.text && a.cut == b.cut;
+}
+
 Logs Fake::take_logs()
 {
     return std::exchange(m_logs, {});
@@ -110,6 +131,22 @@ void Fake::note(std::string text)
 {
     m_calls.push_back(std::move(text));
 }
+
+namespace {
+
+/// Takes "... (N bytes)" off a message that was cut; N counts the head as well.
+void note_cut(LogLine& line, std::size_t head_size)
+{
+    constexpr std::string_view kMark = "... (";
+    const std::size_t mark = line.text.rfind(kMark);
+    if (mark == std::string::npos ||
+        mark + head_size < log::kMaxText - 3) // 3: a character was not cut through
+        return;
+    line.cut = std::stoul(line.text.substr(mark + kMark.size())) - head_size;
+    line.text.resize(mark);
+}
+
+} // namespace
 
 /// A line as print() gets it, from "[file:line][function()]: " on.
 void Fake::log(int level, const std::string& line)
@@ -126,6 +163,7 @@ void Fake::log(int level, const std::string& line)
     const auto text = head + end_of_head.size();
     m_logs.push_back({level, line.substr(text, line.size() - text - 1), line.substr(1, colon - 1),
                       line.substr(middle + 2, head - middle - 2)});
+    note_cut(m_logs.back(), text);
 }
 
 int Fake::fd(const std::string& name) const

@@ -42,11 +42,10 @@ struct LogLine {
     std::string text; ///< the message, without the line's own line feed
     std::string file; ///< where it was logged
     std::string function;
+    std::size_t cut = 0; ///< how long the message was of which `text` is the beginning; 0 when it is whole
 
-    friend bool operator==(const LogLine& a, const LogLine& b)
-    {
-        return a.level == b.level && a.text == b.text;
-    }
+    /// A message that was cut is equal to the whole one.
+    friend bool operator==(const LogLine& a, const LogLine& b);
 };
 using Logs = std::vector<LogLine>;
 std::ostream& operator<<(std::ostream& out, const LogLine& line);

@@ -28,4 +28,8 @@ void use_syslog(const char* program, const char* address = kSyslogAddress);
 /// process; a daemon calls this now and then so that it need not wait for those. timer_tick() does.
 void settle();
 
+/// Tells all that is held back, and forgets the last line: for whoever leads standard error elsewhere, right
+/// before that.
+void begin_anew();
+
 } // namespace orv::log
