@@ -177,7 +177,7 @@ TEST_F(DeviceMemoryTest, Every_change_is_told_once_when_there_is_memory_again)
     for (const bool from_then_on : {false, true})
         for_each_allocation([&](unsigned long number) {
             g_told.clear();
-                device.device_manufacturer = std::to_string(number) + (from_then_on ? "!" : "?");
+            device.device_manufacturer = std::to_string(number) + (from_then_on ? "!" : "?");
             EXPECT_EQ(put_device(device), 0);
             EXPECT_EQ(put_device(make_large("2")), 0);
             EXPECT_EQ(remove_device(make_large("2").did), 0);
