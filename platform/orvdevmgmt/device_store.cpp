@@ -10,6 +10,7 @@
 #include <orvutils/log_format.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace orv::devMgmt {
 
@@ -181,8 +182,11 @@ bool decode_stored(std::string_view did, std::string_view record, Device& device
 store::Environment& device_environment()
 {
     // Lives as long as the process: it holds what the operating system releases anyhow.
-    static auto* instance =
-        new Environment({"var/devices", {"devices", "macs", "changes"}, kMapSize, true, report});
+    static auto* instance = [] {
+        store::Layout layout{"var/devices", {"devices", "macs", "changes"}, kMapSize, true, report};
+        layout.when_damaged = store::WhenDamaged::set_aside; // the device manager finds the devices again
+        return new Environment(std::move(layout));
+    }();
     return *instance;
 }
 

@@ -5,6 +5,8 @@
 #include <orvstore/transaction.h>
 #include <orvutils/log_format.h>
 
+#include <utility>
+
 namespace orv::karma::outbox {
 
 namespace {
@@ -28,7 +30,11 @@ void report(store::Severity severity, const std::string& text)
 /// Lives as long as the process: it holds what the operating system releases anyhow.
 Environment& environment()
 {
-    static auto* instance = new Environment({"var/telemetry", {"events"}, kMapSize, true, report});
+    static auto* instance = [] {
+        store::Layout layout{"var/telemetry", {"events"}, kMapSize, true, report};
+        layout.when_damaged = store::WhenDamaged::set_aside; // telemetry is worth less than a start
+        return new Environment(std::move(layout));
+    }();
     return *instance;
 }
 

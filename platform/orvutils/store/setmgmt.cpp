@@ -29,8 +29,16 @@ void report(store::Severity severity, const std::string& text)
     ORV_LOG(static_cast<int>(severity), "{}", text);
 }
 
+/// The router cannot get its settings back from anywhere else.
+store::Layout durable_layout()
+{
+    store::Layout layout{"var/settings", {"values", "removals"}, 64 * kMegabyte, true, report};
+    layout.when_damaged = store::WhenDamaged::restore;
+    return layout;
+}
+
 struct Environments {
-    Environment durable{{"var/settings", {"values", "removals"}, 64 * kMegabyte, true, report}};
+    Environment durable{durable_layout()};
     Environment volatile_keys{
         {"tmp/settings", {"values", "removals", "rewrites"}, 32 * kMegabyte, false, report}};
 };
