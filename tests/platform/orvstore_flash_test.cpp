@@ -152,6 +152,14 @@ TEST_F(FlashTest, A_lock_file_that_is_gone_with_the_memory_is_made_anew_for_all)
     ASSERT_EQ(other.hear(), 'o');
     for (const char round : {'1', '2', '3'}) {
         fs::remove_all(m_root.path() + "/tmp");
+        const Outcome third = in_child([]() -> int {
+            Environment own(layout());
+            REQUIRE(own.open() == Error::none);
+            return write(own, "key", "third") == Error::none ? 0 : 1;
+        });
+        EXPECT_EQ(third.status, 0) << third.err;
+        environment.refresh();
+        EXPECT_EQ(value_in(environment, "key"), "third");
         other.say(round);
         ASSERT_EQ(other.hear(), 'w');
         environment.refresh();
