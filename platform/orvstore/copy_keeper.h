@@ -26,9 +26,9 @@ private:
 
     const Layout& m_layout;
     std::unique_ptr<Copy> m_copy;
-    std::uint64_t m_commit = 0;     ///< the last one that was seen
-    std::int64_t m_commit_ms = 0;   ///< when it was seen first
-    std::int64_t m_looked_ms = 0;   ///< when the copy was looked at last
+    std::uint64_t m_commit = 0;   ///< the last one that was seen
+    std::int64_t m_commit_ms = 0; ///< when it was seen first
+    std::int64_t m_looked_ms = 0; ///< when the copy was looked at last
     bool m_has_failed = false;
 };
 

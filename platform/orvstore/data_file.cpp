@@ -51,8 +51,8 @@ bool write_line(const std::string& file, const std::string& line)
     const Descriptor target(
         ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));
     const std::string text = line + '\n';
-    return target.is_open() && write(target.get(), text.data(), text.size()) ==
-                                   static_cast<ssize_t>(text.size());
+    return target.is_open() &&
+           write(target.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
 /// "2026-11-21 04:10", as the log's times are.

@@ -118,7 +118,8 @@ int copy_file(const std::string& from, const std::string& to)
     const Descriptor source(open(from.c_str(), O_RDONLY | O_CLOEXEC));
     if (!source.is_open())
         return errno;
-    const Descriptor target(open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+    const Descriptor target(
+        open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));
     if (!target.is_open())
         return errno;
     if (const int code = copy_content(source.get(), target.get()); code != 0)

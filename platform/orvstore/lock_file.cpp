@@ -73,7 +73,9 @@ bool LockFile::is_in_use() const
 
 void LockFile::move_to_memory(bool is_in_use) const
 {
-    if (!m_layout.synced || !base::make_directories(base::root_path(kLocks), base::kDataDirectoryMode))
+    const std::string locks = base::root_path(kLocks);
+    if (!m_layout.synced || !base::make_directories(locks, base::kDirectoryMode) ||
+        !base::find_distrust(locks).directory.empty())
         return;
     const std::string target = link_target(m_layout.directory);
     if (leads_to(m_name, target))

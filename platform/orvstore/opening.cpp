@@ -99,8 +99,12 @@ private:
         const auto failed = [this](const char* doing, int code) {
             return fail(Kind::directory, m_directory, doing, std::strerror(code));
         };
-        if (!base::make_directories(m_directory, base::kDataDirectoryMode))
+        if (!base::make_directories(m_directory, base::kDirectoryMode))
             return failed("create the directory", errno);
+        if (const auto distrust = base::find_distrust(m_directory); !distrust.directory.empty()) {
+            const std::string doing = "trust the directory " + distrust.directory;
+            return fail(Kind::directory, distrust.directory, doing.c_str(), distrust.reason.c_str());
+        }
         if (const int code = lock().open(m_directory); code != 0)
             return failed("open the directory", code);
         // While the store is open, its lock file must be opened by LMDB only: closing it loses LMDB's locks.

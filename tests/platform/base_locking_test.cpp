@@ -131,7 +131,7 @@ TEST(Lock, FileIsMadeOnlyWhenAskedFor)
     umask(before);
     struct stat status {};
     ASSERT_EQ(stat(file.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777U, 0644U);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);
 }
 
 TEST(Lock, DirectoriesOutsideTheRootAreNotMade)
@@ -143,6 +143,21 @@ TEST(Lock, DirectoriesOutsideTheRootAreNotMade)
     EXPECT_FALSE(std::filesystem::exists(root.path() + "-beside"));
     EXPECT_FALSE(plock::make("", flags::create));
     EXPECT_EQ(orv::_get_orverrno(), static_cast<int>(orv::Error::invalid_argument));
+}
+
+TEST(Lock, FollowsNoLinkAndTrustsNoDirectoryOfOthersBelowTheRoot)
+{
+    const TemporaryRoot root;
+    const std::string directory = root.path() + "/run";
+    const std::string target = root.path() + "/target";
+    ASSERT_EQ(mkdir(directory.c_str(), 0700), 0);
+    spill(target, "precious");
+    ASSERT_EQ(symlink(target.c_str(), (directory + "/lock").c_str()), 0);
+    EXPECT_FALSE(plock::make(directory + "/lock", flags::create));
+    EXPECT_TRUE(plock::make(directory + "/other", flags::create));
+    ASSERT_EQ(chmod(directory.c_str(), 0777), 0);
+    EXPECT_FALSE(plock::make(directory + "/other", flags::create));
+    EXPECT_EQ(orv::_get_orverrno(), static_cast<int>(orv::Error::input_output));
 }
 
 TEST(Lock, LeavesTheFilesContentAlone)

@@ -232,7 +232,8 @@ TEST_F(DamageTest, A_copy_has_all_entries_however_large_and_is_compact)
     Environment environment(layout_with(WhenDamaged::restore));
     ASSERT_EQ(environment.open(), Error::none);
     for (std::size_t i = 0; i < 60; ++i)
-        ASSERT_EQ(write(environment, "key " + std::to_string(i), std::string(i * i * i, 'v'), i % 2), Error::none);
+        ASSERT_EQ(write(environment, "key " + std::to_string(i), std::string(i * i * i, 'v'), i % 2),
+                  Error::none);
     const Content a = content_of(environment, 0);
     const Content b = content_of(environment, 1);
     renew_copy(environment);
