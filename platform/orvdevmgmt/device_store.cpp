@@ -227,6 +227,11 @@ const store::Failure& failure()
     return device_environment().failure();
 }
 
+Error measure(store::Usage& usage)
+{
+    return device_environment().measure(usage);
+}
+
 int put_device(const Device& device)
 {
     return result(put(device));

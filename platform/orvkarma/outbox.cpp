@@ -81,6 +81,11 @@ const store::Failure& failure()
     return environment().failure();
 }
 
+Error measure(store::Usage& usage)
+{
+    return environment().measure(usage);
+}
+
 void close()
 {
     environment().close();

@@ -80,6 +80,19 @@ void Environment::refresh()
     look_after();
 }
 
+Error Environment::measure(Usage& usage)
+{
+    Opened* opened = use_for_reading();
+    if (!opened)
+        return Error::input_output;
+    if (const int code = opened->begin_read(); code != 0)
+        return operation_failed(*opened, "begin to read", code);
+    usage = opened->usage();
+    opened->end_read();
+    usage.file = static_cast<std::uint64_t>(file_state(m_data_file).size);
+    return Error::none;
+}
+
 bool Environment::catch_up()
 {
     Opened* opened = use_for_reading();

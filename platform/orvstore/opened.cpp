@@ -189,8 +189,18 @@ std::size_t Opened::used_pages(MDB_txn* transaction) const
 
 bool Opened::has_room(MDB_txn* transaction, std::size_t size) const
 {
-    const std::size_t limit = (m_map_size - m_map_size / kKeptBack) / m_page_size;
-    return used_pages(transaction) + size / m_page_size + kPagesToAdd <= limit;
+    return used_pages(transaction) + size / m_page_size + kPagesToAdd <= page_limit();
+}
+
+/// How many pages may hold something before adding is refused.
+std::size_t Opened::page_limit() const
+{
+    return (m_map_size - m_map_size / kKeptBack) / m_page_size;
+}
+
+Usage Opened::usage() const
+{
+    return {std::uint64_t{used_pages(m_reader)} * m_page_size, std::uint64_t{page_limit()} * m_page_size, 0};
 }
 
 const char* Opened::note_failure(int code)

@@ -6,6 +6,7 @@
 #include <orvstore/failure.h>
 #include <orvstore/file_state.h>
 #include <orvstore/layout.h>
+#include <orvstore/usage.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -72,6 +73,8 @@ public:
     [[nodiscard]] int begin_write(MDB_txn*& transaction, bool is_to_remove);
     /// Whether an entry of so many bytes still fits, after what the writing transaction has done so far.
     [[nodiscard]] bool has_room(MDB_txn* transaction, std::size_t size) const;
+    /// How full the store is, as the reading transaction sees it; without the file's size.
+    [[nodiscard]] Usage usage() const;
     /// How many pages hold something, as the transaction sees it.
     [[nodiscard]] std::size_t used_pages(MDB_txn* transaction) const;
     /// Who keeps this process out, for a log.
@@ -85,6 +88,7 @@ private:
     Opened();
 
     void close_environment();
+    [[nodiscard]] std::size_t page_limit() const;
     [[nodiscard]] int fit_map(bool is_to_remove);
 
     Lock m_lock;            ///< outlives LMDB's handles

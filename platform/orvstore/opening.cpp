@@ -85,7 +85,13 @@ private:
         return false;
     }
 
-    bool fail_to_open(const char* reason) { return fail(Kind::store, m_directory, "open the store", reason); }
+    bool fail_to_open(int code)
+    {
+        std::string reason = mdb_strerror(code);
+        if (code == EINVAL || code == ENODEV)
+            reason += ": the file system perhaps has no shared mappings, as JFFS2";
+        return fail(Kind::store, m_directory, "open the store", reason.c_str());
+    }
 
     void report(Severity severity, const std::string& text) const
     {
@@ -225,13 +231,13 @@ private:
         if (code == EWOULDBLOCK)
             return fail(Kind::busy, m_directory, "open the store", "another process is closing it");
         if (code != MDB_SUCCESS)
-            return fail_to_open(mdb_strerror(code));
+            return fail_to_open(code);
         struct stat status {};
         if (fcntl(fd, F_SETFD, FD_CLOEXEC) < 0 || fstat(fd, &status) < 0)
-            return fail_to_open(std::strerror(errno));
+            return fail_to_open(errno);
         MDB_stat layout{};
         if (const int stat_code = mdb_env_stat(m_opened->m_environment, &layout); stat_code != MDB_SUCCESS)
-            return fail_to_open(mdb_strerror(stat_code));
+            return fail_to_open(stat_code);
         m_opened->m_page_size = layout.ms_psize;
         m_opened->m_map_size = m_layout.map_size;
         m_opened->m_file = to_file_state(status);

@@ -5,6 +5,7 @@
 
 #include <orvbase/error_number.h>
 #include <orvutils/log_format.h>
+#include <orvutils/settings_failure.h>
 
 #include <algorithm>
 #include <charconv>
@@ -320,6 +321,12 @@ const store::Failure& failure()
     const store::Failure& durable = detail::environments().durable.failure();
     return durable.kind != store::Failure::Kind::none ? durable
                                                       : detail::environments().volatile_keys.failure();
+}
+
+Error measure(store::Usage& durable, store::Usage& below_tmp)
+{
+    const Error error = detail::environments().durable.measure(durable);
+    return error == Error::none ? detail::environments().volatile_keys.measure(below_tmp) : error;
 }
 
 int getKey(const std::string& key, std::string& value)

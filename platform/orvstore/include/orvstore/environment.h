@@ -5,6 +5,7 @@
 #include <orvstore/failure.h>
 #include <orvstore/file_state.h>
 #include <orvstore/layout.h>
+#include <orvstore/usage.h>
 
 #include <cstdint>
 #include <memory>
@@ -50,6 +51,9 @@ public:
     void look_after();
     /// The same, at once.
     void refresh();
+
+    /// How full it is.
+    [[nodiscard]] Error measure(Usage& usage);
 
     /// Whether every commit that has reached the data file is visible. (A commit becomes visible to readers an
     /// instant after LMDB has written it; for a writer that was killed in between this does it.) Never waits:
