@@ -10,4 +10,12 @@ namespace orvctl {
 /// seem to hang. False, after a complaint, when reading fails or there is more than `limit` bytes.
 [[nodiscard]] bool read_standard_input(std::string& text, std::size_t limit, std::string_view what);
 
+/// The same of a file; of standard input for "-".
+[[nodiscard]] bool read_file(const std::string& file, std::string& text, std::size_t limit,
+                             std::string_view what);
+
+/// Writes a file that only its owner may read, and has it on disk; to standard output for "-". A file that was there
+/// stays as it is until the new one is whole. False, after a complaint, when that fails.
+[[nodiscard]] bool write_file(const std::string& file, std::string_view text);
+
 } // namespace orvctl
