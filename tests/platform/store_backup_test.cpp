@@ -87,9 +87,10 @@ TEST_F(BackupTest, That_is_cut_off_or_malformed_changes_nothing)
         ASSERT_EQ(restore(text.substr(0, size)), -1) << size;
     const std::string header = "orvane settings 1\n";
     for (const std::string& wrong :
-         {std::string(text + "x"), header + "end 1\n", header + "6 1\n/tmp/a1\nend 1\n", header + "1 1\n/1\nend 1\n",
-          header + "2 1\n/a1\n2 1\n/a1\nend 2\n", header + "99999999999999999999 1\n/a1\nend 1\n",
-          header + "2 18446744073709551615\n/a1\nend 1\n", header + "-1 1\n/a1\nend 1\n", std::string("orvane settings 2\nend 0\n")})
+         {std::string(text + "x"), header + "end 1\n", header + "6 1\n/tmp/a1\nend 1\n",
+          header + "1 1\n/1\nend 1\n", header + "2 1\n/a1\n2 1\n/a1\nend 2\n",
+          header + "99999999999999999999 1\n/a1\nend 1\n", header + "2 18446744073709551615\n/a1\nend 1\n",
+          header + "-1 1\n/a1\nend 1\n", std::string("orvane settings 2\nend 0\n")})
         EXPECT_EQ(restore(wrong), -1) << wrong;
     EXPECT_EQ(orv::_get_orverrno(), 1);
     EXPECT_EQ(value_of("/a"), "new");

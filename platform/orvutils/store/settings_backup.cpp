@@ -19,7 +19,6 @@ namespace orv::detail {
 namespace {
 
 using store::Cursor;
-using store::Read;
 using store::Transaction;
 
 constexpr std::string_view kHeader = "orvane settings 1\n";
@@ -157,9 +156,12 @@ int backup(std::string& text)
             return base::fail(error);
     }
     text = detail::kHeader;
-    for (const auto& [path, value] : settings)
-        text += std::to_string(path.size()) + ' ' + std::to_string(value.size()) + '\n' + path + value + '\n';
-    text += std::string(detail::kEnd) + std::to_string(settings.size()) + '\n';
+    for (const auto& [path, value] : settings) {
+        text.append(std::to_string(path.size())).append(" ");
+        text.append(std::to_string(value.size())).append("\n");
+        text.append(path).append(value).append("\n");
+    }
+    text.append(detail::kEnd).append(std::to_string(settings.size())).append("\n");
     return 0;
 }
 
