@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <unordered_set>
+#include <utility>
 
 namespace orv::devMgmt {
 
@@ -265,8 +266,11 @@ bool decode_stored(std::string_view did, std::string_view record, Device& device
 store::Environment& device_environment()
 {
     // Lives as long as the process: it holds what the operating system releases anyhow.
-    static auto* instance =
-        new Environment({"var/devices", {"devices", "macs", "changes"}, kMapSize, true, report});
+    static auto* instance = [] {
+        store::Layout layout{"var/devices", {"devices", "macs", "changes"}, kMapSize, true, report};
+        layout.when_damaged = store::WhenDamaged::set_aside; // the device manager finds the devices again
+        return new Environment(std::move(layout));
+    }();
     return *instance;
 }
 
@@ -305,6 +309,11 @@ Error find_by_mac(Transaction& transaction, const sockutl::macaddr& mac, std::st
 const store::Failure& failure()
 {
     return device_environment().failure();
+}
+
+Error measure(store::Usage& usage)
+{
+    return device_environment().measure(usage);
 }
 
 int put_device(const Device& device)

@@ -6,6 +6,7 @@
 #include <orvutils/log_format.h>
 
 #include <string>
+#include <utility>
 
 namespace orv::karma::outbox {
 
@@ -45,7 +46,11 @@ struct Quiet {
 /// Lives as long as the process: it holds what the operating system releases anyhow.
 Environment& environment()
 {
-    static auto* instance = new Environment({"var/telemetry", {"events"}, kMapSize, true, report});
+    static auto* instance = [] {
+        store::Layout layout{"var/telemetry", {"events"}, kMapSize, true, report};
+        layout.when_damaged = store::WhenDamaged::set_aside; // telemetry is worth less than a start
+        return new Environment(std::move(layout));
+    }();
     return *instance;
 }
 
@@ -102,6 +107,11 @@ bool is_open()
 const store::Failure& failure()
 {
     return environment().failure();
+}
+
+Error measure(store::Usage& usage)
+{
+    return environment().measure(usage);
 }
 
 void close()

@@ -9,11 +9,14 @@
 // damaged for a moment, and a meta page that is being written may be read half and half. A bad verdict
 // therefore counts only when the meta page is the same after the walk.
 //
-// The structures are those of LMDB's data format version 1, in the machine's own word size and byte order.
+// The structures are those of LMDB's data format version 1, in the machine's own word size and byte order. Another
+// line of LMDB has another one: it must be looked up and understood before this is built with it.
 
 #include "check.h"
 
 #include <orvbase/io.h>
+
+#include <lmdb.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -34,6 +37,9 @@ namespace {
 using base::read_fully;
 using PageNumber = std::size_t;
 
+static_assert(MDB_VERSION_MAJOR == 0 && MDB_VERSION_MINOR == 9,
+              "this line of LMDB has data format version 1");
+
 constexpr std::uint32_t kMagic = 0xBEEFC0DE;
 constexpr std::uint32_t kVersion = 1;
 constexpr PageNumber kNoRoot = ~PageNumber{0};
@@ -46,7 +52,8 @@ constexpr int kAttempts = 8;
 
 enum PageFlags : std::uint16_t { kBranch = 0x01, kLeaf = 0x02, kOverflow = 0x04, kMeta = 0x08 };
 enum NodeFlags : std::uint16_t { kBigData = 0x01, kSubTree = 0x02 };
-enum TreeFlags : std::uint16_t { kIntegerKey = 0x08 };
+/// In the free list's there are also some of the environment's: that the file was no directory's when it was made.
+enum TreeFlags : std::uint16_t { kIntegerKey = 0x08, kNoDirectory = 0x4000 };
 
 struct PageHeader {
     PageNumber number;
@@ -163,7 +170,7 @@ const char* read_metas(int fd, Meta& newest)
         return "meta pages exchanged";
     if (newest.last_page < 1 || newest.last_page >= kMaxPages)
         return "impossible number of pages";
-    if (newest.free_list.flags != kIntegerKey)
+    if ((newest.free_list.flags | kNoDirectory) != (kIntegerKey | kNoDirectory))
         return "impossible flags";
     return "";
 }
@@ -439,7 +446,38 @@ bool is_unfinished(int fd, std::uint64_t size)
     return is_blank(0) && (is_blank(page_size) || is_first_meta(fd, page_size));
 }
 
+/// The newest meta page of a data file. False when there is none.
+bool read_newest_meta(int fd, Meta& meta)
+{
+    std::uint64_t size = 0;
+    return file_size(fd, size) && size > 0 && *read_metas(fd, meta) == '\0';
+}
+
 } // namespace
+
+std::uint64_t last_commit_in(int fd)
+{
+    Meta meta{};
+    return read_newest_meta(fd, meta) ? meta.transaction : 0;
+}
+
+bool set_last_commit(int fd, std::uint64_t number)
+{
+    Meta meta{};
+    if (number == 0 || !read_newest_meta(fd, meta))
+        return false;
+    meta.free_list.flags = kIntegerKey;
+    // Both pages become the same but for their numbers, which tell which of them is the newer one: even numbers
+    // are on the first page.
+    const std::uint64_t page_size = meta.free_list.pad;
+    for (const std::uint64_t page : {number & 1U, (number - 1) & 1U}) {
+        meta.transaction = static_cast<std::size_t>(page == (number & 1U) ? number : number - 1);
+        const auto offset = static_cast<off_t>(page * page_size + kHeaderSize);
+        if (pwrite(fd, &meta, sizeof meta, offset) != static_cast<ssize_t>(sizeof meta))
+            return false;
+    }
+    return true;
+}
 
 StoreVerdict check_store_file(int fd)
 {

@@ -4,6 +4,8 @@
 
 namespace orv::store {
 
+/// What knows LMDB's data format: it is not part of its interface.
+///
 /// What an LMDB data file looks like from outside.
 enum class StoreState {
     empty,      ///< no byte in it: a new store
@@ -21,5 +23,12 @@ struct StoreVerdict {
 /// run out of the map on a damaged one. Only structure is examined, there are no checksums in the format.
 /// Other processes may go on writing meanwhile.
 [[nodiscard]] StoreVerdict check_store_file(int fd);
+
+/// The number of the last commit to a data file; 0 when it is none, or a new one.
+[[nodiscard]] std::uint64_t last_commit_in(int fd);
+
+/// Gives a sound data file that nobody has open another number of its last commit, which must not be lower than
+/// the one that it has. False when that fails.
+[[nodiscard]] bool set_last_commit(int fd, std::uint64_t number);
 
 } // namespace orv::store

@@ -7,6 +7,8 @@
 
 #include <orvstore/environment.h>
 
+#include "copy_keeper.h"
+#include "files.h"
 #include "opened.h"
 
 #include <orvbase/clock.h>
@@ -32,7 +34,10 @@ Error to_error(const Failure& failure)
 
 } // namespace
 
-Environment::Environment(Layout layout) : m_layout(std::move(layout)) {}
+Environment::Environment(Layout layout)
+    : m_layout(std::move(layout)), m_copy_keeper(std::make_unique<CopyKeeper>(m_layout))
+{
+}
 
 Environment::~Environment() = default;
 
@@ -49,6 +54,7 @@ Error Environment::open()
 
 void Environment::close()
 {
+    m_copy_keeper->forget();
     m_state = Closed{};
 }
 
@@ -63,13 +69,28 @@ const Failure& Environment::failure() const
 
 void Environment::look_after()
 {
-    (void)use_for_reading(); // a failure is told to whoever uses it next
+    // A failure is told to whoever uses it next.
+    if (Opened* opened = use_for_reading(); opened && !opened->is_being_read() && !opened->is_excluding())
+        m_copy_keeper->look_after(*opened, m_directory);
 }
 
 void Environment::refresh()
 {
     m_last_check_ms = 0;
     look_after();
+}
+
+Error Environment::measure(Usage& usage)
+{
+    Opened* opened = use_for_reading();
+    if (!opened)
+        return Error::input_output;
+    if (const int code = opened->begin_read(); code != 0)
+        return operation_failed(*opened, "begin to read", code);
+    usage = opened->usage();
+    opened->end_read();
+    usage.file = static_cast<std::uint64_t>(file_state(m_data_file).size);
+    return Error::none;
 }
 
 bool Environment::catch_up()
@@ -197,7 +218,7 @@ bool Environment::is_as_it_should_be(const Opened& opened, Purpose purpose)
         return true;
     const bool is_writable_again =
         purpose == Purpose::writing && opened.is_read_only() && access(m_data_file.c_str(), W_OK) == 0;
-    return opened.file().is_same_file(file_state(m_data_file)) && !is_writable_again;
+    return opened.is_in_place(m_directory) && !is_writable_again;
 }
 
 /// Opens it, unless that failed a moment ago and nothing has changed since. One that can go on being used
@@ -215,6 +236,7 @@ Opened* Environment::reopen(base::TimePoint deadline)
     } else if (auto* opened = std::get_if<std::unique_ptr<Opened>>(&m_state)) {
         present = std::move(*opened);
     }
+    m_copy_keeper->forget();
     m_state = Closed{};
     Failure failure;
     if (auto opened = Opened::open(m_directory, m_layout, deadline, present, failure)) {

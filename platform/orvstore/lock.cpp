@@ -51,6 +51,17 @@ int wait_for_lock(int fd, TimePoint deadline)
     }
 }
 
+/// Beyond all bytes of the lock file that LMDB locks, which are the first one and one for each process id.
+struct flock copying(short type)
+{
+    struct flock range {};
+    range.l_type = type;
+    range.l_whence = SEEK_SET;
+    range.l_start = off_t{1} << 40U;
+    range.l_len = 1;
+    return range;
+}
+
 /// What /proc says of a process: " (orvctl), which is stopped"; nothing when it does not.
 std::string describe_process(int process)
 {
@@ -98,6 +109,18 @@ void Lock::release()
 {
     if (std::exchange(m_is_held, false))
         unlock(m_directory.get());
+}
+
+bool Lock::begin_copying()
+{
+    struct flock range = copying(F_WRLCK);
+    return fcntl(m_queue.get(), F_OFD_SETLK, &range) == 0;
+}
+
+void Lock::end_copying()
+{
+    struct flock range = copying(F_UNLCK);
+    (void)fcntl(m_queue.get(), F_OFD_SETLK, &range); // of a lock that is held
 }
 
 std::string Lock::holder() const

@@ -26,6 +26,11 @@ public:
     void release();
     [[nodiscard]] bool is_held() const { return m_is_held; }
 
+    /// Keeps other processes from copying the store; false when there is one that does. Independent of the lock
+    /// itself.
+    [[nodiscard]] bool begin_copying();
+    void end_copying();
+
     /// Who has it, for a log: "process 1234 (orvctl), which is stopped".
     [[nodiscard]] std::string holder() const;
 

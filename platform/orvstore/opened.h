@@ -6,6 +6,7 @@
 #include <orvstore/failure.h>
 #include <orvstore/file_state.h>
 #include <orvstore/layout.h>
+#include <orvstore/usage.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -40,6 +41,8 @@ public:
     [[nodiscard]] bool is_own() const;
     [[nodiscard]] bool is_read_only() const { return m_read_only; }
     [[nodiscard]] const FileState& file() const { return m_file; }
+    /// Whether its files are still the ones under their names.
+    [[nodiscard]] bool is_in_place(const std::string& directory) const;
 
     [[nodiscard]] MDB_env* environment() const { return m_environment; }
     [[nodiscard]] MDB_txn* reader() const { return m_reader; }
@@ -61,11 +64,19 @@ public:
     [[nodiscard]] int begin_exclusion(base::TimePoint deadline) { return m_lock.take(deadline); }
     void end_exclusion() { m_lock.release(); }
     [[nodiscard]] bool is_excluding() const { return m_lock.is_held() && is_own(); }
+    /// Keeps other processes from copying the store; false when there is one that does.
+    [[nodiscard]] bool begin_copying() { return m_lock.begin_copying(); }
+    void end_copying() { m_lock.end_copying(); }
+
     /// Begins a writing transaction, with all other writers kept out.
     /// If it is to remove something, there will be pages for that.
     [[nodiscard]] int begin_write(MDB_txn*& transaction, bool is_to_remove);
     /// Whether an entry of so many bytes still fits, after what the writing transaction has done so far.
     [[nodiscard]] bool has_room(MDB_txn* transaction, std::size_t size) const;
+    /// How full the store is, as the reading transaction sees it; without the file's size.
+    [[nodiscard]] Usage usage() const;
+    /// How many pages hold something, as the transaction sees it.
+    [[nodiscard]] std::size_t used_pages(MDB_txn* transaction) const;
     /// Who keeps this process out, for a log.
     [[nodiscard]] std::string excluded_by() const { return m_lock.holder(); }
 
@@ -76,13 +87,17 @@ private:
     friend class Opening;
     Opened();
 
+    void close_environment();
+    [[nodiscard]] std::size_t page_limit() const;
     [[nodiscard]] int fit_map(bool is_to_remove);
 
-    Lock m_lock; ///< outlives LMDB's handles
+    Lock m_lock;            ///< outlives LMDB's handles
+    base::Descriptor m_use; ///< the data file: others see by a lock on it that it is in use
     MDB_env* m_environment = nullptr;
     MDB_txn* m_reader = nullptr; ///< the one reading transaction: renewed and reset, never ended
     std::vector<unsigned> m_trees;
     FileState m_file; ///< the data file
+    FileState m_lock_file;
     std::size_t m_page_size = 0;
     std::size_t m_map_size = 0; ///< what the layout allows
     unsigned m_readings = 0;    ///< readings that are going on, nested ones included
@@ -90,11 +105,5 @@ private:
     bool m_read_only = false;
     bool m_in_doubt = false;
 };
-
-/// The state of the file that has this name now.
-[[nodiscard]] FileState file_state(const std::string& file);
-
-/// The name of a store's data file.
-[[nodiscard]] std::string data_file_in(const std::string& directory);
 
 } // namespace orv::store

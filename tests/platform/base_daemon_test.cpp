@@ -166,7 +166,8 @@ TEST(DaemonDirectories, ThatBelongToSomebodyElseAreRefused)
         }
         EXPECT_EQ(outcome.status, 1);
         EXPECT_EQ(outcome.out, "") << "before the init hook";
-        EXPECT_TRUE(contains(outcome.err, "]: " + directory + " belongs to user 65534, and is not used\n"))
+        EXPECT_TRUE(contains(outcome.err,
+                             "]: cannot trust the directory " + directory + ": it belongs to user 65534\n"))
             << outcome.err;
     }
 }
@@ -179,8 +180,8 @@ TEST(DaemonDirectories, BehindALinkAreLookedAtToo)
     std::filesystem::create_symlink(root.path() + "/elsewhere", root.path() + "/run");
     const Outcome outcome = run_below(root);
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_TRUE(
-        contains(outcome.err, "]: " + root.path() + "/run can be written to by everybody, and is not used\n"))
+    EXPECT_TRUE(contains(outcome.err,
+                         "]: cannot trust the directory " + root.path() + "/run: others can write to it\n"))
         << outcome.err;
 }
 

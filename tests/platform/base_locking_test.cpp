@@ -167,6 +167,21 @@ TEST(Lock, WithoutMemoryIsNotMadeAndNoException)
     EXPECT_GT(failures, 0U);
 }
 
+TEST(Lock, FollowsNoLinkAndTrustsNoDirectoryOfOthersBelowTheRoot)
+{
+    const TemporaryRoot root;
+    const std::string directory = root.path() + "/run";
+    const std::string target = root.path() + "/target";
+    ASSERT_EQ(mkdir(directory.c_str(), 0700), 0);
+    spill(target, "precious");
+    ASSERT_EQ(symlink(target.c_str(), (directory + "/lock").c_str()), 0);
+    EXPECT_FALSE(plock::make(directory + "/lock", flags::create));
+    EXPECT_TRUE(plock::make(directory + "/other", flags::create));
+    ASSERT_EQ(chmod(directory.c_str(), 0777), 0);
+    EXPECT_FALSE(plock::make(directory + "/other", flags::create));
+    EXPECT_EQ(orv::_get_orverrno(), static_cast<int>(orv::Error::input_output));
+}
+
 TEST(Lock, LeavesTheFilesContentAlone)
 {
     const TemporaryRoot root;

@@ -182,10 +182,23 @@ TEST_F(DeviceStoreTest, A_store_that_cannot_be_opened_fails_the_start)
 {
     uninit();
     std::filesystem::remove_all(m_root.path() + "/var/devices");
-    std::filesystem::create_directories(m_root.path() + "/var/devices");
-    spill(m_root.path() + "/var/devices/data.mdb", "garbage");
+    spill(m_root.path() + "/var/devices", "in the way");
     EXPECT_EQ(init(), -1);
     EXPECT_EQ(orv::_get_orverrno(), 2);
+}
+
+TEST_F(DeviceStoreTest, A_damaged_store_is_set_aside_and_an_empty_one_takes_its_place)
+{
+    ASSERT_EQ(put_device(make_device("d1")), 0);
+    uninit();
+    const std::string file = m_root.path() + "/var/devices/data.mdb";
+    spill(file, "garbage");
+    ASSERT_EQ(init(), 0);
+    std::vector<Device> devices;
+    EXPECT_EQ(get_devices(devices), 0);
+    EXPECT_TRUE(devices.empty());
+    EXPECT_EQ(slurp(file + ".damaged"), "garbage");
+    EXPECT_EQ(put_device(make_device("d1")), 0);
 }
 
 TEST_F(DeviceStoreTest, Malformed_records_are_skipped_with_one_log_line_each)

@@ -461,6 +461,19 @@ TEST_F(KarmaTest, No_more_events_are_loaded_than_the_outbox_can_hold)
     EXPECT_EQ(stored().size(), 1000U);
 }
 
+TEST_F(KarmaTest, A_damaged_outbox_is_set_aside_and_an_empty_one_takes_its_place)
+{
+    const std::string file = m_root.path() + "/var/telemetry/data.mdb";
+    uninit();
+    spill(file, "garbage");
+    ASSERT_EQ(init(), 0);
+    EXPECT_EQ(slurp(file + ".damaged"), "garbage");
+    std::vector<outbox::Entry> entries;
+    EXPECT_EQ(outbox::put("1", "{}"), orv::Error::none);
+    EXPECT_EQ(outbox::read(entries), orv::Error::none);
+    EXPECT_EQ(entries.size(), 1U);
+}
+
 TEST_F(KarmaTest, Clearing_removes_everything)
 {
     for (int i = 0; i < 3; ++i)

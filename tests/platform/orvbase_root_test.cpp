@@ -72,4 +72,44 @@ TEST(MakeDirectories, FailsWithErrnoWhenAFileIsInTheWay)
     EXPECT_EQ(errno, ENOENT);
 }
 
+TEST(FindDistrust, LooksAtEveryDirectoryFromTheRootDown)
+{
+    using orv::base::find_distrust;
+    const TemporaryRoot root;
+    const std::string inner = root.path() + "/var/store";
+    ASSERT_TRUE(make_directories(inner, 0700));
+    EXPECT_EQ(find_distrust(inner).directory, "");
+    EXPECT_EQ(find_distrust(inner + "/not/there/yet").directory, "");
+    for (const std::string& name : {root.path(), root.path() + "/var", inner}) {
+        ASSERT_EQ(chmod(name.c_str(), 01777), 0);
+        EXPECT_EQ(find_distrust(inner).directory, name);
+        EXPECT_EQ(find_distrust(inner).reason, "others can write to it");
+        ASSERT_EQ(chmod(name.c_str(), 0755), 0);
+        EXPECT_EQ(find_distrust(inner).directory, "");
+        if (geteuid() != 0)
+            continue; // only root can give something away
+        ASSERT_EQ(chown(name.c_str(), 65534, 65534), 0);
+        EXPECT_EQ(find_distrust(inner).directory, name);
+        EXPECT_EQ(find_distrust(inner).reason, "it belongs to user 65534");
+        ASSERT_EQ(chown(name.c_str(), 0, 65534), 0);
+        ASSERT_EQ(chmod(name.c_str(), 0770), 0);
+        EXPECT_EQ(find_distrust(inner).reason, "others can write to it");
+        ASSERT_EQ(chown(name.c_str(), 0, 0), 0);
+        EXPECT_EQ(find_distrust(inner).directory, "");
+    }
+}
+
+TEST(FindDistrust, LooksBehindLinksAndNotAboveTheRoot)
+{
+    using orv::base::find_distrust;
+    const TemporaryRoot root; // in /tmp, where everybody can write
+    const std::string target = root.path() + "/target";
+    ASSERT_EQ(mkdir(target.c_str(), 0700), 0);
+    ASSERT_EQ(symlink("target", (root.path() + "/tmp").c_str()), 0);
+    EXPECT_EQ(find_distrust(root.path() + "/tmp").directory, "");
+    ASSERT_EQ(chmod(target.c_str(), 0777), 0);
+    EXPECT_EQ(find_distrust(root.path() + "/tmp").directory, root.path() + "/tmp");
+    EXPECT_EQ(find_distrust("/tmp").directory, "") << "not the agent's";
+}
+
 } // namespace

@@ -114,6 +114,18 @@ TEST_F(OpeningTest, Of_a_lock_file_that_cannot_be_created_names_the_directory)
     EXPECT_EQ(outcome.status, 0) << outcome.err;
 }
 
+TEST_F(OpeningTest, Where_others_could_have_planted_something_is_refused)
+{
+    ASSERT_EQ(chmod(m_root.path().c_str(), 0777), 0);
+    Environment environment(layout());
+    EXPECT_EQ(environment.open(), Error::input_output);
+    EXPECT_EQ(environment.failure().kind, Failure::Kind::directory);
+    EXPECT_EQ(told(), Lines{"0 store store: cannot trust the directory " + m_root.path() +
+                            ": others can write to it"});
+    ASSERT_EQ(chmod(m_root.path().c_str(), 0755), 0);
+    EXPECT_EQ(environment.open(), Error::none);
+}
+
 TEST_F(OpeningTest, That_succeeds_leaves_no_failure)
 {
     Environment environment(layout());

@@ -159,6 +159,25 @@ TEST_F(LargeRoomTest, A_store_whose_free_pages_are_scattered_can_be_emptied_at_o
     EXPECT_LT(file_size(), 2 * kLargeMapSize);
 }
 
+TEST_F(RoomTest, How_full_it_is_can_be_asked)
+{
+    Usage usage;
+    ASSERT_EQ(m_environment.measure(usage), Error::none);
+    EXPECT_LE(usage.used, 5U * 4096);
+    EXPECT_EQ(usage.limit, kMapSize - kMapSize / 16);
+    EXPECT_EQ(usage.file, file_size());
+    (void)fill(4000);
+    ASSERT_EQ(m_environment.measure(usage), Error::none);
+    EXPECT_GT(usage.used, usage.limit - 10U * 4096);
+    EXPECT_LE(usage.used, usage.limit);
+    ASSERT_EQ(remove_all(), Error::none);
+    ASSERT_EQ(m_environment.measure(usage), Error::none);
+    EXPECT_LE(usage.used, 10U * 4096);
+    EXPECT_EQ(usage.file, file_size());
+    m_environment.close();
+    EXPECT_EQ(m_environment.measure(usage), Error::input_output);
+}
+
 TEST_F(RoomTest, A_full_store_says_so_in_one_line_and_goes_on)
 {
     (void)fill(4000);

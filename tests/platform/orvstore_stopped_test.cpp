@@ -2,6 +2,7 @@
 // nobody waits for them longer than the layout says, and afterwards all is well.
 
 #include "process_support.h"
+#include "stepped.h"
 
 #include <orvstore/notify.h>
 #include <orvstore/transaction.h>
@@ -9,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/file.h>
-#include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -37,7 +37,7 @@ namespace {
 
 constexpr milliseconds kPatience{20};
 /// What the machine may take for itself, beside the waiting.
-constexpr milliseconds kSlack{400};
+constexpr milliseconds kSlack{2000};
 
 std::vector<std::string>& told()
 {
@@ -81,66 +81,6 @@ milliseconds duration_of(const std::function<void()>& action)
     action();
     return std::chrono::duration_cast<milliseconds>(Clock::now() - begin);
 }
-
-/// A child process that goes on from system call to system call: it is stopped before and after each.
-class Stepped {
-public:
-    explicit Stepped(const std::function<int()>& body) : m_process(fork())
-    {
-        if (m_process == 0) {
-            if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
-                _exit(111);
-            (void)raise(SIGSTOP);
-            _exit(body());
-        }
-        m_is_there = wait();
-    }
-    Stepped(const Stepped&) = delete;
-    Stepped& operator=(const Stepped&) = delete;
-    ~Stepped() { kill(); }
-
-    /// On to the next stop; false when it has ended instead.
-    bool step()
-    {
-        m_is_there = m_is_there && ptrace(PTRACE_SYSCALL, m_process, nullptr, nullptr) == 0 && wait();
-        return m_is_there;
-    }
-
-    void kill()
-    {
-        if (!std::exchange(m_is_there, false))
-            return;
-        (void)::kill(m_process, SIGKILL);
-        (void)wait_for(m_process);
-    }
-
-    void let_go()
-    {
-        if (!std::exchange(m_is_there, false))
-            return;
-        (void)ptrace(PTRACE_DETACH, m_process, nullptr, nullptr);
-        m_status = wait_for(m_process);
-    }
-
-    /// The exit status, or 1000 + the signal that it died by.
-    [[nodiscard]] int status() const { return m_status; }
-
-private:
-    bool wait()
-    {
-        int status = 0;
-        if (waitpid(m_process, &status, 0) != m_process)
-            return false;
-        if (WIFSTOPPED(status))
-            return true;
-        m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
-        return false;
-    }
-
-    pid_t m_process;
-    bool m_is_there = false;
-    int m_status = -1;
-};
 
 int open_and_write(const std::string& value)
 {

@@ -85,7 +85,8 @@ Outcome on_small_disk(const std::string& directory, const char* size, const std:
     return in_child([&]() -> int {
         REQUIRE(enter_mount_namespace());
         REQUIRE(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0);
-        REQUIRE(mount("none", directory.c_str(), "tmpfs", 0, ("size=" + std::string(size)).c_str()) == 0);
+        REQUIRE(mount("none", directory.c_str(), "tmpfs", 0,
+                      ("mode=0700,size=" + std::string(size)).c_str()) == 0);
         return body();
     });
 }

@@ -360,6 +360,23 @@ TEST_F(StoreFailureTest, A_durable_store_that_a_power_cut_kept_from_being_create
     EXPECT_EQ(init(), -2) << "this one had been finished";
 }
 
+TEST_F(StoreFailureTest, Damaged_settings_are_replaced_by_their_copy)
+{
+    const std::string file = m_root.path() + "/var/settings/data.mdb";
+    ASSERT_EQ(init(), 0);
+    ASSERT_EQ(setKey("/a", "copied"), 0);
+    uninit();
+    fs::copy_file(file, file + ".copy");
+    ASSERT_EQ(init(), 0);
+    ASSERT_EQ(setKey("/a", "lost"), 0);
+    uninit();
+    spill_over(file, std::string(8192, '\xff'));
+    ASSERT_EQ(init(), 0);
+    EXPECT_EQ(value_of("/a"), "copied");
+    EXPECT_EQ(setKey("/a", "new"), 0);
+    EXPECT_TRUE(fs::exists(file + ".damaged"));
+}
+
 TEST_F(StoreFailureTest, A_garbage_lock_file_that_nobody_uses_does_no_harm)
 {
     ASSERT_EQ(init(), 0);

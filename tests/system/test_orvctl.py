@@ -115,7 +115,7 @@ class WithoutDaemon(world.TestCase):
         self.check(["call", "x", "-"], USAGE, stdout="", stderr="4 MiB", input=" " * (5 << 20))
 
     def test_help_and_version_succeed_and_end_with_examples(self):
-        for line in ("", "call", "commands", "events", "subscribe", "settings", "settings get", "settings set",
+        for line in ("", "call", "commands", "events", "subscribe", "settings", "settings backup", "settings get", "settings restore", "settings set",
                      "settings delete", "settings list", "settings tree", "settings watch", "exchange",
                      "exchange request", "exchange message", "exchange publish", "exchange monitor", "telemetry",
                      "telemetry list", "telemetry clear"):
@@ -547,6 +547,40 @@ class Settings(world.TestCase):
             file.write("in the way")
         self.check_closed("%s/var/settings: Not a directory (ORV_ROOT names the agent's root directory, else it is "
                           "/opt/orvane)" % self.one.root)
+
+    def test_a_backup_brings_all_settings_back(self):
+        file = os.path.join(self.one.root, "settings.backup")
+        for key, value in (("/a", "1"), ("/a/b", "two\nlines"), ("/tmp/x", "volatile")):
+            self.orvctl("set", key, value)
+        self.assertEqual(self.orvctl("backup", file), (OK, "", ""))
+        self.assertEqual(os.stat(file).st_mode & 0o777, 0o600)
+        self.orvctl("set", "/a", "2")
+        self.orvctl("set", "/c", "3")
+        self.orvctl("delete", "/a/b")
+        self.assertEqual(self.orvctl("restore", file), (OK, "", ""))
+        self.assertEqual(self.orvctl("get", "/a"), (OK, "1\n", ""))
+        self.assertEqual(self.orvctl("get", "/a/b"), (OK, "two\nlines\n", ""))
+        self.assertEqual(self.orvctl("get", "/c")[0], FAILED)
+        self.assertEqual(self.orvctl("get", "/tmp/x"), (OK, "volatile\n", ""))
+        status, text, stderr = self.orvctl("backup", "-")
+        self.assertEqual((status, stderr), (OK, ""))
+        self.orvctl("set", "/a", "2")
+        self.assertEqual(self.orvctl("restore", "-", input=text), (OK, "", ""))
+        self.assertEqual(self.orvctl("get", "/a"), (OK, "1\n", ""))
+
+    def test_what_is_no_backup_changes_nothing(self):
+        file = os.path.join(self.one.root, "settings.backup")
+        self.orvctl("set", "/a", "1")
+        self.orvctl("backup", file)
+        with open(file, "r+") as damaged:
+            damaged.truncate(os.path.getsize(file) - 1)
+        status, _, stderr = self.orvctl("restore", file)
+        self.assertEqual(status, FAILED)
+        self.assertIn("is no backup of the settings, or not a whole one", stderr)
+        self.assertEqual(self.orvctl("restore", file + ".absent")[::2],
+                         (FAILED, "orvctl: cannot read %s.absent: No such file or directory\n" % file))
+        self.assertEqual(self.orvctl("backup", self.one.root + "/no/such/file")[0], FAILED)
+        self.assertEqual(self.orvctl("get", "/a"), (OK, "1\n", ""))
 
     def check_closed(self, reason):
         """The one message says the reason; with a log level the libraries' own lines are there, too."""

@@ -29,7 +29,7 @@ class Status(world.TestCase):
     def test_with_all_up_it_is_a_success(self):
         self.one.start()
         seen = self.status(OK)
-        self.assertEqual(list(seen), ["daemon", "exchange", "agent", "va", "devices", "telemetry"])
+        self.assertEqual(list(seen), ["daemon", "exchange", "agent", "va", "devices", "telemetry", "stores"])
         self.assertEqual(seen["daemon"], {"state": "running"})
         self.assertEqual(seen["exchange"],
                          {"address": "unix:path=%s/run/exchange.skt" % self.one.root, "reachable": True})
@@ -74,6 +74,19 @@ class Status(world.TestCase):
         self.assertGreater(len(listed), 0)
         self.assertEqual(self.status(OK)["telemetry"], {"waiting": len(listed)})
 
+    def test_how_full_the_stores_are(self):
+        self.one.start()
+        stores = self.status(OK)["stores"]
+        self.assertEqual(sorted(stores), ["devices", "settings", "telemetry", "tmp"])
+        for name, mebibytes in (("settings", 60), ("tmp", 30), ("devices", 60), ("telemetry", 15)):
+            self.assertEqual(stores[name]["limit"], mebibytes << 20)
+            self.assertGreater(stores[name]["used"], 0)
+            self.assertLess(stores[name]["used"], 1 << 20)
+        data_file = os.path.join(self.one.root, "var/settings/data.mdb")
+        self.assertEqual(stores["settings"]["file"], os.path.getsize(data_file))
+        self.one.set_setting("/large", "x" * 100000)
+        self.assertGreater(self.status(OK)["stores"]["settings"]["used"], stores["settings"]["used"] + 100000)
+
     def test_stores_that_cannot_be_opened_are_unknown(self):
         with open(os.path.join(self.one.root, "var"), "w") as file:
             file.write("in the way")
@@ -86,12 +99,15 @@ class Status(world.TestCase):
         seen = json.loads(result.stdout)
         self.assertEqual(seen["devices"], {"count": None, "blocked": None})
         self.assertEqual(seen["telemetry"], {"waiting": None})
+        self.assertEqual(seen["stores"], {"settings": None, "tmp": None, "devices": None, "telemetry": None})
 
     def test_people_see_one_screen(self):
         self.one.start()
         status, lines = self.screen()
         self.assertEqual(status, OK)
         self.assertRegex(lines.pop("Telemetry"), r"^\d+ waiting$")
+        self.assertEqual(lines.pop("Stores"),
+                         "settings 1 of 60 MiB, tmp 1 of 30 MiB, devices 1 of 60 MiB, telemetry 1 of 15 MiB")
         self.assertEqual(lines, {
             "Daemon": "running", "Bus": "reachable, unix:path=%s/run/exchange.skt" % self.one.root,
             "Agent": "version 2.0.0.0", "Registration": "not registered", "Subscription": "none", "Services": "on",

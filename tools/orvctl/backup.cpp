@@ -6,13 +6,11 @@
 #include "output.h"
 
 #include <orvbase/descriptor.h>
-#include <orvbase/io.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -22,9 +20,9 @@ namespace {
 
 using orv::base::Descriptor;
 
-bool report(const std::string& doing, const std::string& file)
+bool report(const std::string& file)
 {
-    complain("cannot " + doing + " " + file + ": " + std::strerror(errno));
+    complain("cannot write " + file + ": " + std::strerror(errno));
     return false;
 }
 
@@ -64,6 +62,8 @@ void sync_directory_of(const std::string& file)
 
 bool write_backup(const std::string& file, std::string_view text)
 {
+    if (file == "-")
+        return write_all(STDOUT_FILENO, text) || report("standard output");
     struct stat status {};
     if (stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
         complain("cannot write " + file + ": no regular file");
@@ -73,34 +73,14 @@ bool write_backup(const std::string& file, std::string_view text)
     const Descriptor opened(mkostemp(unfinished.name.data(), O_CLOEXEC));
     if (!opened.is_open()) {
         unfinished.name.clear();
-        return report("write", file);
+        return report(file);
     }
     if (!write_all(opened.get(), text) || fsync(opened.get()) < 0 ||
         rename(unfinished.name.c_str(), file.c_str()) < 0)
-        return report("write", file);
+        return report(file);
     unfinished.name.clear();
     sync_directory_of(file);
     return true;
-}
-
-bool read_backup(const std::string& file, std::string& text, std::size_t limit)
-{
-    const Descriptor opened(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!opened.is_open())
-        return report("read", file);
-    std::array<char, 16384> chunk{};
-    for (;;) {
-        const ssize_t size = orv::base::read_some(opened.get(), chunk.data(), chunk.size());
-        if (size < 0)
-            return report("read", file);
-        if (size == 0)
-            return true;
-        text.append(chunk.data(), static_cast<std::size_t>(size));
-        if (text.size() <= limit)
-            continue;
-        complain("cannot read " + file + ": too large for a backup");
-        return false;
-    }
 }
 
 } // namespace orvctl

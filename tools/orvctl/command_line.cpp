@@ -242,6 +242,27 @@ void add_settings_changes(CommandLine& line, CLI::App& settings)
     add_count(*watch, *count, "changes");
 }
 
+void add_settings_backup(CommandLine& line, CLI::App& settings)
+{
+    const auto add_on_file = [&](const char* name, const char* summary, const char* examples,
+                                 int (*run)(const std::string&)) {
+        const auto file = std::make_shared<std::string>();
+        CLI::App* command = add(settings, name, summary, examples);
+        command->add_option("FILE", *file, "The file, - for standard input or output")->required();
+        set_work(line, *command, [file, run](const Options&, Output&) { return run(*file); });
+    };
+    add_on_file("backup", "Write all settings that survive a reboot to a file",
+                "  orvctl settings backup /mnt/settings.backup\n"
+                "  orvctl settings backup - | ssh host 'cat > settings.backup'\n",
+                run_settings_backup);
+    add_on_file(
+        "restore", "Make all settings that survive a reboot those of a file",
+        "  orvctl settings restore /mnt/settings.backup\n"
+        "\nAll of them or none; whoever watches a key that changes is told. Keys that are not in the file "
+        "are\nremoved.\n",
+        run_settings_restore);
+}
+
 void add_settings(CommandLine& line)
 {
     CLI::App* settings =
@@ -257,6 +278,7 @@ void add_settings(CommandLine& line)
         ->get_option("KEY")
         ->required();
     add_settings_changes(line, *settings);
+    add_settings_backup(line, *settings);
     const auto list = [](const std::string& key, const Options&, Output& output) {
         return run_settings_list(key, output);
     };
@@ -371,13 +393,13 @@ void add_device(CommandLine& line)
         "is not of the right shape, none is stored.\n",
         [](const std::string& data, Output&) { return run_device_put(data); });
     add_on_device(line, *device, "backup", "Write all devices to a file", "FILE",
-                  "The file, which is replaced",
+                  "The file, which is replaced, or - for standard output",
                   "  orvctl device backup devices.json\n"
                   "\nAll as they are at one moment; nothing needs to be stopped.\n",
                   [](const std::string& file, Output&) { return run_device_backup(file); });
     add_on_device(
         line, *device, "restore", "Make the device store hold what a backup holds", "FILE",
-        "A file that \"device backup\" has written",
+        "A file that \"device backup\" has written, or - for standard input",
         "  orvctl device restore devices.json\n"
         "\nDevices that are not in the file are removed. All together or not at all; nothing needs to "
         "be\n"

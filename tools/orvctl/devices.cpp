@@ -235,7 +235,7 @@ int run_device_restore(const std::string& file)
 {
     std::string text;
     std::vector<Device> devices;
-    if (!read_backup(file, text, kMaxInputSize))
+    if (!read_file(file, text, kMaxInputSize, "a backup of the devices"))
         return kFailed;
     if (const int status = read_backup_devices(file, text, devices); status != kSuccess)
         return status;

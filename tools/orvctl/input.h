@@ -10,4 +10,8 @@ namespace orvctl {
 /// seem to hang. False, after a complaint, when reading fails or there is more than `limit` bytes.
 [[nodiscard]] bool read_standard_input(std::string& text, std::size_t limit, std::string_view what);
 
+/// The same of a file; of standard input for "-".
+[[nodiscard]] bool read_file(const std::string& file, std::string& text, std::size_t limit,
+                             std::string_view what);
+
 } // namespace orvctl

@@ -2,13 +2,16 @@
 
 #include "settings.h"
 
+#include "backup.h"
 #include "exit_status.h"
+#include "input.h"
 #include "stores.h"
 #include "texts.h"
 #include "waiting.h"
 
 #include <orvbroker/client.h>
 #include <orvutils/setmgmt.h>
+#include <orvutils/settings_backup.h>
 
 #include <algorithm>
 #include <optional>
@@ -18,6 +21,9 @@ namespace orvctl {
 namespace {
 
 namespace store = orv::setMgmt;
+
+/// All that fits into the store, and more than enough for what is around it.
+constexpr std::size_t kMaxBackupSize = std::size_t{96} * 1024 * 1024;
 
 /// Complains about a failed operation, by its negative result.
 int report(const std::string& key, int result)
@@ -245,6 +251,33 @@ int run_settings_watch(const std::string& key, unsigned long count, const Option
         return kUnavailable;
     }
     return follow(watch, seen, count, options, output);
+}
+
+int run_settings_backup(const std::string& file)
+{
+    const OpenedStore settings(Store::settings);
+    if (!settings.is_open())
+        return report_closed(Store::settings);
+    std::string text;
+    if (const int result = store::backup(text); result < 0)
+        return report("/", result);
+    return write_backup(file, text) ? kSuccess : kFailed;
+}
+
+int run_settings_restore(const std::string& file)
+{
+    std::string text;
+    if (!read_file(file, text, kMaxBackupSize, "a backup of the settings"))
+        return kFailed;
+    const OpenedStore settings(Store::settings);
+    if (!settings.is_open())
+        return report_closed(Store::settings);
+    const int result = store::restore(text);
+    if (result == -static_cast<int>(orv::Error::invalid_argument)) {
+        complain(file + " is no backup of the settings, or not a whole one; nothing was changed");
+        return kFailed;
+    }
+    return result < 0 ? report("/", result) : kSuccess;
 }
 
 } // namespace orvctl

@@ -18,6 +18,10 @@ namespace orvctl {
 [[nodiscard]] int run_settings_list(const std::string& key, Output& output);
 /// Prints every key from this one downwards with its value.
 [[nodiscard]] int run_settings_tree(const std::string& key, Output& output);
+/// Writes all durable settings to a file, "-" for standard output; makes them those of a file, "-" for standard
+/// input. Whoever uses the store may go on.
+[[nodiscard]] int run_settings_backup(const std::string& file);
+[[nodiscard]] int run_settings_restore(const std::string& file);
 /// Prints the key's new value after each change, `count` times, 0 for ever, or until the time is over.
 [[nodiscard]] int run_settings_watch(const std::string& key, unsigned long count, const Options& options,
                                      Output& output);

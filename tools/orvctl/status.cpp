@@ -10,9 +10,11 @@
 #include "texts.h"
 
 #include <orvbroker/client.h>
+#include <orvdevmgmt/device_writer.h>
 #include <orvdiagnosis/orvdiagnosis.h>
 #include <orvkarma/outbox.h>
 #include <orvtools/json.h>
+#include <orvutils/settings_failure.h>
 #include <orvutils/version.h>
 
 #include <algorithm>
@@ -73,6 +75,30 @@ json_t* telemetry_waiting()
     return error == orv::Error::none ? json_integer(static_cast<json_int_t>(entries.size())) : json_null();
 }
 
+json_t* usage_of(orv::Error error, const orv::store::Usage& usage)
+{
+    if (error != orv::Error::none)
+        return json_null();
+    return json_pack("{s:I,s:I,s:I}", "used", static_cast<json_int_t>(usage.used), "limit",
+                     static_cast<json_int_t>(usage.limit), "file", static_cast<json_int_t>(usage.file));
+}
+
+/// How full the stores are, as far as they are open. Null for the others.
+json_t* stores()
+{
+    orv::store::Usage durable;
+    orv::store::Usage below_tmp;
+    orv::store::Usage devices;
+    orv::store::Usage telemetry;
+    const OpenedStore outbox(Store::telemetry);
+    const orv::Error settings_error = orv::setMgmt::measure(durable, below_tmp);
+    const orv::Error devices_error = orv::devMgmt::measure(devices);
+    const orv::Error telemetry_error = orv::karma::outbox::measure(telemetry);
+    return json_pack("{s:o,s:o,s:o,s:o}", "settings", usage_of(settings_error, durable), "tmp",
+                     usage_of(settings_error, below_tmp), "devices", usage_of(devices_error, devices),
+                     "telemetry", usage_of(telemetry_error, telemetry));
+}
+
 /// What can be seen without the daemon.
 orv::JsonPtr look()
 {
@@ -96,6 +122,7 @@ orv::JsonPtr look()
     json_object_set_new(json_object_get(seen.get(), "agent"), "patch_level",
                         json_string(orv::get_patch_version().c_str()));
     json_object_set_new(seen.get(), "telemetry", json_pack("{s:o}", "waiting", telemetry_waiting()));
+    json_object_set_new(seen.get(), "stores", stores());
     return seen;
 }
 
@@ -151,6 +178,24 @@ std::string version_of(const orv::JsonPtr& status)
     return shown(at(status, "agent", "version")) + (patch.empty() ? "" : ", patch " + patch);
 }
 
+/// "settings 3 of 60 MiB, tmp 0 of 30 MiB, ..."
+std::string fullness(const orv::JsonPtr& status)
+{
+    constexpr json_int_t kMebibyte = 1048576;
+    std::string text;
+    for (const char* name : {"settings", "tmp", "devices", "telemetry"}) {
+        const json_t* store = at(status, "stores", name);
+        const auto mebibytes = [&](const char* member) {
+            const json_int_t bytes = json_integer_value(json_object_get(store, member));
+            return std::to_string((bytes + kMebibyte - 1) / kMebibyte);
+        };
+        text += (text.empty() ? "" : ", ") + std::string(name) +
+                (json_is_object(store) ? " " + mebibytes("used") + " of " + mebibytes("limit") + " MiB"
+                                       : " unknown");
+    }
+    return text;
+}
+
 void print_screen(const orv::JsonPtr& status, Output& output)
 {
     const auto row = [&](const char* title, const std::string& text) {
@@ -169,6 +214,7 @@ void print_screen(const orv::JsonPtr& status, Output& output)
     row("Devices",
         shown(at(status, "devices", "count")) + ", " + shown(at(status, "devices", "blocked")) + " blocked");
     row("Telemetry", shown(at(status, "telemetry", "waiting")) + " waiting");
+    row("Stores", fullness(status));
 }
 
 bool is_all_up(const orv::JsonPtr& status, Error daemon)

@@ -30,7 +30,7 @@ const char* relative_path(common_path which)
 path common_directory(common_path which)
 try {
     const std::string directory = base::root_path(relative_path(which));
-    if (which == common_path::run && !base::make_directories(directory, base::kDataDirectoryMode))
+    if (which == common_path::run && !base::make_directories(directory, base::kDirectoryMode))
         ORV_LOG(log::kDebug, "cannot create {}: {}, ignoring", directory, std::strerror(errno));
     return directory;
 } catch (const std::bad_alloc&) {

@@ -5,12 +5,14 @@
 
 #include <orvbase/error_number.h>
 #include <orvbase/root.h>
+#include <orvutils/log_format.h>
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <new>
+#include <string>
 #include <utility>
 
 namespace orv::locking {
@@ -19,22 +21,28 @@ namespace {
 
 constexpr mode_t kLockFileMode = 0600;
 
-/// Only what lies below the agent's root is ours to make.
-void make_parent(const std::string& file)
+/// The directory of a file that lies below the agent's root; empty for others.
+std::string own_parent(const std::string& file)
 {
     const std::string root = base::root_path("");
     const auto slash = file.rfind('/');
     if (slash == std::string::npos || slash < root.size() || file.compare(0, root.size(), root) != 0)
-        return;
-    if (file[root.size()] == '/' || root == "/")
-        (void)base::make_directories(file.substr(0, slash), base::kDataDirectoryMode); // open() will tell
+        return {};
+    return file[root.size()] == '/' || root == "/" ? file.substr(0, slash) : std::string{};
 }
 
+/// Only what lies below the agent's root is ours to make, and must be nobody else's.
 int open_file(const std::string& file, bool create)
 {
-    if (create)
-        make_parent(file);
-    return open(file.c_str(), O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), kLockFileMode);
+    const std::string parent = own_parent(file);
+    if (create && !parent.empty())
+        (void)base::make_directories(parent, base::kDirectoryMode); // open() will tell
+    if (const auto distrust = base::find_distrust(parent); !distrust.directory.empty()) {
+        ORV_LOG(log::kError, "cannot trust the directory {}: {}", distrust.directory, distrust.reason);
+        return -1;
+    }
+    const int follow = parent.empty() ? 0 : O_NOFOLLOW;
+    return open(file.c_str(), O_RDWR | O_CLOEXEC | follow | (create ? O_CREAT : 0), kLockFileMode);
 }
 
 } // namespace

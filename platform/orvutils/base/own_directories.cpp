@@ -19,19 +19,15 @@ namespace {
 
 bool is_own(const std::string& directory)
 {
+    if (const auto distrust = base::find_distrust(directory); !distrust.directory.empty()) {
+        ORV_LOG(log::kError, "cannot trust the directory {}: {}", distrust.directory, distrust.reason);
+        return false;
+    }
     struct stat status {};
     if (stat(directory.c_str(), &status) == -1)
         return true; // it is made when it is needed, or what is wrong with it is told then
-    if (status.st_uid != geteuid() && status.st_uid != 0) {
-        ORV_LOG(log::kError, "{} belongs to user {}, and is not used", directory, status.st_uid);
-        return false;
-    }
-    if ((status.st_mode & S_IWOTH) != 0) {
-        ORV_LOG(log::kError, "{} can be written to by everybody, and is not used", directory);
-        return false;
-    }
     const bool is_open = (status.st_mode & (S_IRWXG | S_IRWXO)) != 0;
-    if (is_open && status.st_uid == geteuid() && chmod(directory.c_str(), base::kDataDirectoryMode) == -1)
+    if (is_open && status.st_uid == geteuid() && chmod(directory.c_str(), base::kDirectoryMode) == -1)
         ORV_LOG(log::kWarning, "cannot close {} to other users: {}, ignoring", directory,
                 std::strerror(errno));
     return true;

@@ -57,8 +57,12 @@ Descriptor open_lock_file(const std::string& name)
 {
     const std::string directory = base::root_path("tmp/locks");
     Descriptor file;
-    if (base::make_directories(directory, base::kDataDirectoryMode))
-        file = Descriptor(::open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode));
+    if (const auto distrust = base::find_distrust(directory); !distrust.directory.empty()) {
+        ORV_LOG(log::kError, "cannot trust the directory {}: {}", distrust.directory, distrust.reason);
+        return file;
+    }
+    if (base::make_directories(directory, base::kDirectoryMode))
+        file = Descriptor(::open(name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kFileMode));
     if (!file.is_open())
         ORV_LOG(log::kError, "cannot open the lock file {}: {}", name, std::strerror(errno));
     return file;

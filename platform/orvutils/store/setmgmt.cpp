@@ -5,6 +5,7 @@
 
 #include <orvbase/error_number.h>
 #include <orvutils/log_format.h>
+#include <orvutils/settings_failure.h>
 
 #include <algorithm>
 #include <charconv>
@@ -29,8 +30,16 @@ void report(store::Severity severity, const std::string& text)
     ORV_LOG(static_cast<int>(severity), "{}", text);
 }
 
+/// The router cannot get its settings back from anywhere else.
+store::Layout durable_layout()
+{
+    store::Layout layout{"var/settings", {"values", "removals"}, 64 * kMegabyte, true, report};
+    layout.when_damaged = store::WhenDamaged::restore;
+    return layout;
+}
+
 struct Environments {
-    Environment durable{{"var/settings", {"values", "removals"}, 64 * kMegabyte, true, report}};
+    Environment durable{durable_layout()};
     Environment volatile_keys{
         {"tmp/settings", {"values", "removals", "rewrites"}, 32 * kMegabyte, false, report}};
 };
@@ -312,6 +321,12 @@ const store::Failure& failure()
     const store::Failure& durable = detail::environments().durable.failure();
     return durable.kind != store::Failure::Kind::none ? durable
                                                       : detail::environments().volatile_keys.failure();
+}
+
+Error measure(store::Usage& durable, store::Usage& below_tmp)
+{
+    const Error error = detail::environments().durable.measure(durable);
+    return error == Error::none ? detail::environments().volatile_keys.measure(below_tmp) : error;
 }
 
 int getKey(const std::string& key, std::string& value)

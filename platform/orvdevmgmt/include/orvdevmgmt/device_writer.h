@@ -1,7 +1,9 @@
 #pragma once
 
+#include <orvbase/error.h>
 #include <orvdevmgmt/orvdevmgmt.h>
 #include <orvstore/failure.h>
+#include <orvstore/usage.h>
 
 #include <jansson.h>
 
@@ -18,6 +20,8 @@ constexpr std::size_t kMaxRecordSize = 8192; ///< of a whole device, as it is st
 
 /// Why init() has failed; Kind::none when the store itself could be opened.
 [[nodiscard]] const store::Failure& failure();
+/// How full the store is.
+[[nodiscard]] Error measure(store::Usage& usage);
 
 /// Stores a device, new or in place of the one with its id. 0, or below 0 with nothing changed: error 1 for
 /// an impossible device (no id, texts that are not UTF-8, invalid addresses, with the member's name in the

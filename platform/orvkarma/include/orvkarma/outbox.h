@@ -2,6 +2,7 @@
 
 #include <orvbase/error.h>
 #include <orvstore/failure.h>
+#include <orvstore/usage.h>
 
 #include <cstddef>
 #include <string>
@@ -22,6 +23,8 @@ constexpr std::size_t kMaxEventSize = std::size_t{256} * 1024;
 [[nodiscard]] bool is_open();
 /// Why open() has failed.
 [[nodiscard]] const store::Failure& failure();
+/// How full the store is.
+[[nodiscard]] Error measure(store::Usage& usage);
 void close();
 
 struct Entry {

@@ -5,6 +5,7 @@
 #include <orvstore/failure.h>
 #include <orvstore/file_state.h>
 #include <orvstore/layout.h>
+#include <orvstore/usage.h>
 
 #include <cstdint>
 #include <memory>
@@ -14,6 +15,7 @@
 
 namespace orv::store {
 
+class CopyKeeper;
 class Opened;
 
 /// One LMDB environment: a directory with a data file that holds some named trees of byte strings, shared by
@@ -44,10 +46,14 @@ public:
     [[nodiscard]] const Failure& failure() const;
 
     /// Does, at most ten times a second, what every use does first: opens it again if something else lies
-    /// under its name by now, or if it could not be opened so far.
+    /// under its name by now, or if it could not be opened so far. Renews the copy of a store that has one,
+    /// a piece at a time.
     void look_after();
     /// The same, at once.
     void refresh();
+
+    /// How full it is.
+    [[nodiscard]] Error measure(Usage& usage);
 
     /// Whether every commit that has reached the data file is visible. (A commit becomes visible to readers an
     /// instant after LMDB has written it; for a writer that was killed in between this does it.) Never waits:
@@ -91,7 +97,8 @@ private:
     Error operation_failed(Opened& opened, const char* doing, int code) const;
     void report_about(Severity severity, const std::string& text) const;
 
-    Layout m_layout;
+    const Layout m_layout;
+    std::unique_ptr<CopyKeeper> m_copy_keeper;
     std::string m_directory;
     std::string m_data_file;
     std::variant<Closed, Missing, std::unique_ptr<Opened>> m_state;

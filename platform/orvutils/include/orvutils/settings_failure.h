@@ -1,10 +1,15 @@
 #pragma once
 
+#include <orvbase/error.h>
 #include <orvstore/failure.h>
+#include <orvstore/usage.h>
 
 namespace orv::setMgmt {
 
 /// Why init() has failed, of whichever of the store's two parts that was; Kind::none when it has not.
 [[nodiscard]] const store::Failure& failure();
+
+/// How full the two parts are: the durable settings, and those below /tmp.
+[[nodiscard]] Error measure(store::Usage& durable, store::Usage& below_tmp);
 
 } // namespace orv::setMgmt
