@@ -11,7 +11,7 @@
 
 #include "change_log.h"
 
-#include "device_store.h"
+#include "device_trees.h"
 
 #include <sys/random.h>
 

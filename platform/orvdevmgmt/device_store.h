@@ -1,5 +1,7 @@
 #pragma once
 
+#include "device_trees.h"
+
 #include <orvdevmgmt/orvdevmgmt.h>
 #include <orvstore/transaction.h>
 
@@ -7,11 +9,7 @@
 #include <string_view>
 #include <vector>
 
-/// The device store's trees: from device ids to records; an index whose keys are a MAC address and the id of
-/// the device that has it, one after the other; what has changed (change_log.h).
 namespace orv::devMgmt {
-
-enum DeviceTree : std::size_t { kDevices, kMacIndex, kChanges };
 
 [[nodiscard]] store::Environment& device_environment();
 

@@ -559,7 +559,7 @@ std::string key(const std::string& piece)
 
 const std::string kLock = "setMgmt::lockKey(" + kQueue + ")";
 const std::string kUnlock = "setMgmt::unlockKey(" + kQueue + ")";
-const std::string kReadCount = "setMgmt::getKeyValue(" + key("count") + ", 0)";
+const std::string kReadCount = "setMgmt::getKeyValue(" + key("count") + ", \"\")";
 const std::string kEmpty = "setMgmt::deleteKey(" + kQueue + ")";
 
 std::string put(const std::string& piece, const std::string& value)
@@ -604,7 +604,7 @@ TEST_F(Devices, OnlineStatusIsQueuedBehindWhatIsThere)
 
 TEST_F(Devices, OnlineStatusFindsAFullQueueAndEmptiesIt)
 {
-    for (const char* count : {"100", "101", "2147483647"}) {
+    for (const char* count : {"100", "101", "2147483647", "2147483648", "4294967296", "18446744073709551616", "-1"}) {
         Settings queue{{key("count"), count}};
         for (int i = 0; i < 100; ++i)
             queue[key(std::to_string(i))] = "{}";
@@ -639,13 +639,32 @@ TEST_F(Devices, OnlineStatusIsKeptForAHundredReportsAndThenStartsAnew)
 
 TEST_F(Devices, OnlineStatusWithABrokenCountStartsAtZero)
 {
-    for (const char* count : {"", "x", "5x"})
+    for (const char* count : {"", "x", "5x", "-", "-0", "+5"})
         check(online()
                   .with({{key("count"), count}})
                   .calls({kLock, kReadCount, put("0", R"({"d1": 1})"), put("count", "1"), kUnlock})
                   .logs({{3, R"(Saved req '{"d1": 1}' at index 0)"}})
                   .leaves({{"/leases/mode", "orvleases-ng"}, {key("0"), R"({"d1": 1})"}, {key("count"), "1"}})
                   .succeeds());
+}
+
+TEST_F(Devices, OnlineStatusIsMeasuredWhenItIsLargeAndStartsTheQueueAnewWhenThatTakesTooMuch)
+{
+    const std::string mebibyte(1024 * 1024, 'x');
+    const std::string text = R"({"text": ")" + mebibyte + "\"}";
+    for (const int before : {6, 7}) {
+        Settings queue{{key("count"), std::to_string(before)}};
+        for (int i = 0; i < before; ++i)
+            queue[key(std::to_string(i))] = mebibyte;
+        queue["/leases/mode"] = "orvleases-ng";
+        platform->settings = queue;
+        Peer peer = connect();
+        ASSERT_EQ(ask(peer, command("set_device_online_status", text)), R"({"data": null, "status": 0})");
+        EXPECT_EQ(platform->settings[key("count")], before == 7 ? "1" : "7");
+        EXPECT_EQ(platform->settings[key(before == 7 ? "0" : "6")], text);
+        EXPECT_EQ(platform->settings.size(), before == 7 ? 3U : 9U);
+        destroy(peer);
+    }
 }
 
 TEST_F(Devices, OnlineStatusSucceedsWhateverBecomesOfTheQueue)

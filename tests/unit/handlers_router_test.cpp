@@ -451,12 +451,15 @@ TEST_F(Router, ListsNoInterfaceWhoseTypeIsNotUtf8)
               .fails());
 }
 
+const std::string kBegin = "setMgmt::Batch()";
+const std::string kCommit = "setMgmt::Batch::commit()";
+
 /// A list of interfaces that is stored; `previous` are the keys that were there.
 Scenario interfaces(const std::string& list, int size, const Settings& previous = {})
 {
     return Scenario("set_router_interfaces", list)
         .with(previous)
-        .calls({kLock, kEnumerate})
+        .calls({kLock, kBegin, kEnumerate})
         .logs({{2, fmt::format("Found {} interfaces", size)}})
         .succeeds();
 }
@@ -469,7 +472,7 @@ std::string stored(const std::string& name, const std::string& type)
 TEST_F(Router, StoresItsInterfacesAndDeletesOthers)
 {
     check(interfaces(R"([{"name":"eth0","type":"wan"}])", 1)
-              .calls({set(child("eth0"), "wan"), kUnlock})
+              .calls({set(child("eth0"), "wan"), kCommit, kUnlock})
               .logs({{2, stored("eth0", "wan")}})
               .leaves({{child("eth0"), "wan"}}));
     check(
@@ -477,7 +480,7 @@ TEST_F(Router, StoresItsInterfacesAndDeletesOthers)
             R"([{"name":"eth0","type":"wan"},{"type":"lan","name":"br0","more":1},{"name":"wl1","type":"guest"}])",
             3, {{child("eth0"), "lan"}, {child("old"), "wan"}, {child("older"), "wan"}})
             .calls({set(child("eth0"), "wan"), set(child("br0"), "lan"), set(child("wl1"), "guest"),
-                    remove("old"), remove("older"), kUnlock})
+                    remove("old"), remove("older"), kCommit, kUnlock})
             .logs({{2, stored("eth0", "wan")}, {2, stored("br0", "lan")}, {2, stored("wl1", "guest")}})
             .leaves({{child("eth0"), "wan"}, {child("br0"), "lan"}, {child("wl1"), "guest"}}));
 }
@@ -487,17 +490,17 @@ TEST_F(Router, KeepsTheStoredTypeOfAnInterfaceThatIsListedWithABadOne)
     const Settings previous{{child("wl1"), "guest"}, {child("old"), "lan"}};
     const Settings left{{child("eth0"), "wan"}, {child("wl1"), "guest"}};
     check(interfaces(R"([{"name":"eth0","type":"wan"},{"name":"wl1","type":"no such"}])", 2, previous)
-              .calls({set(child("eth0"), "wan"), remove("old"), kUnlock})
+              .calls({set(child("eth0"), "wan"), remove("old"), kCommit, kUnlock})
               .logs({{2, stored("eth0", "wan")}, {1, "invalid interface type for 'wl1', ignoring"}})
               .leaves(left));
     for (const char* type : {"5", "null", "[]", R"({"type":"wan"})", "true"})
         check(interfaces(R"([{"name":"eth0","type":"wan"},{"name":"wl1","type":)" + std::string(type) + "}]",
                          2, previous)
-                  .calls({set(child("eth0"), "wan"), remove("old"), kUnlock})
+                  .calls({set(child("eth0"), "wan"), remove("old"), kCommit, kUnlock})
                   .logs({{2, stored("eth0", "wan")}, {0, "could not extract interface type"}})
                   .leaves(left));
     check(interfaces(R"([{"name":"eth0","type":"wan"},{"name":"wl1"}])", 2, previous)
-              .calls({set(child("eth0"), "wan"), remove("old"), kUnlock})
+              .calls({set(child("eth0"), "wan"), remove("old"), kCommit, kUnlock})
               .logs({{2, stored("eth0", "wan")}, {0, "could not extract interface type"}})
               .leaves(left));
 }
@@ -506,7 +509,7 @@ TEST_F(Router, KnowsThreeTypesOfInterfaces)
 {
     for (const char* type : {"", "WAN", "Lan", "wan ", "wlan", "guests", "lan\\u0001"})
         check(interfaces(R"([{"name":"eth0","type":")" + std::string(type) + "\"}]", 1)
-                  .calls({kUnlock})
+                  .calls({kCommit, kUnlock})
                   .logs({{1, "invalid interface type for 'eth0', ignoring"}}));
 }
 
@@ -517,7 +520,7 @@ TEST_F(Router, SkipsInterfacesWithoutAName)
           R"({"name":["eth0"],"type":"wan"})", "null", "5", R"("eth0")", "[]", R"(["eth0","wan"])"})
         check(interfaces("[" + std::string(entry) + R"(,{"name":"eth0","type":"wan"}])", 2,
                          {{child("old"), "wan"}})
-                  .calls({set(child("eth0"), "wan"), remove("old"), kUnlock})
+                  .calls({set(child("eth0"), "wan"), remove("old"), kCommit, kUnlock})
                   .logs({{0, "could not extract interface name"}, {2, stored("eth0", "wan")}})
                   .leaves({{child("eth0"), "wan"}}));
 }
@@ -526,11 +529,11 @@ TEST_F(Router, StoresAnInterfaceThatIsListedTwiceTwice)
 {
     check(interfaces(R"([{"name":"eth0","type":"wan"},{"name":"eth0","type":"lan"}])", 2,
                      {{child("eth0"), "guest"}})
-              .calls({set(child("eth0"), "wan"), set(child("eth0"), "lan"), kUnlock})
+              .calls({set(child("eth0"), "wan"), set(child("eth0"), "lan"), kCommit, kUnlock})
               .logs({{2, stored("eth0", "wan")}, {2, stored("eth0", "lan")}})
               .leaves({{child("eth0"), "lan"}}));
     check(interfaces(R"([{"name":"eth0","type":"wan"},{"name":"eth0","type":"bad"}])", 2)
-              .calls({set(child("eth0"), "wan"), kUnlock})
+              .calls({set(child("eth0"), "wan"), kCommit, kUnlock})
               .logs({{2, stored("eth0", "wan")}, {1, "invalid interface type for 'eth0', ignoring"}})
               .leaves({{child("eth0"), "wan"}}));
 }
@@ -557,7 +560,7 @@ TEST_F(Router, TakesInterfaceNamesAsTheyAre)
              Case{"///", ""},
          })
         check(interfaces(R"([{"name":")" + c.name + R"(","type":"wan"}])", 1)
-                  .calls({set(kInterfaces + c.key, "wan"), kUnlock})
+                  .calls({set(kInterfaces + c.key, "wan"), kCommit, kUnlock})
                   .logs({{2, stored(c.name, "wan")}})
                   .leaves({{kInterfaces + c.key, "wan"}}));
 }
@@ -566,7 +569,7 @@ TEST_F(Router, CannotStoreInterfacesWhoseNamesAreTooLong)
 {
     const std::string name(1000, 'n');
     check(interfaces(R"([{"name":")" + name + R"(","type":"wan"},{"name":"eth0","type":"lan"}])", 2)
-              .calls({set(child(name), "wan"), set(child("eth0"), "lan"), kUnlock})
+              .calls({set(child(name), "wan"), set(child("eth0"), "lan"), kCommit, kUnlock})
               .logs({{0, "failed to set interface name=" + name + " type=wan"}, {2, stored("eth0", "lan")}})
               .leaves({{child("eth0"), "lan"}}));
 }
@@ -609,7 +612,7 @@ TEST_F(Router, GoesOnWhenSomethingOfTheInterfacesFails)
     const Settings previous{{child("a"), "lan"}, {child("b"), "lan"}};
     constexpr char kList[] = R"([{"name":"eth0","type":"wan"},{"name":"eth1","type":"lan"}])";
     const fake::Calls calls{set(child("eth0"), "wan"), set(child("eth1"), "lan"), remove("a"), remove("b"),
-                            kUnlock};
+                            kCommit, kUnlock};
     const Settings all{{child("eth0"), "wan"}, {child("eth1"), "lan"}};
     check(interfaces(kList, 2, previous)
               .failing(set(child("eth0"), "wan"))
@@ -633,10 +636,20 @@ TEST_F(Router, GoesOnWhenSomethingOfTheInterfacesFails)
     check(
         interfaces(kList, 2, previous) // what is there cannot be told: nothing is deleted
             .failing(kEnumerate)
-            .calls({set(child("eth0"), "wan"), set(child("eth1"), "lan"), kUnlock})
+            .calls({set(child("eth0"), "wan"), set(child("eth1"), "lan"), kCommit, kUnlock})
             .logs({{2, stored("eth0", "wan")}, {2, stored("eth1", "lan")}})
             .leaves(
                 {{child("a"), "lan"}, {child("b"), "lan"}, {child("eth0"), "wan"}, {child("eth1"), "lan"}}));
+}
+
+TEST_F(Router, ChangesNoInterfaceWhenTheyCannotBeStoredTogether)
+{
+    const Settings previous{{child("a"), "lan"}, {child("eth0"), "lan"}};
+    check(interfaces(R"([{"name":"eth0","type":"wan"}])", 1, previous)
+              .failing(kCommit, 2)
+              .calls({set(child("eth0"), "wan"), remove("a"), kCommit, kUnlock})
+              .logs({{2, stored("eth0", "wan")}, {0, "failed to store the interfaces: 2"}})
+              .leaves(previous));
 }
 
 TEST_F(Router, TouchesNoInterfaceThatAnotherProcessHasLocked)

@@ -119,7 +119,7 @@ TEST_F(Scanner, ScheduleCannotBeSetWithoutTheExchange)
 // ---- exclusions
 
 constexpr char kKey[] = "/va/blacklist/exclusions";
-const std::string kReadMost = "setMgmt::getKeyValue(" + std::string(kKey) + "/max_size, 16)";
+const std::string kReadMost = "setMgmt::getKeyValue(" + std::string(kKey) + "/max_size, \"\")";
 
 Scenario exclude(const std::string& list)
 {
@@ -218,6 +218,10 @@ TEST_F(Scanner, ExclusionsAreSixteenAtMostUnlessAKeySaysOtherwise)
              Case{"1", 2, "input size 2 is greater than the maximum allowed (1)"},
              Case{"0", 0, nullptr},
              Case{"0", 1, "input size 1 is greater than the maximum allowed (0)"},
+             Case{"4000000000", 17, nullptr},
+             Case{"99999999999999999999", 17, nullptr},
+             Case{"-1", 17, "input size 17 is greater than the maximum allowed (16)"},
+             Case{"0x20", 17, "input size 17 is greater than the maximum allowed (16)"},
              Case{"many", 17, "input size 17 is greater than the maximum allowed (16)"},
          }) {
         SCOPED_TRACE(fmt::format("{} of {}", c.size, c.most ? c.most : "(unset)"));

@@ -70,6 +70,8 @@ const Row kRows[] = {
     {1, kSpine, "run", "waiting on epoll was interrupted by a signal"},
     {0, kSpine, "run", "failed to wait on epoll"},
     {1, kSpine, "run", "failed to accept client"},
+    {0, kSpine, "run", "{} is no list of user numbers: {}"},
+    {1, kSpine, "run", "refused a client of user {}"},
     {0, kSpine, "run", "failed to create new connection"},
     {0, kSpine, "run", "failed to init new connection"},
     {0, kSpine, "run", "failed to add client socket to epoll"},
@@ -179,6 +181,7 @@ const Row kRows[] = {
     {2, kHandlers, "process_set_router_interfaces", "Set interface name={:s} type={:s}"},
     {0, kHandlers, "process_set_router_interfaces", "failed to set interface name={:s} type={:s}"},
     {0, kHandlers, "process_set_router_interfaces", "failed to delete previous interface '{:s}'' key: {}"},
+    {0, kHandlers, "process_set_router_interfaces", "failed to store the interfaces: {}"},
     {1, kHandlers, "process_set_router_interfaces", "Failed to unlock {}, orverrno: {}"},
     {0, kHandlers, "process_reapply_firewall_rules", "Error running reapply_firewall_rules script {}"},
 
@@ -578,6 +581,11 @@ TEST_F(SpineLogLines, HaveTheirLevelAndComeFromTheFunctionThatTheReaderKnows)
             failed = platform->memory_failed(kind) ? 1 : 0;
         }
     }
+    renew_platform();
+    platform->settings["/daemons/orvbrokerd/allowed_uids"] = "nobody";
+    platform->peer_uid = 4321;
+    platform->now += 7000;
+    live();
     renew_platform();
     EXPECT_EQ(brokerd::create_server_socket("no address"), -1);
     collect(*platform, seen);

@@ -6,6 +6,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <vector>
 
 namespace orv::test {
 namespace {
@@ -38,6 +42,8 @@ const Calls kWatchAfterEvents{"orvex_get_fd()",
                               "epoll_ctl(ADD, watch, IN)",
                               kWait};
 const Calls kEndOfPass{"epoll_ctl(DEL, watch)"};
+/// What is asked whoever has connected.
+const std::string kMayConnect = "setMgmt::getKey(/daemons/orvbrokerd/allowed_uids)";
 
 class MainLoop : public PlatformTest {
 protected:
@@ -114,7 +120,7 @@ TEST_F(MainLoop, ServesARequestWithExactlyTheseCalls)
 
     EXPECT_EQ(
         events_of(1),
-        (Calls{"accept(server)", "epoll_ctl(MOD, client1, IN)", "epoll_ctl(ADD, client1, IN)"} + kEndOfPass));
+        (Calls{"accept(server)", kMayConnect, "epoll_ctl(MOD, client1, IN)", "epoll_ctl(ADD, client1, IN)"} + kEndOfPass));
     const Calls request{"recv(client1)", "setMgmt::getKeyValue(/protection/enabled, \"1\")",
                         "epoll_ctl(MOD, client1, IN|OUT)"};
     const Calls answer{"send(client1, 40)", "epoll_ctl(MOD, client1, IN)"};
@@ -330,6 +336,150 @@ TEST_F(MainLoop, TriesToAcceptAgainWhenTheClockShowsAnotherSecond)
     EXPECT_EQ(events_of(4).front(), "accept(server)");
 }
 
+// ---- who may connect
+
+const std::string kAllowed = "/daemons/orvbrokerd/allowed_uids";
+constexpr uid_t kOther = 4242;
+
+TEST_F(MainLoop, AsksNobodyWhoHeIsWithoutAList)
+{
+    for (const char* list : {"", static_cast<const char*>(nullptr)}) {
+        renew_platform();
+        platform->peer_uid = kOther;
+        if (list)
+            platform->settings[kAllowed] = list;
+        Client client;
+        connect(client);
+        platform->on_wait([&] { EXPECT_FALSE(client.is_closed()); });
+        run();
+        EXPECT_THAT(events_of(1), Not(Contains("getsockopt(client1)")));
+    }
+}
+
+TEST_F(MainLoop, ClosesClientsOfUsersWhoAreNotOnTheListAtOnce)
+{
+    Client refused;
+    Client admitted;
+    platform->settings[kAllowed] = "1000,4243";
+    platform->peer_uid = kOther;
+    connect(refused);
+    platform->on_wait([&] {
+        EXPECT_TRUE(refused.is_closed());
+        EXPECT_TRUE(g_connections.empty());
+        platform->peer_uid = 4243;
+        admitted.connect();
+    });
+    platform->on_wait([&] { EXPECT_FALSE(admitted.is_closed()); });
+    run();
+
+    EXPECT_EQ(events_of(1), (Calls{"accept(server)", kMayConnect, "getsockopt(client1)", "close(client1)"} + kEndOfPass));
+    EXPECT_THAT(events_of(2), Contains("getsockopt(client2)"));
+    EXPECT_EQ(logs(), lines({{1, "refused a client of user 4242"},
+                             {4, "new client socket " + number("client2") + " is connected"}}));
+}
+
+TEST_F(MainLoop, AdmitsRootAndItsOwnUserWhateverTheListSays)
+{
+    const std::optional<uid_t> users[] = {0, std::nullopt};
+    for (const auto& user : users) {
+        renew_platform();
+        platform->settings[kAllowed] = "1";
+        platform->peer_uid = user;
+        Client client;
+        connect(client);
+        platform->on_wait([&] { EXPECT_FALSE(client.is_closed()); });
+        run();
+    }
+}
+
+TEST_F(MainLoop, TellsOfARefusedUserAtMostOnceASecond)
+{
+    std::vector<std::unique_ptr<Client>> clients;
+    const auto refuse = [&](uid_t user, std::time_t later) {
+        platform->on_wait([&, user, later] {
+            platform->peer_uid = user;
+            platform->now += later;
+            clients.push_back(std::make_unique<Client>());
+            clients.back()->connect();
+        });
+    };
+    platform->settings[kAllowed] = "1";
+    platform->now += 1000;
+    refuse(kOther, 0);
+    refuse(kOther, 0);
+    refuse(4244, 0);
+    refuse(kOther, 1); // the clock counts whole seconds, so this may be less than one
+    refuse(kOther, 1);
+    refuse(kOther, -500);
+    run();
+    EXPECT_EQ(logs(), lines({{1, "refused a client of user 4242"},
+                             {1, "refused a client of user 4244"},
+                             {1, "refused a client of user 4242"},
+                             {1, "refused a client of user 4242"}}));
+}
+
+TEST_F(MainLoop, IsNotMadeToTellWithoutEndByManyUsers)
+{
+    std::vector<std::unique_ptr<Client>> clients;
+    platform->settings[kAllowed] = "1";
+    platform->now += 2000;
+    for (uid_t user = 5000; user < 5040; ++user)
+        platform->on_wait([&, user] {
+            platform->peer_uid = user;
+            clients.push_back(std::make_unique<Client>());
+            clients.back()->connect();
+        });
+    run();
+    EXPECT_EQ(logs().size(), 16U);
+}
+
+TEST_F(MainLoop, RefusesWhoeverCannotBeToldApart)
+{
+    Client client;
+    platform->settings[kAllowed] = "1";
+    platform->now += 3000;
+    platform->fail("getsockopt(client1)");
+    connect(client);
+    platform->on_wait([&] { EXPECT_TRUE(client.is_closed()); });
+    run();
+    EXPECT_EQ(logs(), lines({{1, "refused a client of user ?"}}));
+}
+
+TEST_F(MainLoop, TakesAListThatMakesNoSenseForAnEmptyOneOfUsersAndSaysSoOnce)
+{
+    Client first;
+    Client second;
+    platform->settings[kAllowed] = "root";
+    platform->now += 4000;
+    platform->peer_uid = kOther;
+    connect(first);
+    connect(second);
+    run();
+    EXPECT_TRUE(first.is_closed() && second.is_closed());
+    EXPECT_EQ(logs(), lines({{0, kAllowed + " is no list of user numbers: root"},
+                             {1, "refused a client of user 4242"}}));
+}
+
+TEST_F(MainLoop, KeepsToTheListThatItReadLastWhileTheSettingsCannotBeRead)
+{
+    Client refused;
+    Client admitted;
+    platform->settings[kAllowed] = "4242";
+    platform->peer_uid = kOther;
+    platform->now += 5000;
+    connect(admitted);
+    platform->on_wait([&] {
+        platform->setting_errors[kAllowed] = 2;
+        platform->peer_uid = 4243;
+        refused.connect();
+    });
+    platform->on_wait([&] {
+        EXPECT_TRUE(refused.is_closed());
+        EXPECT_FALSE(admitted.is_closed());
+    });
+    run();
+}
+
 struct AcceptFailure {
     const char* name;
     const char* kind; ///< of memory
@@ -361,7 +511,7 @@ TEST_F(MainLoop, ClosesAClientThatItHasNoMemoryForAndServesTheNextOne)
         run();
 
         const bool was_made = failure.kind != std::string("new");
-        EXPECT_EQ(events_of(1), Calls{"accept(server)"} +
+        EXPECT_EQ(events_of(1), (Calls{"accept(server)", kMayConnect}) +
                                     (was_made ? Calls{"epoll_ctl(DEL, client1)", "close(client1)"}
                                               : Calls{"close(client1)"}) +
                                     kEndOfPass);

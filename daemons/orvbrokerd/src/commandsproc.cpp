@@ -30,23 +30,41 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <new>
 #include <numeric>
+#include <optional>
+#include <string_view>
+#include <system_error>
+#include <unordered_set>
 
 namespace orv::brokerd {
 namespace {
 
 constexpr char kEmptyPayload[] = "{}";
-constexpr int kVaMaxExclusions = 16; ///< patterns accepted, unless a settings key says otherwise
+constexpr unsigned kVaMaxExclusions = 16; ///< patterns accepted, unless a settings key says otherwise
 
 Result send_empty_message(const char* name)
 {
     return orvex_send_msg(name, kEmptyPayload) == 0 ? kDone : kFailed;
+}
+
+/// A number without a sign; the largest one for a number that is too large, and none for any other text.
+std::optional<std::uint64_t> to_unsigned(std::string_view text)
+{
+    std::uint64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number);
+    if (error == std::errc::invalid_argument || rest != end)
+        return std::nullopt;
+    return error == std::errc::result_out_of_range ? std::numeric_limits<std::uint64_t>::max() : number;
 }
 
 /// Reads a number as the exchange writes result codes into an answer's type: optional blanks and sign,
@@ -405,14 +423,47 @@ struct TrafficBlockedData {
 // The queue of online-status requests for the leases daemon: texts under an index, and their number.
 const std::string kLeasesRequestsKey = "/tmp/daemons/orvleases-ng/requests";
 const std::string kLeasesCountKey = kLeasesRequestsKey + "/count";
-constexpr unsigned kMaxLeasesRequests = 100;
+constexpr std::uint64_t kMaxLeasesRequests = 100;
+/// They share their store with all other volatile settings, so their bytes are limited to a part of it. A hundred
+/// small requests need not be measured.
+constexpr std::size_t kMaxLeasesSize = std::size_t{8} * 1024 * 1024;
+constexpr std::size_t kSmallLeasesRequest = std::size_t{64} * 1024;
 
-/// The index for the next request. A full queue is emptied: what is old is of no use to the leases daemon.
-unsigned next_leases_index(log::Caller caller)
+/// What the queue's requests take up together, in bytes.
+std::size_t leases_size()
 {
-    // A negative number, which nobody here writes, counts as one that is too large.
-    const auto count = static_cast<unsigned>(setMgmt::getKeyValue(kLeasesCountKey, 0));
-    if (count < kMaxLeasesRequests)
+    std::vector<std::string> names;
+    if (setMgmt::enumSubkeys(kLeasesRequestsKey, names) < 0)
+        return 0;
+    std::size_t size = 0;
+    for (const std::string& name : names)
+        size += setMgmt::getKeyValue(fmt::format("{:s}/{:s}", kLeasesRequestsKey, name), "").size();
+    return size;
+}
+
+/// How many requests there are said to be. A negative number, which nobody here writes, counts as one that is too
+/// large.
+std::uint64_t leases_count()
+{
+    const std::string text = setMgmt::getKeyValue(kLeasesCountKey, "");
+    const bool is_negative = !text.empty() && text.front() == '-';
+    const std::uint64_t count = to_unsigned(std::string_view(text).substr(is_negative ? 1 : 0)).value_or(0);
+    return is_negative && count != 0 ? std::numeric_limits<std::uint64_t>::max() : count;
+}
+
+/// Whether there is no place for one more request.
+bool is_leases_queue_full(std::uint64_t count, std::size_t size)
+{
+    return count >= kMaxLeasesRequests ||
+           (size > kSmallLeasesRequest && count > 0 && leases_size() + size > kMaxLeasesSize);
+}
+
+/// The index for the next request, so many bytes long. A full queue is emptied: what is old is of no use to the
+/// leases daemon.
+std::uint64_t next_leases_index(std::size_t size, log::Caller caller)
+{
+    const std::uint64_t count = leases_count();
+    if (!is_leases_queue_full(count, size))
         return count;
     if (setMgmt::deleteKey(kLeasesRequestsKey) < 0)
         ORV_LOG_AS(caller, log::kError, "Failed to delete key '{:s}': ", kLeasesRequestsKey);
@@ -421,7 +472,7 @@ unsigned next_leases_index(log::Caller caller)
 
 void store_leases_request(const char* text, log::Caller caller)
 {
-    const unsigned index = next_leases_index(caller);
+    const std::uint64_t index = next_leases_index(std::strlen(text), caller);
     if (setMgmt::setKey(fmt::format("{:s}/{:d}", kLeasesRequestsKey, index), text) < 0) {
         ORV_LOG_AS(caller, log::kError, "Failed to set key for req '{:s}': {}", text, _get_orverrno());
         return;
@@ -747,16 +798,16 @@ void set_interface(const char* name, const char* type, log::Caller caller)
         ORV_LOG_AS(caller, log::kInfo, "Set interface name={:s} type={:s}", name, type);
 }
 
-/// Stores one entry of the list and strikes its name off those to be deleted, which holds for an entry of a
-/// bad type too: its stored value stays.
-void process_interface(const json_t* entry, std::vector<std::string>& previous, log::Caller caller)
+/// Stores one entry of the list. Its name counts as one of the list's also when its type is bad: the stored value
+/// stays.
+void process_interface(const json_t* entry, std::unordered_set<std::string_view>& listed, log::Caller caller)
 {
     const char* name = json_string_value(json_object_get(entry, "name"));
     if (!name) {
         ORV_LOG_AS(caller, log::kError, "could not extract interface name");
         return;
     }
-    previous.erase(std::remove(previous.begin(), previous.end(), name), previous.end());
+    listed.insert(name);
 
     const char* type = json_string_value(json_object_get(entry, "type"));
     if (!type) {
@@ -770,25 +821,30 @@ void process_interface(const json_t* entry, std::vector<std::string>& previous, 
     set_interface(name, type, caller);
 }
 
-void delete_interfaces(const std::vector<std::string>& names, log::Caller caller)
+void delete_interface(const std::string& name, log::Caller caller)
 {
-    for (const auto& name : names)
-        if (setMgmt::deleteKey(kNetworkInterfacesKey / name) < 0)
-            ORV_LOG_AS(caller, log::kError, "failed to delete previous interface '{:s}'' key: {}", name,
-                       _get_orverrno());
+    if (setMgmt::deleteKey(kNetworkInterfacesKey / name) < 0)
+        ORV_LOG_AS(caller, log::kError, "failed to delete previous interface '{:s}'' key: {}", name,
+                   _get_orverrno());
 }
 
-/// Called with the list locked, so that nobody sees it half-written.
+/// Called with the list locked, so that nobody sees it half-written; one durable step for all of it.
 void replace_interfaces(const json_t* list, std::size_t size, log::Caller caller = log::caller())
 {
+    setMgmt::Batch batch;
     std::vector<std::string> previous;
     (void)setMgmt::enumSubkeys(kNetworkInterfacesKey, previous); // what cannot be listed is not deleted
+    std::unordered_set<std::string_view> listed;
     for (std::size_t i = 0; i < size; ++i)
         if (const json_t* entry = json_array_get(list, i))
-            process_interface(entry, previous, caller);
+            process_interface(entry, listed, caller);
         else
             ORV_LOG_AS(caller, log::kError, "invalid interface {:d}", i);
-    delete_interfaces(previous, caller);
+    for (const std::string& name : previous)
+        if (listed.count(name) == 0)
+            delete_interface(name, caller);
+    if (batch.commit() < 0)
+        ORV_LOG_AS(caller, log::kError, "failed to store the interfaces: {}", _get_orverrno());
 }
 
 } // namespace
@@ -1061,8 +1117,8 @@ Result process_va_set_exclusions(const json_t* data, json_t*& out)
         return kFailed;
 
     const std::size_t size = json_array_size(data);
-    const auto most =
-        static_cast<unsigned>(setMgmt::getKeyValue(kVaBlacklistExclusionsKey / "max_size", kVaMaxExclusions));
+    const std::uint64_t most =
+        to_unsigned(setMgmt::getKeyValue(kVaBlacklistExclusionsKey / "max_size", "")).value_or(kVaMaxExclusions);
     if (size > most)
         return refuse_exclusions(
             out, fmt::format("input size {} is greater than the maximum allowed ({})", size, most));

@@ -8,6 +8,7 @@
 
 #include "orvbrokerd.h"
 
+#include "admission.h"
 #include "agent_status.h"
 #include "evhandler.h"
 #include "orvex.h"
@@ -359,6 +360,11 @@ void accept_client(log::Caller caller)
         ORV_LOG_AS(caller, log::kWarning, "failed to accept client");
         if (is_shortage(error))
             pause_accepting();
+        return;
+    }
+    bool is_admitted = false;
+    if (!within_memory([&] { is_admitted = admit(fd, caller); }, caller) || !is_admitted) {
+        close(fd);
         return;
     }
     Connection* conn = create_connection(fd, caller);

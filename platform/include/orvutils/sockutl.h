@@ -93,10 +93,11 @@ public:
     AllowedUids() = default;
 
     /// Those of the list; everybody for an empty one. A list that is anything but decimal numbers with one
-    /// "," between them admits nobody else than root and this process's own user: see is_valid().
+    /// "," between them admits nobody else than root and this process's own user: see is_valid(). Throws
+    /// std::bad_alloc.
     explicit AllowedUids(std::string_view list);
 
-    /// False when the text was no such list, or there was no memory for it: worth a line.
+    /// False when the text was no such list: worth a line.
     [[nodiscard]] bool is_valid() const { return m_valid; }
 
     /// Whether nobody need be asked who he is.

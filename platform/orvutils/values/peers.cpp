@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <new>
 #include <system_error>
 
 namespace orv::sockutl {
@@ -51,11 +50,7 @@ AllowedUids::AllowedUids(std::string_view list) : m_everybody(list.empty())
 {
     if (m_everybody)
         return;
-    try {
-        m_valid = parse_list(list, m_uids);
-    } catch (const std::bad_alloc&) {
-        m_valid = false;
-    }
+    m_valid = parse_list(list, m_uids);
     if (!m_valid)
         m_uids.clear();
     std::sort(m_uids.begin(), m_uids.end());

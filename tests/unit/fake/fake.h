@@ -8,6 +8,7 @@
 #include <jansson.h>
 
 #include <sys/epoll.h>
+#include <sys/types.h>
 
 #include <cstdint>
 #include <ctime>
@@ -178,6 +179,7 @@ public:
 
     std::map<std::string, std::string> settings;
     std::map<std::string, int> setting_errors; ///< keys whose every use fails with that error number
+    std::optional<std::map<std::string, std::string>> before_batch; ///< the settings, while there is a batch
     std::set<std::string> locked;              ///< keys that were locked and not unlocked since
     std::optional<std::vector<featureutl::Feature>> features; ///< what is listed, none for all that there are
     std::set<featureutl::Feature> stubborn_features;          ///< keep their state whatever it is set to
@@ -189,6 +191,7 @@ public:
     int script_result = 0;        ///< of a script that does not fail
     std::string root;             ///< directory of the common paths, which have their numbers as names
     std::time_t now = 1700000000; ///< what time() gives
+    std::optional<uid_t> peer_uid; ///< who connects; none for this process's own user
 
     /// Tells the registered callbacks of a change, as the device library would.
     void change_device(devMgmt::DevInfoChangeType type, const devMgmt::Device& device,

@@ -65,6 +65,7 @@ int __real_socket(int domain, int type, int protocol);
 int __real_bind(int fd, const sockaddr* address, socklen_t length);
 int __real_listen(int fd, int backlog);
 int __real_accept(int fd, sockaddr* address, socklen_t* length);
+int __real_getsockopt(int fd, int level, int option, void* value, socklen_t* length);
 int __real_close(int fd);
 ssize_t __real_recv(int fd, void* data, std::size_t size, int flags);
 ssize_t __real_send(int fd, const void* data, std::size_t size, int flags);
@@ -148,6 +149,21 @@ int __wrap_accept(int fd, sockaddr* address, socklen_t* length)
     if (client >= 0)
         fake->name_fd(client, fake->next_name("client"));
     return client;
+}
+
+/// The daemon asks for nothing but who has connected.
+int __wrap_getsockopt(int fd, int level, int option, void* value, socklen_t* length)
+{
+    const Fake::Calm calm;
+    Fake* fake = Fake::current();
+    if (!fake)
+        return __real_getsockopt(fd, level, option, value, length);
+    if (fake->fails("getsockopt(" + fake->name(fd) + ")"))
+        return -1;
+    const int result = __real_getsockopt(fd, level, option, value, length);
+    if (result == 0 && fake->peer_uid)
+        static_cast<ucred*>(value)->uid = *fake->peer_uid;
+    return result;
 }
 
 int __wrap_close(int fd)

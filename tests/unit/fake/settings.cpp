@@ -15,6 +15,7 @@
 #include <array>
 #include <charconv>
 #include <set>
+#include <utility>
 
 using orv::fake::Fake;
 
@@ -145,6 +146,31 @@ int enumSubkeys(const std::string& key, std::vector<std::string>& names)
                 setting.first.substr(prefix.size(), setting.first.find('/', prefix.size()) - prefix.size()));
     names.assign(found.begin(), found.end());
     return static_cast<int>(names.size());
+}
+
+// What a batch holds is seen at once here, and is taken back if it is not committed.
+
+Batch::Batch()
+{
+    const Fake::Calm calm;
+    platform().note("setMgmt::Batch()");
+    platform().before_batch = platform().settings;
+}
+
+Batch::~Batch()
+{
+    const Fake::Calm calm;
+    if (platform().before_batch)
+        platform().settings = *std::exchange(platform().before_batch, std::nullopt);
+}
+
+int Batch::commit()
+{
+    const Fake::Calm calm;
+    if (platform().fails("setMgmt::Batch::commit()"))
+        return -platform().error();
+    platform().before_batch.reset();
+    return 0;
 }
 
 int lockKey(const std::string& key)
