@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <new>
 #include <utility>
 
 namespace orv::store {
@@ -42,7 +43,7 @@ Environment::Environment(Layout layout)
 Environment::~Environment() = default;
 
 Error Environment::open()
-{
+try {
     close();
     m_directory = base::root_path(m_layout.directory);
     m_data_file = data_file_in(m_directory);
@@ -50,6 +51,9 @@ Error Environment::open()
         return Error::none;
     m_state = Closed{std::move(std::get<Missing>(m_state).failure)};
     return to_error(failure());
+} catch (const std::bad_alloc&) {
+    m_state = Closed{};
+    throw;
 }
 
 void Environment::close()
@@ -176,13 +180,29 @@ Error Environment::use_for_writing(Opened*& opened)
             return operation_failed(*opened, "lock the directory", code);
         m_stuck_at.reset();
         // While the lock was waited for, another store may have taken its place.
-        if (opened->is_being_read() || is_as_it_should_be(*opened, Purpose::writing))
+        if (is_right_for_writing(*opened))
             return Error::none;
-        opened->end_exclusion();
         if (!reopen(until))
             return to_error(failure());
     }
     return Error::timed_out;
+}
+
+/// Whether the store, with all other writers kept out, is the right one; else they are no longer.
+bool Environment::is_right_for_writing(Opened& opened)
+{
+    struct Exclusion {
+        ~Exclusion()
+        {
+            if (opened)
+                opened->end_exclusion();
+        }
+        Opened* opened;
+    } exclusion{&opened};
+    if (!opened.is_being_read() && !is_as_it_should_be(opened, Purpose::writing))
+        return false;
+    exclusion.opened = nullptr;
+    return true;
 }
 
 /// The time until which to wait for other processes now.
@@ -237,7 +257,7 @@ Opened* Environment::reopen(base::TimePoint deadline)
         present = std::move(*opened);
     }
     m_copy_keeper->forget();
-    m_state = Closed{};
+    m_state = Missing{}; // should there be no memory, it is tried again
     Failure failure;
     if (auto opened = Opened::open(m_directory, m_layout, deadline, present, failure)) {
         if (before.kind != Failure::Kind::none)

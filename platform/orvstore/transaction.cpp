@@ -87,8 +87,8 @@ Write::Write(Environment& environment, Kind kind) : Transaction(environment), m_
     if (m_error != Error::none)
         return;
     if (const int code = m_opened->begin_write(m_transaction, kind == Kind::removing); code != MDB_SUCCESS) {
+        m_opened->end_exclusion(); // first: there may be no memory to tell
         m_error = failed("begin to write", code);
-        m_opened->end_exclusion();
     }
 }
 
@@ -131,9 +131,8 @@ Error Write::remove(std::size_t tree, std::string_view key)
 Error Write::commit()
 {
     const int code = mdb_txn_commit(std::exchange(m_transaction, nullptr));
-    const Error error = code == MDB_SUCCESS ? Error::none : failed("commit", code);
-    m_opened->end_exclusion();
-    return error;
+    m_opened->end_exclusion(); // first: there may be no memory to tell
+    return code == MDB_SUCCESS ? Error::none : failed("commit", code);
 }
 
 Cursor::Cursor(Transaction& transaction, std::size_t tree) : m_transaction(transaction)

@@ -357,7 +357,7 @@ TEST_F(ExchangeAway, ABusThatDoesNotLetUsInOrTalksNonsenseIsLeft)
              {in + std::string("l\2\0\1\0\0\0\0\1\0\0\0\0\0\0\x7f", 16), "the exchange is gone"},
              {in + std::string("l\2\0\1\0\0\0\x7f\1\0\0\0\0\0\0\0", 16), "the exchange is gone"}}) {
         RecitingBus bus(m_bus.socket(), text);
-        testing::internal::CaptureStderr();
+        capture_log();
         EXPECT_EQ(join("other"), nullptr);
         const std::string log = testing::internal::GetCapturedStderr();
         EXPECT_EQ(occurrences(log, reason), 1U) << log;

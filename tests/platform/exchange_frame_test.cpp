@@ -6,6 +6,7 @@
 #include <dbus/dbus.h>
 
 #include <algorithm>
+#include <array>
 #include <random>
 #include <string>
 #include <vector>
@@ -153,12 +154,12 @@ TEST_F(ExchangeLarge, AnAnswerIsOneOfType2)
 
 TEST_F(ExchangeLarge, AnEventIsDroppedWithoutBeingHeld)
 {
-    RawPeer peer(m_bus.address());
+    std::array<RawPeer, 3> peers{RawPeer(m_bus.address()), RawPeer(m_bus.address()), RawPeer(m_bus.address())};
     ASSERT_TRUE(subscribe_and_wait({"large", "small"}));
     testing::internal::CaptureStderr();
-    for (int i = 0; i < 3; ++i)
+    for (RawPeer& peer : peers)
         peer.emit("large", m_large);
-    peer.emit("small", "");
+    peers.back().emit("small", "");
     ASSERT_TRUE(serve_until([] { return !s_received.empty(); }));
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_EQ(s_received[0].type, "small");

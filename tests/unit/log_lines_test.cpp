@@ -31,6 +31,7 @@ using fake::LogLine;
 // ---- the table
 
 constexpr char kSpine[] = "daemons/orvbrokerd/src/orvbrokerd.cpp";
+constexpr char kAdmission[] = "daemons/orvbrokerd/src/admission.cpp";
 constexpr char kSock[] = "daemons/orvbrokerd/src/sock.cpp";
 constexpr char kEvents[] = "daemons/orvbrokerd/src/evhandler.cpp";
 constexpr char kClientEvents[] = "daemons/orvbrokerd/src/subevhandlers.cpp";
@@ -70,13 +71,14 @@ const Row kRows[] = {
     {1, kSpine, "run", "waiting on epoll was interrupted by a signal"},
     {0, kSpine, "run", "failed to wait on epoll"},
     {1, kSpine, "run", "failed to accept client"},
-    {0, kSpine, "run", "{} is no list of user numbers: {}"},
-    {1, kSpine, "run", "refused a client of user {}"},
     {0, kSpine, "run", "failed to create new connection"},
     {0, kSpine, "run", "failed to init new connection"},
     {0, kSpine, "run", "failed to add client socket to epoll"},
     {4, kSpine, "run", "new client socket {:d} is connected"},
     {0, kSpine, "retry_karma_events", "Could not read old events from file"},
+
+    {0, kAdmission, "run", "{} is no list of user numbers: {}"},
+    {1, kAdmission, "run", "refused a client of user {}"},
 
     {0, kSock, "create_server_socket", "Invalid server address: {}"},
     {0, kSock, "create_server_socket", "failed to create socket"},
@@ -590,7 +592,7 @@ TEST_F(SpineLogLines, HaveTheirLevelAndComeFromTheFunctionThatTheReaderKnows)
     EXPECT_EQ(brokerd::create_server_socket("no address"), -1);
     collect(*platform, seen);
 
-    expect_table(seen, {kSpine, kSock});
+    expect_table(seen, {kSpine, kAdmission, kSock});
 }
 
 } // namespace

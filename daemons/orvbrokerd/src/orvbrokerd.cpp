@@ -487,8 +487,11 @@ bool run_pass(setMgmt::MonitoredKey& key, log::Caller caller = log::caller())
     Pass pass{key, caller};
     if (!g_accepting && std::time(nullptr) != g_paused_at)
         resume_accepting();
-    pass.exchange_fd = watch_exchange(caller);
-    pass.settings_fd = watch_settings(key);
+    const auto watch_others = [&] {
+        pass.exchange_fd = watch_exchange(caller);
+        pass.settings_fd = watch_settings(key);
+    };
+    (void)within_memory(watch_others, caller); // what is not watched now is in the next pass
 
     const int count = epoll_wait(epollfd, events.data(), kMaxEvents, kWaitTimeout);
     if (count == -1 && errno == EINTR) {

@@ -80,7 +80,7 @@ private:
     struct Missing {
         Failure failure;
         FileState seen; ///< the data file after the last attempt
-        std::int64_t tried_ms;
+        std::int64_t tried_ms = 0;
     };
 
     enum class Purpose { reading, writing };
@@ -89,6 +89,7 @@ private:
     [[nodiscard]] Opened* use_for_reading();
     [[nodiscard]] Error use_for_writing(Opened*& opened);
     [[nodiscard]] bool is_as_it_should_be(const Opened& opened, Purpose purpose);
+    [[nodiscard]] bool is_right_for_writing(Opened& opened);
     [[nodiscard]] bool is_due_for_a_check();
     [[nodiscard]] Opened* reopen(base::TimePoint deadline);
     [[nodiscard]] Opened* take(std::unique_ptr<Opened> opened);
