@@ -154,7 +154,8 @@ TEST_F(ExchangeLarge, AnAnswerIsOneOfType2)
 
 TEST_F(ExchangeLarge, AnEventIsDroppedWithoutBeingHeld)
 {
-    std::array<RawPeer, 3> peers{RawPeer(m_bus.address()), RawPeer(m_bus.address()), RawPeer(m_bus.address())};
+    std::array<RawPeer, 3> peers{RawPeer(m_bus.address()), RawPeer(m_bus.address()),
+                                 RawPeer(m_bus.address())};
     ASSERT_TRUE(subscribe_and_wait({"large", "small"}));
     testing::internal::CaptureStderr();
     for (RawPeer& peer : peers)

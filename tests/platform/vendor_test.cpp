@@ -171,7 +171,10 @@ TEST_F(VendorTest, Its_log_is_told_what_the_libraries_have_to_tell)
     EXPECT_EQ(karma::init(), 0) << "what is sent is not kept, then";
     const std::string reason = "cannot create the directory: Not a directory\n";
     EXPECT_NE(g_log.find("()]: store var/devices: " + reason), std::string::npos) << g_log;
-    EXPECT_NE(g_log.find("()]: telemetry: events are sent without being kept: " + m_root.path() + "/var/telemetry: " + reason), std::string::npos) << g_log;
+    EXPECT_NE(g_log.find("()]: telemetry: events are sent without being kept: " + m_root.path() +
+                         "/var/telemetry: " + reason),
+              std::string::npos)
+        << g_log;
 }
 
 TEST_F(VendorTest, Its_error_number_is_its_own_and_theirs_is_the_bases)

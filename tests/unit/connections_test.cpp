@@ -233,15 +233,14 @@ TEST_F(ClientConnection, EndsOnTheReadableEventWhenItsClientGoesWhileAnAnswerIsP
     EXPECT_TRUE(peer.client.is_closed());
 }
 
-TEST_F(ClientConnection, KeepsTheRequestForLaterWhenThereIsNoMemoryToTakeItOut)
+TEST_F(ClientConnection, EndsWhenThereIsNoMemoryToTakeItsRequestOut)
 {
     Peer peer = connect();
-    platform->fail_memory("new[]");
-    ASSERT_TRUE(receive(peer, kStatusRequest + "\n"));
-    EXPECT_EQ(watched_for(peer), unsigned{EPOLLIN});
-    ASSERT_TRUE(receive(peer, " "));
-    ASSERT_TRUE(drain(peer));
-    EXPECT_EQ(peer.client.frame(), kStatusAnswer);
+    platform->fail_memory("throwing new");
+    EXPECT_FALSE(receive(peer, kStatusRequest + "\n"));
+    EXPECT_TRUE(platform->memory_failed("throwing new"));
+    EXPECT_TRUE(peer.client.is_closed());
+    EXPECT_EQ(peer.client.bytes(), "");
 }
 
 // ---- answers

@@ -604,7 +604,8 @@ TEST_F(Devices, OnlineStatusIsQueuedBehindWhatIsThere)
 
 TEST_F(Devices, OnlineStatusFindsAFullQueueAndEmptiesIt)
 {
-    for (const char* count : {"100", "101", "2147483647", "2147483648", "4294967296", "18446744073709551616", "-1"}) {
+    for (const char* count :
+         {"100", "101", "2147483647", "2147483648", "4294967296", "18446744073709551616", "-1"}) {
         Settings queue{{key("count"), count}};
         for (int i = 0; i < 100; ++i)
             queue[key(std::to_string(i))] = "{}";
@@ -650,19 +651,21 @@ TEST_F(Devices, OnlineStatusWithABrokenCountStartsAtZero)
 
 TEST_F(Devices, OnlineStatusIsMeasuredWhenItIsLargeAndStartsTheQueueAnewWhenThatTakesTooMuch)
 {
-    const std::string mebibyte(1024 * 1024, 'x');
-    const std::string text = R"({"text": ")" + mebibyte + "\"}";
-    for (const int before : {6, 7}) {
+    const std::string large(1000 * 1024, 'x');
+    const std::string text = R"({"text": ")" + large + "\"}";
+    for (const int before : {7, 8}) {
         Settings queue{{key("count"), std::to_string(before)}};
         for (int i = 0; i < before; ++i)
-            queue[key(std::to_string(i))] = mebibyte;
+            queue[key(std::to_string(i))] = large;
         queue["/leases/mode"] = "orvleases-ng";
         platform->settings = queue;
         Peer peer = connect();
-        ASSERT_EQ(ask(peer, command("set_device_online_status", text)), R"({"data": null, "status": 0})");
-        EXPECT_EQ(platform->settings[key("count")], before == 7 ? "1" : "7");
-        EXPECT_EQ(platform->settings[key(before == 7 ? "0" : "6")], text);
-        EXPECT_EQ(platform->settings.size(), before == 7 ? 3U : 9U);
+        ASSERT_TRUE(receive_all(peer, command("set_device_online_status", text) + "\n"));
+        EXPECT_TRUE(drain(peer));
+        EXPECT_EQ(peer.client.frame(), R"({"data": null, "status": 0})");
+        EXPECT_EQ(platform->settings[key("count")], before == 8 ? "1" : "8");
+        EXPECT_EQ(platform->settings[key(before == 8 ? "0" : "7")], text);
+        EXPECT_EQ(platform->settings.size(), before == 8 ? 3U : 10U);
         destroy(peer);
     }
 }

@@ -611,8 +611,8 @@ TEST_F(Router, GoesOnWhenSomethingOfTheInterfacesFails)
 {
     const Settings previous{{child("a"), "lan"}, {child("b"), "lan"}};
     constexpr char kList[] = R"([{"name":"eth0","type":"wan"},{"name":"eth1","type":"lan"}])";
-    const fake::Calls calls{set(child("eth0"), "wan"), set(child("eth1"), "lan"), remove("a"), remove("b"),
-                            kCommit, kUnlock};
+    const fake::Calls calls{
+        set(child("eth0"), "wan"), set(child("eth1"), "lan"), remove("a"), remove("b"), kCommit, kUnlock};
     const Settings all{{child("eth0"), "wan"}, {child("eth1"), "lan"}};
     check(interfaces(kList, 2, previous)
               .failing(set(child("eth0"), "wan"))

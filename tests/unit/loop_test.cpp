@@ -118,9 +118,9 @@ TEST_F(MainLoop, ServesARequestWithExactlyTheseCalls)
     platform->on_wait([&] { EXPECT_EQ(client.frame(), R"({"data": {"status": 1}, "status": 0})"); });
     run();
 
-    EXPECT_EQ(
-        events_of(1),
-        (Calls{"accept(server)", kMayConnect, "epoll_ctl(MOD, client1, IN)", "epoll_ctl(ADD, client1, IN)"} + kEndOfPass));
+    EXPECT_EQ(events_of(1), (Calls{"accept(server)", kMayConnect, "epoll_ctl(MOD, client1, IN)",
+                                   "epoll_ctl(ADD, client1, IN)"} +
+                             kEndOfPass));
     const Calls request{"recv(client1)", "setMgmt::getKeyValue(/protection/enabled, \"1\")",
                         "epoll_ctl(MOD, client1, IN|OUT)"};
     const Calls answer{"send(client1, 40)", "epoll_ctl(MOD, client1, IN)"};
@@ -372,7 +372,8 @@ TEST_F(MainLoop, ClosesClientsOfUsersWhoAreNotOnTheListAtOnce)
     platform->on_wait([&] { EXPECT_FALSE(admitted.is_closed()); });
     run();
 
-    EXPECT_EQ(events_of(1), (Calls{"accept(server)", kMayConnect, "getsockopt(client1)", "close(client1)"} + kEndOfPass));
+    EXPECT_EQ(events_of(1),
+              (Calls{"accept(server)", kMayConnect, "getsockopt(client1)", "close(client1)"} + kEndOfPass));
     EXPECT_THAT(events_of(2), Contains("getsockopt(client2)"));
     EXPECT_EQ(logs(), lines({{1, "refused a client of user 4242"},
                              {4, "new client socket " + number("client2") + " is connected"}}));

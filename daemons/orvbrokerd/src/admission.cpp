@@ -68,9 +68,9 @@ bool is_to_be_told(std::optional<uid_t> uid)
     auto place = std::find_if(g_told.begin(), g_told.end(),
                               [uid](const Told& told) { return told.at != 0 && told.uid == uid; });
     if (place == g_told.end())
-        place = std::min_element(g_told.begin(), g_told.end(),
-                                 [](const Told& a, const Told& b) { return a.at < b.at; });
-    if (!is_past(place->at, now))
+        place = std::find_if(g_told.begin(), g_told.end(),
+                             [now](const Told& told) { return is_past(told.at, now); });
+    if (place == g_told.end() || !is_past(place->at, now))
         return false;
     *place = {uid, now};
     return true;

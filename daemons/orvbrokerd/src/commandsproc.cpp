@@ -1117,8 +1117,8 @@ Result process_va_set_exclusions(const json_t* data, json_t*& out)
         return kFailed;
 
     const std::size_t size = json_array_size(data);
-    const std::uint64_t most =
-        to_unsigned(setMgmt::getKeyValue(kVaBlacklistExclusionsKey / "max_size", "")).value_or(kVaMaxExclusions);
+    const std::uint64_t most = to_unsigned(setMgmt::getKeyValue(kVaBlacklistExclusionsKey / "max_size", ""))
+                                   .value_or(kVaMaxExclusions);
     if (size > most)
         return refuse_exclusions(
             out, fmt::format("input size {} is greater than the maximum allowed ({})", size, most));

@@ -38,7 +38,7 @@ public:
 
     /// Takes the first record that ends with `delimiter` out of the buffer and returns it without the
     /// delimiter, as a NUL-terminated text that the caller frees with delete[]. Null when there is no whole
-    /// record yet, or no memory for it.
+    /// record yet. Throws std::bad_alloc when there is no memory for it, which then stays in the buffer.
     [[nodiscard]] char* get(char delimiter);
 
     /// Appends as much as fits below the maximum; returns the number of bytes taken, 0 when full.

@@ -24,7 +24,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
 namespace orv {
 
@@ -152,9 +151,7 @@ char* ConnectionBuffer::get(char delimiter)
     if (m_searched == m_length)
         return nullptr;
     const unsigned size = m_searched;
-    char* record = new (std::nothrow) char[size + std::size_t{1}];
-    if (!record)
-        return nullptr;
+    char* record = new char[size + std::size_t{1}];
     copy_out(record, stretches(m_storage, m_capacity, m_read, size));
     record[size] = '\0';
     drop(size + 1);

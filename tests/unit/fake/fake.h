@@ -148,8 +148,8 @@ public:
     [[nodiscard]] bool forget_failures();
     /// The n-th call (from 1, since the beginning) fails of those that can.
     void fail_nth(std::size_t n) { m_fail_nth = n; }
-    /// The n-th request for memory of a kind from now on gets none, 0 for never: "malloc", "strdup", "new",
-    /// "new[]" (those without exceptions) or "throwing new" (of any kind). Only the code of the daemon and of
+    /// The n-th request for memory of a kind from now on gets none, 0 for never: "malloc", "strdup", "new"
+    /// (that without exceptions) or "throwing new" (of any kind). Only the code of the daemon and of
     /// the platform's values is meant, not that of libraries.
     void fail_memory(const std::string& kind, unsigned n = 1) { m_memory[kind] = n; }
     /// Whether that has happened.
@@ -180,7 +180,7 @@ public:
     std::map<std::string, std::string> settings;
     std::map<std::string, int> setting_errors; ///< keys whose every use fails with that error number
     std::optional<std::map<std::string, std::string>> before_batch; ///< the settings, while there is a batch
-    std::set<std::string> locked;              ///< keys that were locked and not unlocked since
+    std::set<std::string> locked; ///< keys that were locked and not unlocked since
     std::optional<std::vector<featureutl::Feature>> features; ///< what is listed, none for all that there are
     std::set<featureutl::Feature> stubborn_features;          ///< keep their state whatever it is set to
     std::map<std::string, devMgmt::Device> devices;
@@ -188,9 +188,9 @@ public:
     std::vector<std::string> outbox; ///< telemetry events as JSON texts
     std::optional<std::string> release_version = "1.2.3";
     std::string patch_version = "4";
-    int script_result = 0;        ///< of a script that does not fail
-    std::string root;             ///< directory of the common paths, which have their numbers as names
-    std::time_t now = 1700000000; ///< what time() gives
+    int script_result = 0;         ///< of a script that does not fail
+    std::string root;              ///< directory of the common paths, which have their numbers as names
+    std::time_t now = 1700000000;  ///< what time() gives
     std::optional<uid_t> peer_uid; ///< who connects; none for this process's own user
 
     /// Tells the registered callbacks of a change, as the device library would.

@@ -247,11 +247,11 @@ char* __wrap_strdup(const char* text)
 #if __SIZEOF_SIZE_T__ == 8
 #define THROWING_NEW(prefix) prefix##_Znwm
 #define NEW_OBJECT(prefix) prefix##_ZnwmRKSt9nothrow_t
-#define NEW_ARRAY(prefix) prefix##_ZnamRKSt9nothrow_t
+#define THROWING_NEW_ARRAY(prefix) prefix##_Znam
 #else
 #define THROWING_NEW(prefix) prefix##_Znwj
 #define NEW_OBJECT(prefix) prefix##_ZnwjRKSt9nothrow_t
-#define NEW_ARRAY(prefix) prefix##_ZnajRKSt9nothrow_t
+#define THROWING_NEW_ARRAY(prefix) prefix##_Znaj
 #endif
 
 void* THROWING_NEW(__real_)(std::size_t size);
@@ -264,17 +264,21 @@ void* THROWING_NEW(__wrap_)(std::size_t size)
     return THROWING_NEW(__real_)(size);
 }
 
+void* THROWING_NEW_ARRAY(__real_)(std::size_t size);
+
+void* THROWING_NEW_ARRAY(__wrap_)(std::size_t size)
+{
+    if (Fake::is_inside() && no_memory("throwing new"))
+        throw std::bad_alloc();
+    const Fake::Paused paused;
+    return THROWING_NEW_ARRAY(__real_)(size);
+}
+
 void* NEW_OBJECT(__real_)(std::size_t size, const std::nothrow_t& tag);
-void* NEW_ARRAY(__real_)(std::size_t size, const std::nothrow_t& tag);
 
 void* NEW_OBJECT(__wrap_)(std::size_t size, const std::nothrow_t& tag)
 {
     return no_memory("new") ? nullptr : NEW_OBJECT(__real_)(size, tag);
-}
-
-void* NEW_ARRAY(__wrap_)(std::size_t size, const std::nothrow_t& tag)
-{
-    return no_memory("new[]") ? nullptr : NEW_ARRAY(__real_)(size, tag);
 }
 
 // time(), whose name depends on the size of time_t.
