@@ -651,9 +651,9 @@ TEST_F(Devices, OnlineStatusWithABrokenCountStartsAtZero)
 
 TEST_F(Devices, OnlineStatusIsMeasuredWhenItIsLargeAndStartsTheQueueAnewWhenThatTakesTooMuch)
 {
-    const std::string large(1000 * 1024, 'x');
+    const std::string large(100000, 'x');
     const std::string text = R"({"text": ")" + large + "\"}";
-    for (const int before : {7, 8}) {
+    for (const int before : {82, 83}) {
         Settings queue{{key("count"), std::to_string(before)}};
         for (int i = 0; i < before; ++i)
             queue[key(std::to_string(i))] = large;
@@ -663,9 +663,9 @@ TEST_F(Devices, OnlineStatusIsMeasuredWhenItIsLargeAndStartsTheQueueAnewWhenThat
         ASSERT_TRUE(receive_all(peer, command("set_device_online_status", text) + "\n"));
         EXPECT_TRUE(drain(peer));
         EXPECT_EQ(peer.client.frame(), R"({"data": null, "status": 0})");
-        EXPECT_EQ(platform->settings[key("count")], before == 8 ? "1" : "8");
-        EXPECT_EQ(platform->settings[key(before == 8 ? "0" : "7")], text);
-        EXPECT_EQ(platform->settings.size(), before == 8 ? 3U : 10U);
+        EXPECT_EQ(platform->settings[key("count")], before == 83 ? "1" : "83");
+        EXPECT_EQ(platform->settings[key(before == 83 ? "0" : "82")], text);
+        EXPECT_EQ(platform->settings.size(), before == 83 ? 3U : 85U);
         destroy(peer);
     }
 }
