@@ -82,7 +82,8 @@ void LockFile::move_to_memory(bool is_in_use) const
         return;
     if (!is_in_use)
         (void)unlink(m_name.c_str()); // what cannot be removed is used
-    (void)symlink(target.c_str(), m_name.c_str());
+    const bool is_linked = symlink(target.c_str(), m_name.c_str()) == 0;
+    (void)is_linked; // else the file is made where it always was
 }
 
 Descriptor LockFile::open() const

@@ -199,8 +199,9 @@ TEST_F(Json, IsWrittenWholeOrNotAtAll)
         const orv::TextPtr text = orv::dump(value.get());
         failed = g_requests >= n ? 1 : 0;
         fail(Failing::never, 0);
-        if (text)
+        if (text) {
             EXPECT_EQ(text.get(), whole);
+        }
     }
 }
 

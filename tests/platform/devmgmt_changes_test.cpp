@@ -99,8 +99,9 @@ void close_store(DevInfoChangeType, const Device&, const std::string&)
 
 void remove_next(DevInfoChangeType type, const Device& device, const std::string&)
 {
-    if (type == DevInfoChangeType::removed && device.did == "d2")
+    if (type == DevInfoChangeType::removed && device.did == "d2") {
         EXPECT_EQ(remove_device("d3"), 0);
+    }
 }
 
 /// New devices, called by the prefix and a number.

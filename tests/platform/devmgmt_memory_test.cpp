@@ -53,8 +53,9 @@ TEST_F(DeviceMemoryTest, A_device_is_stored_or_removed_whole_or_not_at_all)
             }
             EXPECT_EQ(put, failed ? -2 : 0);
             EXPECT_EQ(stored(did), failed ? "none" : text);
-            if (failed)
+            if (failed) {
                 EXPECT_EQ(put_device(device), 0);
+            }
             EXPECT_EQ(remove_device(did), 0);
             return failed;
         });

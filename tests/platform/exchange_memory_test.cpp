@@ -327,8 +327,9 @@ TEST_P(ExchangeMemory, ALargeMessageIsHandedOverOrRefusedAndTheNextOneComes)
         while (!is_done()) { // a megabyte comes in several passes
             (void)read_with_shortage(number);
             has_struck |= Shortage::has_struck();
-            if (has_struck && !is_done())
+            if (has_struck && !is_done()) {
                 ASSERT_TRUE(serve_until(is_done));
+            }
         }
         EXPECT_EQ(reply_serial_of(refusal), refusal ? large : 0);
         EXPECT_EQ(error_of(refusal), s_received.empty() ? "org.freedesktop.DBus.Error.NoMemory" : "");

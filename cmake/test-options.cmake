@@ -1,0 +1,10 @@
+# For folders of tests: what is shipped is optimised; what tests it would only take longer to build.
+set(CMAKE_INTERPROCEDURAL_OPTIMIZATION_RELEASE OFF)
+set(CMAKE_CXX_FLAGS_RELEASE "-O0 -DNDEBUG -U_FORTIFY_SOURCE")
+if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+  add_link_options(-fno-lto)
+endif()
+# A sanitizer's report names the lines of what is tested, and the functions of what tests it.
+if(ORV_SANITIZE AND NOT ORV_FUZZ)
+  set(CMAKE_CXX_FLAGS_DEBUG "")
+endif()
