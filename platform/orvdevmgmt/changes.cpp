@@ -286,10 +286,12 @@ bool Changes::compare_all(Transaction& snapshot)
     store::Cursor devices(snapshot, kDevices);
     for (bool found = devices.first(); found; found = devices.next()) {
         pass_removed(devices.key());
-        if (known == m_known.end() || known->first != devices.key())
+        if (known == m_known.end() || known->first != devices.key()) {
             m_found.push_back({DevInfoChangeType::added, 0, std::string(devices.key())});
-        else
-            compare(known->first, (known++)->second, devices.value());
+            continue;
+        }
+        compare(known->first, known->second, devices.value());
+        ++known;
     }
     if (devices.error() != Error::none)
         return false;
