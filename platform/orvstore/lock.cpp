@@ -5,6 +5,8 @@
 
 #include "lock.h"
 
+#include <orvbase/io.h>
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -15,7 +17,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
-#include <fstream>
+#include <string>
 
 namespace orv::store {
 
@@ -26,6 +28,8 @@ using base::TimePoint;
 
 constexpr long kFirstPauseNs = 50'000;
 constexpr long kLongestPauseNs = 2'000'000;
+constexpr std::size_t kMaxLine = 512;
+constexpr std::size_t kMaxLocks = std::size_t{64} * 1024; ///< what is read of /proc/locks
 
 int try_lock(int fd)
 {
@@ -65,9 +69,8 @@ struct flock copying(short type)
 /// What /proc says of a process: " (orvctl), which is stopped"; nothing when it does not.
 std::string describe_process(int process)
 {
-    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
-    std::string line;
-    std::getline(file, line); // "1234 (orvctl) T 1 ..."
+    const std::string line = base::read_text("/proc/" + std::to_string(process) + "/stat", kMaxLine);
+    // "1234 (orvctl) T 1 ..."
     const auto open = line.find('(');
     const auto close = line.rfind(')');
     if (open == std::string::npos || close == std::string::npos || close + 2 >= line.size())
@@ -75,6 +78,20 @@ std::string describe_process(int process)
     const char state = line[close + 2];
     return " " + line.substr(open, close + 1 - open) +
            (state == 'T' || state == 't' ? ", which is stopped" : "");
+}
+
+/// The process that holds the lock on a file, if this line of /proc/locks says so; else 0.
+int holder_in(const std::string& line, const struct stat& file)
+{
+    // "1: FLOCK  ADVISORY  WRITE 1234 fe:00:5678 0 EOF"
+    int process = 0;
+    unsigned int major = 0;
+    unsigned int minor = 0;
+    unsigned long long inode = 0;
+    const int count =
+        std::sscanf(line.c_str(), // NOLINT(cert-err34-c): what is no number does not count
+                    "%*u: FLOCK ADVISORY WRITE %d %x:%x:%llu", &process, &major, &minor, &inode);
+    return count == 4 && inode == file.st_ino && makedev(major, minor) == file.st_dev ? process : 0;
 }
 
 } // namespace
@@ -126,19 +143,15 @@ void Lock::end_copying()
 std::string Lock::holder() const
 {
     struct stat status {};
-    std::ifstream locks("/proc/locks");
-    if (fstat(m_directory.get(), &status) == 0)
-        for (std::string line; std::getline(locks, line);) {
-            // "1: FLOCK  ADVISORY  WRITE 1234 fe:00:5678 0 EOF"
-            int process = 0;
-            unsigned int major = 0;
-            unsigned int minor = 0;
-            unsigned long long inode = 0;
-            if (std::sscanf(line.c_str(), "%*u: FLOCK ADVISORY WRITE %d %x:%x:%llu", // NOLINT(cert-err34-c)
-                            &process, &major, &minor, &inode) == 4 &&
-                inode == status.st_ino && makedev(major, minor) == status.st_dev && process > 0)
-                return "process " + std::to_string(process) + describe_process(process);
-        }
+    if (fstat(m_directory.get(), &status) < 0)
+        return "another process";
+    const std::string locks = base::read_text("/proc/locks", kMaxLocks);
+    for (std::size_t at = 0; at < locks.size();) {
+        const std::size_t end = std::min(locks.find('\n', at), locks.size());
+        if (const int process = holder_in(locks.substr(at, end - at), status); process > 0)
+            return "process " + std::to_string(process) + describe_process(process);
+        at = end + 1;
+    }
     return "another process";
 }
 
