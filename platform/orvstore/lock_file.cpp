@@ -82,7 +82,8 @@ void LockFile::move_to_memory(bool is_in_use) const
         return;
     if (!is_in_use)
         (void)unlink(m_name.c_str()); // what cannot be removed is used
-    (void)symlink(target.c_str(), m_name.c_str());
+    const int linked = symlink(target.c_str(), m_name.c_str());
+    (void)linked; // without a link it is created where it is
 }
 
 Descriptor LockFile::open() const
