@@ -69,8 +69,8 @@ std::uint64_t make_identity()
     timespec now{};
     (void)clock_gettime(CLOCK_REALTIME, &now); // this clock is always there
     std::uint64_t number = 0;
-    const bool is_random = getrandom(&number, sizeof number, GRND_NONBLOCK) > 0;
-    (void)is_random; // else the time has to do
+    if (getrandom(&number, sizeof number, GRND_NONBLOCK) != sizeof number)
+        number = 0; // the time has to do
     number ^= static_cast<std::uint64_t>(now.tv_sec) << 30U ^ static_cast<std::uint64_t>(now.tv_nsec);
     return std::max<std::uint64_t>(number, 1);
 }

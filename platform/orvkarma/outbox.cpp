@@ -23,31 +23,38 @@ constexpr std::size_t kMapSize = std::size_t{16} * 1024 * 1024;
 /// place.
 constexpr std::size_t kMaxTotalSize = kMapSize / 2;
 
-bool g_is_quiet = false;
+constexpr char kDirectory[] = "var/telemetry";
+
+bool g_is_trying = false;
 std::string g_last_report; ///< since an event was last kept
+
+bool is_why_it_cannot_be_opened(const std::string& text)
+{
+    return text == std::string("store ") + kDirectory + ": " + failure().text();
+}
 
 /// A store that fails each time says so once.
 void report(store::Severity severity, const std::string& text)
 {
-    if (g_is_quiet || text == g_last_report)
+    if (text == g_last_report || (g_is_trying && is_why_it_cannot_be_opened(text)))
         return;
     g_last_report = text;
     ORV_LOG(static_cast<int>(severity), "{}", text);
 }
 
-/// Nothing is reported while one of these lives.
-struct Quiet {
-    Quiet() { g_is_quiet = true; }
-    Quiet(const Quiet&) = delete;
-    Quiet& operator=(const Quiet&) = delete;
-    ~Quiet() { g_is_quiet = false; }
+/// While one of these lives, the store does not tell why it cannot be opened.
+struct Trying {
+    Trying() { g_is_trying = true; }
+    Trying(const Trying&) = delete;
+    Trying& operator=(const Trying&) = delete;
+    ~Trying() { g_is_trying = false; }
 };
 
 /// Lives as long as the process: it holds what the operating system releases anyhow.
 Environment& environment()
 {
     static auto* instance = [] {
-        store::Layout layout{"var/telemetry", {"events"}, kMapSize, true, report};
+        store::Layout layout{kDirectory, {"events"}, kMapSize, true, report};
         layout.when_damaged = store::WhenDamaged::set_aside; // telemetry is worth less than a start
         return new Environment(std::move(layout));
     }();
@@ -95,7 +102,7 @@ Error open()
 
 Error try_to_open()
 {
-    const Quiet quiet;
+    const Trying trying;
     return environment().open();
 }
 

@@ -44,10 +44,11 @@ Environment::~Environment() = default;
 
 Error Environment::open()
 try {
+    const base::TimePoint until = deadline(); // who was waited for in vain is not waited for again
     close();
     m_directory = base::root_path(m_layout.directory);
     m_data_file = data_file_in(m_directory);
-    if (reopen(base::Clock::now() + m_layout.patience))
+    if (reopen(until))
         return Error::none;
     m_state = Closed{std::move(std::get<Missing>(m_state).failure)};
     return to_error(failure());
@@ -266,10 +267,11 @@ Opened* Environment::reopen(base::TimePoint deadline)
     }
     if (failure.kind == Failure::Kind::busy && present && present->is_sound())
         return m_state.emplace<std::unique_ptr<Opened>>(std::move(present)).get();
-    // The same failure is told only once.
-    if (before.kind == Failure::Kind::none || failure.text() != before.text())
-        report_about(Severity::error, failure.text());
+    const std::string text = failure.text();
     m_state = Missing{std::move(failure), file_state(m_data_file), base::coarse_now_ms()};
+    // The same failure is told only once.
+    if (before.kind == Failure::Kind::none || text != before.text())
+        report_about(Severity::error, text);
     return nullptr;
 }
 

@@ -82,8 +82,8 @@ void LockFile::move_to_memory(bool is_in_use) const
         return;
     if (!is_in_use)
         (void)unlink(m_name.c_str()); // what cannot be removed is used
-    const bool is_linked = symlink(target.c_str(), m_name.c_str()) == 0;
-    (void)is_linked; // else the file is made where it always was
+    const int linked = symlink(target.c_str(), m_name.c_str());
+    (void)linked; // without a link it is created where it is
 }
 
 Descriptor LockFile::open() const

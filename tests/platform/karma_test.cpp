@@ -466,8 +466,13 @@ TEST_F(KarmaTest, A_damaged_outbox_is_set_aside_and_an_empty_one_takes_its_place
     const std::string file = m_root.path() + "/var/telemetry/data.mdb";
     uninit();
     spill(file, "garbage");
-    ASSERT_EQ(init(), 0);
+    const Outcome outcome = in_child([] { return init() == 0 ? 0 : 1; });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    const std::vector<std::string> told = lines_of(outcome.err);
+    ASSERT_EQ(told.size(), 1U) << outcome.err;
+    EXPECT_NE(told[0].find("store var/telemetry: its data file was damaged"), std::string::npos) << told[0];
     EXPECT_EQ(slurp(file + ".damaged"), "garbage");
+    ASSERT_EQ(init(), 0);
     std::vector<outbox::Entry> entries;
     EXPECT_EQ(outbox::put("1", "{}"), orv::Error::none);
     EXPECT_EQ(outbox::read(entries), orv::Error::none);

@@ -311,6 +311,12 @@ TEST_F(StoppedTest, Opening_tells_why_it_waits_and_ends_after_the_bound)
               (std::vector<std::string>{
                   "1 store store: waiting for " + holder,
                   "0 store store: cannot open the store: it is being opened or written by " + holder}));
+    EXPECT_LT(duration_of([&] {
+                  for (int i = 0; i < 10; ++i)
+                      EXPECT_EQ(environment.open(), Error::timed_out);
+              }),
+              milliseconds(300) + kSlack)
+        << "who was waited for in vain is not waited for again";
     ASSERT_EQ(flock(directory, LOCK_UN), 0);
     EXPECT_EQ(environment.open(), Error::none);
 }

@@ -1,5 +1,5 @@
-// Writes the device store as the device-management daemon would, fast, and as nobody should. Orders come on
-// standard input, one a line; each is answered with "done", or "failed" and the error. The end of its input
+// Writes the stores as the device-management daemon would, fast, and as nobody should. Orders come on standard
+// input, one a line; each is answered with "done", or "failed" and the error. The end of its input
 // is its own.
 //
 //     put JSON                 a device in the form of device_writer.h
@@ -13,6 +13,8 @@
 //     record ID                -> the bytes of a record
 //     churn ID                 puts and removes a device for ever; answers "churning" once
 //     lock KEY                 the lock of a settings key, held to the end of this program
+//     storm KEY                sets and removes a settings key for ever; answers "storming" once
+//     fill KEY                 sets keys below this one until their store has no room for the smallest
 
 #include "device_store.h"
 
@@ -130,6 +132,23 @@ std::string churn(const std::string& id)
     return outcome(false);
 }
 
+std::string storm(const std::string& key)
+{
+    std::cout << "storming" << std::endl;
+    while (orv::setMgmt::setKey(key, "value") == 0 && orv::setMgmt::deleteKey(key) == 0) {
+    }
+    return outcome(false);
+}
+
+std::string fill(const std::string& key)
+{
+    unsigned number = 0;
+    for (std::size_t size = orv::setMgmt::kMaxValueSize; size > 0; size /= 2)
+        while (orv::setMgmt::setKey(key + "/" + std::to_string(number), std::string(size, 'x')) == 0)
+            ++number;
+    return outcome(number > 0);
+}
+
 std::string obey(const std::string& line)
 {
     std::istringstream words(line);
@@ -149,6 +168,10 @@ std::string obey(const std::string& line)
         return show(id);
     if (verb == "lock")
         return outcome(orv::setMgmt::lockKey(id) == 0);
+    if (verb == "storm")
+        return storm(id);
+    if (verb == "fill")
+        return fill(id);
     if (verb == "record")
         return record(id);
     if (verb == "churn")

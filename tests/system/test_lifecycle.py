@@ -14,6 +14,12 @@ ENABLED = {"status": 1}
 DISABLED = {"status": 0}
 
 
+def server():
+    """The process that serves the daemon's socket."""
+    with Client() as client:
+        return struct.unpack("=iII", client.socket.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, 12))[0]
+
+
 class VersionFile(world.TestCase):
     def path(self, one):
         return os.path.join(one.root, "run", "orvbrokerd.version")
@@ -108,6 +114,19 @@ class StartAndStop(world.TestCase):
         self.assertLessEqual(set(one.messages(level=1)), {"waiting on epoll was interrupted by a signal"})
         one.stop_daemon()
 
+    def test_in_the_background_a_hang_up_is_ignored(self):
+        one = self.world()
+        one.start_bus()
+        subprocess.run([world.program("orvbrokerd"), "-d"], env=one.environment(), check=True, timeout=world.DEADLINE)
+        process = server()
+        try:
+            for _ in range(3):
+                os.kill(process, signal.SIGHUP)
+                self.assertEqual(server(), process)
+        finally:
+            os.kill(process, signal.SIGTERM)
+        world.wait_until(lambda: not os.path.exists("/proc/%d" % process), "the daemon has ended")
+
     def state(self, one):
         with open("/proc/%d/stat" % one.daemon.pid) as stat:
             return stat.read().rsplit(") ", 1)[1][0]
@@ -137,11 +156,6 @@ class StandardStreams(world.TestCase):
                                    env=one.environment())
         one.launched.append(process)
         return process
-
-    def server(self):
-        """The process that serves the daemon's socket."""
-        with Client() as client:
-            return struct.unpack("=iII", client.socket.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, 12))[0]
 
     def check_streams(self, process):
         for descriptor in range(3):
@@ -175,7 +189,7 @@ class StandardStreams(world.TestCase):
         one = self.world()
         one.start_bus()
         self.assertEqual(self.without_streams(one, "orvbrokerd", "-d").wait(world.DEADLINE), 0)
-        process = self.server()
+        process = server()
         try:
             self.check_streams(process)
         finally:

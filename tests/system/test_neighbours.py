@@ -1,20 +1,24 @@
-"""Whatever one neighbour does, a bystander is served, SIGTERM works, and afterwards all is as before."""
+"""Whatever one client or the reader of the log does, a bystander is served, SIGTERM works, and afterwards all is as
+before. Stores and the exchange have programs of their own."""
 
+import contextlib
 import json
 import os
 import resource
 import time
 
+import bystander
 import neighbours
 import world
-from neighbours import Bystander
+from bystander import AT_ONCE, STOP, Bystander
 from world import Client
 
-# What holds on the machine that the bounds were set for is 100 ms, or 1 s where one line keeps the JSON library busy;
-# machines that test are shared and sanitizers slow, so that only what freezes is told from what does not.
-SLACK = 20
-AT_ONCE = 0.1 * SLACK  # seconds
-ONE_LINE = 1.0 * SLACK  # seconds
+
+class Rows(world.TestCase):
+    """A test for each of the rows of clients and of the log."""
+
+
+bystander.add_tests(Rows, neighbours.ROWS["clients"] + neighbours.ROWS["log"])
 
 
 class Neighbours(world.ServedTestCase):
@@ -30,7 +34,7 @@ class Neighbours(world.ServedTestCase):
             self.assertEqual(client.call("get_services_status"), ({"status": 1}, 0))
         start = time.monotonic()
         self.served.stop_daemon()
-        self.assertLess(time.monotonic() - start, 1 * SLACK)
+        self.assertLess(time.monotonic() - start, STOP.in_tests)
         super().tearDown()
 
     def put_device(self):
@@ -47,14 +51,9 @@ class Neighbours(world.ServedTestCase):
         self.served.descriptors()  # all is over for whoever is answered now
         return neighbours.peak_kib(pid) - base, neighbours.private_kib(pid) - before
 
-    def ask_greedily(self, line):
-        with Client() as client:
-            neighbours.send_slowly(client, line)
-            neighbours.receive_all(client)
-
     def test_a_device_asked_for_a_quarter_million_times_is_in_memory_once(self):
         self.put_device()
-        peak, kept = self.kept_after(lambda: self.ask_greedily(neighbours.repeated_ids()))
+        peak, kept = self.kept_after(lambda: neighbours.ask(neighbours.repeated_ids()))
         # The line and its parsed form, the answer's list of references, the send buffer.
         self.assertLess(peak, 48 * 1024)
         self.assertLess(kept, 8 * 1024)
@@ -65,27 +64,22 @@ class Neighbours(world.ServedTestCase):
             listed = client.ask('{"type": "command", "name": "get_devices", "data": ["1"]}')
             element = listed[len('{"data": ['):-len('], "status": 0}')]
             neighbours.send_slowly(client, neighbours.repeated_ids(100_000))
-            length = int.from_bytes(client._receive(4), "little")
+            length = int.from_bytes(client.receive(4), "little")
             whole = '{"data": [' + ", ".join([element] * 100_000) + '], "status": 0}'
             self.assertEqual(length, len(whole))
-            self.assertEqual(client._receive(4 * 1024 * 1024 - 4).decode(), whole[:4 * 1024 * 1024 - 4])
+            self.assertEqual(client.receive(4 * 1024 * 1024 - 4).decode(), whole[:4 * 1024 * 1024 - 4])
             self.assertFalse(client.has_input())
 
     def test_a_line_with_a_large_parsed_form_is_given_back(self):
-        _, kept = self.kept_after(lambda: self.ask_greedily(neighbours.nested()))
+        _, kept = self.kept_after(lambda: neighbours.ask(neighbours.nested()))
         self.assertLess(kept, 8 * 1024)
-
-    def test_large_lines_keep_nobody_from_being_served(self):
-        self.put_device()
-        with Bystander() as bystander:
-            for line in (neighbours.repeated_ids(), neighbours.nested()):
-                self.ask_greedily(line)
-        self.assertLess(bystander.longest, ONE_LINE)
 
     def test_without_descriptors_it_waits_instead_of_turning_round(self):
         pid = self.served.daemon.pid
         resource.prlimit(pid, resource.RLIMIT_NOFILE, (self.served.descriptors() + 4, 4096))
-        with Bystander(pause=0.05) as bystander, neighbours.many_clients(12):
+        with Bystander(pause=0.05) as other, contextlib.ExitStack() as crowd:
+            other.wait_for(1)
+            crowd.enter_context(neighbours.many_clients(12))
             self.served.wait_for_log("failed to accept client")
             used = neighbours.cpu_seconds(pid)
             start = time.monotonic()
@@ -93,7 +87,7 @@ class Neighbours(world.ServedTestCase):
                 time.sleep(0.1)
             self.assertLess((neighbours.cpu_seconds(pid) - used) / (time.monotonic() - start), 0.05 * 4)
             self.assertLess(self.served.messages().count("failed to accept client"), 200)
-        self.assertLess(bystander.longest, AT_ONCE)
+        self.assertLess(max(other.times), AT_ONCE.in_tests)
         resource.prlimit(pid, resource.RLIMIT_NOFILE, (1024, 4096))
 
 
@@ -126,8 +120,106 @@ class LackOfMemory(world.ServedTestCase):
             pass
 
 
+def is_refused():
+    """Whether a user's client is closed at once, without an answer."""
+    program = ("import socket; client = socket.socket(socket.AF_UNIX); client.settimeout(%d); "
+               "client.connect('\\0orvbrokerd-1.3.skt'); print(client.recv(1))" % world.DEADLINE)
+    result = neighbours.run_as_other("-c", program)
+    return result.stdout == "b''\n"
+
+
+class AllowedUsers(world.ServedTestCase):
+    KEY = "/daemons/orvbrokerd/allowed_uids"
+    LINE = "refused a client of user %d" % neighbours.NOBODY
+
+    def check_own_user_is_served(self):
+        with Client() as client:
+            self.assertEqual(client.call("get_services_status"), ({"status": 1}, 0))
+
+    def test_the_list_counts_from_the_next_client_on(self):
+        with Client() as before:
+            for value in ("1000", "1,2,3", "0", "none"):
+                self.served.set_setting(self.KEY, value)
+                self.check_own_user_is_served()
+                self.assertEqual(before.call("get_services_status"), ({"status": 1}, 0))
+        self.served.wait_for_log("%s is no list of user numbers: none" % self.KEY)
+
+    def test_another_user_is_closed_at_once_unless_the_list_has_the_number(self):
+        if not neighbours.has_second_user():
+            self.served.set_setting(self.KEY, "1000")
+            self.check_own_user_is_served()  # the only one that there is in this namespace
+            return
+        self.served.set_setting(self.KEY, "1000")
+        self.assertTrue(is_refused())
+        self.served.wait_for_log(self.LINE)
+        self.assertIn(self.LINE, self.served.messages(level=1))
+        with neighbours.other_user("-c", neighbours.ASK_SERVICES) as allowed:
+            self.served.set_setting(self.KEY, "1000,%d" % neighbours.NOBODY)
+            allowed.stdin.write("\n")
+            allowed.stdin.flush()
+            self.assertEqual(allowed.stdout.readline(), '{"data": {"status": 1}, "status": 0}\n')
+
+    def test_a_refused_user_who_comes_again_and_again_is_told_of_once_a_second(self):
+        if not neighbours.has_second_user():
+            return
+        self.served.set_setting(self.KEY, "1000")
+        begin = time.monotonic()
+        with neighbours.refused_user(), Bystander() as other:
+            self.served.wait_for_log(self.LINE, count=2)
+        told = self.served.messages().count(self.LINE)
+        self.assertLessEqual(told, time.monotonic() - begin + 1)
+        self.assertLess(max(other.times), AT_ONCE.in_tests)
+
+
+class OtherUsers(world.ServedTestCase):
+    """Who has the daemon's own user can do anything; the others reach nothing but the socket."""
+
+    def test_they_reach_no_file_and_no_socket_below_the_root(self):
+        if not neighbours.has_second_user():
+            return
+        os.chmod(self.served.root, 0o755)
+        try_all = ("import os, socket, sys\n"
+                   "for name in sys.argv[1:]:\n"
+                   "    for flags in (os.O_RDONLY, os.O_RDWR, os.O_WRONLY | os.O_CREAT):\n"
+                   "        try:\n"
+                   "            os.open(name, flags)\n"
+                   "            print('opened', name)\n"
+                   "        except PermissionError:\n"
+                   "            pass\n"
+                   "    try:\n"
+                   "        socket.socket(socket.AF_UNIX).connect(name)\n"
+                   "        print('connected to', name)\n"
+                   "    except PermissionError:\n"
+                   "        pass\n")
+        names = [os.path.join(self.served.root, *name) for name in (
+            ("run", "orvbrokerd.version"), ("run", "exchange.lock"), ("run", "exchange.skt"), ("run", "planted"),
+            ("tmp", "locks", "settings"), ("tmp", "settings", "data.mdb"), ("tmp", "planted"),
+            ("var", "settings", "data.mdb"), ("var", "planted"))]
+        result = neighbours.run_as_other("-c", try_all, *names)
+        self.assertEqual((result.stdout, result.stderr), ("", ""))
+        self.assertEqual(result.returncode, 0)
+        self.served.restart_daemon()
+
+    def test_what_they_have_made_before_the_first_start_is_refused_with_a_line(self):
+        for name in ("run", "tmp", "var"):
+            one = self.world()
+            one.start_bus()
+            path = os.path.join(one.root, name)
+            os.makedirs(path, exist_ok=True)
+            if neighbours.has_second_user():
+                os.chown(path, neighbours.NOBODY, neighbours.NOBODY)
+                reason = "it belongs to user %d" % neighbours.NOBODY
+            else:
+                os.chmod(path, 0o777)
+                reason = "others can write to it"
+            self.assertEqual(one.launch().wait(world.DEADLINE), 1)
+            self.assertIn("cannot trust the directory %s: %s" % (path, reason), one.messages(level=0))
+
+
+# A sanitizer's shadow needs more address space than there may be.
 if "asan" in world.BIN:
     del LackOfMemory
+    del Rows.test_a_bystander_beside_no_memory_left
 
 
 if __name__ == "__main__":

@@ -35,14 +35,19 @@ _LOG_LINE = re.compile(
 _REPEATED = re.compile(r"\[log\]: last line repeated (\d+) times$")
 
 
-def main():
-    """Runs the tests of the calling program, in namespaces of its own."""
-    if not BIN:
-        sys.exit("ORV_BIN must name the directory of the programs under test")
+def enter_namespaces():
+    """Runs the calling program anew, in namespaces of its own, unless it is there."""
     if os.environ.get(_IN_NAMESPACE) != "1":
         os.environ[_IN_NAMESPACE] = "1"
         identity = [] if os.geteuid() == 0 else ["-r"]
         os.execvp("unshare", ["unshare", *identity, "-n", "-m", sys.executable, *sys.argv])
+
+
+def main():
+    """Runs the tests of the calling program, in namespaces of its own."""
+    if not BIN:
+        sys.exit("ORV_BIN must name the directory of the programs under test")
+    enter_namespaces()
     unittest.main()
 
 
@@ -110,7 +115,8 @@ class Client:
     def send(self, data):
         self.socket.sendall(data.encode() if isinstance(data, str) else data)
 
-    def _receive(self, size):
+    def receive(self, size):
+        """So many bytes."""
         data = b""
         while len(data) < size:
             piece = self.socket.recv(size - len(data))
@@ -121,8 +127,8 @@ class Client:
 
     def frame(self):
         """The text of the next answer or event."""
-        (length,) = struct.unpack("=I", self._receive(4))
-        return self._receive(length).decode()
+        (length,) = struct.unpack("=I", self.receive(4))
+        return self.receive(length).decode()
 
     def ask(self, request):
         """Sends a request line and returns the text of its answer."""
@@ -400,6 +406,20 @@ class Participant(Helper):
         """Answers the number-th thing received, from 0, with this type."""
         self.do("answer\t%d\t%s\t%s" % (number, kind, self._file(data)))
 
+    def confirm(self, count):
+        """Receives so many requests, and then answers all of them at once with success."""
+        first = self.received
+        for _ in range(count):
+            self.order("receive")
+            self.received += 1
+        for _ in range(count):
+            self.result()
+        path = self._file(b"")
+        for number in range(first, first + count):
+            self.order("answer\t%d\t0\t%s" % (number, path))
+        for _ in range(count):
+            self._expect("done")
+
     def malformed(self, number):
         self.do("malformed\t%d" % number)
 
@@ -459,6 +479,12 @@ class TestCase(unittest.TestCase):
                     sys.stderr.write("--- log of %s in %s\n%s---\n" % (self.id(), world.root, world.log()[-20000:]))
             for world in self.worlds:
                 world.close()
+
+    def quiet_world(self):
+        """A world with nothing started, whose daemon logs what it logs in ordinary operation."""
+        one = self.world()
+        one.log_level = "2"
+        return one
 
     def world(self, root=None):
         """A world with nothing started."""

@@ -1,6 +1,10 @@
 // A key lock is a lock on one byte of a common lock file, at an offset that is made of the key. Every lock
 // held has a descriptor of its own, and open file description locks belong to the descriptor: they fall when
 // the process dies, are not inherited by the programs it starts, and leave other locks on the file alone.
+//
+// Who has a lock cannot be told, so a process that is stopped with it cannot be told from one that is busy. When
+// one was waited for in vain, all who ask for that key within the next second are told so at once: several
+// requests that come together wait no longer than one.
 
 #include "settings_key.h"
 
@@ -17,6 +21,7 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <map>
 #include <string>
 #include <utility>
@@ -30,7 +35,10 @@ using base::Descriptor;
 using base::TimePoint;
 
 constexpr long kPollNs = 5'000'000;
-constexpr std::chrono::seconds kTimeout{1};
+/// A second less what there is to do beside the waiting.
+constexpr std::chrono::milliseconds kTimeout{900};
+/// For which nobody is waited for again.
+constexpr std::chrono::seconds kRespite{1};
 constexpr mode_t kFileMode = 0600;
 
 struct HeldLock {
@@ -42,6 +50,36 @@ std::map<std::string, HeldLock, std::less<>>& held_locks()
 {
     static auto* locks = new std::map<std::string, HeldLock, std::less<>>; // held until the process ends
     return *locks;
+}
+
+/// Until when a lock that was waited for in vain is not waited for again.
+std::map<std::string, TimePoint, std::less<>>& respites()
+{
+    static auto* times = new std::map<std::string, TimePoint, std::less<>>;
+    return *times;
+}
+
+TimePoint deadline_for(std::string_view key)
+{
+    const TimePoint now = Clock::now();
+    const auto found = respites().find(key);
+    return found != respites().end() && now < found->second ? now : now + kTimeout;
+}
+
+void end_respite(std::string_view key)
+{
+    const auto found = respites().find(key);
+    if (found != respites().end())
+        respites().erase(found);
+}
+
+/// Notes that there was no lock to be had. No more keys are remembered than are locked in vain within the time.
+void give_respite(std::string_view key)
+{
+    const TimePoint now = Clock::now();
+    for (auto it = respites().begin(); it != respites().end();)
+        it = it->second <= now ? respites().erase(it) : std::next(it);
+    respites().try_emplace(std::string(key), now + kRespite);
 }
 
 /// FNV-1a, without the two highest bits: a file offset.
@@ -107,7 +145,7 @@ Error wait_for_lock(int fd, off_t offset, TimePoint deadline)
 Error take_lock(std::string_view key)
 {
     const std::string name = base::root_path("tmp/locks/settings");
-    const TimePoint deadline = Clock::now() + kTimeout;
+    const TimePoint deadline = deadline_for(key);
     for (;;) {
         Descriptor file = open_lock_file(name);
         if (!file.is_open())
@@ -115,6 +153,7 @@ Error take_lock(std::string_view key)
         const Error error = wait_for_lock(file.get(), lock_offset(key), deadline);
         if (error == Error::none && is_still_named(file.get(), name)) {
             held_locks().emplace(key, HeldLock{std::move(file), 1});
+            end_respite(key);
             return Error::none;
         }
         if (error != Error::none)
@@ -140,6 +179,8 @@ int lockKey(const std::string& key)
         return 0;
     }
     const Error error = detail::take_lock(parsed.bytes());
+    if (error == Error::timed_out)
+        detail::give_respite(parsed.bytes());
     return error == Error::none ? 0 : base::fail(error);
 }
 

@@ -18,7 +18,7 @@ constexpr std::size_t kMaxIdSize = 255;
 constexpr std::size_t kMaxEventSize = std::size_t{256} * 1024;
 
 [[nodiscard]] Error open();
-/// The same, with nothing logged when it fails.
+/// The same. When it fails, the reason is not logged, but for whom it waited is.
 [[nodiscard]] Error try_to_open();
 [[nodiscard]] bool is_open();
 /// Why open() has failed.

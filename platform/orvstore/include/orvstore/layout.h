@@ -34,8 +34,9 @@ struct Layout {
     /// machine: it is created anew when it is damaged or of an earlier boot, and nobody has it open.
     bool synced;
     Report report = nullptr; ///< null: nobody listens
-    /// How long writing and opening wait for other processes; reading never does.
-    std::chrono::milliseconds patience = std::chrono::seconds{1};
+    /// How long writing and opening wait for other processes; reading never does. Unless it is set, a second less what
+    /// there is to do beside the waiting.
+    std::chrono::milliseconds patience = std::chrono::milliseconds{900};
     WhenDamaged when_damaged = WhenDamaged::refuse;
     /// A copy is renewed when nothing was written for so long ...
     std::chrono::milliseconds copy_after = std::chrono::minutes{1};
