@@ -1,6 +1,9 @@
 // A key lock is a lock on one byte of a common lock file, at an offset that is made of the key. Every lock
 // held has a descriptor of its own, and open file description locks belong to the descriptor: they fall when
 // the process dies, are not inherited by the programs it starts, and leave other locks on the file alone.
+//
+// A holder that is stopped would cost each of many requests a second. So a lock that was waited for in vain is
+// only asked for, until it could be had once.
 
 #include "settings_key.h"
 
@@ -18,6 +21,7 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -41,6 +45,13 @@ struct HeldLock {
 std::map<std::string, HeldLock, std::less<>>& held_locks()
 {
     static auto* locks = new std::map<std::string, HeldLock, std::less<>>; // held until the process ends
+    return *locks;
+}
+
+/// The places of the locks that were waited for in vain.
+std::set<off_t>& stuck_locks()
+{
+    static auto* locks = new std::set<off_t>; // as many as there are keys that are locked
     return *locks;
 }
 
@@ -107,16 +118,21 @@ Error wait_for_lock(int fd, off_t offset, TimePoint deadline)
 Error take_lock(std::string_view key)
 {
     const std::string name = base::root_path("tmp/locks/settings");
-    const TimePoint deadline = Clock::now() + kTimeout;
+    const off_t offset = lock_offset(key);
+    const TimePoint now = Clock::now();
+    const TimePoint deadline = stuck_locks().count(offset) != 0 ? now : now + kTimeout;
     for (;;) {
         Descriptor file = open_lock_file(name);
         if (!file.is_open())
             return Error::input_output;
-        const Error error = wait_for_lock(file.get(), lock_offset(key), deadline);
+        const Error error = wait_for_lock(file.get(), offset, deadline);
         if (error == Error::none && is_still_named(file.get(), name)) {
             held_locks().emplace(key, HeldLock{std::move(file), 1});
+            stuck_locks().erase(offset);
             return Error::none;
         }
+        if (error == Error::timed_out)
+            stuck_locks().insert(offset);
         if (error != Error::none)
             return error;
         if (Clock::now() >= deadline)
