@@ -83,13 +83,13 @@ const char* event_id(const json_t* event)
 
 std::string event_text(const json_t* event)
 {
-    const TextPtr text(json_dumps(event, 0));
+    const TextPtr text = dump(event);
     return text ? text.get() : "";
 }
 
-JsonPtr parse_event(const std::string& text)
+JsonPtr parse_event(const std::string& text, bool& lacks_memory)
 {
-    JsonPtr event(json_loadb(text.data(), text.size(), 0, nullptr));
+    JsonPtr event = parse_json(text, &lacks_memory);
     return event_id(event.get()) ? std::move(event) : nullptr;
 }
 
