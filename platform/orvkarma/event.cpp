@@ -87,9 +87,9 @@ std::string event_text(const json_t* event)
     return text ? text.get() : "";
 }
 
-JsonPtr parse_event(const std::string& text)
+JsonPtr parse_event(const std::string& text, bool& lacks_memory)
 {
-    JsonPtr event = parse_json(text);
+    JsonPtr event = parse_json(text, &lacks_memory);
     return event_id(event.get()) ? std::move(event) : nullptr;
 }
 

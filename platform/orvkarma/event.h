@@ -16,7 +16,7 @@ namespace orv::karma {
 /// The event as JSON text in one line; empty on failure.
 [[nodiscard]] std::string event_text(const json_t* event);
 
-/// The event that a text holds, null when it holds none.
-[[nodiscard]] JsonPtr parse_event(const std::string& text);
+/// The event that a text holds, null when it holds none or memory is short.
+[[nodiscard]] JsonPtr parse_event(const std::string& text, bool& lacks_memory);
 
 } // namespace orv::karma

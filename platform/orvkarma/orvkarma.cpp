@@ -235,8 +235,11 @@ int read(std::vector<json_t*>& events)
     std::vector<JsonPtr> found;
     found.reserve(entries.size());
     for (outbox::Entry& entry : entries) {
-        found.push_back(parse_event(entry.text));
-        entry.text = {}; // two forms of all of them would be too much
+        bool lacks_memory = false;
+        found.push_back(parse_event(entry.text, lacks_memory));
+        if (lacks_memory)
+            return base::failed(Error::input_output); // which does not make it a malformed one
+        entry.text = {};                              // two forms of all of them would be too much
     }
     drop_malformed(entries, found);
     events.reserve(events.size() + found.size());

@@ -23,6 +23,8 @@ namespace orv::store {
 
 namespace {
 
+constexpr std::size_t kMaxKeySize = 511; ///< LMDB's own limit
+
 /// Ends with its scope.
 class OneReading {
 public:
@@ -47,6 +49,7 @@ private:
 Copy::Copy(const Layout& layout, std::string file, std::uint64_t commit)
     : m_layout(layout), m_file(std::move(file)), m_commit(commit)
 {
+    m_key.reserve(kMaxKeySize); // nothing may throw within a transaction
 }
 
 Copy::~Copy()

@@ -80,11 +80,12 @@ bool CopyKeeper::is_due(const Opened& opened, const std::string& copy)
 
 void CopyKeeper::go_on(Opened& opened, const std::string& directory)
 {
+    const std::string made = new_copy_file_in(directory); // nothing may throw between its end and ours
+    const std::string copy = copy_file_in(directory);
     const Copy::Progress progress = m_copy->go_on(opened, kCopiedAtOnce);
     if (progress == Copy::Progress::going_on)
         return;
-    const bool is_made = progress == Copy::Progress::done &&
-                         rename_durably(new_copy_file_in(directory), copy_file_in(directory), directory) == 0;
+    const bool is_made = progress == Copy::Progress::done && rename_durably(made, copy, directory) == 0;
     m_copy.reset();
     opened.end_copying();
     // It is no failure that the store was written meanwhile.

@@ -3,12 +3,15 @@
 // nothing to do.
 //
 // An event says only that something may have changed: listeners compare what they see with what they have
-// seen. Hence nothing is lost when events are merged or the queue overflows, and nothing is told twice.
+// seen. Hence nothing is lost when events are merged or the queue overflows, and nothing is told twice. A
+// reading that ends half-way for lack of memory is begun again, a while later.
 
 #include <orvstore/notify.h>
 
+#include <orvbase/clock.h>
 #include <orvbase/descriptor.h>
 #include <orvbase/io.h>
+#include <orvbase/without_throwing.h>
 
 #include <sched.h>
 #include <sys/inotify.h>
@@ -18,6 +21,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -28,6 +32,8 @@ namespace {
 constexpr std::uint32_t kEvents = IN_MODIFY | IN_ATTRIB | IN_MOVE_SELF | IN_DELETE_SELF;
 
 constexpr int kMaxYields = 100;
+constexpr std::int64_t kAgainMs = 100;         ///< between two readings that find no memory
+const std::string kNoMemory = "out of memory"; ///< made while there is some
 
 struct Watched {
     Environment* environment;
@@ -40,7 +46,8 @@ class Hub {
 public:
     int descriptor()
     {
-        if (open() && (maintain() || has_caught_up()))
+        const auto has_news = [this] { return maintain() || has_caught_up() || is_to_read_again(); };
+        if (open() && base::without_throwing(false, has_news)) // without memory the next call will do
             wake();
         return fd();
     }
@@ -90,14 +97,28 @@ public:
         if (m_is_reading)
             return;
         m_is_reading = true;
-        drain();
-        (void)maintain();
-        catch_up();
-        call_listeners();
+        m_read_ms = base::coarse_now_ms();
+        m_is_unfinished = !base::without_throwing(false, [this] {
+            drain();
+            (void)maintain();
+            catch_up();
+            call_listeners();
+            return true;
+        });
         m_is_reading = false;
+        if (m_is_unfinished && !m_watched.empty())
+            m_watched.front().environment->report(Severity::error, kNoMemory);
     }
 
 private:
+    bool is_to_read_again()
+    {
+        if (!m_is_unfinished || m_is_reading || base::coarse_now_ms() - m_read_ms < kAgainMs)
+            return false;
+        m_read_ms = base::coarse_now_ms();
+        return true;
+    }
+
     /// Whether all that has been committed can be seen by now.
     bool all_is_visible()
     {
@@ -228,8 +249,10 @@ private:
     base::Descriptor m_inotify;
     bool m_has_failed = false;
     bool m_is_reading = false;
-    bool m_is_behind = false; ///< a commit is in the file and cannot be seen yet
-    int m_yields = 0;         ///< for its writer
+    bool m_is_unfinished = false; ///< the last reading has ended half-way
+    std::int64_t m_read_ms = 0;   ///< when it began
+    bool m_is_behind = false;     ///< a commit is in the file and cannot be seen yet
+    int m_yields = 0;             ///< for its writer
     std::vector<Watched> m_watched;
     std::uint64_t m_last_id = 0;
     std::map<std::uint64_t, std::shared_ptr<Listener>> m_listeners;

@@ -1,6 +1,7 @@
 // Data files that are damaged: set aside, or replaced by their copy. How the copy is kept.
 
 #include "check.h"
+#include "memory_support.h"
 #include "process_support.h"
 #include "stepped.h"
 
@@ -14,6 +15,7 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -368,4 +370,28 @@ TEST_F(DamageTest, A_restoration_killed_in_any_system_call_is_finished_by_the_ne
         ASSERT_EQ(environment.open(), Error::none) << steps;
         ASSERT_EQ(value_in(environment, "key"), "copied") << steps;
     }
+}
+
+TEST_F(DamageTest, The_copy_is_renewed_when_there_is_memory_again)
+{
+    Environment environment(layout_with(WhenDamaged::restore));
+    ASSERT_EQ(environment.open(), Error::none);
+    for_each_allocation([&](unsigned long number) {
+        EXPECT_EQ(write(environment, "key", std::to_string(number)), Error::none);
+        const auto look_after = [&] {
+            try {
+                environment.look_after();
+            } catch (const std::bad_alloc&) { // another attempt is made
+            }
+        };
+        bool failed = false;
+        {
+            const FailingMemory memory(number);
+            for (int i = 0; i < 5; ++i) // it takes several to make a copy
+                look_after();
+            failed = FailingMemory::has_failed();
+        }
+        renew_copy(environment);
+        return failed;
+    });
 }

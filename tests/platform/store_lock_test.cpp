@@ -76,6 +76,28 @@ TEST_F(KeyLockTest, Who_was_waited_for_in_vain_is_not_waited_for_again_at_once)
     EXPECT_EQ(unlockKey("/l"), 0);
 }
 
+TEST_F(KeyLockTest, A_lock_that_was_waited_for_in_vain_is_not_waited_for_until_it_could_be_had)
+{
+    const auto wait_in_vain = [] {
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(lockKey("/stuck"), -3);
+        return std::chrono::steady_clock::now() - start;
+    };
+    for (int i = 0; i < 2; ++i) {
+        Companion holder([](Companion::Ends ends) { return hold_lock(ends, "/stuck"); });
+        ASSERT_EQ(holder.hear(), 'l');
+        EXPECT_GE(wait_in_vain(), std::chrono::milliseconds(890));
+        const auto start = std::chrono::steady_clock::now();
+        for (int k = 0; k < 100; ++k)
+            (void)wait_in_vain();
+        EXPECT_LE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
+        holder.say('u');
+        ASSERT_EQ(holder.hear(), 'u');
+        EXPECT_EQ(lockKey("/stuck"), 0);
+        EXPECT_EQ(unlockKey("/stuck"), 0);
+    }
+}
+
 TEST_F(KeyLockTest, A_waiting_process_gets_the_lock_when_it_is_given_back)
 {
     ASSERT_EQ(lockKey("/l"), 0);

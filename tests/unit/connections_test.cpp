@@ -352,6 +352,16 @@ TEST_F(ClientConnection, PutsWhatFitsOfEachPieceWhenItsSendBufferIsNearlyFull)
     EXPECT_EQ(received.substr(filling.size()), framed("abcdef").substr(0, 6));
 }
 
+TEST_F(ClientConnection, EndsWhenThereIsNoMemoryForAllOfItsAnswer)
+{
+    for (const std::string& request : {kStatusRequest, kFailingRequest}) {
+        Peer peer = connect();
+        ASSERT_TRUE(peer.conn->tx.init(16, 16)); // as if it could not grow
+        EXPECT_FALSE(receive(peer, request + "\n"));
+        EXPECT_TRUE(peer.client.is_closed());
+    }
+}
+
 TEST_F(ClientConnection, QueuesAlsoWhileThereIsNoLoop)
 {
     Peer peer = connect();

@@ -144,7 +144,10 @@ void add_subscribe(CommandLine& line)
             "  orvctl subscribe va_status_changed --count 1 --timeout 60\n"
             "  orvctl subscribe device_discovery --timestamps | tee discoveries.jsonl\n"
             "\nGoes on until interrupted, unless --count or --timeout is given. With both, fewer "
-            "events in that\ntime are exit status 1. In a pipe each event is one JSON line.\n");
+            "events in that\ntime are exit status 1. In a pipe each event is one JSON line.\n"
+            "\nWhen it ends, others with the same event must subscribe anew: of devices_list_updated,\n"
+            "subscription_changed and cloud_registration_status they get nothing more, of device_discovery\n"
+            "the user agents only.\n");
     command->add_option("EVENT", subscribe->event, "The event, see orvctl events")->required();
     add_count(*command, subscribe->count, "events");
     command->add_flag("--timestamps", subscribe->timestamps, "Tell when each event arrived, in UTC");

@@ -48,19 +48,20 @@ bool append(std::string_view piece, void* /*user*/)
     return true;
 }
 
-/// False when the send buffer is full: there is no use in going on.
+/// False when the send buffer did not take all of it: there is no use in going on.
 bool put(std::string_view piece, void* user)
 {
-    auto& tx = static_cast<Connection*>(user)->tx;
-    const unsigned before = tx.pending();
-    static_cast<Connection*>(user)->put(piece.data(), static_cast<unsigned>(piece.size()));
-    return tx.pending() - before == piece.size();
+    auto* conn = static_cast<Connection*>(user);
+    const unsigned before = conn->tx.pending();
+    conn->put(piece.data(), static_cast<unsigned>(piece.size()));
+    return conn->tx.pending() - before == piece.size();
 }
 
-/// Writes the data once more, into the send buffer this time.
-bool put_large(Connection* conn, const json_t* data)
+/// Puts in what append() has kept, or, when that is not all of it, writes it once more.
+bool put_data(Connection* conn, const json_t* data)
 {
-    return dump_to(data, JSON_ENCODE_ANY, put, conn) || conn->tx.pending() == kBufferMaximumSize;
+    return g_data.is_whole() ? put({g_data.data.data(), g_data.size}, conn)
+                             : dump_to(data, JSON_ENCODE_ANY, put, conn);
 }
 
 } // namespace
@@ -95,15 +96,11 @@ Queued queue_response(Connection* conn, int status, json_t* data, int epfd)
 
     const fmt::format_int number(status);
     const auto length = static_cast<std::uint32_t>(envelope_size(number) + g_data.size);
-    conn->put(&length, sizeof length);
-    put(kBegin, conn);
-    if (g_data.is_whole())
-        put({g_data.data.data(), g_data.size}, conn);
-    else if (!put_large(conn, data))
+    const std::string_view prefix(reinterpret_cast<const char*>(&length), sizeof length);
+    const bool is_taken = put(prefix, conn) && put(kBegin, conn) && put_data(conn, data) &&
+                          put(kMiddle, conn) && put({number.data(), number.size()}, conn) && put(kEnd, conn);
+    if (!is_taken && conn->tx.pending() != kBufferMaximumSize)
         return Queued::broken;
-    put(kMiddle, conn);
-    put({number.data(), number.size()}, conn);
-    put(kEnd, conn);
     watch_for_output(conn, epfd);
     return Queued::whole;
 }

@@ -21,9 +21,10 @@ using JsonPtr = std::unique_ptr<json_t, JsonDeleter>;
 /// A text that a C library allocated with malloc(), dump() for example; null for none.
 using TextPtr = std::unique_ptr<char, PtrDeleter<char>>;
 
-/// Parses an object or array. Null when the text is none, or memory is short: then nothing is left behind.
-/// The value's memory comes in few large pieces, which go back as soon as nothing of the value is left.
-[[nodiscard]] JsonPtr parse_json(std::string_view text);
+/// Parses an object or array. Null when the text is none, or memory is short, which `lacks_memory` tells: then
+/// nothing is left behind. The value's memory comes in few large pieces, which go back as soon as nothing of
+/// the value is left.
+[[nodiscard]] JsonPtr parse_json(std::string_view text, bool* lacks_memory = nullptr);
 
 /// A value's text on one line, with a blank after each comma and colon; null for null and when memory is
 /// short. Without JSON_ENCODE_ANY in `flags`, of objects and arrays only.

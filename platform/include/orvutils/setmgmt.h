@@ -67,7 +67,8 @@ public:
 };
 
 /// Takes the lock named by a key (which need not exist) against other processes, waiting at most one second
-/// (then error 3), and not at all for a second after a wait in vain. Within this process locks are counted. The lock falls with its holder.
+/// (then error 3), and not again for one that was waited for in vain until it could be had. Within this process
+/// locks are counted. The lock falls with its holder.
 [[nodiscard]] int lockKey(const std::string& key);
 /// Gives one lockKey() back. Error 1 when this process does not hold the lock.
 [[nodiscard]] int unlockKey(const std::string& key);

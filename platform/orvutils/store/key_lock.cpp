@@ -2,9 +2,8 @@
 // held has a descriptor of its own, and open file description locks belong to the descriptor: they fall when
 // the process dies, are not inherited by the programs it starts, and leave other locks on the file alone.
 //
-// Who has a lock cannot be told, so a process that is stopped with it cannot be told from one that is busy. When
-// one was waited for in vain, all who ask for that key within the next second are told so at once: several
-// requests that come together wait no longer than one.
+// A holder that is stopped would cost each of many requests a second. So a lock that was waited for in vain is
+// only asked for, until it could be had once.
 
 #include "settings_key.h"
 
@@ -21,8 +20,8 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
-#include <iterator>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -37,8 +36,6 @@ using base::TimePoint;
 constexpr long kPollNs = 5'000'000;
 /// A second less what there is to do beside the waiting.
 constexpr std::chrono::milliseconds kTimeout{900};
-/// For which nobody is waited for again.
-constexpr std::chrono::seconds kRespite{1};
 constexpr mode_t kFileMode = 0600;
 
 struct HeldLock {
@@ -52,34 +49,11 @@ std::map<std::string, HeldLock, std::less<>>& held_locks()
     return *locks;
 }
 
-/// Until when a lock that was waited for in vain is not waited for again.
-std::map<std::string, TimePoint, std::less<>>& respites()
+/// The places of the locks that were waited for in vain.
+std::set<off_t>& stuck_locks()
 {
-    static auto* times = new std::map<std::string, TimePoint, std::less<>>;
-    return *times;
-}
-
-TimePoint deadline_for(std::string_view key)
-{
-    const TimePoint now = Clock::now();
-    const auto found = respites().find(key);
-    return found != respites().end() && now < found->second ? now : now + kTimeout;
-}
-
-void end_respite(std::string_view key)
-{
-    const auto found = respites().find(key);
-    if (found != respites().end())
-        respites().erase(found);
-}
-
-/// Notes that there was no lock to be had. No more keys are remembered than are locked in vain within the time.
-void give_respite(std::string_view key)
-{
-    const TimePoint now = Clock::now();
-    for (auto it = respites().begin(); it != respites().end();)
-        it = it->second <= now ? respites().erase(it) : std::next(it);
-    respites().try_emplace(std::string(key), now + kRespite);
+    static auto* locks = new std::set<off_t>; // as many as there are keys that are locked
+    return *locks;
 }
 
 /// FNV-1a, without the two highest bits: a file offset.
@@ -145,17 +119,21 @@ Error wait_for_lock(int fd, off_t offset, TimePoint deadline)
 Error take_lock(std::string_view key)
 {
     const std::string name = base::root_path("tmp/locks/settings");
-    const TimePoint deadline = deadline_for(key);
+    const off_t offset = lock_offset(key);
+    const TimePoint now = Clock::now();
+    const TimePoint deadline = stuck_locks().count(offset) != 0 ? now : now + kTimeout;
     for (;;) {
         Descriptor file = open_lock_file(name);
         if (!file.is_open())
             return Error::input_output;
-        const Error error = wait_for_lock(file.get(), lock_offset(key), deadline);
+        const Error error = wait_for_lock(file.get(), offset, deadline);
         if (error == Error::none && is_still_named(file.get(), name)) {
             held_locks().emplace(key, HeldLock{std::move(file), 1});
-            end_respite(key);
+            stuck_locks().erase(offset);
             return Error::none;
         }
+        if (error == Error::timed_out)
+            stuck_locks().insert(offset);
         if (error != Error::none)
             return error;
         if (Clock::now() >= deadline)
@@ -179,8 +157,6 @@ int lockKey(const std::string& key)
         return 0;
     }
     const Error error = detail::take_lock(parsed.bytes());
-    if (error == Error::timed_out)
-        detail::give_respite(parsed.bytes());
     return error == Error::none ? 0 : base::fail(error);
 }
 

@@ -11,6 +11,7 @@
 #include <orvutils/log_format.h>
 
 #include <algorithm>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -56,6 +57,8 @@ public:
     {
     }
 
+    ~KeyWatch() override { cancel(); } // of one that could not be added to the listeners
+
     /// False when there is nothing to watch or no one to tell.
     bool start()
     {
@@ -87,8 +90,8 @@ public:
     {
         if (!m_active)
             return;
-        const bool told_anyway = std::exchange(m_notify_now, false);
-        if (!has_changed() && !told_anyway)
+        const bool changed = has_changed();
+        if (!std::exchange(m_notify_now, false) && !changed)
             return;
         if (!m_callback(m_path, m_user))
             cancel();
@@ -98,10 +101,19 @@ public:
     [[nodiscard]] bool is_kept() const { return m_keep; }
 
 private:
+    /// What was found out before memory ran out is found out again.
     bool has_changed()
     {
-        const bool rewritten = !m_key.is_volatile() && was_rewritten(); // both are to be looked at
-        return has_record_changed() || rewritten;
+        const Seen seen = m_seen;
+        const SeenRewrites rewrites = m_rewrites;
+        try {
+            const bool rewritten = !m_key.is_volatile() && was_rewritten(); // both are to be looked at
+            return has_record_changed() || rewritten;
+        } catch (const std::bad_alloc&) {
+            m_seen = seen;
+            m_rewrites = rewrites;
+            throw;
+        }
     }
 
     bool has_record_changed()

@@ -182,23 +182,28 @@ void take_over_memory()
 }
 
 /// The only frames between the two ends of the jump are the JSON library's: nothing has to be destroyed.
-json_t* parse_in(Arena& arena, const char* text, std::size_t size)
+json_t* parse_in(Arena& arena, const char* text, std::size_t size, bool& lacks_memory)
 {
-    if (setjmp(arena.no_memory) != 0) // NOLINT(cert-err52-cpp): see above
+    if (setjmp(arena.no_memory) != 0) { // NOLINT(cert-err52-cpp): see above
+        lacks_memory = true;
         return nullptr;
+    }
     return json_loadb(text, size, /*flags=*/0, /*error=*/nullptr);
 }
 
 } // namespace
 
-JsonPtr parse_json(std::string_view text)
+JsonPtr parse_json(std::string_view text, bool* lacks_memory)
 {
+    bool ignored = false;
+    bool& lacks = lacks_memory ? *lacks_memory : ignored;
     take_over_memory();
     Arena* arena = create_arena();
+    lacks = !arena;
     if (!arena)
         return nullptr;
     g_parsing = arena;
-    JsonPtr value(parse_in(*arena, text.data(), text.size()));
+    JsonPtr value(parse_in(*arena, text.data(), text.size(), lacks));
     g_parsing = nullptr;
     if (!value || arena->is_empty())
         destroy(arena);

@@ -36,7 +36,8 @@ void remove(const Listener& listener);
 void wake();
 
 /// Empties the descriptor and calls every listener. Never waits for events. Does nothing when called by a
-/// listener.
+/// listener. When there is no memory, which is one line, all of it is done again later, if descriptor() is asked
+/// for.
 void read();
 
 } // namespace orv::store::notify
