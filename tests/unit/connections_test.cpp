@@ -336,6 +336,16 @@ TEST_F(ClientConnection, CutsAFrameShortWhenItsSendBufferIsFull)
     EXPECT_EQ(received, framed(text).substr(0, kBufferMaximumSize));
 }
 
+TEST_F(ClientConnection, EndsWhenThereIsNoMemoryForAllOfAFrame)
+{
+    Peer peer = connect();
+    platform->fail_all_memory("realloc");
+    queue(peer, std::string(100000, 'x'));
+    platform->fail_memory("realloc", 0);
+    EXPECT_FALSE(handle(peer, EPOLLIN)) << "as if the client had gone";
+    EXPECT_TRUE(peer.client.is_closed());
+}
+
 TEST_F(ClientConnection, PutsWhatFitsOfEachPieceWhenItsSendBufferIsNearlyFull)
 {
     Peer peer = connect();

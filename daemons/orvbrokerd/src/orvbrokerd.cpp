@@ -507,7 +507,7 @@ bool run_pass(setMgmt::MonitoredKey& key, log::Caller caller = log::caller())
         return true;
     }
 
-    for (int i = 0; i < count; ++i)
+    for (int i = 0; i < count; ++i) // what one event lacks memory for is no reason to leave the others
         (void)within_memory([&] { dispatch(events[static_cast<std::size_t>(i)], pass); }, caller);
     if (pass.settings_fd >= 0) // it may be gone by now: the next pass fetches what there is
         (void)epoll_ctl(epollfd, EPOLL_CTL_DEL, pass.settings_fd, /*event=*/nullptr);

@@ -108,6 +108,7 @@ public:
 
 private:
     std::vector<uid_t> m_uids; ///< in ascending order
+    uid_t m_own = 0;           ///< this process's, at the time of its making
     bool m_everybody = true;
     bool m_valid = true;
 };

@@ -46,7 +46,7 @@ std::optional<uid_t> peer_uid(int fd)
     return peer.uid;
 }
 
-AllowedUids::AllowedUids(std::string_view list) : m_everybody(list.empty())
+AllowedUids::AllowedUids(std::string_view list) : m_own(geteuid()), m_everybody(list.empty())
 {
     if (m_everybody)
         return;
@@ -60,7 +60,7 @@ bool AllowedUids::admit(std::optional<uid_t> uid) const
 {
     if (m_everybody)
         return true;
-    return uid && (*uid == 0 || *uid == geteuid() || std::binary_search(m_uids.begin(), m_uids.end(), *uid));
+    return uid && (*uid == 0 || *uid == m_own || std::binary_search(m_uids.begin(), m_uids.end(), *uid));
 }
 
 } // namespace orv::sockutl

@@ -262,7 +262,9 @@ bool Fake::json_allocation_fails()
 bool Fake::memory_fails(const char* kind)
 {
     const auto found = m_memory.find(std::string_view(kind));
-    return found != m_memory.end() && found->second != 0 && --found->second == 0;
+    if (found == m_memory.end() || found->second == 0)
+        return false;
+    return found->second == kAll || --found->second == 0;
 }
 
 // ---- waiting

@@ -15,6 +15,7 @@
 #include <deque>
 #include <functional>
 #include <iosfwd>
+#include <limits>
 #include <list>
 #include <map>
 #include <memory>
@@ -148,10 +149,12 @@ public:
     [[nodiscard]] bool forget_failures();
     /// The n-th call (from 1, since the beginning) fails of those that can.
     void fail_nth(std::size_t n) { m_fail_nth = n; }
-    /// The n-th request for memory of a kind from now on gets none, 0 for never: "malloc", "strdup", "new"
+    /// The n-th request for memory of a kind from now on gets none, 0 for never: "malloc", "realloc", "strdup", "new"
     /// (that without exceptions) or "throwing new" (of any kind). Only the code of the daemon and of
     /// the platform's values is meant, not that of libraries.
     void fail_memory(const std::string& kind, unsigned n = 1) { m_memory[kind] = n; }
+    /// Each request for memory of a kind from now on gets none.
+    void fail_all_memory(const std::string& kind) { m_memory[kind] = kAll; }
     /// Whether that has happened.
     [[nodiscard]] bool memory_failed(const std::string& kind) const { return m_memory.at(kind) == 0; }
     /// The n-th memory request of jansson (from 1) from now on gets none; 0 for never. `onwards`: all later
@@ -253,6 +256,7 @@ private:
     std::size_t m_fallible = 0;
     std::size_t m_fail_nth = 0;
     int m_error = 0;
+    static constexpr unsigned kAll = std::numeric_limits<unsigned>::max();
     std::map<std::string, unsigned, std::less<>> m_memory;
     unsigned m_json_countdown = 0;
     bool m_json_onwards = false;

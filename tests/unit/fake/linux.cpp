@@ -72,6 +72,7 @@ ssize_t __real_send(int fd, const void* data, std::size_t size, int flags);
 FILE* __real_fopen(const char* path, const char* mode);
 int __real_fclose(FILE* file);
 void* __real_malloc(std::size_t size);
+void* __real_realloc(void* memory, std::size_t size);
 char* __real_strdup(const char* text);
 
 int __wrap_epoll_create(int size)
@@ -232,6 +233,11 @@ int __wrap_fclose(FILE* file)
 void* __wrap_malloc(std::size_t size)
 {
     return no_memory("malloc") ? nullptr : __real_malloc(size);
+}
+
+void* __wrap_realloc(void* memory, std::size_t size)
+{
+    return no_memory("realloc") ? nullptr : __real_realloc(memory, size);
 }
 
 char* __wrap_strdup(const char* text)

@@ -189,7 +189,7 @@ void ScenarioTest::starve(const Scenario& scenario, const std::set<std::string>&
         platform->fail_json_allocation(0);
         EXPECT_TRUE(failed || status.has_value() != scenario.m_answered.hangs_up);
     }
-    for (const std::string kind : {"malloc", "new", "strdup", "throwing new"}) {
+    for (const std::string kind : {"malloc", "realloc", "new", "strdup", "throwing new"}) {
         failed = true;
         for (unsigned n = 1; failed; ++n) {
             SCOPED_TRACE(kind + " " + std::to_string(n) + " fails");
