@@ -536,7 +536,7 @@ def storm_of_settings(home):
         writer.close()
 
 
-@row("stores", "a hundred online-status requests of 0.9 MB", prepare=with_leases)
+@row("stores", "a hundred online-status requests of 0.9 MB", bound=ONE_LINE, prepare=with_leases)
 def online_storm(_):
     line = command("set_device_online_status", {"text": LARGE_ONLINE})
     with Doing(lambda: [ask(line) for _ in range(20)]) as doing:
