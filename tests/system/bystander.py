@@ -136,15 +136,17 @@ class Neighbour:
     """One who misbehaves. act(home) is a context that lasts as long as it does so, and gives something whose
     `rounds` tell how often it has; it can be entered again. prepare(home) starts the daemon, whose bus is there, for
     it; if something is to be closed in the end, that is what it returns. What the log must hold in the end (a regular
-    expression) shows that the daemon has met it. What takes many seconds is for the benchmark alone."""
+    expression) shows that the daemon has met it. Its rounds are watched until there were so many at least. What takes many
+    seconds is for the benchmark alone."""
 
-    def __init__(self, name, act, bound, prepare, reconnecting, logged, costly):
+    def __init__(self, name, act, bound, prepare, reconnecting, logged, rounds, costly):
         self.name = name
         self.act = contextlib.contextmanager(act)
         self.bound = bound
         self.prepare = prepare
         self.reconnecting = reconnecting
         self.logged = logged
+        self.rounds = rounds
         self.costly = costly
 
 
@@ -165,21 +167,21 @@ def is_as_before(home):
         return False
 
 
-def observe(home, neighbour, seconds=0.0, rounds=1):
-    """Watches the daemon of a world beside a neighbour, for so long and so many of its rounds, afterwards, and when it
-    is to stop while the neighbour is there again."""
+def observe(home, neighbour, seconds=0.0):
+    """Watches the daemon of a world beside a neighbour, for so long at least, afterwards, and when it is to stop while
+    the neighbour is there again."""
     home.start_bus()
     with contextlib.closing(neighbour.prepare(home) or contextlib.ExitStack()):
-        return _observe(home, neighbour, seconds, rounds)
+        return _observe(home, neighbour, seconds)
 
 
-def _observe(home, neighbour, seconds, rounds):
+def _observe(home, neighbour, seconds):
     with Bystander(reconnecting=neighbour.reconnecting) as bystander:
         bystander.wait_for(5)
         with neighbour.act(home) as doing:
             end = time.monotonic() + seconds
             bystander.wait_for(5)
-            world.wait_until(lambda: doing.rounds >= rounds and time.monotonic() >= end, neighbour.name)
+            world.wait_until(lambda: doing.rounds >= neighbour.rounds and time.monotonic() >= end, neighbour.name)
             if neighbour.logged:
                 world.wait_until(lambda: re.search(neighbour.logged, home.log()), "in the log: " + neighbour.logged)
         bystander.wait_for(5)

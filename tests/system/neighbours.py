@@ -11,6 +11,7 @@ import os
 import resource
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import threading
@@ -41,8 +42,8 @@ def nested(count=130_000):
             ",".join(['{"a":[[]]}'] * count) + "]}\n").encode()
 
 
-def interfaces(count):
-    entries = [{"name": "if%d" % number, "type": "lan"} for number in range(count)]
+def interfaces(count, name="if"):
+    entries = [{"name": "%s%d" % (name, number), "type": "lan"} for number in range(count)]
     return (json.dumps({"type": "command", "name": "set_router_interfaces", "data": entries}) + "\n").encode()
 
 
@@ -74,6 +75,15 @@ def many_clients(count, line=b""):
     finally:
         for client in clients:
             client.close()
+
+
+def state_of(pid):
+    with open("/proc/%d/stat" % pid, encoding="ascii") as stat:
+        return stat.read().rsplit(") ", 1)[1][0]
+
+
+def is_stopped(pid):
+    return state_of(pid) == "T"
 
 
 def cpu_seconds(pid):
@@ -172,10 +182,10 @@ def start_daemon(home):
     home.start_daemon()
 
 
-def row(kind, name, bound=AT_ONCE, prepare=start_daemon, reconnecting=False, logged=None, costly=False):
+def row(kind, name, bound=AT_ONCE, prepare=start_daemon, reconnecting=False, logged=None, rounds=1, costly=False):
     """Makes a neighbour of a generator function."""
     def add(act):
-        ROWS[kind].append(Neighbour(name, act, bound, prepare, reconnecting, logged, costly))
+        ROWS[kind].append(Neighbour(name, act, bound, prepare, reconnecting, logged, rounds, costly))
         return act
     return add
 
@@ -202,6 +212,8 @@ row_of_lines("clients", "250,000 repeated ids", repeated_ids, bound=ONE_LINE, pr
 row_of_lines("clients", "3 MB of nested JSON", nested, bound=ONE_LINE)
 row_of_lines("clients", "5,000 interfaces", lambda: interfaces(5_000), lambda: interfaces(4_999))
 row_of_lines("clients", "100,000 interfaces", lambda: interfaces(100_000), bound=ONE_LINE, costly=True)
+row_of_lines("clients", "100,000 interfaces, each time others", lambda: interfaces(100_000),
+             lambda: interfaces(100_000, "eth"), bound=ONE_LINE, costly=True)
 row_of_lines("clients", "settings switched to and fro", lambda: command("pro_features_enable"),
              lambda: command("pro_features_disable"))
 
@@ -337,6 +349,58 @@ class UnreadPipe:
         os.close(self.reader)
 
 
+class InBackground:
+    """A daemon in the background, as far as worlds use a process."""
+
+    def __init__(self, home):
+        subprocess.run([world.program("orvbrokerd"), "-d"], env=home.environment(ORV_LOG_LEVEL="4"), check=True,
+                       stdin=subprocess.DEVNULL, timeout=world.DEADLINE)
+        with world.Client() as client:
+            credentials = client.socket.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, 12)
+        self.pid = struct.unpack("=iII", credentials)[0]
+
+    def poll(self):
+        try:
+            return 0 if state_of(self.pid) == "Z" else None  # whoever is its parent now may take his time
+        except FileNotFoundError:
+            return 0
+
+    def send_signal(self, number):
+        os.kill(self.pid, number)
+
+    def kill(self):
+        self.send_signal(signal.SIGKILL)
+
+    def wait(self, deadline):
+        """Its status is its parent's to know."""
+        world.wait_until(lambda: self.poll() == 0, "the daemon has ended", deadline)
+        return 0
+
+
+class StuckSyslog:
+    """A daemon in the background, and a syslog daemon that has stopped reading."""
+
+    def __init__(self, home):
+        devices = os.path.join(home.root, "dev")
+        os.mkdir(devices)
+        subprocess.run(["mount", "--rbind", "/dev", devices], check=True)
+        subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/dev"], check=True)
+        for name in os.listdir(devices):
+            if name != "log":
+                os.symlink(os.path.join(devices, name), os.path.join("/dev", name))
+        self._devices = devices
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._socket.bind("/dev/log")
+        home.daemon = InBackground(home)
+        home.launched.append(home.daemon)
+
+    def close(self):
+        self._socket.close()
+        for path in ("/dev", self._devices):
+            subprocess.run(["umount", "-l", path], check=True)
+
+
+row_of_lines("log", "a syslog that is stuck", lambda: command("no_such_command"), prepare=StuckSyslog)
 row_of_lines("log", "a log that nobody reads", lambda: command("no_such_command"), prepare=UnreadPipe)
 row_of_lines("log", "the same line over and over", lambda: b"garbage\n", logged="last line repeated")
 row_of_lines("log", "lines of 4 MB with control characters", lambda: b"\x1b]0;title\x07\r" + b"x" * 4_000_000 + b"\n",
@@ -353,9 +417,6 @@ os.kill(os.getpid(), signal.SIGSTOP)
 """
 
 
-def is_stopped(pid):
-    with open("/proc/%d/stat" % pid, encoding="ascii") as stat:
-        return stat.read().rsplit(") ", 1)[1][0] == "T"
 
 
 @contextlib.contextmanager
@@ -441,7 +502,8 @@ def stopped_devices(home):
         yield doing
 
 
-@row("stores", "a process stopped with the lock of a setting", bound=WAITING, logged="Failed to lock /tmp/subscription")
+@row("stores", "a process stopped with the lock of a setting", bound=WAITING, logged="Failed to lock /tmp/subscription",
+     rounds=3)
 def stopped_key(home):
     """Several ask for it at once."""
     line = command("get_subscription_status")
@@ -474,7 +536,7 @@ def storm_of_settings(home):
         writer.close()
 
 
-@row("stores", "a hundred online-status requests of 0.9 MB", prepare=with_leases)
+@row("stores", "a hundred online-status requests of 0.9 MB", bound=ONE_LINE, prepare=with_leases)
 def online_storm(_):
     line = command("set_device_online_status", {"text": LARGE_ONLINE})
     with Doing(lambda: [ask(line) for _ in range(20)]) as doing:
@@ -524,8 +586,10 @@ def with_damaged(store):
     return prepare
 
 
+DEVICES = command("get_devices")
+
 for _store in ("var/settings", "var/devices", "var/telemetry"):
-    row_of_lines("stores", "damage in " + _store, *(lambda line=line: line for line in (*SWITCHES, command("get_devices"))),
+    row_of_lines("stores", "damage in " + _store, *(lambda line=line: line for line in (*SWITCHES, DEVICES)),
                  prepare=with_damaged(_store), logged="store %s: its data file was damaged" % _store)
 
 
@@ -543,7 +607,8 @@ class OutboxInMemory:
         subprocess.run(["umount", "-l", self._path], check=True)
 
 
-@row("stores", "no room for var/telemetry", prepare=lambda home: OutboxInMemory(home, size="8k"), logged="telemetry: events are sent without being kept")
+@row("stores", "no room for var/telemetry", prepare=lambda home: OutboxInMemory(home, size="8k"),
+     logged="telemetry: events are sent without being kept")
 def no_room(_):
     with Doing(Lines(*SWITCHES)) as doing:
         yield doing
