@@ -120,17 +120,6 @@ void put_all(const std::vector<Device>& devices, Others others = Others::stay)
     ASSERT_EQ(put_devices(devices, others, refused), 0) << refused;
 }
 
-std::vector<std::string> ids()
-{
-    std::vector<Device> devices;
-    EXPECT_EQ(get_devices(devices), 0);
-    std::vector<std::string> ids;
-    ids.reserve(devices.size());
-    for (const Device& device : devices)
-        ids.push_back(device.did);
-    return ids;
-}
-
 std::size_t log_entries()
 {
     orv::store::Read transaction(device_environment());
@@ -416,7 +405,7 @@ TEST_F(DeviceChangesTest, A_removal_whose_mark_is_gone_is_told_with_the_record_t
     const auto at = std::find(told.begin(), told.end(), "removed a7") - told.begin();
     EXPECT_EQ(text_of(g_devices.at(static_cast<std::size_t>(at))), text_of(device));
     EXPECT_EQ(read_changes(0), Told{});
-    EXPECT_EQ(ids(), Told{"stays"});
+    EXPECT_EQ(all_ids(), Told{"stays"});
 }
 
 TEST_F(DeviceChangesTest, A_device_can_be_removed_and_is_told_where_there_is_no_room_for_its_mark)
@@ -591,7 +580,7 @@ TEST_F(DeviceChangesTest, A_store_of_the_former_format_is_read_and_its_changes_g
 {
     make_former_store({"d1", "d2", "d3"});
     ASSERT_EQ(init(), 0);
-    EXPECT_EQ(ids(), (Told{"d1", "d2", "d3"}));
+    EXPECT_EQ(all_ids(), (Told{"d1", "d2", "d3"}));
     ASSERT_EQ(set_on_dev_info_change(kFields, note), 0);
     Device device = make_device("d1");
     device.device_os = "new";

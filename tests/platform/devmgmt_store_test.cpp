@@ -15,17 +15,6 @@ using orv::sockutl::macaddr;
 
 namespace {
 
-std::vector<std::string> all_ids()
-{
-    std::vector<Device> devices;
-    EXPECT_EQ(get_devices(devices), 0);
-    std::vector<std::string> ids;
-    ids.reserve(devices.size());
-    for (const Device& device : devices)
-        ids.push_back(device.did);
-    return ids;
-}
-
 std::string owner_of(const char* mac)
 {
     std::string did;

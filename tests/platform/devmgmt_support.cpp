@@ -29,3 +29,14 @@ std::string stored(const std::string& did)
     Device device;
     return orv::devMgmt::get_device(did, device) != 0 ? text_of(device) : "none";
 }
+
+std::vector<std::string> all_ids()
+{
+    std::vector<orv::devMgmt::Device> devices;
+    EXPECT_EQ(orv::devMgmt::get_devices(devices), 0);
+    std::vector<std::string> ids;
+    ids.reserve(devices.size());
+    for (const orv::devMgmt::Device& device : devices)
+        ids.push_back(device.did);
+    return ids;
+}

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 /// An open device store under a root of its own.
 class DeviceStoreTest : public testing::Test {
@@ -26,3 +27,5 @@ orv::devMgmt::Device make_device(const std::string& did);
 std::string text_of(const orv::devMgmt::Device& device);
 /// The same of a stored device; "none" when there is none.
 std::string stored(const std::string& did);
+/// Of all stored devices, in the order in which they are given.
+std::vector<std::string> all_ids();

@@ -2,6 +2,7 @@
 
 #include "check.h"
 #include "memory_support.h"
+#include "orvstore_support.h"
 #include "process_support.h"
 #include "stepped.h"
 
@@ -46,31 +47,6 @@ Layout layout_with(WhenDamaged when_damaged, milliseconds interval = millisecond
     layout.copy_after = milliseconds(0);
     layout.copy_interval = interval;
     return layout;
-}
-
-Error write(Environment& environment, const std::string& key, const std::string& value, std::size_t tree = 0)
-{
-    Write transaction(environment);
-    if (transaction.error() != Error::none)
-        return transaction.error();
-    if (const Error error = transaction.put(tree, key, value); error != Error::none)
-        return error;
-    return transaction.commit();
-}
-
-std::string value_in(Environment& environment, const std::string& key)
-{
-    Read transaction(environment);
-    std::string_view value;
-    if (transaction.error() != Error::none)
-        return "unreadable";
-    return transaction.get(0, key, value) == Error::none ? std::string(value) : "absent";
-}
-
-std::uint64_t last_commit(Environment& environment)
-{
-    const Read transaction(environment);
-    return transaction.id();
 }
 
 using Content = std::map<std::string, std::string>;

@@ -1,5 +1,6 @@
 // What a store costs the flash: nothing to read, nothing when idle, and no more room than it needs.
 
+#include "orvstore_support.h"
 #include "process_support.h"
 #include "stepped.h"
 
@@ -27,16 +28,6 @@ Layout layout(bool synced = true)
     return {"var/store", {"a", "b"}, std::size_t{8} * 1024 * 1024, synced};
 }
 
-Error write(Environment& environment, const std::string& key, const std::string& value, std::size_t tree = 0)
-{
-    Write transaction(environment);
-    if (transaction.error() != Error::none)
-        return transaction.error();
-    if (const Error error = transaction.put(tree, key, value); error != Error::none)
-        return error;
-    return transaction.commit();
-}
-
 Error remove(Environment& environment, const std::string& key)
 {
     Write transaction(environment, Write::Kind::removing);
@@ -45,21 +36,6 @@ Error remove(Environment& environment, const std::string& key)
     if (const Error error = transaction.remove(0, key); error != Error::none)
         return error;
     return transaction.commit();
-}
-
-std::string value_in(Environment& environment, const std::string& key)
-{
-    Read transaction(environment);
-    std::string_view value;
-    if (transaction.error() != Error::none)
-        return "unreadable";
-    return transaction.get(0, key, value) == Error::none ? std::string(value) : "absent";
-}
-
-std::uint64_t last_commit(Environment& environment)
-{
-    const Read transaction(environment);
-    return transaction.id();
 }
 
 class FlashTest : public testing::Test {

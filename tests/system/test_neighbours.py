@@ -41,6 +41,7 @@ class AsBefore(world.ServedTestCase):
         self.served.set_setting("/registration/device_id", "r1")
         self.device_writer(self.served).put("1", owner="r1", display_name="n" * 60)
 
+
 class Greed(AsBefore):
     def test_the_cut_answer_is_the_beginning_of_the_whole_one(self):
         self.put_device()
