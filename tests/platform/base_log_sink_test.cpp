@@ -410,7 +410,7 @@ TEST(LogBackground, TheStampIsTheLocalTime)
         return 0;
     });
     const std::string message = system_log.next();
-    const std::time_t now = std::time(nullptr) + 5 * 3600 + 30 * 60;
+    const std::time_t now = std::time(nullptr) + std::time_t{5} * 3600 + std::time_t{30} * 60;
     bool found = false;
     for (std::time_t at = now - 60; at <= now; ++at) {
         std::tm fields{};

@@ -443,7 +443,7 @@ TEST_F(DeviceChangesTest, Marks_of_removed_devices_are_limited_and_leave_nothing
 TEST_F(DeviceChangesTest, A_pass_deals_with_a_bounded_number_of_changes_and_rings_for_the_rest)
 {
     ASSERT_EQ(set_on_dev_info_change(kFields, note), 0);
-    put_all(crowd("d", 3 * kChangesAtOnce));
+    put_all(crowd("d", std::size_t{3} * kChangesAtOnce));
     pollfd watched = {m_watch.get_fd(), POLLIN, 0};
     g_told.clear();
     for (std::size_t pass = 1; pass <= 3; ++pass) {
@@ -468,7 +468,7 @@ TEST_F(DeviceChangesTest, What_it_costs_to_be_told_is_linear_in_the_number_of_ch
         const unsigned long before = g_lookups;
         const auto started = std::chrono::steady_clock::now();
         const std::size_t told = read_changes().size();
-        EXPECT_LT(g_lookups - before, 6 * 2 * count + 500) << count;
+        EXPECT_LT(g_lookups - before, static_cast<unsigned long>(12 * count + 500)) << count;
         EXPECT_GE(told, 1000U);
         EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
     }

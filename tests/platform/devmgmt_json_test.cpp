@@ -82,7 +82,7 @@ TEST(DeviceJsonTest, A_text_is_UTF_8_where_the_JSON_library_takes_it)
 {
     const std::string_view bytes(
         "\0\x01\x7f\x80\x8f\x90\x9f\xa0\xbf\xc0\xc1\xc2\xdf\xe0\xe1\xed\xee\xef\xf0\xf1\xf4\xf5\xf8\xff", 24);
-    for (std::size_t number = 0; number < 24 * 24 * 24 * 24; ++number) {
+    for (std::size_t number = 0; number < std::size_t{24} * 24 * 24 * 24; ++number) {
         std::string text;
         for (std::size_t rest = number; text.size() < 4; rest /= 24)
             text += bytes[rest % 24];

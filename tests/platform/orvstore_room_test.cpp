@@ -168,7 +168,7 @@ TEST_F(RoomTest, How_full_it_is_can_be_asked)
     EXPECT_EQ(usage.file, file_size());
     (void)fill(4000);
     ASSERT_EQ(m_environment.measure(usage), Error::none);
-    EXPECT_GT(usage.used, usage.limit - 10U * 4096);
+    EXPECT_GT(usage.used, usage.limit - std::uint64_t{10} * 4096);
     EXPECT_LE(usage.used, usage.limit);
     ASSERT_EQ(remove_all(), Error::none);
     ASSERT_EQ(m_environment.measure(usage), Error::none);
