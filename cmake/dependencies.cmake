@@ -5,14 +5,16 @@
 # start-up time. fmt is used as headers for the same reason.
 option(ORV_STATIC_LIBRARIES "Link all libraries but libc statically" ON)
 
+# Each with the oldest version that will do; an older one ends the configuration with a line that names both versions.
 find_package(PkgConfig REQUIRED)
-pkg_check_modules(jansson REQUIRED IMPORTED_TARGET GLOBAL jansson)
-pkg_check_modules(lmdb REQUIRED IMPORTED_TARGET GLOBAL lmdb)
-pkg_check_modules(dbus REQUIRED IMPORTED_TARGET GLOBAL dbus-1)
-find_package(fmt REQUIRED)
+pkg_check_modules(jansson REQUIRED IMPORTED_TARGET GLOBAL jansson>=2.8) # objects keep their order
+pkg_check_modules(lmdb REQUIRED IMPORTED_TARGET GLOBAL lmdb>=0.9.21) # a writer that dies frees its lock
+pkg_check_modules(dbus REQUIRED IMPORTED_TARGET GLOBAL dbus-1>=1.12)
+find_package(fmt 8 REQUIRED)
 find_package(Threads REQUIRED)
+find_package(CLI11 2.1 REQUIRED)
 if(ORV_BUILD_TESTS)
-  find_package(GTest REQUIRED)
+  find_package(GTest 1.11 CONFIG REQUIRED)
 endif()
 
 if(ORV_STATIC_LIBRARIES)

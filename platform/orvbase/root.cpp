@@ -20,8 +20,6 @@ namespace orv::base {
 
 namespace {
 
-constexpr char kDefaultRoot[] = "/opt/orvane";
-
 std::string working_directory()
 {
     char directory[PATH_MAX];
@@ -32,7 +30,7 @@ std::string root()
 {
     const char* configured = std::getenv("ORV_ROOT");
     if (!configured || *configured == '\0')
-        return kDefaultRoot;
+        return default_root();
     std::string directory = *configured == '/' ? "" : working_directory();
     append_path(directory, configured);
     return directory;
@@ -84,6 +82,11 @@ bool make_directory(const std::string& name, mode_t mode)
 }
 
 } // namespace
+
+const char* default_root()
+{
+    return ORV_DEFAULT_ROOT;
+}
 
 std::string root_path(std::string_view relative)
 {

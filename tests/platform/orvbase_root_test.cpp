@@ -16,6 +16,7 @@
 
 namespace {
 
+using orv::base::default_root;
 using orv::base::make_directories;
 using orv::base::root_path;
 
@@ -28,10 +29,11 @@ mode_t mode_of(const std::string& name)
 TEST(Root, IsTheDefaultUnlessTheEnvironmentNamesOne)
 {
     unsetenv("ORV_ROOT");
-    EXPECT_EQ(root_path(""), "/opt/orvane");
-    EXPECT_EQ(root_path("etc/release"), "/opt/orvane/etc/release");
+    EXPECT_STREQ(default_root(), ORV_DEFAULT_ROOT);
+    EXPECT_EQ(root_path(""), ORV_DEFAULT_ROOT);
+    EXPECT_EQ(root_path("etc/release"), ORV_DEFAULT_ROOT "/etc/release");
     setenv("ORV_ROOT", "", 1);
-    EXPECT_EQ(root_path("run"), "/opt/orvane/run");
+    EXPECT_EQ(root_path("run"), ORV_DEFAULT_ROOT "/run");
     setenv("ORV_ROOT", "/somewhere//else/", 1);
     EXPECT_EQ(root_path(""), "/somewhere/else");
     EXPECT_EQ(root_path("run"), "/somewhere/else/run");

@@ -546,7 +546,7 @@ class Settings(world.TestCase):
         with open(os.path.join(self.one.root, "var"), "w") as file:
             file.write("in the way")
         self.check_closed("%s/var/settings: Not a directory (ORV_ROOT names the agent's root directory, else it is "
-                          "/opt/orvane)" % self.one.root)
+                          "%s)" % (self.one.root, world.default_root()))
 
     def test_a_backup_brings_all_settings_back(self):
         file = os.path.join(self.one.root, "settings.backup")

@@ -9,7 +9,6 @@ import tempfile
 
 import world
 
-BUILD = os.path.dirname(world.BIN.rstrip("/"))
 SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 PROGRAMS = ["orvagentsim", "orvbrokerd", "orvctl", "orvexchanged"]
 NOT_RUNNING = "the broker daemon is not running (nobody listens on its socket in this network namespace)\n"
@@ -26,7 +25,7 @@ class Installed(world.TestCase):
     def setUpClass(cls):
         cls.prefix = tempfile.mkdtemp(prefix="orv-install-", dir="/tmp")
         cls.addClassCleanup(shutil.rmtree, cls.prefix, ignore_errors=True)
-        subprocess.run(["cmake", "--install", BUILD, "--prefix", cls.prefix], stdout=subprocess.DEVNULL, check=True)
+        subprocess.run(["cmake", "--install", world.BUILD, "--prefix", cls.prefix], stdout=subprocess.DEVNULL, check=True)
 
     def at(self, *pieces):
         return os.path.join(self.prefix, *pieces)
@@ -70,8 +69,7 @@ class Installed(world.TestCase):
             self.assertEqual(output_of(self.at("bin", "orvctl"), "completion", shell), (0, self.read("share", path)))
 
     def test_programs_in_c_and_cpp_are_built_with_the_installed_client_library(self):
-        with open(os.path.join(BUILD, "CMakeCache.txt"), encoding="utf-8") as file:
-            cache = dict(re.findall(r"^(\w+):\w+=(.*)$", file.read(), re.MULTILINE))
+        cache = world.configured()
         sanitizers = ["-fsanitize=address,undefined"] if cache.get("ORV_SANITIZE") == "ON" else []
         (package,) = glob.glob(self.at("lib*", "**", "orvbroker-client.pc"), recursive=True)
         status, flags = output_of("pkg-config", "--cflags", "--libs", package)
@@ -87,7 +85,7 @@ class Installed(world.TestCase):
         one = self.world()
         os.mkdir(os.path.join(one.root, "etc"))
         with open(os.path.join(one.root, "etc", "exchange.conf"), "w") as file:
-            file.write(self.read("etc", "exchange.conf").replace("/opt/orvane", one.root))
+            file.write(self.read("etc", "exchange.conf").replace(world.default_root(), one.root))
         one.start()
         # The bus takes the largest payload: it answers, and does not hang up, that nobody is there to get it.
         result = one.orvctl("exchange", "request", "nobody:x", "-", input="x" * ((4 << 20) - 4))
@@ -104,7 +102,7 @@ class Installed(world.TestCase):
     def test_the_init_script_starts_installed_programs_on_a_root_kept_in_memory(self):
         with tempfile.TemporaryDirectory(prefix="orv-init-", dir="/tmp") as volatile:
             script = self.read("share", "orvbrokerd", "openwrt", "orvbrokerd.init")
-            script = script.replace("ROOT=/opt/orvane", "ROOT=" + self.prefix).replace("=/tmp/orvane", "=" + volatile)
+            script = script.replace("ROOT=" + world.default_root(), "ROOT=" + self.prefix).replace("=/tmp/orvane", "=" + volatile)
             stubs = ("procd_open_instance() { :; }\nprocd_close_instance() { :; }\n"
                      'procd_set_param() { [ "$1" != command ] || echo "$2"; }\n')
             status, text = output_of("sh", "-eu", "-s", input=stubs + script + "start_service\nstart_service\n")
@@ -118,7 +116,7 @@ class Installed(world.TestCase):
     def test_the_units_start_installed_programs(self):
         for unit in ("orvexchanged", "orvbrokerd"):
             (command,) = re.findall(r"^ExecStart=(.+)$", self.read("share/orvbrokerd/systemd", unit + ".service"), re.M)
-            self.assertTrue(os.access(command.replace("/opt/orvane", self.prefix), os.X_OK), command)
+            self.assertTrue(os.access(command.replace(world.default_root(), self.prefix), os.X_OK), command)
 
     def test_the_init_script_is_clean(self):
         path = self.at("share", "orvbrokerd", "openwrt", "orvbrokerd.init")

@@ -92,7 +92,7 @@ class Status(world.TestCase):
             file.write("in the way")
         result = self.one.orvctl("status", env={"ORV_LOG_LEVEL": ""})
         self.assertEqual(result.returncode, UNAVAILABLE)
-        reason = "Not a directory (ORV_ROOT names the agent's root directory, else it is /opt/orvane)"
+        reason = "Not a directory (ORV_ROOT names the agent's root directory, else it is %s)" % world.default_root()
         self.assertEqual(result.stderr, "".join(
             "orvctl: cannot open the %s: %s/var/%s: %s\n" % (name, self.one.root, directory, reason) for name, directory in
             (("settings store", "settings"), ("device store", "devices"), ("telemetry outbox", "telemetry"))))

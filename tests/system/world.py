@@ -20,6 +20,7 @@ import time
 import unittest
 
 BIN = os.environ.get("ORV_BIN", "")
+BUILD = os.path.dirname(BIN.rstrip("/"))
 SOCKET_NAME = "\0orvbrokerd-1.3.skt"
 # The program that starts dbus-broker in place of dbus-daemon, and its configuration.
 BROKER = os.environ.get("ORV_TEST_BROKER")
@@ -49,6 +50,17 @@ def main():
         sys.exit("ORV_BIN must name the directory of the programs under test")
     enter_namespaces()
     unittest.main()
+
+
+def configured():
+    """What the programs under test were built with: CMake's variables."""
+    with open(os.path.join(BUILD, "CMakeCache.txt"), encoding="utf-8") as file:
+        return dict(re.findall(r"^([\w-]+):\w+=(.*)$", file.read(), re.MULTILINE))
+
+
+def default_root():
+    """The agent's root directory unless ORV_ROOT names one."""
+    return configured()["ORV_ROOT"].rstrip("/")
 
 
 def program(name):

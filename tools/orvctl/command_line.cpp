@@ -15,9 +15,11 @@
 #include "status.h"
 #include "telemetry.h"
 
+#include <orvbase/root.h>
 #include <orvbroker/client.h>
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <cmath>
@@ -33,7 +35,7 @@ namespace {
 constexpr const char* kVersion = "orvctl 1.3";
 constexpr const char* kSurroundings =
     "In a pipe each answer, event or row is one JSON line; settings get and settings list print raw text.\n"
-    "The environment's ORV_ROOT names the agent's root directory, /opt/orvane unless set. A word after --\n"
+    "The environment's ORV_ROOT names the agent's root directory, {} unless set. A word after --\n"
     "is taken as it is, though it begins with a dash.\n\n";
 constexpr const char* kExitStatuses =
     "Exit status: 0 success, 1 the answer's status is not 0 (or what was asked for is not there),\n"
@@ -539,7 +541,7 @@ void declare(CommandLine& line)
                                 "  orvctl call get_services_status\n"
                                 "  orvctl subscribe devices_list_updated --timestamps\n"
                                 "  orvctl settings get /protection/enabled\n\n") +
-                    kSurroundings + kExitStatuses);
+                    fmt::format(kSurroundings, orv::base::default_root()) + kExitStatuses);
     add_global_options(line);
     add_status(line);
     add_call(line);

@@ -6,6 +6,7 @@
 #include "logging.h"
 #include "output.h"
 
+#include <orvbase/root.h>
 #include <orvdevmgmt/device_writer.h>
 #include <orvkarma/outbox.h>
 #include <orvutils/setmgmt.h>
@@ -58,7 +59,7 @@ std::string to_text(const Failure& failure)
         return "with ORV_LOG_LEVEL=0 the reason is logged";
     case Failure::Kind::directory:
         return failure.path + ": " + failure.reason +
-               " (ORV_ROOT names the agent's root directory, else it is /opt/orvane)";
+               " (ORV_ROOT names the agent's root directory, else it is " + orv::base::default_root() + ")";
     case Failure::Kind::damage:
         return failure.path + " is damaged: " + failure.reason;
     case Failure::Kind::data_file:

@@ -44,7 +44,7 @@ constexpr int kExitUsage = 2;
 // ---- command line
 
 constexpr char kUsage[] =
-    "Usage: {} [OPTION]...\n"
+    "Usage: {0} [OPTION]...\n"
     "\n"
     "  -f, --foreground     stay in the foreground and log to standard error (default)\n"
     "  -d, --daemonize      go to the background and log to syslog; returns when the\n"
@@ -55,7 +55,7 @@ constexpr char kUsage[] =
     "      --help           print this text and exit\n"
     "\n"
     "Environment:\n"
-    "  ORV_ROOT             the agent's root directory (default /opt/orvane)\n"
+    "  ORV_ROOT             the agent's root directory (default {1})\n"
     "  ORV_LOG_LEVEL        the log level, unless --log-level is given\n"
     "\n"
     "SIGTERM and SIGINT stop the daemon. So does SIGHUP in the foreground, unless it was\n"
@@ -137,7 +137,7 @@ void take_option(Options& options, int choice, const std::string& program, char*
     case kVersion:
         print_and_exit(fmt::format("{} {}\n", program, ORV_PROJECT_VERSION));
     case kHelp:
-        print_and_exit(fmt::format(kUsage, program));
+        print_and_exit(fmt::format(kUsage, program, base::default_root()));
     case ':':
         refuse(program, fmt::format("option '{}' needs a value", refused_option(argv)));
     default:

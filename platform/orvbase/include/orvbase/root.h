@@ -7,7 +7,11 @@
 
 namespace orv::base {
 
-/// The absolute path of something below the agent's root directory: /opt/orvane, or what the environment
+/// The agent's root directory unless the environment names another one: /opt/orvane, or what the build was configured
+/// with.
+[[nodiscard]] const char* default_root();
+
+/// The absolute path of something below the agent's root directory: default_root(), or what the environment
 /// variable ORV_ROOT names. An empty `relative` gives the root itself.
 [[nodiscard]] std::string root_path(std::string_view relative);
 
