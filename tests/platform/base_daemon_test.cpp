@@ -13,10 +13,13 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -307,6 +310,95 @@ TEST(DaemonSignals, AScriptsStatusIsSeenEvenIfTheStarterIgnoredItsChildren)
         return orv::exec_script({{"-c", "exit 0"}}, "/bin/sh", 0) == 0 ? 0 : 1;
     });
     EXPECT_EQ(outcome.status, 0) << outcome.err;
+}
+
+/// A datagram socket, and a service manager's name for one: a path, or "@" and an abstract name.
+class Datagrams {
+public:
+    explicit Datagrams(const std::string& name)
+    {
+        m_address.sun_family = AF_UNIX;
+        name.copy(m_address.sun_path, sizeof m_address.sun_path - 1);
+        if (name.front() == '@')
+            m_address.sun_path[0] = '\0';
+        m_length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+    }
+
+    [[nodiscard]] bool listen() const { return bind(m_socket, address(), m_length) == 0; }
+    /// Sends until the queue is full.
+    void fill() const
+    {
+        while (sendto(m_socket, "x", 1, 0, address(), m_length) == 1) {
+        }
+    }
+    /// The next one, "" when there is none.
+    [[nodiscard]] std::string receive() const
+    {
+        char text[64] = {};
+        const auto size = recv(m_socket, text, sizeof text, 0);
+        return size > 0 ? std::string(text, static_cast<std::size_t>(size)) : "";
+    }
+
+private:
+    [[nodiscard]] const sockaddr* address() const { return reinterpret_cast<const sockaddr*>(&m_address); }
+
+    Fd m_socket{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    sockaddr_un m_address{};
+    socklen_t m_length = 0;
+};
+
+TEST(DaemonReadiness, TheServiceManagerIsToldBetweenTheHooks)
+{
+    const TemporaryRoot directory;
+    for (const std::string& name :
+         {directory.path() + "/manager", "@orv-readiness-" + std::to_string(getpid())}) {
+        const Datagrams manager(name);
+        ASSERT_TRUE(manager.listen());
+        const Running probe = start_probe({}, {"NOTIFY_SOCKET=" + name});
+        const std::string told = read_until(probe.out, "waiting\n");
+        EXPECT_EQ(value_of(told, "notify"), "-") << "it is nobody else's to tell";
+        EXPECT_EQ(manager.receive(), "READY=1");
+        EXPECT_EQ(manager.receive(), "") << "once";
+        ASSERT_EQ(kill(probe.process, SIGTERM), 0);
+        EXPECT_EQ(wait_for(probe.process), 0);
+    }
+}
+
+TEST(DaemonReadiness, AFailedStartIsNotTold)
+{
+    const TemporaryRoot directory;
+    const Datagrams manager(directory.path() + "/manager");
+    ASSERT_TRUE(manager.listen());
+    const Outcome outcome =
+        run_probe({}, {"NOTIFY_SOCKET=" + directory.path() + "/manager", "PROBE_INIT=fail"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(manager.receive(), "");
+}
+
+TEST(DaemonReadiness, AManagerThatCannotBeToldIsSurvivedWithALine)
+{
+    for (const auto& [name, reason] :
+         {std::pair<std::string, std::string>{"/nowhere/manager", "No such file or directory"},
+          {"/" + std::string(107, 'x'), "File name too long"}}) {
+        const Outcome outcome = run_probe({}, {"NOTIFY_SOCKET=" + name, "PROBE_RUN=0"});
+        EXPECT_EQ(outcome.status, 0);
+        EXPECT_TRUE(contains(outcome.err,
+                             "cannot tell " + name + " that the daemon is up: " + reason + ", ignoring\n"))
+            << outcome.err;
+    }
+}
+
+TEST(DaemonReadiness, AManagerThatDoesNotReadHoldsTheDaemonForASecondOnly)
+{
+    const TemporaryRoot directory;
+    const std::string name = directory.path() + "/manager";
+    const Datagrams manager(name);
+    ASSERT_TRUE(manager.listen());
+    Datagrams(name).fill();
+    const Outcome outcome = run_probe({}, {"NOTIFY_SOCKET=" + name, "PROBE_RUN=0"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_TRUE(contains(outcome.err, "that the daemon is up: Resource temporarily unavailable, ignoring\n"))
+        << outcome.err;
 }
 
 /// A probe in the background, which tells what it sees through a pipe.

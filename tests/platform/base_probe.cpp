@@ -38,9 +38,10 @@ std::string link_target(const std::string& name)
 void tell_surroundings()
 {
     const char* root = std::getenv("ORV_ROOT");
-    tell(fmt::format("pid={} leader={} directory={} in={} out={} err={} root={}", getpid(),
+    tell(fmt::format("pid={} leader={} directory={} in={} out={} err={} root={} notify={}", getpid(),
                      getsid(0) == getpid(), link_target("/proc/self/cwd"), link_target("/proc/self/fd/0"),
-                     link_target("/proc/self/fd/1"), link_target("/proc/self/fd/2"), root ? root : "-"));
+                     link_target("/proc/self/fd/1"), link_target("/proc/self/fd/2"), root ? root : "-",
+                     std::getenv("NOTIFY_SOCKET") ? "set" : "-"));
 }
 
 bool init()

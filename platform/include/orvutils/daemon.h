@@ -23,7 +23,9 @@ public:
 
     /// Goes to the background if the command line says so, calls the init hook and, if it returned true, the
     /// run hook. Returns the process's exit status: 1 when init failed, when a directory below the agent's
-    /// root is somebody else's, or when memory ran out of a hook; else what the run hook returned.
+    /// root is somebody else's, or when memory ran out of a hook; else what the run hook returned. Between the
+    /// hooks it tells those who wait for the daemon to be up: its starter, when it is in the background, and a
+    /// service manager that has set NOTIFY_SOCKET.
     virtual int run() = 0;
 
     std::function<bool()> init_hook;

@@ -8,6 +8,7 @@
 #include <orvutils/daemon.h>
 
 #include "own_directories.h"
+#include "readiness.h"
 
 #include <orvbase/descriptor.h>
 #include <orvbase/io.h>
@@ -300,6 +301,7 @@ int Process::run_hooks(Descriptor report)
     if (report.is_open() && write(report.get(), "", 1) != 1)
         ORV_LOG(log::kDebug, "nobody waits for the daemon to be up, ignoring");
     report.reset();
+    tell_readiness();
     return run_hook ? run_hook() : 0;
 }
 
