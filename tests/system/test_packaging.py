@@ -1,8 +1,11 @@
 """What starts the daemons: the init script of OpenWrt, run by a shell with procd's functions replaced, and the units."""
 
 import os
+import re
+import shutil
 import subprocess
 
+import services
 import world
 
 PACKAGING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "packaging")
@@ -39,7 +42,20 @@ class InitScript(world.TestCase):
         self.assertEqual((result.returncode, result.stderr), (0, ""))
         instances = [line for line in result.stdout.splitlines() if line.startswith("instance")]
         self.assertEqual(instances, ["instance orvexchanged", "instance orvbrokerd"])
-        self.assertEqual(result.stdout.count("respawn 3600 1 0\n"), 2)
+        self.assertEqual(result.stdout.count("respawn 60 1 120\n"), 2)
+        self.assertEqual(result.stdout.count("no_new_privs 1\n"), 2)
+        limits = [line for line in result.stdout.splitlines() if line.startswith("limits")]
+        self.assertEqual(limits, ["limits nofile=%s %s as=%s %s core=0 0" % (
+            (descriptors,) * 2 + (self.bytes_of(memory),) * 2) for descriptors, memory in (
+                self.limits_of("orvexchanged"), self.limits_of("orvbrokerd"))])
+
+    def limits_of(self, name):
+        """The unit's: both start the same daemons."""
+        unit = services.Unit(os.path.join(PACKAGING, "systemd", name + ".service"))
+        return unit.one("LimitNOFILE"), unit.one("LimitAS")
+
+    def bytes_of(self, megabytes):
+        return int(megabytes.rstrip("M")) << 20
 
     def check_refused(self, directory):
         result = self.start()
@@ -114,12 +130,57 @@ class InitScript(world.TestCase):
 
 
 class Units(world.TestCase):
-    def test_the_daemons_are_started_again_whatever_has_ended_them(self):
-        for unit in ("orvbrokerd", "orvexchanged"):
-            with open(os.path.join(PACKAGING, "systemd", unit + ".service"), encoding="utf-8") as file:
-                lines = file.read().splitlines()
-            self.assertIn("Restart=always", lines)
-            self.assertIn("UMask=0077", lines)
+    def setUp(self):
+        super().setUp()
+        self.paths = {name: os.path.join(PACKAGING, "systemd", name + ".service") for name in ("orvbrokerd", "orvexchanged")}
+        self.units = {name: services.Unit(path) for name, path in self.paths.items()}
+
+    def test_the_daemons_are_started_again_whatever_has_ended_them_within_bounds(self):
+        for unit in self.units.values():
+            self.assertEqual((unit.one("Restart"), unit.one("RestartSec"), unit.one("UMask")), ("always", "1", "0077"))
+            # It is reached: so many starts, a second and more apart, lie within the interval.
+            self.assertLess(int(unit.one("StartLimitBurst")) * 2, int(unit.one("StartLimitIntervalSec")))
+
+    def test_readiness_is_told(self):
+        for unit in self.units.values():
+            self.assertEqual(unit.one("Type"), "notify")
+
+    def test_a_greedy_request_fails_before_the_daemon_is_ended(self):
+        """The stores map 150 MiB that are not memory; what is left of the address space is less than what ends it."""
+        broker, exchange = self.units["orvbrokerd"], self.units["orvexchanged"]
+        self.assertLess(int(broker.one("LimitAS")[:-1]) - 150, int(broker.one("MemoryMax")[:-1]))
+        self.assertLess(int(exchange.one("LimitAS")[:-1]), int(exchange.one("MemoryMax")[:-1]))
+
+    def test_the_exposure_is_what_the_document_says(self):
+        with open(os.path.join(PACKAGING, "..", "docs", "security.md"), encoding="utf-8") as file:
+            table = dict(re.findall(r"^\| `(\w+)\.service` \| (\d\.\d) \|", file.read(), re.MULTILINE))
+        self.assertEqual(sorted(table), sorted(self.paths))
+        if not shutil.which("systemd-analyze"):
+            self.skipTest("NOT TESTED: systemd-analyze is not installed, so nobody has looked at the units' exposure")
+        for name, path in self.paths.items():
+            told = subprocess.run(["systemd-analyze", "--no-pager", "--offline=true", "security", path],
+                                  stdout=subprocess.PIPE, text=True, check=True, env=dict(os.environ, LC_ALL="C")).stdout
+            (score,) = re.findall(r"Overall exposure level for %s.service: (\d+\.\d)" % name, told)
+            self.assertLessEqual(float(score), float(table[name]))
+
+    def test_systemd_understands_every_line(self):
+        if not shutil.which("systemd-analyze"):
+            self.skipTest("NOT TESTED: systemd-analyze is not installed, so nobody has read the units")
+        root = os.path.join(self.world().root, "root")
+        for path in self.paths.values():
+            os.makedirs(os.path.join(root, "etc/systemd/system"), exist_ok=True)
+            shutil.copy(path, os.path.join(root, "etc/systemd/system"))
+        for target in ("sysinit", "basic", "shutdown", "multi-user"):
+            with open(os.path.join(root, "etc/systemd/system", target + ".target"), "w", encoding="ascii") as file:
+                file.write("[Unit]\nDescription=Of the test\n")
+        for unit in self.units.values():
+            os.makedirs(root + os.path.dirname(unit.one("ExecStart")), exist_ok=True)
+            shutil.copy("/bin/true", root + unit.one("ExecStart"))
+        result = subprocess.run(["systemd-analyze", "verify", "--man=no", "--root=" + root,
+                                 *(name + ".service" for name in self.paths)],
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+        own = [line for line in result.stdout.splitlines() if "orv" in line]
+        self.assertEqual(own, [])
 
 
 if __name__ == "__main__":
