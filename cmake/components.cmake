@@ -3,6 +3,9 @@
 #
 # Installing builds what it installs first, so that it does not matter what was built before.
 set(ORV_COMPONENTS runtime tools development)
+if(NOT ORV_BUILD_TOOLS)
+  set(ORV_COMPONENTS runtime development)
+endif()
 foreach(component IN LISTS ORV_COMPONENTS)
   add_custom_target(component_${component})
   install(CODE "
@@ -17,8 +20,11 @@ foreach(component IN LISTS ORV_COMPONENTS)
     endif()" COMPONENT ${component})
 endforeach()
 add_dependencies(component_runtime orvbrokerd)
-add_dependencies(component_tools orvctl)
-add_dependencies(component_development orvagentsim orvbroker_client)
+add_dependencies(component_development orvbroker_client)
+if(ORV_BUILD_TOOLS)
+  add_dependencies(component_tools orvctl)
+  add_dependencies(component_development orvagentsim)
+endif()
 
 # Who installs below another directory gets files that speak of the one that was configured: fine for a look, or for a
 # package that is put together somewhere (DESTDIR does that, too), but not to run.

@@ -8,11 +8,18 @@ option(ORV_STATIC_LIBRARIES "Link all libraries but libc statically" ON)
 # Each with the oldest version that will do; an older one ends the configuration with a line that names both versions.
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(jansson REQUIRED IMPORTED_TARGET GLOBAL jansson>=2.8) # objects keep their order
-pkg_check_modules(lmdb REQUIRED IMPORTED_TARGET GLOBAL lmdb>=0.9.21) # a writer that dies frees its lock
+pkg_check_modules(lmdb QUIET lmdb)
+if(lmdb_FOUND)
+  pkg_check_modules(lmdb REQUIRED IMPORTED_TARGET GLOBAL lmdb>=0.9.21) # a writer that dies frees its lock
+else()
+  include(cmake/lmdb.cmake)
+endif()
 pkg_check_modules(dbus REQUIRED IMPORTED_TARGET GLOBAL dbus-1>=1.12)
 find_package(fmt 8 REQUIRED)
 find_package(Threads REQUIRED)
-find_package(CLI11 2.1 REQUIRED)
+if(ORV_BUILD_TOOLS)
+  find_package(CLI11 2.1 REQUIRED)
+endif()
 if(ORV_BUILD_TESTS)
   find_package(GTest 1.11 CONFIG REQUIRED)
 endif()
@@ -24,7 +31,10 @@ if(ORV_STATIC_LIBRARIES)
   target_compile_options(orv_no_activation PRIVATE -Wall -Wextra)
 
   function(orv_link_archive package archive target)
-    pkg_get_variable(directory ${package} libdir)
+    set(directory "")
+    if(${target}_FOUND)
+      pkg_get_variable(directory ${package} libdir)
+    endif()
     find_library(ORV_ARCHIVE_${target} ${archive} HINTS ${directory})
     if(ORV_ARCHIVE_${target})
       set_property(TARGET PkgConfig::${target} PROPERTY INTERFACE_LINK_LIBRARIES

@@ -1,8 +1,8 @@
 # Read by cpack for each kind of package: which components go into it.
 if(CPACK_GENERATOR STREQUAL DEB)
-  set(CPACK_COMPONENTS_ALL runtime tools development debian)
+  list(APPEND CPACK_COMPONENTS_ALL debian)
   set(CPACK_COMPONENTS_GROUPING ALL_COMPONENTS_IN_ONE)
 else()
-  set(CPACK_COMPONENTS_ALL runtime tools)
+  list(REMOVE_ITEM CPACK_COMPONENTS_ALL development)
   set(CPACK_COMPONENTS_GROUPING IGNORE)
 endif()

@@ -42,6 +42,10 @@ class Scratch(unittest.TestCase):
 
 
 class Versions(Scratch):
+    def given(self, *names):
+        """Programs that need not be looked for."""
+        return ["-D%s=%s" % (name, world.configured()[name]) for name in names]
+
     def check_refused(self, text, *options, **environment):
         status, told = self.configure(*options, **environment)
         self.assertNotEqual(status, 0)
@@ -57,7 +61,7 @@ class Versions(Scratch):
     def test_an_older_library_of_headers_is_refused_with_both_versions(self):
         found = ["-DCMAKE_FIND_USE_CMAKE_SYSTEM_PATH=OFF", "-DCMAKE_FIND_USE_SYSTEM_ENVIRONMENT_PATH=OFF",
                  "-DORV_STATIC_LIBRARIES=OFF", "-DORV_BUILD_TESTS=ON", "-DCMAKE_PREFIX_PATH=" + self.at("old")]
-        found += ["-D%s=%s" % (name, world.configured()[name]) for name in ("PKG_CONFIG_EXECUTABLE", "CMAKE_MAKE_PROGRAM")]
+        found += self.given("CMAKE_MAKE_PROGRAM", "PKG_CONFIG_EXECUTABLE")
         for name, old, wanted in (("fmt", "7.1.3", "8"), ("CLI11", "1.9.1", "2.1"), ("GTest", "1.10.0", "1.11")):
             self.write("old/%sConfig.cmake" % name, "")
             self.write("old/%sConfigVersion.cmake" % name, "set(PACKAGE_VERSION %s)\n"
@@ -67,6 +71,23 @@ class Versions(Scratch):
                                'version "%s". The following configuration files were considered but not accepted: '
                                '%s/%sConfig.cmake, version: %s' % (name, wanted, self.at("old"), name, old), *found)
             found.append("-D%s_DIR=%s" % (name, world.configured().get(name + "_DIR")))
+
+    def test_lmdb_without_a_pkg_config_file_is_found_and_its_version_asked_for(self):
+        os.mkdir(self.at("others"))
+        directory = self.execute("pkg-config", "--variable=pcfiledir", "jansson")[1]
+        for name in ("jansson", "dbus-1"):
+            shutil.copy(os.path.join(directory, name + ".pc"), self.at("others"))
+        self.assertEqual(self.configure(PKG_CONFIG_LIBDIR=self.at("others"))[0], 0)
+        self.assertEqual(self.execute("cmake", "--build", self.build, "--target", "orvstore")[0], 0)
+        header = "\n".join("#define MDB_VERSION_%s\t%s" % part for part in (("MAJOR", 0), ("MINOR", 9), ("PATCH", 18)))
+        self.write("old/lmdb.h", header + "\n")
+        self.check_refused("LMDB 0.9.21 or newer is needed; %s/lmdb.h is of version '0.9.18'" % self.at("old"),
+                           "-DORV_LMDB_INCLUDE=" + self.at("old"), PKG_CONFIG_LIBDIR=self.at("others"))
+        shutil.rmtree(self.build)
+        self.check_refused("LMDB is not installed: neither lmdb.pc nor lmdb.h and liblmdb are found",
+                           "-DORV_LMDB_INCLUDE=NOTFOUND", "-DCMAKE_FIND_USE_CMAKE_SYSTEM_PATH=OFF",
+                           "-DCMAKE_FIND_USE_SYSTEM_ENVIRONMENT_PATH=OFF", "-DORV_STATIC_LIBRARIES=OFF",
+                           *self.given("CMAKE_MAKE_PROGRAM", "PKG_CONFIG_EXECUTABLE"), PKG_CONFIG_LIBDIR=self.at("others"))
 
     def test_a_missing_library_is_named(self):
         os.mkdir(self.at("none"))
@@ -138,6 +159,7 @@ class Installing(Scratch):
     def setUp(self):
         super().setUp()
         self.write("small/CMakeLists.txt", "cmake_minimum_required(VERSION 3.25)\nproject(small LANGUAGES C)\n"
+                   "set(ORV_BUILD_TOOLS ON)\n"
                    "set(ORV_ROOT /opt/orvane)\ninclude(%s/cmake/components.cmake)\n"
                    "foreach(one orvbrokerd:runtime orvctl:tools orvagentsim:development orvbroker_client:development)\n"
                    "  string(REGEX MATCH [[(.+):(.+)]] matched ${one})\n"

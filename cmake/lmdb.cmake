@@ -1,0 +1,15 @@
+# LMDB where it is installed without a pkg-config file, which not every distribution adds: its header tells the version.
+find_path(ORV_LMDB_INCLUDE lmdb.h)
+find_library(ORV_LMDB_LIBRARY lmdb)
+if(NOT ORV_LMDB_INCLUDE OR NOT ORV_LMDB_LIBRARY)
+  message(FATAL_ERROR "LMDB is not installed: neither lmdb.pc nor lmdb.h and liblmdb are found")
+endif()
+file(STRINGS ${ORV_LMDB_INCLUDE}/lmdb.h lines REGEX "^#define MDB_VERSION_(MAJOR|MINOR|PATCH)[ \t]+[0-9]+")
+string(REGEX REPLACE "[^0-9;]+" "" lines "${lines}")
+list(JOIN lines . version)
+if(version VERSION_LESS 0.9.21)
+  message(FATAL_ERROR "LMDB 0.9.21 or newer is needed; ${ORV_LMDB_INCLUDE}/lmdb.h is of version '${version}'")
+endif()
+add_library(PkgConfig::lmdb INTERFACE IMPORTED GLOBAL)
+set_target_properties(PkgConfig::lmdb PROPERTIES
+  INTERFACE_INCLUDE_DIRECTORIES ${ORV_LMDB_INCLUDE} INTERFACE_LINK_LIBRARIES ${ORV_LMDB_LIBRARY})
