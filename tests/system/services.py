@@ -6,9 +6,14 @@ import socket
 import subprocess
 import tempfile
 
-from world import DEADLINE
+from world import DEADLINE, configured
 
 _LIMITS = {"LimitNOFILE": "nofile", "LimitAS": "as", "LimitCORE": "core"}
+
+
+def bounds_memory():
+    """Whether the programs under test can live within a limit of address space: the sanitizers take terabytes."""
+    return configured().get("ORV_SANITIZE") != "ON"
 
 
 class Unit:
@@ -48,7 +53,7 @@ class Service:
         factors = {"M": 1 << 20}
         for name, limit in _LIMITS.items():
             value = self.unit.one(name)
-            if value is not None:
+            if value is not None and (name != "LimitAS" or bounds_memory()):
                 number = int(value.rstrip("M")) * factors.get(value[-1], 1)
                 yield "--%s=%d:%d" % (limit, number, number)
 

@@ -8,6 +8,7 @@ import shutil
 import subprocess
 import tempfile
 
+import machine
 import services
 import world
 from test_installed import DEVELOPMENT, RUNTIME, TOOLS, execute, files_below
@@ -67,39 +68,15 @@ class Contents(Package):
         self.assertEqual(execute("lintian", "--allow-root", self.package), "")
 
 
-class System(Package):
+class System(machine.TestCase, Package):
     def setUp(self):
         super().setUp()
-        layers = tempfile.mkdtemp(dir=self.scratch)
-        self.mount("-t", "tmpfs", "-o", "mode=755", "none", layers)
-        for name in ("changes", "work", "system"):
-            os.mkdir(os.path.join(layers, name))
-        self.changes, self.system = os.path.join(layers, "changes"), os.path.join(layers, "system")
-        options = "lowerdir=/,upperdir=%s,workdir=%s/work" % (self.changes, layers)
-        try:
-            self.mount("-t", "overlay", "-o", options, "overlay", self.system)
-        except AssertionError as reason:
-            self.skipTest("NOT TESTED: no Debian system can be made here, so the package was not installed: %s" % reason)
-        for name in ("dev", "proc"):
-            self.mount("--rbind", "/" + name, self.at(name))
-        self.mount("-t", "tmpfs", "none", self.at("run"))
-        self.mount("-t", "tmpfs", "-o", "mode=1777", "none", self.at("tmp"))
-        self.mount("-t", "tmpfs", "-o", "mode=755", "none", self.at("root"))
-        shutil.rmtree(self.at(self.root), ignore_errors=True)
         shutil.copy(self.package, self.at("root/package.deb"))
         self.services = []
         self.addCleanup(lambda: [service.kill() for service in self.services])
 
-    def mount(self, *arguments):
-        execute("mount", *arguments)
-        self.addCleanup(subprocess.run, ["umount", "-l", arguments[-1]], check=True)
-
-    def at(self, *pieces):
-        return os.path.join(self.system, *(piece.lstrip("/") for piece in pieces))
-
     def dpkg(self, *arguments):
-        return execute("chroot", self.system, "dpkg", "--force-unsafe-io", *arguments,
-                       env=dict(os.environ, DEBIAN_FRONTEND="noninteractive"))
+        return self.run_there("dpkg", "--force-unsafe-io", *arguments)
 
     def start(self):
         for name in UNITS:
@@ -108,8 +85,7 @@ class System(Package):
             self.services[-1].start()
 
     def orvctl(self, *arguments):
-        return execute("chroot", self.system, self.root + "/bin/orvctl", *arguments,
-                       env={"PATH": os.environ["PATH"], "ORV_LOG_LEVEL": "0"})
+        return self.run_there(self.root + "/bin/orvctl", *arguments)
 
     def play_systemd(self):
         """A system where systemd runs, as far as the package's scripts can see; what they call is written down."""
