@@ -1,4 +1,4 @@
-# Packages of what was built: cpack --preset release, or cpack -G TGZ or -G DEB in the build directory.
+# Packages of what was built, and it is built first: cpack -G TGZ or cpack -G DEB in the build directory.
 #
 # TGZ is for a router whose firmware has no package manager: one archive for each of the components runtime and tools, to be
 # unpacked at its root directory. DEB is for a developer's machine: all components in one package, and what Debian wants of it
