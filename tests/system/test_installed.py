@@ -183,6 +183,29 @@ class Served(Running):
             self.assertEqual(client.call("get_services_status"), ({"status": 1}, 0))
             self.addCleanup(client.close)
 
+    def test_who_asks_for_more_memory_than_the_unit_gives_fails_alone(self):
+        running = self.services["orvbrokerd"].process
+        greedy = [Client() for _ in range(80)]
+        for client in greedy:
+            self.addCleanup(client.close)
+            try:
+                client.send(b"x" * ((4 << 20) - 1))  # no line feed: it has to be kept
+            except (BrokenPipeError, ConnectionResetError):
+                pass
+        # All that was sent is read before a later client is served.
+        with Client() as client:
+            self.assertEqual(client.call("get_services_status"), ({"status": 1}, 0))
+        self.assertIsNone(running.poll())
+        with open("/proc/%d/status" % running.pid, encoding="ascii") as status:
+            resident = int(re.search(r"VmRSS:\s+(\d+) kB", status.read())[1])
+        if services.bounds_memory():
+            self.assertIn("no memory for 4194304 bytes in the receive buffer", self.log("orvbrokerd"))
+            self.assertLess(resident, int(self.services["orvbrokerd"].unit.one("MemoryMax")[:-1]) << 10)
+        for client in greedy:
+            client.close()
+        with Client() as client:
+            self.assertEqual(client.call("get_services_status"), ({"status": 1}, 0))
+
     def test_the_firewall_script_runs_with_the_privileges_that_are_left(self):
         os.makedirs(self.at("lib/firewall"))
         with open(self.at("lib/firewall/orv_init_fw.sh"), "w", encoding="ascii") as script:
