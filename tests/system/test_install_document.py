@@ -75,7 +75,7 @@ class Document(machine.TestCase):
         for archive in glob.glob(os.path.join(self.scratch, "*.tar.gz")):
             shutil.copy(archive, self.at("tmp"))
         with open(self.at("etc/rc.common"), "w", encoding="ascii") as file:
-            file.write(RC_COMMON if services.bounds_memory() else RC_COMMON.replace("for limit; do", "for limit in $1; do"))
+            file.write(RC_COMMON if services.bounds_memory() else RC_COMMON.replace("for limit; do", 'for limit in "$1"; do'))
         os.chmod(self.at("etc/rc.common"), 0o755)
         os.makedirs(self.at("etc/init.d"), exist_ok=True)
         self.addCleanup(self.end_instances)
