@@ -36,3 +36,12 @@ function(orv_build_for_speed)
     endif()
   endforeach()
 endfunction()
+
+# orv_make_small(PROGRAM...): leaves out of programs that go into a router's image what only ever tells of a mistake of their own.
+function(orv_make_small)
+  if(ORV_STATIC_LIBRARIES AND NOT ORV_SANITIZE)
+    foreach(name IN LISTS ARGN)
+      target_sources(${name} PRIVATE $<TARGET_OBJECTS:orv_plain_terminate>)
+    endforeach()
+  endif()
+endfunction()

@@ -30,6 +30,9 @@ if(ORV_STATIC_LIBRARIES)
   add_library(orv_no_activation STATIC ${CMAKE_SOURCE_DIR}/cmake/no-socket-activation.c)
   target_compile_options(orv_no_activation PRIVATE -Wall -Wextra)
 
+  # Into programs whose C++ runtime is in them, too.
+  add_library(orv_plain_terminate OBJECT ${CMAKE_SOURCE_DIR}/cmake/plain-terminate.cpp)
+
   function(orv_link_archive package archive target)
     set(directory "")
     if(${target}_FOUND)
