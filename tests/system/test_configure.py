@@ -37,7 +37,7 @@ class Scratch(unittest.TestCase):
         cache = world.configured()
         return self.execute(
             "cmake", "-G", cache["CMAKE_GENERATOR"], "-S", source, "-B", self.build, "-DCMAKE_BUILD_TYPE=Debug",
-            *("-D%s=%s" % (name, cache[name]) for name in ("CMAKE_C_COMPILER", "CMAKE_CXX_COMPILER")),
+            *("-D%s=%s" % (name, shutil.which(cache[name])) for name in ("CMAKE_C_COMPILER", "CMAKE_CXX_COMPILER")),
             "-DORV_BUILD_TESTS=OFF", *options, **environment)
 
 
