@@ -7,6 +7,7 @@
 #include <orvutils/log_format.h>
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 #include <cerrno>
