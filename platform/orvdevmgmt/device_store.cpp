@@ -10,6 +10,7 @@
 #include <orvbase/without_throwing.h>
 #include <orvdevmgmt/device_writer.h>
 #include <orvutils/log_format.h>
+#include <orvutils/store_limit.h>
 
 #include <algorithm>
 #include <unordered_set>
@@ -24,7 +25,8 @@ using store::Environment;
 using store::Transaction;
 using store::Write;
 
-constexpr std::size_t kMapSize = std::size_t{64} * 1024 * 1024;
+/// The marks of removed devices alone may take a quarter of the least.
+constexpr StoreLimit kLimit = {"/devmgmt/max_store_mib", 64, 16, 512};
 constexpr std::size_t kMacSize = 6;
 constexpr int kOutOfMemory = -static_cast<int>(Error::input_output);
 
@@ -267,7 +269,7 @@ store::Environment& device_environment()
 {
     // Lives as long as the process: it holds what the operating system releases anyhow.
     static auto* instance = [] {
-        store::Layout layout{"var/devices", {"devices", "macs", "changes"}, kMapSize, true, report};
+        store::Layout layout{"var/devices", {"devices", "macs", "changes"}, kLimit.read(), true, report};
         layout.when_damaged = store::WhenDamaged::set_aside; // the device manager finds the devices again
         return new Environment(std::move(layout));
     }();

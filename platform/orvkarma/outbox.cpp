@@ -4,6 +4,7 @@
 
 #include <orvstore/transaction.h>
 #include <orvutils/log_format.h>
+#include <orvutils/store_limit.h>
 
 #include <string>
 #include <utility>
@@ -18,10 +19,7 @@ using store::Read;
 using store::Write;
 
 constexpr std::size_t kEvents = 0; ///< the tree
-constexpr std::size_t kMapSize = std::size_t{16} * 1024 * 1024;
-/// What events may take up together: they may be spread badly, and LMDB writes a changed page to another
-/// place.
-constexpr std::size_t kMaxTotalSize = kMapSize / 2;
+constexpr StoreLimit kLimit = {"/karma/max_store_mib", 16, 2, 64};
 
 constexpr char kDirectory[] = "var/telemetry";
 
@@ -50,11 +48,24 @@ struct Trying {
     ~Trying() { g_is_trying = false; }
 };
 
+std::size_t limit()
+{
+    static const std::size_t bytes = kLimit.read();
+    return bytes;
+}
+
+/// What events may take up together: they may be spread badly, and LMDB writes a changed page to another
+/// place.
+std::size_t max_total_size()
+{
+    return limit() / 2;
+}
+
 /// Lives as long as the process: it holds what the operating system releases anyhow.
 Environment& environment()
 {
     static auto* instance = [] {
-        store::Layout layout{kDirectory, {"events"}, kMapSize, true, report};
+        store::Layout layout{kDirectory, {"events"}, limit(), true, report};
         layout.when_damaged = store::WhenDamaged::set_aside; // telemetry is worth less than a start
         return new Environment(std::move(layout));
     }();
@@ -84,7 +95,7 @@ Error make_room(Write& transaction, std::size_t needed)
 {
     std::size_t size = total_size(transaction);
     std::size_t count = transaction.entries(kEvents);
-    while (count >= kMaxEvents || (count > 0 && size + needed > kMaxTotalSize)) {
+    while (count >= kMaxEvents || (count > 0 && size + needed > max_total_size())) {
         if (const Error error = remove_first(transaction, size); error != Error::none)
             return error;
         --count;

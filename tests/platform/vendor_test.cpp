@@ -58,6 +58,11 @@ void print(int /*channel*/, int /*level*/, Text line)
 
 namespace setMgmt {
 
+int getKeyValue(const std::string& /*key*/, int fallback)
+{
+    return fallback;
+}
+
 /// The closed library's descriptor and orvstore's, behind one.
 class MonitoredKey::Watch {
 public:

@@ -87,6 +87,15 @@ class Status(world.TestCase):
         self.one.set_setting("/large", "x" * 100000)
         self.assertGreater(self.status(OK)["stores"]["settings"]["used"], stores["settings"]["used"] + 100000)
 
+    def test_limits_of_stores_are_settings(self):
+        for devices, telemetry, shown in (("32", "8", (32, 8)), ("1", "0", (16, 2)), ("100000", "100000", (512, 64)),
+                                          ("many", "", (64, 16))):
+            self.one.set_setting("/devmgmt/max_store_mib", devices)
+            self.one.set_setting("/karma/max_store_mib", telemetry)
+            stores = self.status(UNAVAILABLE)["stores"]
+            limits = [stores[name]["limit"] for name in ("devices", "telemetry")]
+            self.assertEqual(limits, [(mebibytes << 20) * 15 // 16 for mebibytes in shown])
+
     def test_stores_that_cannot_be_opened_are_unknown(self):
         with open(os.path.join(self.one.root, "var"), "w") as file:
             file.write("in the way")
