@@ -527,13 +527,10 @@ def stopped_key(home):
 
 @row("stores", "settings written and removed without end", bound=WAITING)
 def storm_of_settings(home):
-    writer = world.DeviceWriter(home)
-    writer.ask("storm /storm")
-    try:
+    with contextlib.closing(world.DeviceWriter(home)) as writer:
+        writer.ask("storm /storm")
         with Doing(Lines(*SWITCHES)) as doing:
             yield doing
-    finally:
-        writer.close()
 
 
 @row("stores", "a hundred online-status requests of 0.9 MB", bound=ONE_LINE, prepare=with_leases)
@@ -618,8 +615,7 @@ def no_room(_):
 
 @row("devices", "2,000 devices that come and go")
 def coming_and_going(home):
-    writer = world.DeviceWriter(home)
-    try:
+    with contextlib.closing(world.DeviceWriter(home)) as writer:
         with world.Client() as subscriber:
             subscriber.subscribe("devices_list_updated")
 
@@ -629,21 +625,16 @@ def coming_and_going(home):
 
             with Doing(come_and_go) as doing:
                 yield doing
-    finally:
-        writer.close()
 
 
 @row("devices", "changes of devices without end")
 def endless_changes(home):
-    writer = world.DeviceWriter(home)
-    try:
+    with contextlib.closing(world.DeviceWriter(home)) as writer:
         with world.Client() as subscriber:
             subscriber.subscribe("device_discovery")
             writer.do("crowd d 10 02:00:00")
             with Doing(lambda: [writer.do("rename d%d name 5" % number) for number in range(10)]) as doing:
                 yield doing
-    finally:
-        writer.close()
 
 
 # -- the exchange

@@ -13,6 +13,7 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace orv::brokerd {
 namespace {

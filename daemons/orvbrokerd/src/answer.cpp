@@ -8,7 +8,6 @@
 #include <array>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <string_view>
 
 namespace orv::brokerd {
@@ -20,12 +19,6 @@ namespace {
 constexpr std::string_view kBegin = R"({"data": )";
 constexpr std::string_view kMiddle = R"(, "status": )";
 constexpr std::string_view kEnd = "}";
-
-/// The envelope but for the data.
-std::size_t envelope_size(const fmt::format_int& status)
-{
-    return kBegin.size() + kMiddle.size() + status.size() + kEnd.size();
-}
 
 /// A text up to a bound; of a longer one, only how long it is.
 struct BoundedText {
@@ -40,11 +33,44 @@ struct BoundedText {
 /// One for all, since nothing here calls itself; only what was ever used of it takes memory.
 BoundedText g_data;
 
-bool append(std::string_view piece, void* /*user*/)
+bool keep(std::string_view piece, void* /*user*/)
 {
     if (g_data.size + piece.size() <= BoundedText::kCapacity)
         std::copy(piece.begin(), piece.end(), g_data.data.begin() + static_cast<std::ptrdiff_t>(g_data.size));
     g_data.size += piece.size();
+    return true;
+}
+
+/// The size of the envelope, 0 when its data have no text. To be asked for before its pieces are.
+std::size_t measure(const fmt::format_int& status, const json_t* data)
+{
+    g_data.size = 0;
+    if (!dump_to(data, JSON_ENCODE_ANY, keep, /*user=*/nullptr))
+        return 0;
+    return kBegin.size() + g_data.size + kMiddle.size() + status.size() + kEnd.size();
+}
+
+/// Takes a piece of a text; false ends it.
+using Take = bool (*)(std::string_view piece, void* user);
+
+/// The data as they were kept, or, when that is not all of them, written once more.
+bool give_data(const json_t* data, Take take, void* user)
+{
+    return g_data.is_whole() ? take({g_data.data.data(), g_data.size}, user)
+                             : dump_to(data, JSON_ENCODE_ANY, take, user);
+}
+
+/// Gives the envelope that was measured, piece by piece, as long as they are taken.
+void give_envelope(const fmt::format_int& status, const json_t* data, Take take, void* user)
+{
+    (void)(take(kBegin, user) && give_data(data, take, user) && take(kMiddle, user) &&
+           take({status.data(), status.size()}, user) && take(kEnd, user));
+}
+
+bool copy(std::string_view piece, void* user)
+{
+    char*& end = *static_cast<char**>(user);
+    end = std::copy(piece.begin(), piece.end(), end);
     return true;
 }
 
@@ -57,52 +83,36 @@ bool put(std::string_view piece, void* user)
     return conn->tx.pending() - before == piece.size();
 }
 
-/// Puts in what append() has kept, or, when that is not all of it, writes it once more.
-bool put_data(Connection* conn, const json_t* data)
-{
-    return g_data.is_whole() ? put({g_data.data.data(), g_data.size}, conn)
-                             : dump_to(data, JSON_ENCODE_ANY, put, conn);
-}
-
 } // namespace
 
 char* build_response(int status, json_t* data)
 {
     const JsonPtr owned(data);
-    const TextPtr text = dump(data, JSON_ENCODE_ANY);
-    if (!text)
-        return nullptr;
     const fmt::format_int number(status);
-    const std::size_t length = std::strlen(text.get());
-    auto* response = static_cast<char*>(std::malloc(envelope_size(number) + length + 1));
+    const std::size_t size = measure(number, data);
+    auto* response = size == 0 ? nullptr : static_cast<char*>(std::malloc(size + 1));
     if (!response)
         return nullptr;
-
-    char* end = std::copy(kBegin.begin(), kBegin.end(), response);
-    end = std::copy_n(text.get(), length, end);
-    end = std::copy(kMiddle.begin(), kMiddle.end(), end);
-    end = std::copy_n(number.data(), number.size(), end);
-    end = std::copy(kEnd.begin(), kEnd.end(), end);
+    char* end = response;
+    give_envelope(number, data, copy, &end);
     *end = '\0';
     return response;
 }
 
-Queued queue_response(Connection* conn, int status, json_t* data, int epfd)
+bool queue_response(Connection* conn, int status, json_t* data, int epfd)
 {
     const JsonPtr owned(data);
-    g_data.size = 0;
-    if (!dump_to(data, JSON_ENCODE_ANY, append, /*user=*/nullptr))
-        return Queued::nothing;
-
     const fmt::format_int number(status);
-    const auto length = static_cast<std::uint32_t>(envelope_size(number) + g_data.size);
-    const std::string_view prefix(reinterpret_cast<const char*>(&length), sizeof length);
-    const bool is_taken = put(prefix, conn) && put(kBegin, conn) && put_data(conn, data) &&
-                          put(kMiddle, conn) && put({number.data(), number.size()}, conn) && put(kEnd, conn);
-    if (!is_taken && conn->tx.pending() != kBufferMaximumSize)
-        return Queued::broken;
+    const std::size_t size = measure(number, data);
+    if (size == 0)
+        return false;
+    const auto length = static_cast<std::uint32_t>(size);
+    const std::size_t wanted = conn->tx.pending() + sizeof length + size;
+    conn->put(&length, sizeof length);
+    give_envelope(number, data, put, conn);
+    end_if_cut(conn, wanted);
     watch_for_output(conn, epfd);
-    return Queued::whole;
+    return true;
 }
 
 JsonPtr parse_payload(const Message* msg)

@@ -26,16 +26,9 @@ constexpr Result kPending = 1; ///< the answer comes later, from a response call
 /// cannot be built, also for null data. Freed by the caller with free().
 [[nodiscard]] char* build_response(int status, json_t* data);
 
-/// What has become of an answer.
-enum class Queued {
-    whole,   ///< also when the send buffer took a part of it only: the rest is dropped, as ever
-    nothing, ///< it could not be built
-    broken,  ///< its beginning is queued, and its end cannot be: the connection is of no use any more
-};
-
 /// Queues the same envelope on a connection, as a frame, and takes ownership of `data`. However large it is,
-/// it is nowhere in memory but in the send buffer.
-[[nodiscard]] Queued queue_response(Connection* conn, int status, json_t* data, int epfd);
+/// it is nowhere in memory but in the send buffer. False, with nothing queued, when it cannot be built.
+[[nodiscard]] bool queue_response(Connection* conn, int status, json_t* data, int epfd);
 
 /// Puts `value` (a new reference) where a handler leaves what the client gets, dropping what was there.
 inline void set_out(json_t*& out, JsonPtr value)

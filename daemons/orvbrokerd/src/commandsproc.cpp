@@ -287,8 +287,8 @@ struct Listing {
 Listing list_devices(const json_t* ids)
 {
     Listing listing;
-    std::unordered_map<std::string_view, std::size_t>
-        found; // what is not found is not kept, so nobody can fill this
+    // What is not found is not kept, so nobody can fill this.
+    std::unordered_map<std::string_view, std::size_t> found;
     std::size_t index = 0;
     json_t* element = nullptr;
     json_array_foreach(ids, index, element)

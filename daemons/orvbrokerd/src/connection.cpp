@@ -32,15 +32,20 @@ void Connection::put(const void* data, unsigned len)
     }
 }
 
+void end_if_cut(const Connection* conn, std::size_t wanted)
+{
+    const unsigned pending = conn->tx.pending();
+    if (pending < wanted && pending != kBufferMaximumSize)
+        (void)shutdown(conn->fd, SHUT_RDWR); // the loop sees its end; else it has gone already
+}
+
 void put_frame(Connection* conn, std::string_view text)
 {
     const auto len = static_cast<std::uint32_t>(text.size());
     const std::size_t wanted = conn->tx.pending() + sizeof len + text.size();
     conn->put(&len, sizeof len);
     conn->put(text.data(), len);
-    // Without memory for all of it, what would follow makes no sense to the client: the loop is told to end it.
-    if (conn->tx.pending() < wanted && conn->tx.pending() != kBufferMaximumSize)
-        (void)shutdown(conn->fd, SHUT_RDWR); // else it has gone already
+    end_if_cut(conn, wanted);
 }
 
 void watch_for_output(const Connection* conn, int epfd)

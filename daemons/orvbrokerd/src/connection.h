@@ -36,6 +36,10 @@ struct Connection {
     ConnectionBuffer tx;
 };
 
+/// Ends a connection whose send buffer holds less than `wanted` bytes for lack of memory: what would follow makes no
+/// sense to the client. What does not fit below the buffer's maximum is dropped, as ever.
+void end_if_cut(const Connection* conn, std::size_t wanted);
+
 /// Appends one frame to a connection's send buffer: a 4-byte length in native byte order and the text.
 void put_frame(Connection* conn, std::string_view text);
 

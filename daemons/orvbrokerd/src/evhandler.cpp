@@ -364,15 +364,6 @@ const char* find_type(const json_t* root, const char* text, log::Caller caller =
     return type;
 }
 
-/// -1 when the connection is of no use any more.
-int send_answer(Connection* conn, Result status, json_t* out, int epfd)
-{
-    const Queued queued = queue_response(conn, status, out, epfd);
-    if (queued == Queued::whole && status != kDone)
-        conn->close_after_send = true;
-    return queued == Queued::broken ? -1 : 0;
-}
-
 } // namespace
 
 int handle_command(Connection* conn, const char* text, const int& epfd)
@@ -392,7 +383,9 @@ int handle_command(Connection* conn, const char* text, const int& epfd)
     }
     if (std::string_view(type) == "subscribe")
         conn->mode = kSubscriberMode;
-    return send_answer(conn, status, out, epfd);
+    if (queue_response(conn, status, out, epfd) && status != kDone)
+        conn->close_after_send = true;
+    return 0;
 }
 
 // ---- subscriptions

@@ -57,7 +57,7 @@ void remove_in_flight(AsyncContext* context)
 
 void answer_connection(Connection* conn, Result result, json_t* out, int epfd)
 {
-    if (queue_response(conn, result, out, epfd) == Queued::whole)
+    if (queue_response(conn, result, out, epfd))
         conn->close_after_send = true;
     else
         conn->close_requested = true;
