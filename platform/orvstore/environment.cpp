@@ -81,7 +81,7 @@ void Environment::look_after()
 
 void Environment::refresh()
 {
-    m_last_check_ms = 0;
+    doubt();
     look_after();
 }
 

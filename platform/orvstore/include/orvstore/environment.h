@@ -51,6 +51,8 @@ public:
     void look_after();
     /// The same, at once.
     void refresh();
+    /// Has the next reading look whether the store is still the one under its name, as a write does.
+    void doubt() { m_last_check_ms = 0; }
 
     /// How full it is.
     [[nodiscard]] Error measure(Usage& usage);
