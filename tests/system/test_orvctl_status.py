@@ -88,7 +88,7 @@ class Status(world.TestCase):
         self.assertGreater(self.status(OK)["stores"]["settings"]["used"], stores["settings"]["used"] + 100000)
 
     def test_limits_of_stores_are_settings(self):
-        for devices, telemetry, shown in (("32", "8", (32, 8)), ("1", "0", (16, 2)), ("100000", "100000", (512, 64)),
+        for devices, telemetry, shown in (("32", "8", (32, 8)), ("1", "0", (16, 2)), ("100000", "100000", (96, 16)),
                                           ("many", "", (64, 16))):
             self.one.set_setting("/devmgmt/max_store_mib", devices)
             self.one.set_setting("/karma/max_store_mib", telemetry)
