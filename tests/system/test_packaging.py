@@ -173,6 +173,27 @@ class Units(world.TestCase):
         self.assertEqual(sorted(highest), ["var/devices", "var/telemetry"])
         return sum(limits.values()), sum({**limits, **highest}.values())
 
+    def test_what_lies_below_the_root_can_be_written_but_for_what_is_installed(self):
+        for name, unit in self.units.items():
+            root = os.path.dirname(os.path.dirname(unit.one("ExecStart")))
+            writable = unit.one("ReadWritePaths").split()
+            read_only = [path.lstrip("-") for path in unit.one("ReadOnlyPaths").split()]
+            self.assertEqual(unit.one("ProtectSystem"), "strict")  # all else is read-only
+
+            def can_be_written(path):
+                """What is said of the nearest directory above it counts."""
+                said = {above: above in writable for above in writable + read_only
+                        if os.path.commonpath([above, path]) == above}
+                return said[max(said, key=len)] if said else False
+
+            for directory in ("", "run", "tmp", "var"):
+                self.assertTrue(can_be_written(os.path.join(root, directory).rstrip("/")), (name, directory))
+            for directory in ("bin", "etc", "lib", "share"):
+                self.assertFalse(can_be_written(os.path.join(root, directory)), (name, directory))
+            self.assertFalse(can_be_written("/etc"), name)
+        # The lock of iptables is the firewall script's.
+        self.assertIn("/run", self.units["orvbrokerd"].one("ReadWritePaths").split())
+
     def test_the_exposure_is_what_the_document_says(self):
         with open(os.path.join(PACKAGING, "..", "docs", "security.md"), encoding="utf-8") as file:
             table = dict(re.findall(r"^\| `(\w+)\.service` \| (\d\.\d) \|", file.read(), re.MULTILINE))
