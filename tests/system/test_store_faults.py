@@ -132,6 +132,22 @@ class Faults(world.TestCase):
         with Client() as client:
             self.assertEqual(client.call("disable_services"), (None, 0))
 
+    def test_damaged_settings_are_those_of_the_copy_that_the_daemon_has_made(self):
+        self.one.start_bus()
+        self.one.set_setting("/registration/tuvo_name", "home")
+        self.one.start_daemon()
+        store = os.path.join(self.one.root, "var", "settings")
+        copy = os.path.join(store, "data.mdb.copy")
+        # It is made a piece per pass of the daemon's loop, and each answer ends one.
+        world.wait_until(lambda: self.one.answers() and os.path.exists(copy), "the daemon has made the copy")
+        self.one.stop_daemon()
+        with open(os.path.join(store, "data.mdb"), "r+b") as file:
+            file.write(b"\0" * 8192)
+        self.one.start_daemon()
+        self.assertEqual(self.one.setting("/registration/tuvo_name"), "home")
+        damaged = [text for text in self.one.messages(level=0) if text.startswith("store var/settings: ")]
+        self.assertEqual(len(damaged), 1, damaged)
+
     def check_no_signal(self, what):
         """The daemon gives up in good order, or serves; it may then fail commands, and stops in good order."""
         process = self.one.daemon = self.one.launch()
