@@ -1,14 +1,20 @@
 // Storing, finding and removing devices.
 
+#include "change_log.h"
 #include "device_fields.h"
 #include "device_record.h"
 #include "device_store.h"
 #include "devmgmt_support.h"
+#include "refusal_support.h"
 
 #include <orvutils/error.h>
 
+#include <sys/syscall.h>
+
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <set>
 
 using namespace orv::devMgmt;
 using orv::sockutl::macaddr;
@@ -111,6 +117,29 @@ TEST_F(DeviceStoreTest, A_record_of_a_later_version_is_no_device_and_is_told_of)
     EXPECT_NE(outcome.err.find("device store: skipping device d1, its record is malformed\n"),
               std::string::npos)
         << outcome.err;
+}
+
+TEST_F(DeviceStoreTest, On_an_old_kernel_every_store_has_an_identity_of_its_own_too)
+{
+    const Outcome outcome = in_child([&] {
+        if (!refuse_calls({{SYS_getrandom, ENOSYS}}))
+            return kNotRefused;
+        std::set<std::uint64_t> identities;
+        for (int i = 0; i < 3; ++i) {
+            uninit();
+            std::filesystem::remove_all(m_root.path() + "/var");
+            if (init() != 0 || put_device(make_device("d1")) != 0)
+                return 1;
+            orv::store::Read snapshot(device_environment());
+            LogState state;
+            if (read_state(snapshot, state) != orv::Error::none || state.identity == 0)
+                return 2;
+            identities.insert(state.identity);
+        }
+        return identities.size() == 3 ? 0 : 3;
+    });
+    SKIP_IF_NOT_REFUSED(outcome);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
 }
 
 TEST_F(DeviceStoreTest, An_unknown_device_is_not_found_and_nothing_is_filled_in)

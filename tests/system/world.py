@@ -217,10 +217,10 @@ class World:
         self.bus.wait(DEADLINE)
         self.bus = None
 
-    def launch(self, log=None, **extra):
-        """Starts a daemon without waiting for it."""
+    def launch(self, log=None, before=None, **extra):
+        """Starts a daemon without waiting for it; `before` is called in its process before it runs."""
         with open(log or self.log_path, "ab") as stderr:
-            process = subprocess.Popen([program("orvbrokerd")], env=self.environment(**extra),
+            process = subprocess.Popen([program("orvbrokerd")], env=self.environment(**extra), preexec_fn=before,
                                        stdin=subprocess.DEVNULL, stdout=stderr, stderr=stderr)
         self.launched.append(process)
         return process
