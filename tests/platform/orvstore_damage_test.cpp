@@ -89,7 +89,7 @@ protected:
     void damage() const
     {
         std::string bytes = slurp(data_file());
-        for (std::size_t i = 0; i < bytes.size(); i += 16)
+        for (std::size_t i = 0; i < bytes.size(); i += 4)
             bytes.at(i) = static_cast<char>(~bytes.at(i));
         spill(data_file(), bytes);
     }

@@ -1,10 +1,9 @@
 """The command-line client: what it prints, where, and how it ends."""
 
-import ctypes
+import errno
 import fcntl
 import json
 import os
-import platform
 import re
 import select
 import signal
@@ -15,6 +14,7 @@ import termios
 import threading
 import time
 
+import kernel
 import world
 
 OK, FAILED, USAGE, UNAVAILABLE = 0, 1, 2, 3
@@ -70,23 +70,8 @@ class FakeDaemon:
 
 
 def forbid_connecting():
-    """Has the kernel refuse connect() to this process and its children, as a security policy would."""
-    machine = platform.machine()
-    if machine == "x86_64" and not world.is_64_bit():
-        machine = "i686"
-    connect = {"x86_64": 42, "i686": 362, "aarch64": 203, "armv7l": 283, "riscv64": 203}[machine]
-    # What 32-bit x86 programs may call instead: one call for all that concerns sockets, which its first argument tells apart.
-    socketcall, connecting = (102, 3) if machine == "i686" else (connect, 0)
-    load, number, first_argument, equal, give, allow, eperm = 0x20, 0, 16, 0x15, 0x06, 0x7fff0000, 0x00050001
-    program = b"".join(struct.pack("=HBBI", *instruction) for instruction in (
-        (load, 0, 0, number), (equal, 3, 0, connect), (equal, 0, 3, socketcall),
-        (load, 0, 0, first_argument), (equal, 0, 1, connecting), (give, 0, 0, eperm), (give, 0, 0, allow)))
-    buffer = ctypes.create_string_buffer(program)
-    filter_program = struct.pack("@HP", len(program) // 8, ctypes.addressof(buffer))
-    libc = ctypes.CDLL(None, use_errno=True)
-    no_new_privileges, set_filter, filter_mode = 38, 22, 2
-    if libc.prctl(no_new_privileges, 1, 0, 0, 0) != 0 or libc.prctl(set_filter, filter_mode, filter_program) != 0:
-        raise OSError(ctypes.get_errno(), "seccomp")
+    """Has the kernel refuse connect(), as a security policy would."""
+    kernel.refuse({"connect": errno.EPERM})
 
 
 class WithoutDaemon(world.TestCase):

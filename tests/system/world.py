@@ -68,10 +68,10 @@ def program(name):
     return os.path.join(BIN, name)
 
 
-def is_64_bit():
-    """Whether the programs under test are. They need not be what the kernel is."""
+def is_32_bit():
+    """Whether the programs under test run as such here: behind an emulator they do not."""
     with open(program("orvbrokerd"), "rb") as file:
-        return file.read(5) == b"\x7fELF\2"
+        return file.read(5) == b"\x7fELF\1"
 
 
 def wait_until(condition, what, deadline=DEADLINE):
@@ -224,10 +224,10 @@ class World:
         self.bus.wait(DEADLINE)
         self.bus = None
 
-    def launch(self, log=None, **extra):
-        """Starts a daemon without waiting for it."""
+    def launch(self, log=None, before=None, **extra):
+        """Starts a daemon without waiting for it; `before` is called in its process before it runs."""
         with open(log or self.log_path, "ab") as stderr:
-            process = subprocess.Popen([program("orvbrokerd")], env=self.environment(**extra),
+            process = subprocess.Popen([program("orvbrokerd")], env=self.environment(**extra), preexec_fn=before,
                                        stdin=subprocess.DEVNULL, stdout=stderr, stderr=stderr)
         self.launched.append(process)
         return process

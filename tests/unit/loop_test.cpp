@@ -2,10 +2,12 @@
 
 #include "support/fixture.h"
 
+#include "instants.h"
 #include "orvbrokerd.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
 #include <memory>
 #include <optional>
@@ -417,6 +419,29 @@ TEST_F(MainLoop, TellsOfARefusedUserAtMostOnceASecond)
                              {1, "refused a client of user 4244"},
                              {1, "refused a client of user 4242"},
                              {1, "refused a client of user 4242"}}));
+}
+
+TEST_F(MainLoop, TellsOfARefusedUserWhateverTheTimeIs)
+{
+    std::vector<std::unique_ptr<Client>> clients;
+    platform->settings[kAllowed] = "1";
+    platform->peer_uid = kOther;
+    const auto refuse_at = [&](std::time_t now) {
+        platform->on_wait([&, now] {
+            platform->now = now;
+            clients.push_back(std::make_unique<Client>());
+            clients.back()->connect();
+        });
+    };
+    std::vector<std::int64_t> times = {0}; // when nobody has been told of yet
+    for (const Instant& instant : kInstants)
+        times.push_back(instant.seconds);
+    for (const std::int64_t time : times) {
+        refuse_at(time);
+        refuse_at(time);
+    }
+    run();
+    EXPECT_EQ(logs(), fake::Logs(times.size(), {1, "refused a client of user 4242", {}, {}}));
 }
 
 TEST_F(MainLoop, IsNotMadeToTellWithoutEndByManyUsers)
