@@ -7,6 +7,9 @@ target_compile_options(orv_options INTERFACE
   # Paths in the log are those of the source tree, whatever machine built the program.
   -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
   -ffunction-sections -fdata-sections)
+if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
+  target_compile_options(orv_options INTERFACE -Wno-psabi) # nothing here is linked with what gcc 6 has compiled
+endif()
 target_link_options(orv_options INTERFACE -Wl,--gc-sections -Wl,--as-needed)
 
 if(ORV_FUZZ)

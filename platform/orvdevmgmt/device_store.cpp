@@ -26,7 +26,7 @@ using store::Transaction;
 using store::Write;
 
 /// The marks of removed devices alone may take a quarter of the least.
-constexpr StoreLimit kLimit = {"/devmgmt/max_store_mib", 64, 16, 512};
+constexpr StoreLimit kLimit = {"/devmgmt/max_store_mib", 64, 16, 96};
 constexpr std::size_t kMacSize = 6;
 constexpr int kOutOfMemory = -static_cast<int>(Error::input_output);
 

@@ -19,7 +19,7 @@ using store::Read;
 using store::Write;
 
 constexpr std::size_t kEvents = 0; ///< the tree
-constexpr StoreLimit kLimit = {"/karma/max_store_mib", 16, 2, 64};
+constexpr StoreLimit kLimit = {"/karma/max_store_mib", 16, 2, 16};
 
 constexpr char kDirectory[] = "var/telemetry";
 

@@ -10,7 +10,8 @@
 // therefore counts only when the meta page is the same after the walk.
 //
 // The structures are those of LMDB's data format version 1, in the machine's own word size and byte order. Another
-// line of LMDB has another one: it must be looked up and understood before this is built with it.
+// line of LMDB has another one: it must be looked up and understood before this is built with it. A file of another
+// word size, byte order or version shows by where its first page has the magic number, how, and what follows it.
 
 #include "check.h"
 
@@ -147,6 +148,18 @@ bool read_meta(int fd, std::uint64_t offset, Meta& meta)
         return false;
     meta = page.meta;
     return (page.header.flags & kMeta) != 0 && meta.magic == kMagic && meta.version == kVersion;
+}
+
+constexpr std::size_t kOtherWordSize = sizeof(std::size_t) == 8 ? 4 : 8;
+constexpr const char* kOtherWord = sizeof(std::size_t) == 8
+                                       ? "it was written by a 32-bit program, and this is a 64-bit one"
+                                       : "it was written by a 64-bit program, and this is a 32-bit one";
+constexpr char kOtherByteOrder[] = "it was written by a machine of the other byte order";
+constexpr char kOtherVersion[] = "it is of another version of LMDB's data format";
+
+constexpr std::uint32_t swapped(std::uint32_t number)
+{
+    return number >> 24U | (number >> 8U & 0xff00U) | (number << 8U & 0xff0000U) | number << 24U;
 }
 
 bool is_page_size(std::size_t size)
@@ -479,6 +492,21 @@ bool set_last_commit(int fd, std::uint64_t number)
     return true;
 }
 
+const char* foreign_origin(int fd)
+{
+    constexpr std::size_t kOtherHeaderSize = kOtherWordSize + 8;
+    std::array<std::uint32_t, std::max(kHeaderSize, kOtherHeaderSize) / 4 + 2> page{};
+    if (!read_fully(fd, page.data(), sizeof page, 0))
+        return "";
+    const std::uint32_t own = page.at(kHeaderSize / 4);
+    const std::uint32_t other = page.at(kOtherHeaderSize / 4);
+    if (own == kMagic)
+        return page.at(kHeaderSize / 4 + 1) == kVersion ? "" : kOtherVersion;
+    if (own == swapped(kMagic) || other == swapped(kMagic))
+        return kOtherByteOrder;
+    return other == kMagic ? kOtherWord : "";
+}
+
 StoreVerdict check_store_file(int fd)
 {
     std::uint64_t size = 0;
@@ -486,6 +514,8 @@ StoreVerdict check_store_file(int fd)
         return {StoreState::damaged, "no regular file"};
     if (size == 0)
         return {StoreState::empty, ""};
+    if (const char* origin = foreign_origin(fd); *origin != '\0')
+        return {StoreState::foreign, origin};
     if (is_unfinished(fd, size))
         return {StoreState::unfinished, ""};
     for (int attempt = 0; attempt < kAttempts; ++attempt) {

@@ -12,17 +12,21 @@ enum class StoreState {
     unfinished, ///< its very creation was interrupted; nothing has ever been stored in it
     sound,
     damaged,
+    foreign, ///< whole perhaps, but of another kind of machine or another version of the format
 };
 
 struct StoreVerdict {
     StoreState state;
-    const char* reason; ///< of damage, for the log; else empty
+    const char* reason; ///< why it cannot be used, for the log; else empty
 };
 
 /// Examines a data file before LMDB maps it. LMDB trusts every offset and page number that it finds and would
 /// run out of the map on a damaged one. Only structure is examined, there are no checksums in the format.
 /// Other processes may go on writing meanwhile.
 [[nodiscard]] StoreVerdict check_store_file(int fd);
+
+/// Why a data file is another kind of program's: "it was written by a 32-bit program ..."; empty when it is not.
+[[nodiscard]] const char* foreign_origin(int fd);
 
 /// The number of the last commit to a data file; 0 when it is none, or a new one.
 [[nodiscard]] std::uint64_t last_commit_in(int fd);

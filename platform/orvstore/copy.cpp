@@ -24,6 +24,8 @@ namespace orv::store {
 namespace {
 
 constexpr std::size_t kMaxKeySize = 511; ///< LMDB's own limit
+/// For the pages that each commit to the copy leaves free.
+constexpr std::size_t kRoomToWork = std::size_t{1024} * 1024;
 
 /// Ends with its scope.
 class OneReading {
@@ -66,10 +68,9 @@ std::unique_ptr<Copy> Copy::begin(Opened& source, const Layout& layout, std::str
     if (reading.code() != MDB_SUCCESS)
         return nullptr;
     std::unique_ptr<Copy> copy(new Copy(layout, std::move(file), source.seen_commit()));
-    MDB_envinfo info{};
-    if (mdb_env_info(source.environment(), &info) != MDB_SUCCESS || !copy->open(info.me_mapsize))
-        return nullptr;
-    return copy;
+    // No more of the address space, which may be limited, than what will be in it: it is packed.
+    const auto used = static_cast<std::size_t>(source.usage().used);
+    return copy->open(used + kRoomToWork) ? std::move(copy) : nullptr;
 }
 
 bool Copy::open(std::size_t map_size)

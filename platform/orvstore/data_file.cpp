@@ -4,6 +4,9 @@
 // A file that is damaged has been damaged by a crash of the system, by the medium, or by somebody else. What
 // is done about it depends on what it is worth: the volatile store is made anew; a store that others can fill
 // again is set aside, and made anew; for the settings their last copy takes its place.
+//
+// A file of another kind of machine is not damaged: it is left alone, whatever it is worth, for the programs that can
+// read it.
 
 #include "data_file.h"
 
@@ -105,12 +108,25 @@ bool DataFile::prepare()
     if (m_is_in_use || m_is_new)
         return true;
     const StoreVerdict verdict = check_store_file(m_file.get());
+    if (verdict.state == StoreState::foreign)
+        return refuse(verdict.reason);
     m_is_new = verdict.state != StoreState::sound;
     if (verdict.state == StoreState::damaged)
         return mend(verdict.reason);
     if (verdict.state == StoreState::unfinished && truncate(m_name.c_str(), 0) < 0)
         return fail("empty the data file", errno);
     return true;
+}
+
+bool DataFile::recognise()
+{
+    const char* origin = foreign_origin(m_file.get());
+    return *origin == '\0' || refuse(origin);
+}
+
+bool DataFile::refuse(const char* origin)
+{
+    return fail(Kind::data_file, "use the data file", origin);
 }
 
 /// A file system that outlives a restart of the machine must not make what is volatile do so.

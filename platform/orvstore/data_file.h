@@ -20,6 +20,8 @@ public:
     /// Makes sure that LMDB can trust what is in it, or that there is nothing. What other processes have open
     /// was looked at by the first of them.
     [[nodiscard]] bool prepare();
+    /// Of a file that others have open: makes sure that they are programs of this kind.
+    [[nodiscard]] bool recognise();
     /// Whether there is no store in it yet.
     [[nodiscard]] bool is_new() const { return m_is_new; }
 
@@ -34,6 +36,7 @@ private:
     [[nodiscard]] bool fail(const char* doing, int code);
     void report(Severity severity, const std::string& text) const;
     [[nodiscard]] bool forget_last_boot();
+    [[nodiscard]] bool refuse(const char* origin);
     [[nodiscard]] bool mend(const char* reason);
     [[nodiscard]] bool set_aside(const char* reason);
     [[nodiscard]] bool restore(const char* reason);

@@ -50,8 +50,7 @@ int copy_content(int from, int to)
 
 FileState to_file_state(const struct stat& status)
 {
-    return {status.st_dev, status.st_ino, status.st_size,
-            std::int64_t{status.st_mtim.tv_sec} * 1000000000 + status.st_mtim.tv_nsec};
+    return {status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
 }
 
 FileState file_state(const std::string& file)

@@ -148,7 +148,8 @@ private:
             return false;
         // Closing any file of that name loses this process's locks on it: it is looked at before there are any.
         const bool is_in_use = m_data_file.is_in_use() || m_lock_file.is_in_use();
-        if ((!is_in_use && !m_data_file.prepare()) || !reserve_lock_file(is_in_use))
+        const bool is_usable = is_in_use ? m_data_file.recognise() : m_data_file.prepare();
+        if (!is_usable || !reserve_lock_file(is_in_use))
             return false;
         if (!open_environment() && !(is_impossible_file(m_code) && !is_in_use && start_anew()))
             return leave_nothing();

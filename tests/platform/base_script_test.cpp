@@ -189,9 +189,9 @@ TEST_F(Script, OnAnOldKernelIsWaitedForAndKilledLikewise)
     const std::string hanging = write("hanging", "sleep 1000 & sleep 1000\n");
     const Outcome outcome = in_child([&] {
         g_old_kernel = true;
+        const auto begin = std::chrono::steady_clock::now();
         if (exec_script({{failing}}, kShell, 0) != kFailed)
             return 1;
-        const auto begin = std::chrono::steady_clock::now();
         if (exec_script_within({{hanging}}, kShell, 100) != kTimedOut)
             return 2;
         if (std::chrono::steady_clock::now() - begin > std::chrono::seconds(8))

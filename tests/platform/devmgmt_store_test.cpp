@@ -1,14 +1,20 @@
 // Storing, finding and removing devices.
 
+#include "change_log.h"
 #include "device_fields.h"
 #include "device_record.h"
 #include "device_store.h"
 #include "devmgmt_support.h"
+#include "refusal_support.h"
 
 #include <orvutils/error.h>
 
+#include <sys/syscall.h>
+
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <set>
 
 using namespace orv::devMgmt;
 using orv::sockutl::macaddr;
@@ -54,6 +60,86 @@ TEST_F(DeviceStoreTest, A_device_comes_back_as_it_was_stored)
     EXPECT_EQ(found.macs, device.macs);
     EXPECT_EQ(found.owner, "router");
     EXPECT_EQ(found.traffic_blocked, 1);
+}
+
+TEST_F(DeviceStoreTest, Records_are_the_same_bytes_on_every_machine_and_in_every_version)
+{
+    using std::string_literals::operator""s;
+    Device device = device_with("d1", "aa:bb:cc:00:00:01");
+    device.owner = "me";
+    device.traffic_blocked = 1;
+    device.macs.begin()->second.insert(orv::sockutl::address("10.0.0.1"));
+    const std::string texts = "\2\0\0\0d1"
+                              "\2\0\0\0me"s +
+                              std::string(28, '\0');
+    const std::string bytes = "\1"s + texts +
+                              "\1\0\0\0"
+                              "\1\0\0\0"
+                              "\xaa\xbb\xcc\0\0\1"
+                              "\1\0\0\0"
+                              "\x8\0\0\0"
+                              "10.0.0.1"s;
+    EXPECT_EQ(encode_device(device), bytes);
+    History history;
+    history.born = 0x0102030405060708;
+    history.changed[1] = 9;
+    const std::string record = "\2"
+                               "\x8\7\6\5\4\3\2\1"
+                               "\2\0"
+                               "\x9\0\0\0\0\0\0\0"s +
+                               bytes;
+    EXPECT_EQ(encode_record(history, bytes), record);
+    for (const std::string& version : {bytes, record}) { // that of the first stores, and today's
+        plant_record("d1", version);
+        EXPECT_EQ(stored("d1"), text_of(device));
+    }
+    EXPECT_EQ(encode_change({DevInfoChangeType::removed, 1, 2, 3, "d1"}), "\2\1"
+                                                                          "\2\0\0\0\0\0\0\0"
+                                                                          "\3\0\0\0\0\0\0\0"
+                                                                          "d1"s);
+    EXPECT_EQ(encode_mark({"d1", "record"}), "\2\0\0\0"
+                                             "d1record"s);
+    EXPECT_EQ(encode_state({1, 2, 3, 4, 0x0500000000000000}), "\1"
+                                                              "\1\0\0\0\0\0\0\0"
+                                                              "\2\0\0\0\0\0\0\0"
+                                                              "\3\0\0\0\0\0\0\0"
+                                                              "\4\0\0\0\0\0\0\0"
+                                                              "\0\0\0\0\0\0\0\5"s);
+}
+
+TEST_F(DeviceStoreTest, A_record_of_a_later_version_is_no_device_and_is_told_of)
+{
+    const Outcome outcome = in_child([&] {
+        plant_record("d1", std::string("\3") + encode_device(make_device("d1")).substr(1));
+        return stored("d1") == "none" && all_ids().empty() ? 0 : 1;
+    });
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_NE(outcome.err.find("device store: skipping device d1, its record is malformed\n"),
+              std::string::npos)
+        << outcome.err;
+}
+
+TEST_F(DeviceStoreTest, On_an_old_kernel_every_store_has_an_identity_of_its_own_too)
+{
+    const Outcome outcome = in_child([&] {
+        if (!refuse_calls({{SYS_getrandom, ENOSYS}}))
+            return kNotRefused;
+        std::set<std::uint64_t> identities;
+        for (int i = 0; i < 3; ++i) {
+            uninit();
+            std::filesystem::remove_all(m_root.path() + "/var");
+            if (init() != 0 || put_device(make_device("d1")) != 0)
+                return 1;
+            orv::store::Read snapshot(device_environment());
+            LogState state;
+            if (read_state(snapshot, state) != orv::Error::none || state.identity == 0)
+                return 2;
+            identities.insert(state.identity);
+        }
+        return identities.size() == 3 ? 0 : 3;
+    });
+    SKIP_IF_NOT_REFUSED(outcome);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
 }
 
 TEST_F(DeviceStoreTest, An_unknown_device_is_not_found_and_nothing_is_filled_in)

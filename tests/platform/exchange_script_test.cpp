@@ -2,11 +2,15 @@
 
 #include "exchange_support.h"
 
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -14,6 +18,7 @@
 #include <iterator>
 #include <map>
 #include <regex>
+#include <stdexcept>
 #include <string>
 
 namespace {
@@ -183,6 +188,67 @@ TEST(ExchangeScript, OnlyNamesOfTheExchangeCanBeOwned)
     RawPeer peer(bus.address(), "anyone");
     EXPECT_TRUE(peer.is_there("anyone"));
     EXPECT_FALSE(peer.claim("com.example.Elsewhere"));
+}
+
+// ---- what the bus bounds
+
+class BusBounds : public ExchangeTest {};
+
+TEST_F(BusBounds, WhoReadsNothingHasThreeOfTheLargestEventsHeldAndTheirSenderGoesOn)
+{
+    constexpr std::size_t kEvents = 10;
+    const std::string large((std::size_t{4} << 20) - 4, 'x');
+    ASSERT_TRUE(subscribe_and_wait({"large", "last"}));
+    RawPeer sender(m_bus.address(), "sender");
+    for (std::size_t i = 0; i < kEvents; ++i) {
+        sender.emit("large", large);
+        sender.sync(); // it is read from
+    }
+    ASSERT_TRUE(serve_until([] { return s_received.size() >= 2; }));
+    bool is_over = false;
+    while (!is_over) { // it is held, too, once there is room
+        sender.emit("last", "");
+        is_over = serve_until([] { return s_received.back().type == "last"; });
+    }
+    EXPECT_EQ(s_received.size() - 1, 3U);
+}
+
+TEST_F(BusBounds, NobodyPassesADescriptor)
+{
+    ASSERT_TRUE(subscribe_and_wait({"after"}));
+    RawPeer sender(m_bus.address(), "sender");
+    const auto pass_descriptor = [&] {
+        const RawMessage message = raw_signal("Event");
+        add_descriptor(*message, STDERR_FILENO);
+        sender.send(message);
+        sender.sync();
+    };
+    EXPECT_THROW(pass_descriptor(), std::runtime_error);
+    RawPeer(m_bus.address(), "other").emit("after", "{}");
+    EXPECT_TRUE(serve_until([] { return s_received.size() == 1; }));
+}
+
+TEST(ExchangeScript, AConnectionThatDoesNotSayWhoItIsEnds)
+{
+    Bus bus;
+    ASSERT_TRUE(bus.start());
+    bus.kill();
+    bus.change_limit("auth_timeout", "300"); // of 5000, so that nobody has to wait for it
+    ASSERT_TRUE(bus.start());
+    const auto start = std::chrono::steady_clock::now();
+    const int half_open = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    bus.socket().copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(connect(half_open, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(write(half_open, "\0AUTH\r\n", 7), 7);
+    char byte = 0;
+    bool has_ended = false;
+    while (!has_ended && is_readable(half_open, kPatience)) // it says how one may tell who one is
+        has_ended = read(half_open, &byte, 1) <= 0;
+    EXPECT_TRUE(has_ended);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
+    close(half_open);
 }
 
 } // namespace

@@ -316,6 +316,11 @@ void add_number(DBusMessage& message, std::uint64_t number)
     check(dbus_message_append_args(&message, DBUS_TYPE_UINT64, &value, DBUS_TYPE_INVALID) != FALSE, "number");
 }
 
+void add_descriptor(DBusMessage& message, int fd)
+{
+    check(dbus_message_append_args(&message, DBUS_TYPE_UNIX_FD, &fd, DBUS_TYPE_INVALID) != FALSE, "add");
+}
+
 std::string marshalled(DBusMessage& message)
 {
     char* bytes = nullptr;

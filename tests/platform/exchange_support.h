@@ -101,6 +101,7 @@ void add_text(DBusMessage& message, const std::string& text);
 void add_count(DBusMessage& message, std::uint32_t count);
 void add_bytes(DBusMessage& message, const std::string& bytes);
 void add_number(DBusMessage& message, std::uint64_t number);
+void add_descriptor(DBusMessage& message, int fd);
 /// @}
 
 /// The bytes in which a message that was never sent would pass over the socket.

@@ -2,14 +2,18 @@
 
 #include "karma_support.h"
 #include "process_support.h"
+#include "refusal_support.h"
 
 #include <orvstore/notify.h>
 #include <orvstore/transaction.h>
 #include <orvutils/error.h>
 
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <ctime>
@@ -486,4 +490,35 @@ TEST_F(KarmaTest, Clearing_removes_everything)
     EXPECT_EQ(outbox::clear(), orv::Error::none);
     EXPECT_EQ(stored(), Ids{});
     EXPECT_EQ(outbox::clear(), orv::Error::none);
+}
+
+TEST_F(KarmaTest, On_an_old_kernel_ids_have_their_random_half_from_the_device)
+{
+    const Outcome outcome = in_child([&]() -> int {
+        if (!refuse_calls({{SYS_getrandom, ENOSYS}}))
+            return kNotRefused;
+        const std::string first = id_of(event());
+        const std::string second = id_of(event());
+        const std::regex form("[0-9a-f]{16}-[0-9a-f]{16}");
+        REQUIRE(std::regex_match(first, form) && std::regex_match(second, form));
+        REQUIRE(first < second);
+        REQUIRE(first.substr(17) != second.substr(17));
+        return 0;
+    });
+    SKIP_IF_NOT_REFUSED(outcome);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+}
+
+TEST_F(KarmaTest, Without_any_randomness_there_is_no_event_that_could_be_taken_for_anothers)
+{
+    const Outcome outcome = in_child([&]() -> int {
+        if (!refuse_calls({{SYS_getrandom, ENOSYS}}))
+            return kNotRefused;
+        const rlimit no_descriptor{}; // so that the device cannot be opened either
+        REQUIRE(setrlimit(RLIMIT_NOFILE, &no_descriptor) == 0);
+        REQUIRE(!event());
+        return 0;
+    });
+    SKIP_IF_NOT_REFUSED(outcome);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
 }

@@ -89,7 +89,7 @@ protected:
     void damage() const
     {
         std::string bytes = slurp(data_file());
-        for (std::size_t i = 0; i < bytes.size(); i += 16)
+        for (std::size_t i = 0; i < bytes.size(); i += 4)
             bytes.at(i) = static_cast<char>(~bytes.at(i));
         spill(data_file(), bytes);
     }
@@ -212,6 +212,8 @@ TEST_F(DamageTest, A_copy_has_all_entries_however_large_and_is_compact)
     for (std::size_t i = 0; i < 60; ++i)
         ASSERT_EQ(write(environment, "key " + std::to_string(i), std::string(i * i * i, 'v'), i % 2),
                   Error::none);
+    for (const std::size_t size : {300'000, 0}) // pages that nothing uses any more
+        ASSERT_EQ(write(environment, "key 0", std::string(size, 'v')), Error::none);
     const Content a = content_of(environment, 0);
     const Content b = content_of(environment, 1);
     renew_copy(environment);
@@ -273,6 +275,35 @@ TEST_F(DamageTest, A_write_meanwhile_makes_the_copy_begin_again)
     EXPECT_EQ(told(), Lines{});
     environment.close();
     EXPECT_FALSE(fs::exists(copy_file() + ".new"));
+}
+
+TEST_F(DamageTest, A_copy_maps_no_more_than_it_will_hold)
+{
+    Environment environment(layout_with(WhenDamaged::restore));
+    ASSERT_EQ(environment.open(), Error::none);
+    Write transaction(environment);
+    for (std::size_t i = 0; i < 1500; ++i) { // pages that are full, half full, and in a row
+        const std::size_t size = i % 100 == 0 ? 10000 : i * 617 % 2100;
+        ASSERT_EQ(transaction.put(0, "key " + std::to_string(i * 7919 % 1500), std::string(size, 'v')),
+                  Error::none);
+    }
+    ASSERT_EQ(transaction.commit(), Error::none);
+    Usage usage;
+    ASSERT_EQ(environment.measure(usage), Error::none);
+    environment.look_after();
+    environment.look_after();
+    ASSERT_EQ(copied_commit(), 0U) << "the first pieces only";
+    std::vector<std::size_t> mapped;
+    for (const std::string& line : lines_of(slurp("/proc/self/maps"))) {
+        if (line.find(copy_file() + ".new") == std::string::npos)
+            continue;
+        const std::size_t dash = line.find('-');
+        mapped.push_back(std::stoul(line.substr(dash + 1), nullptr, 16) - std::stoul(line, nullptr, 16));
+    }
+    ASSERT_EQ(mapped.size(), 1U);
+    EXPECT_LE(mapped.front(), usage.used + (std::size_t{1} << 20));
+    EXPECT_LT(mapped.front(), std::size_t{6} << 20) << "of a store of 8 MiB";
+    renew_copy(environment);
 }
 
 TEST_F(DamageTest, One_process_at_a_time_renews_the_copy)

@@ -270,3 +270,15 @@ TEST_F(FlashTest, A_volatile_store_is_empty_after_a_restart_of_the_machine)
         environment.close();
     }
 }
+
+TEST_F(FlashTest, A_lock_file_is_not_moved_to_a_directory_that_others_can_write_to)
+{
+    const std::string locks = m_root.path() + "/tmp/locks";
+    fs::create_directories(locks);
+    fs::permissions(locks, fs::perms::all);
+    Environment environment(layout());
+    ASSERT_EQ(environment.open(), Error::none);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(directory() + "/lock.mdb")));
+    EXPECT_TRUE(fs::is_empty(locks));
+    EXPECT_EQ(write(environment, "key", "value"), Error::none);
+}

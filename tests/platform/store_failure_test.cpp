@@ -356,7 +356,7 @@ TEST_F(StoreFailureTest, A_durable_store_that_a_power_cut_kept_from_being_create
     EXPECT_EQ(init(), 0);
     EXPECT_EQ(setKey("/a", "x"), 0);
     uninit();
-    spill(file, std::string(fs::file_size(file), '\0'));
+    spill(file, std::string(static_cast<std::size_t>(fs::file_size(file)), '\0'));
     EXPECT_EQ(init(), -2) << "this one had been finished";
 }
 

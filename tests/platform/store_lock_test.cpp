@@ -159,3 +159,29 @@ TEST_F(KeyLockTest, The_lock_directory_may_go_and_comes_back)
     EXPECT_EQ(unlockKey("/l"), 0);
     EXPECT_EQ(lock_elsewhere("/l"), 0);
 }
+
+TEST_F(KeyLockTest, A_lock_directory_that_others_can_write_to_is_not_used)
+{
+    const std::string locks = m_root.path() + "/tmp/locks";
+    std::filesystem::create_directories(locks);
+    std::filesystem::permissions(locks, std::filesystem::perms::all);
+    const Outcome other = in_child([] { return -lockKey("/new"); });
+    EXPECT_EQ(other.status, 2);
+    EXPECT_NE(other.err.find("cannot trust the directory " + locks + ": others can write to it\n"),
+              std::string::npos)
+        << other.err;
+    EXPECT_FALSE(std::filesystem::exists(locks + "/settings"));
+}
+
+TEST_F(KeyLockTest, A_link_in_the_place_of_the_lock_file_is_not_followed)
+{
+    const std::string locks = m_root.path() + "/tmp/locks";
+    const std::string elsewhere = m_root.path() + "/elsewhere";
+    std::filesystem::create_directories(locks);
+    std::filesystem::create_symlink(elsewhere, locks + "/settings");
+    EXPECT_EQ(lockKey("/new"), -2);
+    EXPECT_FALSE(std::filesystem::exists(elsewhere));
+    spill(elsewhere, "its own");
+    EXPECT_EQ(lockKey("/new"), -2);
+    EXPECT_EQ(slurp(elsewhere), "its own");
+}

@@ -1,5 +1,6 @@
 // Reading, writing, removing and listing of settings.
 
+#include "settings_store.h"
 #include "store_support.h"
 
 #include <orvutils/error.h>
@@ -28,6 +29,16 @@ TEST_F(SettingsTest, A_value_comes_back_as_it_was_written)
     EXPECT_EQ(value, binary);
     EXPECT_EQ(getKey("/tmp/binary", value), 5);
     EXPECT_EQ(value, binary);
+}
+
+TEST_F(SettingsTest, A_record_is_eight_bytes_of_its_commit_and_the_value_whatever_the_size_of_a_word)
+{
+    ASSERT_EQ(setKey("/some/key", "value"), 0);
+    orv::store::Read snapshot(orv::detail::settings_environment({}));
+    std::string_view record;
+    ASSERT_EQ(snapshot.get(orv::detail::kValues, std::string_view("some\0key", 8), record), orv::Error::none);
+    const std::uint64_t commit = snapshot.id();
+    EXPECT_EQ(record, std::string(reinterpret_cast<const char*>(&commit), 8) + "value");
 }
 
 TEST_F(SettingsTest, An_empty_value_has_length_0)

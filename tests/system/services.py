@@ -3,6 +3,7 @@
 import os
 import signal
 import socket
+import struct
 import subprocess
 import tempfile
 
@@ -70,6 +71,7 @@ class Service:
         with tempfile.TemporaryDirectory(prefix="orv-notify-", dir=self.within + "/tmp") as directory, \
                 socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
             manager.bind(os.path.join(directory, "notify"))
+            manager.setsockopt(socket.SOL_SOCKET, socket.SO_PASSCRED, 1)
             manager.settimeout(DEADLINE)
             environment = {"PATH": os.environ["PATH"], 
                            "NOTIFY_SOCKET": os.path.join("/", os.path.relpath(manager.getsockname(), self.within))}
@@ -79,11 +81,20 @@ class Service:
                 self.process = subprocess.Popen(command, env=environment, cwd="/", umask=int(self.unit.one("UMask"), 8),
                                                 stdin=subprocess.DEVNULL, stdout=log, stderr=log)
             try:
-                while "READY=1" not in manager.recv(4096).decode().splitlines():
+                while not self._has_told(manager):
                     pass
             except socket.timeout:
                 self.kill()
                 raise AssertionError("%s has not told that it is up" % self.unit.name) from None
+
+    def _has_told(self, manager):
+        """Whether the next message tells that it is up. Like the manager unless told otherwise, this believes the
+        unit's main process only."""
+        credentials = struct.Struct("3i")
+        text, ancillary, _, _ = manager.recvmsg(4096, socket.CMSG_SPACE(credentials.size))
+        senders = [credentials.unpack(data)[0] for level, kind, data in ancillary
+                   if (level, kind) == (socket.SOL_SOCKET, socket.SCM_CREDENTIALS)]
+        return senders == [self.process.pid] and "READY=1" in text.decode().splitlines()
 
     def stop(self):
         """As the manager does; returns the exit status."""

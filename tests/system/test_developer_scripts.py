@@ -206,6 +206,7 @@ class Setup(Tree):
     def setUp(self):
         super().setUp()
         self.take("setup")
+        self.take("install-packages")
         self.put("stubs/apt-get", 'echo "${DEBIAN_FRONTEND:-dialog} $*" >>"%s"\n' % self.path("calls"))
         self.put("stubs/sudo", 'exec env -i PATH="$PATH" "$@"\n')
 

@@ -70,7 +70,7 @@ class Document(machine.TestCase):
         self.scratch = tempfile.mkdtemp(prefix="orv-document-", dir="/tmp")
         self.addCleanup(shutil.rmtree, self.scratch, ignore_errors=True)
         self.root = world.default_root()
-        self.build, self.install, self.upgrade, self.remove = blocks()
+        self.cross, self.build, self.install, self.upgrade, self.remove = blocks()
         execute("cpack", "-G", "TGZ", "-B", self.scratch, "--config", os.path.join(world.BUILD, "CPackConfig.cmake"))
         for archive in glob.glob(os.path.join(self.scratch, "*.tar.gz")):
             shutil.copy(archive, self.at("tmp"))
@@ -126,6 +126,8 @@ class Document(machine.TestCase):
     def test_the_commands_that_build_are_those_of_the_tree(self):
         self.assertEqual(self.build.splitlines(), [PRESET, "cmake --build --preset release",
                                                    "(cd build/release && cpack -G TGZ)"])
+        self.assertEqual(self.cross.splitlines(), ["scripts/cross", "(cd build/armmusl && cpack -G TGZ)"])
+        self.assertTrue(os.access(os.path.join(SOURCE, "scripts", "cross"), os.X_OK))
         listed = subprocess.run(["cmake", "--list-presets"], cwd=SOURCE, stdout=subprocess.PIPE, text=True, check=True).stdout
         self.assertIn('"release"', listed)
 

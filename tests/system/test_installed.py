@@ -215,6 +215,33 @@ class Served(Running):
         self.assertIn("192.0.2.7", execute("ip", "address", "show", "dev", "lo"))
 
 
+class LargeStores(Router):
+    def test_with_the_highest_limits_of_the_stores_it_keeps_events_copies_the_settings_and_serves(self):
+        self.put_in_place("runtime", "tools")
+        for key in ("/devmgmt/max_store_mib", "/karma/max_store_mib"):
+            self.orvctl("settings", "set", key, "100000")
+        self.start_units("orvexchanged", "orvbrokerd")
+        stores = json.loads(self.orvctl("status"))["stores"]
+        self.assertEqual([stores[name]["limit"] >> 20 for name in ("devices", "telemetry")], [90, 15])
+        self.assertNotEqual(self.orvctl("telemetry", "list"), "")
+
+        copy = self.at("var/settings/data.mdb.copy")
+
+        def is_copied():  # a piece per pass of the daemon's loop, and each answer ends one
+            with Client() as client:
+                return client.call("get_services_status")[1] == 0 and os.path.exists(copy)
+
+        world.wait_until(is_copied, "the settings are copied")
+        clients = [Client() for _ in range(12)]  # 4 MiB each
+        for client in clients:
+            self.addCleanup(client.close)
+            client.send(b"x" * ((4 << 20) - 1))  # no line feed: it has to be kept
+        with Client() as client:  # all that was sent is read before
+            self.assertEqual(client.call("get_services_status"), ({"status": 1}, 0))
+        for line in ("no memory", "Cannot allocate", "cannot renew"):
+            self.assertNotIn(line, self.log("orvbrokerd"))
+
+
 class Upgrade(Running):
     def test_a_version_is_put_over_a_running_one_and_nothing_is_lost(self):
         self.orvctl("settings", "set", "/registration/tuvo_name", "before the upgrade")

@@ -1,10 +1,9 @@
 """The command-line client: what it prints, where, and how it ends."""
 
-import ctypes
+import errno
 import fcntl
 import json
 import os
-import platform
 import re
 import select
 import signal
@@ -15,6 +14,7 @@ import termios
 import threading
 import time
 
+import kernel
 import world
 
 OK, FAILED, USAGE, UNAVAILABLE = 0, 1, 2, 3
@@ -70,17 +70,8 @@ class FakeDaemon:
 
 
 def forbid_connecting():
-    """Has the kernel refuse connect() to this process and its children, as a security policy would."""
-    number = {"x86_64": 42, "aarch64": 203, "armv7l": 283, "riscv64": 203}[platform.machine()]
-    load_number, return_allow, return_eperm = 0x20, 0x7fff0000, 0x00050001
-    program = b"".join(struct.pack("=HBBI", *instruction) for instruction in (
-        (load_number, 0, 0, 0), (0x15, 0, 1, number), (0x06, 0, 0, return_eperm), (0x06, 0, 0, return_allow)))
-    buffer = ctypes.create_string_buffer(program)
-    filter_program = struct.pack("@HP", len(program) // 8, ctypes.addressof(buffer))
-    libc = ctypes.CDLL(None, use_errno=True)
-    no_new_privileges, set_filter, filter_mode = 38, 22, 2
-    if libc.prctl(no_new_privileges, 1, 0, 0, 0) != 0 or libc.prctl(set_filter, filter_mode, filter_program) != 0:
-        raise OSError(ctypes.get_errno(), "seccomp")
+    """Has the kernel refuse connect(), as a security policy would."""
+    kernel.refuse({"connect": errno.EPERM})
 
 
 class WithoutDaemon(world.TestCase):

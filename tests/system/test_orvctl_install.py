@@ -76,10 +76,10 @@ class Installed(world.TestCase):
         self.assertEqual(status, 0, flags)
         for source, compiler in (("client.c", ["C"]), ("client.cpp", ["CXX", "-std=c++17"])):
             program = self.at(source + ".program")
-            command = [cache["CMAKE_%s_COMPILER" % compiler[0]], *compiler[1:], *sanitizers, "-o", program,
-                       os.path.join(SOURCE, "examples", source), *flags.split()]
+            command = [cache["CMAKE_%s_COMPILER" % compiler[0]], *cache["CMAKE_%s_FLAGS" % compiler[0]].split(), *compiler[1:],
+                       *sanitizers, "-o", program, os.path.join(SOURCE, "examples", source), *flags.split()]
             self.assertEqual(output_of(*command), (0, ""))
-            self.assertEqual(output_of(program, "call", "get_services_status"), (3, "orvbrokerd: " + NOT_RUNNING))
+            self.assertEqual(output_of(*cache["ORV_EMULATOR"].split(), program, "call", "get_services_status"), (3, "orvbrokerd: " + NOT_RUNNING))
 
     def test_the_daemon_works_on_the_installed_bus_configuration(self):
         one = self.world()

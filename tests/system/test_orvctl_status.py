@@ -88,7 +88,7 @@ class Status(world.TestCase):
         self.assertGreater(self.status(OK)["stores"]["settings"]["used"], stores["settings"]["used"] + 100000)
 
     def test_limits_of_stores_are_settings(self):
-        for devices, telemetry, shown in (("32", "8", (32, 8)), ("1", "0", (16, 2)), ("100000", "100000", (512, 64)),
+        for devices, telemetry, shown in (("32", "8", (32, 8)), ("1", "0", (16, 2)), ("100000", "100000", (96, 16)),
                                           ("many", "", (64, 16))):
             self.one.set_setting("/devmgmt/max_store_mib", devices)
             self.one.set_setting("/karma/max_store_mib", telemetry)
@@ -109,6 +109,20 @@ class Status(world.TestCase):
         self.assertEqual(seen["devices"], {"count": None, "blocked": None})
         self.assertEqual(seen["telemetry"], {"waiting": None})
         self.assertEqual(seen["stores"], {"settings": None, "tmp": None, "devices": None, "telemetry": None})
+
+    def test_without_the_settings_store_alone_it_is_no_success(self):
+        self.one.start()
+        settings = os.path.join(self.one.root, "var/settings")
+        os.rename(settings, settings + ".away")
+        self.one.write("var/settings", "in the way")
+        result = self.one.orvctl("status", env={"ORV_LOG_LEVEL": ""})
+        self.assertRegex(result.stderr, r"\Aorvctl: cannot open the settings store: .*\n\Z")
+        seen = json.loads(result.stdout)
+        self.assertEqual(seen["daemon"], {"state": "running"})
+        self.assertTrue(seen["exchange"]["reachable"])
+        self.assertEqual(seen["devices"]["count"], 0)
+        self.assertEqual([name for name, usage in seen["stores"].items() if usage is None], ["settings", "tmp"])
+        self.assertEqual(result.returncode, UNAVAILABLE)
 
     def test_people_see_one_screen(self):
         self.one.start()

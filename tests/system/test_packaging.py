@@ -146,10 +146,53 @@ class Units(world.TestCase):
             self.assertEqual(unit.one("Type"), "notify")
 
     def test_a_greedy_request_fails_before_the_daemon_is_ended(self):
-        """The stores map 180 MiB that are not memory; what is left of the address space is less than what ends it."""
+        """What the stores map is not memory; what is left of the address space is less than what ends it."""
         broker, exchange = self.units["orvbrokerd"], self.units["orvexchanged"]
-        self.assertLess(int(broker.one("LimitAS")[:-1]) - 180, int(broker.one("MemoryMax")[:-1]))
+        normal, _ = self.mapped()
+        self.assertLess(int(broker.one("LimitAS")[:-1]) - normal, int(broker.one("MemoryMax")[:-1]))
         self.assertLess(int(exchange.one("LimitAS")[:-1]), int(exchange.one("MemoryMax")[:-1]))
+
+    def test_the_stores_fit_however_large_they_may_be_set(self):
+        """And while the copy of settings that are full is made, with 20 MiB for the program, and some clients."""
+        _, most = self.mapped()
+        settings_copy = self.STORES["var/settings"] + 1
+        clients = 3 * 8
+        self.assertGreaterEqual(int(self.units["orvbrokerd"].one("LimitAS")[:-1]), most + settings_copy + 20 + clients)
+
+    # In MiB; a test of the stores holds the document to them.
+    STORES = {"var/settings": 64, "var/devices": 64, "var/telemetry": 16, "tmp/settings": 32}
+
+    def mapped(self):
+        """The MiB that the stores map, as the document has them: unless set otherwise, and at most."""
+        with open(os.path.join(PACKAGING, "..", "docs", "operations.md"), encoding="utf-8") as file:
+            text = file.read()
+        limits = {name: int(size) for name, size in re.findall(r"^\| `(\w+/\w+)` \| (\d+) MiB", text, re.MULTILINE)}
+        self.assertEqual(limits, self.STORES)
+        highest = {name: int(size) for name, size in re.findall(
+            r"^\| `/\w+/max_store_mib` \| \d+ \| .*`(var/\w+)`.*, \d+ to (\d+)", text, re.MULTILINE)}
+        self.assertEqual(sorted(highest), ["var/devices", "var/telemetry"])
+        return sum(limits.values()), sum({**limits, **highest}.values())
+
+    def test_what_lies_below_the_root_can_be_written_but_for_what_is_installed(self):
+        for name, unit in self.units.items():
+            root = os.path.dirname(os.path.dirname(unit.one("ExecStart")))
+            writable = unit.one("ReadWritePaths").split()
+            read_only = [path.lstrip("-") for path in unit.one("ReadOnlyPaths").split()]
+            self.assertEqual(unit.one("ProtectSystem"), "strict")  # all else is read-only
+
+            def can_be_written(path):
+                """What is said of the nearest directory above it counts."""
+                said = {above: above in writable for above in writable + read_only
+                        if os.path.commonpath([above, path]) == above}
+                return said[max(said, key=len)] if said else False
+
+            for directory in ("", "run", "tmp", "var"):
+                self.assertTrue(can_be_written(os.path.join(root, directory).rstrip("/")), (name, directory))
+            for directory in ("bin", "etc", "lib", "share"):
+                self.assertFalse(can_be_written(os.path.join(root, directory)), (name, directory))
+            self.assertFalse(can_be_written("/etc"), name)
+        # The lock of iptables is the firewall script's.
+        self.assertIn("/run", self.units["orvbrokerd"].one("ReadWritePaths").split())
 
     def test_the_exposure_is_what_the_document_says(self):
         with open(os.path.join(PACKAGING, "..", "docs", "security.md"), encoding="utf-8") as file:

@@ -1,8 +1,9 @@
-"""A settings store that is missing, read-only, full or damaged, and a daemon killed while it writes."""
+"""Stores that are missing, read-only, full, damaged or another machine's, and a daemon killed while it writes."""
 
 import os
 import random
 import shutil
+import struct
 import subprocess
 
 import world
@@ -132,6 +133,22 @@ class Faults(world.TestCase):
         with Client() as client:
             self.assertEqual(client.call("disable_services"), (None, 0))
 
+    def test_damaged_settings_are_those_of_the_copy_that_the_daemon_has_made(self):
+        self.one.start_bus()
+        self.one.set_setting("/registration/tuvo_name", "home")
+        self.one.start_daemon()
+        store = os.path.join(self.one.root, "var", "settings")
+        copy = os.path.join(store, "data.mdb.copy")
+        # It is made a piece per pass of the daemon's loop, and each answer ends one.
+        world.wait_until(lambda: self.one.answers() and os.path.exists(copy), "the daemon has made the copy")
+        self.one.stop_daemon()
+        with open(os.path.join(store, "data.mdb"), "r+b") as file:
+            file.write(b"\0" * 8192)
+        self.one.start_daemon()
+        self.assertEqual(self.one.setting("/registration/tuvo_name"), "home")
+        damaged = [text for text in self.one.messages(level=0) if text.startswith("store var/settings: ")]
+        self.assertEqual(len(damaged), 1, damaged)
+
     def check_no_signal(self, what):
         """The daemon gives up in good order, or serves; it may then fail commands, and stops in good order."""
         process = self.one.daemon = self.one.launch()
@@ -171,6 +188,56 @@ class Faults(world.TestCase):
             for _ in range(20):
                 file.seek(chance.randrange(8192, size))
                 file.write(chance.randbytes(64))
+
+
+class StoresOfAnotherMachine(world.TestCase):
+    """Data files of a program with another word size: nobody takes them for damaged, or for empty."""
+
+    def setUp(self):
+        super().setUp()
+        with open(world.program("orvbrokerd"), "rb") as program:
+            self.bits = 64 if program.read(5)[4] == 2 else 32
+        # The first page of such a file, as far as it tells what it is: a page's header, the magic number, the version.
+        header = 12 if self.bits == 64 else 16
+        first_page = bytes(header) + struct.pack("=II", 0xBEEFC0DE, 1)
+        self.bytes = first_page.ljust(8192, b"\0")
+        self.reason = "it was written by a %d-bit program, and this is a %d-bit one" % (96 - self.bits, self.bits)
+        self.one = self.world()
+
+    def bring_in(self, store):
+        """Puts such a file in the place of a store's; returns its path."""
+        path = os.path.join(self.one.root, "var", store, "data.mdb")
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "wb") as file:
+            file.write(self.bytes)
+        return path
+
+    def check_kept(self, path):
+        with open(path, "rb") as file:
+            self.assertEqual(file.read(), self.bytes)
+        self.assertEqual([name for name in os.listdir(os.path.dirname(path)) if name.startswith("data.mdb")], ["data.mdb"])
+
+    def test_settings_and_devices_keep_the_daemon_from_starting_with_a_line_that_says_why(self):
+        self.one.start_bus()
+        for store, command in (("settings", ("settings", "get", "/protection/enabled")), ("devices", ("device", "list"))):
+            path = self.bring_in(store)
+            self.assertEqual(self.one.launch().wait(world.DEADLINE), 1)
+            self.assertIn("store var/%s: cannot use the data file: %s" % (store, self.reason), self.one.messages(level=0))
+            result = self.one.orvctl(*command)
+            self.assertEqual((result.returncode, result.stdout), (3, ""))
+            self.assertRegex(result.stderr, "(?m)^orvctl: cannot open the .*: %s: %s$" % (path, self.reason))
+            self.check_kept(path)
+            os.rename(path, path + ".kept")
+        self.one.start_daemon()
+        with Client() as client:
+            self.assertEqual(client.call("disable_services"), (None, 0))
+
+    def test_telemetry_is_sent_without_being_kept(self):
+        path = self.bring_in("telemetry")
+        self.one.start()
+        line = "telemetry: events are sent without being kept: %s: cannot use the data file: %s" % (path, self.reason)
+        self.one.wait_for_log(line)
+        self.check_kept(path)
 
 
 class Kills(world.TestCase):

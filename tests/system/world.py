@@ -27,6 +27,7 @@ BROKER = os.environ.get("ORV_TEST_BROKER")
 BROKER_CONFIGURATION = os.environ.get("ORV_TEST_BROKER_CONFIGURATION")
 DEADLINE = 30  # seconds; generous, since machines that test are busy
 _IN_NAMESPACE = "ORV_TEST_IN_NAMESPACE"
+_NOT_EMULATED = os.environ.get("ORV_TEST_NOT_EMULATED")  # the list of tests that an emulator cannot run, where there is one
 
 # What the log library puts in front of a message, with the source's place after it.
 _LOG_LINE = re.compile(
@@ -65,6 +66,12 @@ def default_root():
 
 def program(name):
     return os.path.join(BIN, name)
+
+
+def is_32_bit():
+    """Whether the programs under test run as such here: behind an emulator they do not."""
+    with open(program("orvbrokerd"), "rb") as file:
+        return file.read(5) == b"\x7fELF\1"
 
 
 def wait_until(condition, what, deadline=DEADLINE):
@@ -217,10 +224,10 @@ class World:
         self.bus.wait(DEADLINE)
         self.bus = None
 
-    def launch(self, log=None, **extra):
-        """Starts a daemon without waiting for it."""
+    def launch(self, log=None, before=None, **extra):
+        """Starts a daemon without waiting for it; `before` is called in its process before it runs."""
         with open(log or self.log_path, "ab") as stderr:
-            process = subprocess.Popen([program("orvbrokerd")], env=self.environment(**extra),
+            process = subprocess.Popen([program("orvbrokerd")], env=self.environment(**extra), preexec_fn=before,
                                        stdin=subprocess.DEVNULL, stdout=stderr, stderr=stderr)
         self.launched.append(process)
         return process
@@ -463,11 +470,23 @@ class DeviceWriter(Helper):
         return None if text.startswith("failed") else json.loads(text)
 
 
+def not_emulated():
+    """Why which tests are not run by an emulator, by their names."""
+    if not _NOT_EMULATED:
+        return {}
+    with open(_NOT_EMULATED, encoding="utf-8") as file:
+        return dict(re.findall(r"^([^#:\n]+): (.+)$", file.read(), re.MULTILINE))
+
+
 class TestCase(unittest.TestCase):
     """A test whose worlds end with it, and whose failure comes with the daemon's log."""
 
     def setUp(self):
         self.worlds = []
+        program_name = os.path.splitext(os.path.basename(sys.argv[0]))[0]
+        reason = not_emulated().get("system.%s %s" % (program_name, self.id().removeprefix("__main__.")))
+        if reason:
+            self.skipTest(reason)
 
     def participant(self, world, name):
         """A participant that ends with the test."""

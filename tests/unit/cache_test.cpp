@@ -2,6 +2,8 @@
 
 #include "support/fixture.h"
 
+#include "instants.h"
+
 #include <orvutils/orvcommon/cache.h>
 
 namespace orv::test {
@@ -112,6 +114,20 @@ TEST_F(BoundedCache, TakesEntriesFromTheFutureForYoung)
     TestClock::seconds -= 500; // the clock was set back
     EXPECT_FALSE(cache.add("b", "2"));
     EXPECT_TRUE(cache.exists("a", "1"));
+}
+
+TEST_F(BoundedCache, KnowsTheAgeOfItsEntriesWhateverTheTimeIs)
+{
+    for (const Instant& instant : kInstants) {
+        TestClock::seconds = instant.seconds;
+        TestCache cache(1, 10);
+        EXPECT_TRUE(cache.add("a", "1"));
+        TestClock::seconds += 9;
+        EXPECT_FALSE(cache.add("b", "2")) << instant.text;
+        TestClock::seconds += 1;
+        EXPECT_TRUE(cache.add("b", "2")) << instant.text;
+        EXPECT_EQ(platform->take_logs(), full);
+    }
 }
 
 TEST_F(BoundedCache, WithoutRoomRejectsEverything)

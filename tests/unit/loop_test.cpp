@@ -2,10 +2,12 @@
 
 #include "support/fixture.h"
 
+#include "instants.h"
 #include "orvbrokerd.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
 #include <memory>
 #include <optional>
@@ -419,6 +421,29 @@ TEST_F(MainLoop, TellsOfARefusedUserAtMostOnceASecond)
                              {1, "refused a client of user 4242"}}));
 }
 
+TEST_F(MainLoop, TellsOfARefusedUserWhateverTheTimeIs)
+{
+    std::vector<std::unique_ptr<Client>> clients;
+    platform->settings[kAllowed] = "1";
+    platform->peer_uid = kOther;
+    const auto refuse_at = [&](std::time_t now) {
+        platform->on_wait([&, now] {
+            platform->now = now;
+            clients.push_back(std::make_unique<Client>());
+            clients.back()->connect();
+        });
+    };
+    std::vector<std::int64_t> times = {0}; // when nobody has been told of yet
+    for (const Instant& instant : kInstants)
+        times.push_back(instant.seconds);
+    for (const std::int64_t time : times) {
+        refuse_at(time);
+        refuse_at(time);
+    }
+    run();
+    EXPECT_EQ(logs(), fake::Logs(times.size(), {1, "refused a client of user 4242", {}, {}}));
+}
+
 TEST_F(MainLoop, IsNotMadeToTellWithoutEndByManyUsers)
 {
     std::vector<std::unique_ptr<Client>> clients;
@@ -481,23 +506,54 @@ TEST_F(MainLoop, KeepsToTheListThatItReadLastWhileTheSettingsCannotBeRead)
     run();
 }
 
+/// In a process that has read no list yet.
+TEST_F(MainLoop, AdmitsNobodyElseWhileItHasNeverReadTheList)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // which begins the program anew
+    const auto live = [this] {
+        Client refused;
+        Client admitted;
+        platform->setting_errors[kAllowed] = 2;
+        platform->peer_uid = kOther;
+        connect(refused);
+        platform->on_wait([&] {
+            EXPECT_TRUE(refused.is_closed());
+            platform->peer_uid = 0;
+            admitted.connect();
+        });
+        platform->on_wait([&] { EXPECT_FALSE(admitted.is_closed()); });
+        run();
+        EXPECT_EQ(logs(), lines({{1, "refused a client of user 4242"},
+                                 {4, "new client socket " + number("client2") + " is connected"}}));
+    };
+    EXPECT_EXIT(
+        {
+            live();
+            std::exit(HasFailure() ? 1 : 0);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
 struct AcceptFailure {
     const char* name;
     const char* kind; ///< of memory
     unsigned n;
     const char* logged;
+    const char* allowed; ///< the list of users, another one than the last
 };
 
 TEST_F(MainLoop, ClosesAClientThatItHasNoMemoryForAndServesTheNextOne)
 {
     const AcceptFailure failures[] = {
-        {"the connection", "new", 1, "failed to create new connection"},
-        {"the send buffer", "malloc", 1, "failed to init new connection"},
-        {"the receive buffer", "malloc", 2, "failed to init new connection"},
+        {"the list of users", "throwing new", 1, "out of memory", "1,22,333"},
+        {"the connection", "new", 1, "failed to create new connection", ""},
+        {"the send buffer", "malloc", 1, "failed to init new connection", ""},
+        {"the receive buffer", "malloc", 2, "failed to init new connection", ""},
     };
     for (const AcceptFailure& failure : failures) {
         SCOPED_TRACE(failure.name);
         renew_platform();
+        platform->settings[kAllowed] = failure.allowed;
         Client first;
         Client second;
         platform->on_wait([&] {
@@ -511,7 +567,7 @@ TEST_F(MainLoop, ClosesAClientThatItHasNoMemoryForAndServesTheNextOne)
         });
         run();
 
-        const bool was_made = failure.kind != std::string("new");
+        const bool was_made = failure.kind == std::string("malloc");
         EXPECT_EQ(events_of(1), (Calls{"accept(server)", kMayConnect}) +
                                     (was_made ? Calls{"epoll_ctl(DEL, client1)", "close(client1)"}
                                               : Calls{"close(client1)"}) +
@@ -626,6 +682,65 @@ TEST_F(MainLoop, SendsTheChangedDevicesWhenTheirTimerExpires)
     run();
     EXPECT_THAT(events_of(4), ElementsAre("timer_tick(timer2)", "epoll_ctl(MOD, client1, IN|OUT)",
                                           "epoll_ctl(DEL, watch)"));
+}
+
+TEST_F(MainLoop, LosesForLackOfMemoryNoMoreThanOneEventOfABatch)
+{
+    for (unsigned n = 1, failed = 1; failed != 0; ++n) {
+        SCOPED_TRACE(n);
+        renew_platform();
+        Client subscriber;
+        Client other;
+        connect(subscriber);
+        connect(other);
+        platform->on_wait(
+            [&] { subscriber.send("{\"type\":\"subscribe\",\"name\":\"devices_list_updated\"}\n"); });
+        platform->on_wait([&] { EXPECT_EQ(subscriber.frame(), std::nullopt); });
+        platform->on_wait([&] {
+            EXPECT_EQ(subscriber.frame(), R"({"data": null, "status": 0})");
+            platform->deliver([&] {
+                devMgmt::Device device;
+                device.did = "d1";
+                platform->change_device(devMgmt::DevInfoChangeType::added, device, "");
+            });
+        });
+        platform->on_wait_give({{"timer2", EPOLLIN}, {"client2", EPOLLIN}}, [&] {
+            platform->expire("timer2");
+            other.send(kStatusRequest);
+            platform->fail_memory("throwing new", n);
+        });
+        platform->on_wait([&] {
+            failed = platform->memory_failed("throwing new") ? 1 : 0;
+            platform->fail_memory("throwing new", 0);
+            platform->expire("timer2");
+        });
+        platform->on_wait([] {});
+        platform->on_wait([&] {
+            EXPECT_EQ(subscriber.frame(), R"([{"device_id": "d1", "status": "new"}])");
+            // It fails for a lack of memory of its own only, when its connection ends.
+            EXPECT_TRUE(other.is_closed() || other.frame() == R"({"data": {"status": 1}, "status": 0})");
+        });
+        run();
+        const fake::Logs logged = logs();
+        EXPECT_EQ(std::count_if(logged.begin(), logged.end(),
+                                [](const LogLine& line) { return line.text == "out of memory"; }),
+                  failed);
+    }
+}
+
+TEST_F(MainLoop, WatchesInTheNextPassWhatItHasNoMemoryToWatch)
+{
+    Client client;
+    connect(client);
+    platform->on_wait([&] { platform->fail_memory("watch", 1); });
+    platform->on_wait([&] { client.send(kStatusRequest); });
+    platform->on_wait([] {});
+    platform->on_wait([&] { EXPECT_EQ(client.frame(), R"({"data": {"status": 1}, "status": 0})"); });
+    run();
+    EXPECT_EQ(pass(3), (Calls{"orvex_get_fd()", "epoll_ctl(MOD, exchange, IN)", kWait} + events_of(3)));
+    EXPECT_EQ(logs().at(1).text, "out of memory");
+    EXPECT_EQ(logs().at(1).function, "run");
+    EXPECT_THAT(pass(4), Contains("epoll_ctl(MOD, watch, IN)"));
 }
 
 // ---- the report of the first start

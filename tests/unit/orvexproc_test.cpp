@@ -36,6 +36,7 @@ protected:
     {
         forget_records();
         const MessageRecord message(type, data, id);
+        const fake::Fake::Inside inside;
         platform->event_callback(message.get());
     }
 
@@ -475,6 +476,71 @@ TEST_F(UserAgents, SurviveShortMemoryWithAWholeFrameOrNone)
         const bool was_told = peer.client.frame().has_value();
         EXPECT_TRUE(was_told || failed);
         EXPECT_EQ(peer.client.bytes(), "");
+    }
+}
+
+// ---- without memory
+
+TEST_F(ExchangeEvents, ThatFindNoMemoryAreLostWithALineAndTheNextOneArrives)
+{
+    struct Case {
+        const char* subscription;
+        const char* type;
+        const char* begin; ///< of the payload; another user agent is another sighting
+        const char* end;
+    };
+    for (const Case& c :
+         {Case{"va_status_changed", "va_status_changed", R"({"n": ")", "\"}"},
+          Case{"orvagent_started", "orvagent_started", "", ""},
+          Case{"device_discovery", "guster_user_agent",
+               R"({"src_ip": "1.2.3.4", "src_mac": "aa:aa:aa:aa:aa:01", "user_agent": ")", "\"}"}}) {
+        Peer peer = subscribe(c.subscription);
+        const auto arrive_as = [&](const std::string& name) {
+            arrive(c.type, c.begin + (c.begin[0] != '\0' ? name : "") + c.end);
+        };
+        for (unsigned n = 1, failed = 1; failed != 0; ++n) {
+            SCOPED_TRACE(c.type + std::to_string(n));
+            platform->fail_memory("throwing new", n);
+            arrive_as("lost " + std::string(20, 'x') + std::to_string(n));
+            failed = platform->memory_failed("throwing new") ? 1 : 0;
+            platform->fail_memory("throwing new", 0);
+            const fake::LogLine line{0, "out of memory", {}, {}};
+            EXPECT_EQ(testing::Value(platform->take_logs(), Contains(line)), failed != 0);
+            ASSERT_TRUE(drain(peer));
+            peer.client.bytes();
+            arrive_as("next " + std::string(20, 'x') + std::to_string(n));
+            ASSERT_TRUE(drain(peer));
+            EXPECT_TRUE(peer.client.frame().has_value());
+        }
+    }
+}
+
+TEST_F(ExchangeEvents, OfARegistrationThatFindNoMemoryAreLostWithALineAndTheNextOneArrives)
+{
+    Peer peer = subscribe("cloud_registration_status");
+    for (unsigned n = 1, failed = 1; failed != 0; ++n) {
+        SCOPED_TRACE(n);
+        const MessageRecord answer("0", R"({"result": "ok"})");
+        const auto tell = [&] {
+            const fake::Fake::Inside inside;
+            brokerd::orvex_cloud_registration_status_cb(const_cast<int*>(&brokerd::epollfd), answer.get());
+        };
+        platform->fail_memory("throwing new", n);
+        tell();
+        failed = platform->memory_failed("throwing new") ? 1 : 0;
+        platform->fail_memory("throwing new", 0);
+        const fake::Logs logs = platform->take_logs();
+        if (failed != 0) {
+            ASSERT_FALSE(logs.empty());
+            EXPECT_EQ(logs.back().text, "out of memory");
+            EXPECT_EQ(logs.back().function, "orvex_cloud_registration_status_cb");
+        }
+        ASSERT_TRUE(drain(peer));
+        peer.client.bytes();
+        tell();
+        ASSERT_TRUE(drain(peer));
+        EXPECT_EQ(peer.client.frame(), R"({"successful": true})");
+        forget_records();
     }
 }
 

@@ -239,6 +239,44 @@ TEST_F(StartUp, GoesOnWithoutMemoryForTheListOfSubscriptions)
     }
 }
 
+TEST_F(StartUp, WithoutMemoryAnywhereFailsOrTheDaemonServesOrStopsInOrder)
+{
+    platform.reset();
+    const std::set<int> descriptors = open_descriptors();
+    for (const char* kind : {"throwing new", "watch"}) {
+        for (unsigned n = 1, failed = 1; failed != 0; ++n) {
+            SCOPED_TRACE(kind + std::to_string(n));
+            renew_platform();
+            platform->fail_memory(kind, n);
+            Client client;
+            bool is_served = false;
+            platform->on_wait([&] {
+                failed = platform->memory_failed(kind) ? 1 : 0;
+                platform->fail_memory(kind, 0);
+                client.connect();
+            });
+            platform->on_wait(
+                [&] { client.send("{\"type\":\"command\",\"name\":\"get_services_status\"}\n"); });
+            platform->on_wait([] {});
+            platform->on_wait(
+                [&] { is_served = client.frame() == R"({"data": {"status": 1}, "status": 0})"; });
+            const int status = run_daemon();
+            const Logs logs = platform->take_logs();
+            ASSERT_FALSE(logs.empty());
+            EXPECT_EQ(logs.back(), (LogLine{2, "stop orv broker daemon", {}, {}}));
+            if (!is_served) {
+                failed = 1;
+                EXPECT_THAT(logs, Contains(error("out of memory")));
+            }
+            EXPECT_EQ(status, is_served || logs.back().function == "run" ? 0 : 1);
+            client.close();
+            platform.reset();
+            ASSERT_EQ(open_descriptors(), descriptors);
+            ASSERT_FALSE(HasFailure());
+        }
+    }
+}
+
 TEST_F(StartUp, WithoutAStopDescriptorEndsAtOnceWithStatus1)
 {
     platform->fail("Instance::on_stop_pipe()");

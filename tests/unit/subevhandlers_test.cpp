@@ -7,6 +7,8 @@
 #include "subevhandlers.h"
 
 #include <cstdint>
+#include <functional>
+#include <string>
 
 namespace orv::test {
 namespace {
@@ -379,6 +381,7 @@ protected:
         platform->settings["/tmp/subscription/global/status"] = status;
         platform->settings["/tmp/subscription/global/expiry"] = std::to_string(when);
         forget_records();
+        const fake::Fake::Inside inside;
         return on_subscription_changed_cb(epoll);
     }
 
@@ -503,6 +506,81 @@ TEST_F(SubscriptionChange, SurvivesShortMemoryWithTheWholeEventOrNone)
         else
             EXPECT_THAT(received, IsEmpty());
     }
+}
+
+// ---- without memory
+
+class ChangesWithoutMemory : public SubscriptionChange {
+protected:
+    /// Tells of a change with each allocation failing in turn: it is lost with one line. The next one, with another
+    /// number, arrives.
+    void starve(const char* event, const char* function, const std::function<void(unsigned)>& tell,
+                const std::function<std::string(unsigned)>& expected)
+    {
+        Peer peer = subscribe(event);
+        for (unsigned n = 1, failed = 1; failed != 0; ++n) {
+            SCOPED_TRACE(event + std::to_string(n));
+            platform->fail_memory("throwing new", n);
+            tell(2 * n);
+            failed = platform->memory_failed("throwing new") ? 1 : 0;
+            platform->fail_memory("throwing new", 0);
+            const fake::Logs logs = platform->take_logs();
+            if (failed != 0) {
+                ASSERT_FALSE(logs.empty());
+                EXPECT_EQ(logs.back(), (fake::LogLine{0, "out of memory", {}, {}}));
+                EXPECT_EQ(logs.back().function, function);
+            }
+            (void)frames(peer);
+            tell(2 * n + 1);
+            EXPECT_THAT(frames(peer), ElementsAre(expected(2 * n + 1)));
+            forget_records();
+        }
+    }
+};
+
+TEST_F(ChangesWithoutMemory, OfAFieldAreLostWithALineAndTheNextOneArrives)
+{
+    const auto named = [](unsigned number) { return std::string(20, 'x') + std::to_string(number); };
+    starve(
+        "device_discovery", "on_device_info_change_old_cb",
+        [&](unsigned number) {
+            Device dev = device();
+            dev.device_os = named(number);
+            const std::string field = "device_os";
+            const fake::Fake::Inside inside;
+            on_device_info_change_old_cb(DevInfoChangeType::updated, dev, field);
+        },
+        [&](unsigned number) {
+            return R"({"mac": "aa:bb:cc:00:00:01", "device_os": ")" + named(number) + "\"}";
+        });
+}
+
+TEST_F(ChangesWithoutMemory, ForTheListAreLostWithALineAndTheNextOneArrives)
+{
+    const auto named = [](unsigned number) { return std::string(20, 'x') + std::to_string(number); };
+    starve(
+        "devices_list_updated", "on_device_info_change_cb",
+        [&](unsigned number) {
+            const Device dev = make_device(named(number));
+            {
+                const fake::Fake::Inside inside;
+                on_device_info_change_cb(DevInfoChangeType::added, dev, {});
+            }
+            if (number % 2 == 1) {
+                EXPECT_EQ(process_cached_events(brokerd::epollfd), 0);
+            } else {
+                g_events_cache.clear(); // of what was not lost
+            }
+        },
+        [&](unsigned number) { return R"([{"device_id": ")" + named(number) + R"(", "status": "new"}])"; });
+}
+
+TEST_F(ChangesWithoutMemory, OfTheSubscriptionAreLostWithALineAndTheNextOneArrives)
+{
+    starve(
+        "subscription_changed", "on_subscription_changed_cb",
+        [&](unsigned) { (void)report("valid", ++expiry); },
+        [&](unsigned) { return R"({"status": "valid", "expiry": )" + std::to_string(expiry) + "}"; });
 }
 
 } // namespace

@@ -22,6 +22,7 @@ using brokerd::send_json;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
 
 const std::string kDone = R"({"data": null, "status": 0})";
 const std::string kFailed = R"({"data": null, "status": -1})";
@@ -325,6 +326,31 @@ TEST_F(Subscription, ToldToSendWhatCannotBeSerialisedQueuesNothing)
     platform->fail_json_allocation(0);
     EXPECT_EQ(peer.conn->tx.pending(), 0U);
     EXPECT_TRUE(platform->take_logs().empty());
+}
+
+TEST_F(Subscription, ThatLacksMemoryAnywhereNamesTheConnectionNowhereOnceItHasEnded)
+{
+    for (const char* event : {"device_discovery", "subscription_changed"}) {
+        for (unsigned n = 1, failed = 1; failed != 0; ++n) {
+            SCOPED_TRACE(event + std::to_string(n));
+            Peer peer = connect();
+            const brokerd::Connection* conn = peer.conn;
+            platform->fail_memory("throwing new", n);
+            const bool stays = receive(peer, subscription(event) + "\n");
+            failed = platform->memory_failed("throwing new") ? 1 : 0;
+            platform->fail_memory("throwing new", 0);
+            EXPECT_NE(stays, failed != 0);
+            if (stays)
+                destroy(peer);
+            EXPECT_THAT(find_connections(event), Not(Contains(conn)));
+            for (const auto& [name, callbacks] : g_exchange_subscriptions) {
+                for (const auto& [callback, conns] : callbacks) {
+                    EXPECT_THAT(conns, Not(Contains(conn))) << name;
+                }
+            }
+            forget_records();
+        }
+    }
 }
 
 TEST_F(Subscription, QueuesWithoutWatchingWhileThereIsNoLoop)

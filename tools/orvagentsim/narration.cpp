@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <ctime>
 #include <iterator>
 #include <string>
@@ -16,14 +15,12 @@ namespace {
 
 std::string time_of_day()
 {
-    using std::chrono::milliseconds;
-    const auto now = std::chrono::system_clock::now();
-    const auto since = std::chrono::duration_cast<milliseconds>(now.time_since_epoch()).count();
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+    timespec now{};
+    (void)::clock_gettime(CLOCK_REALTIME, &now); // cannot fail for this clock
     std::tm local{};
-    localtime_r(&seconds, &local);
+    ::localtime_r(&now.tv_sec, &local);
     return fmt::format("{:02d}:{:02d}:{:02d}.{:03d}", local.tm_hour, local.tm_min, local.tm_sec,
-                       since % 1000);
+                       now.tv_nsec / 1000000);
 }
 
 /// What others wrote must not begin a line of its own or steer a terminal.

@@ -18,6 +18,7 @@
 #include <orvutils/version.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 namespace orvctl {
@@ -27,6 +28,8 @@ using orvbroker::Error;
 
 /// How long the daemon may take for one answer: it has all of these at hand.
 constexpr std::chrono::milliseconds kAnswerTimeout{5000};
+
+constexpr std::array kStores = {"settings", "tmp", "devices", "telemetry"}; ///< their names in the output
 
 const char* text_of(Error error)
 {
@@ -183,7 +186,7 @@ std::string fullness(const orv::JsonPtr& status)
 {
     constexpr json_int_t kMebibyte = 1048576;
     std::string text;
-    for (const char* name : {"settings", "tmp", "devices", "telemetry"}) {
+    for (const char* name : kStores) {
         const json_t* store = at(status, "stores", name);
         const auto mebibytes = [&](const char* member) {
             const json_int_t bytes = json_integer_value(json_object_get(store, member));
@@ -219,7 +222,9 @@ void print_screen(const orv::JsonPtr& status, Output& output)
 
 bool is_all_up(const orv::JsonPtr& status, Error daemon)
 {
+    const auto is_open = [&](const char* store) { return json_is_object(at(status, "stores", store)); };
     return daemon == Error::none && json_is_true(at(status, "exchange", "reachable")) &&
+           std::all_of(kStores.begin(), kStores.end(), is_open) &&
            json_is_integer(at(status, "devices", "count")) &&
            json_is_integer(at(status, "telemetry", "waiting"));
 }

@@ -31,7 +31,7 @@ struct Allowed {
 /// A user, as far as the kernel could tell, and when he was told of.
 struct Told {
     std::optional<uid_t> uid;
-    std::time_t at = 0;
+    std::optional<std::time_t> at; ///< empty for nobody yet
 };
 
 Allowed g_allowed;
@@ -57,9 +57,9 @@ void read_allowed(log::Caller caller)
 }
 
 /// Whether a second has passed, whatever else has happened to the clock.
-bool is_past(std::time_t at, std::time_t now)
+bool is_past(std::optional<std::time_t> at, std::time_t now)
 {
-    return now < at || now > at + 1;
+    return !at || now < *at || now > *at + 1;
 }
 
 /// Whether a line about this user is due.
@@ -67,7 +67,7 @@ bool is_to_be_told(std::optional<uid_t> uid)
 {
     const std::time_t now = std::time(nullptr);
     auto place = std::find_if(g_told.begin(), g_told.end(),
-                              [uid](const Told& told) { return told.at != 0 && told.uid == uid; });
+                              [uid](const Told& told) { return told.at && told.uid == uid; });
     if (place == g_told.end())
         place = std::find_if(g_told.begin(), g_told.end(),
                              [now](const Told& told) { return is_past(told.at, now); });

@@ -11,6 +11,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <string>
+
 namespace orv::brokerd {
 namespace {
 
@@ -27,14 +29,14 @@ int create_server_socket(const char* text)
         return -1;
     }
 
+    const std::string name = address.to_string(/*with_family=*/false); // while there is nothing to be lost
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
     if (fd == -1) {
         ORV_LOG(log::kError, "failed to create socket");
         return -1;
     }
     if (bind(fd, address, address) == -1) {
-        ORV_LOG(log::kError, "failed to bind socket {:d} to {:s}", fd,
-                address.to_string(/*with_family=*/false));
+        ORV_LOG(log::kError, "failed to bind socket {:d} to {:s}", fd, name);
         (void)close_server_socket(fd); // gone either way
         return -1;
     }
@@ -43,8 +45,7 @@ int create_server_socket(const char* text)
         (void)close_server_socket(fd); // as above
         return -1;
     }
-    ORV_LOG(log::kDebug, "listening for connections on socket {:d} ({:s})\n", fd,
-            address.to_string(/*with_family=*/false));
+    ORV_LOG(log::kDebug, "listening for connections on socket {:d} ({:s})\n", fd, name);
     return fd;
 }
 

@@ -7,6 +7,7 @@
 
 #include "settings_store.h"
 
+#include <orvbase/without_throwing.h>
 #include <orvstore/notify.h>
 #include <orvutils/log_format.h>
 
@@ -234,7 +235,14 @@ MonitoredKey::~MonitoredKey()
 
 int MonitoredKey::get_fd() const
 {
-    return m_watch->get().is_active() ? store::notify::descriptor() : -1;
+    if (!m_watch->get().is_active())
+        return -1;
+    // Their copy is to be renewed even if no durable key is watched. Without memory the next call will do.
+    (void)base::without_throwing(false, [] {
+        detail::durable_settings().look_after();
+        return true;
+    });
+    return store::notify::descriptor();
 }
 
 void MonitoredKey::read_notifications()

@@ -261,6 +261,11 @@ Environment& settings_environment(const SettingsKey& key)
     return key.is_volatile() ? environments().volatile_keys : environments().durable;
 }
 
+Environment& durable_settings()
+{
+    return environments().durable;
+}
+
 Environment& volatile_settings()
 {
     return environments().volatile_keys;

@@ -32,6 +32,7 @@ constexpr store::Journal kRemovalJournal{kRemovals, 512};
 constexpr store::Journal kRewriteJournal{kRewrites, 512};
 
 [[nodiscard]] store::Environment& settings_environment(const SettingsKey& key);
+[[nodiscard]] store::Environment& durable_settings();
 [[nodiscard]] store::Environment& volatile_settings();
 
 /// Tells whoever watches these durable keys that they were written, without writing them.

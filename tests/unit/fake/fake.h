@@ -151,7 +151,8 @@ public:
     void fail_nth(std::size_t n) { m_fail_nth = n; }
     /// The n-th request for memory of a kind from now on gets none, 0 for never: "malloc", "realloc", "strdup", "new"
     /// (that without exceptions) or "throwing new" (of any kind). Only the code of the daemon and of
-    /// the platform's values is meant, not that of libraries.
+    /// the platform's values is meant, not that of libraries; "watch" is what the library throws from making the
+    /// settings watch and from asking it for its descriptor.
     void fail_memory(const std::string& kind, unsigned n = 1) { m_memory[kind] = n; }
     /// Each request for memory of a kind from now on gets none.
     void fail_all_memory(const std::string& kind) { m_memory[kind] = kAll; }

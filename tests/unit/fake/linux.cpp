@@ -65,7 +65,6 @@ int __real_socket(int domain, int type, int protocol);
 int __real_bind(int fd, const sockaddr* address, socklen_t length);
 int __real_listen(int fd, int backlog);
 int __real_accept(int fd, sockaddr* address, socklen_t* length);
-int __real_getsockopt(int fd, int level, int option, void* value, socklen_t* length);
 int __real_close(int fd);
 ssize_t __real_recv(int fd, void* data, std::size_t size, int flags);
 ssize_t __real_send(int fd, const void* data, std::size_t size, int flags);
@@ -152,16 +151,24 @@ int __wrap_accept(int fd, sockaddr* address, socklen_t* length)
     return client;
 }
 
+#if defined __GLIBC__ && __SIZEOF_LONG__ != 8 // options may be times, for which it has functions of their own
+#define GETSOCKOPT(prefix) prefix##__getsockopt64
+#else
+#define GETSOCKOPT(prefix) prefix##getsockopt
+#endif
+
+int GETSOCKOPT(__real_)(int fd, int level, int option, void* value, socklen_t* length);
+
 /// The daemon asks for nothing but who has connected.
-int __wrap_getsockopt(int fd, int level, int option, void* value, socklen_t* length)
+int GETSOCKOPT(__wrap_)(int fd, int level, int option, void* value, socklen_t* length)
 {
     const Fake::Calm calm;
     Fake* fake = Fake::current();
     if (!fake)
-        return __real_getsockopt(fd, level, option, value, length);
+        return GETSOCKOPT(__real_)(fd, level, option, value, length);
     if (fake->fails("getsockopt(" + fake->name(fd) + ")"))
         return -1;
-    const int result = __real_getsockopt(fd, level, option, value, length);
+    const int result = GETSOCKOPT(__real_)(fd, level, option, value, length);
     if (result == 0 && fake->peer_uid)
         static_cast<ucred*>(value)->uid = *fake->peer_uid;
     return result;

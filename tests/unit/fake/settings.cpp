@@ -191,6 +191,16 @@ int unlockKey(const std::string& key)
 
 // ---- the watch
 
+namespace {
+
+void need_memory()
+{
+    if (platform().memory_fails("watch"))
+        throw std::bad_alloc();
+}
+
+} // namespace
+
 class MonitoredKey::Watch {
 public:
     Watch(const char* key, void* user) : m_key(key), m_user(user) {}
@@ -203,6 +213,7 @@ MonitoredKey::MonitoredKey(const char* key, Callback callback, bool notify_now, 
     : m_watch(std::make_unique<Watch>(key, user))
 {
     const Fake::Calm calm;
+    need_memory();
     platform().note("MonitoredKey(" + m_watch->m_key.str() + (notify_now ? ", true, " : ", false, ") +
                     (user ? "user" : "null") + (keep ? ", true)" : ", false)"));
     platform().watch_callback = std::move(callback);
@@ -218,6 +229,7 @@ MonitoredKey::~MonitoredKey()
 int MonitoredKey::get_fd() const
 {
     const Fake::Calm calm;
+    need_memory();
     return platform().fails("MonitoredKey::get_fd()") ? -1 : platform().fd("watch");
 }
 

@@ -4,9 +4,13 @@
 
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 
 /// The monotonic clock, which does not jump when the time is set.
 namespace orv::base {
+
+// The time of day goes on after 2038 everywhere; compile-options.cmake sees to it that it can.
+static_assert(sizeof(std::time_t) == 8, "the C library has to be asked for a time_t of 64 bits");
 
 using Clock = std::chrono::steady_clock;
 using TimePoint = Clock::time_point;

@@ -11,6 +11,7 @@ struct FileState {
     dev_t device = 0;
     ino_t inode = 0;
     off_t size = 0;
+    std::int64_t modified_s = 0; ///< since 1970; apart, as nanoseconds alone would end in 2262
     std::int64_t modified_ns = 0;
 
     [[nodiscard]] bool is_same_file(const FileState& other) const
@@ -19,7 +20,8 @@ struct FileState {
     }
     [[nodiscard]] bool is_unchanged(const FileState& other) const
     {
-        return is_same_file(other) && size == other.size && modified_ns == other.modified_ns;
+        return is_same_file(other) && size == other.size && modified_s == other.modified_s &&
+               modified_ns == other.modified_ns;
     }
 };
 
