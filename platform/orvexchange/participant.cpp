@@ -9,7 +9,8 @@
 // lost connection, and a listener that accepts nobody, is tried again after a time that doubles.
 //
 // An event is subscribed to as soon as its match rule is on its way to the bus, and no longer when the bus
-// refuses it: what is missing is asked for again whenever a list is given, and when joining.
+// refuses it: what is missing is asked for again whenever a list is given, when joining, and after a while by
+// itself.
 //
 // Answers are matched with requests by serial number in a table of our own rather than with libdbus' pending
 // calls: these bring a timer each, where one alarm for the oldest deadline does.
@@ -51,6 +52,8 @@ namespace {
 constexpr milliseconds kJoinTime{10000};
 constexpr milliseconds kFirstRetryDelay{100};
 constexpr milliseconds kMaxRetryDelay{5000};
+/// What could not be subscribed to is asked for again after this time.
+constexpr milliseconds kSubscribeDelay{1000};
 constexpr int kDefaultRequestTimeMs = 60000;
 /// Messages handed over in one pass.
 constexpr int kMaxPerPass = 16;
@@ -202,7 +205,7 @@ bool Orvex::send_join_calls()
         return false;
     if (has_claim)
         m_claim = post(m_observer ? make_monitor_call() : make_name_claim(bus_name(m_name)));
-    return m_claim != 0 && add_matches();
+    return m_claim != 0 && add_matches(/*is_retry=*/false);
 }
 
 bool Orvex::wait_until_joined(TimePoint end)
@@ -277,6 +280,7 @@ void Orvex::leave(const ShortText& reason)
     m_origins.clear();
     m_owed_count = 0;
     m_matches.clear();
+    m_subscribe_at.reset();
     if (m_auto_reconnect) {
         m_retry_at = Clock::now() + m_retry_delay;
         m_retry_delay = std::min(2 * m_retry_delay, kMaxRetryDelay);
@@ -358,6 +362,10 @@ void Orvex::expire()
             break;
         answer(*request, kTypeNoAnswer, bytes_of("timed out"));
     }
+    if (m_subscribe_at && *m_subscribe_at <= now) {
+        m_subscribe_at.reset();
+        (void)change_matches(/*is_retry=*/true); // else it is tried once more
+    }
     if (m_join_by && *m_join_by <= now)
         leave(ShortText{"the exchange does not answer"});
     if (m_retry_at && *m_retry_at <= now)
@@ -379,6 +387,8 @@ void Orvex::settle()
         m_alarm.ring_by(Clock::now() + kFirstRetryDelay);
     if (const auto deadline = m_requests.next_deadline())
         m_alarm.ring_by(*deadline);
+    if (m_subscribe_at)
+        m_alarm.ring_by(*m_subscribe_at);
     if (m_join_by)
         m_alarm.ring_by(*m_join_by);
     if (m_retry_at)
@@ -443,11 +453,13 @@ void Orvex::on_reply(DBusMessage& reply)
 void Orvex::on_refused_match(std::uint32_t serial, const char* why)
 {
     const auto found = std::find_if(m_matches.begin(), m_matches.end(),
-                                    [serial](const auto& match) { return match.second == serial; });
+                                    [serial](const auto& match) { return match.second.serial == serial; });
     if (found == m_matches.end())
-        return; // the answer to something that nobody waits for any more
-    ORVEX_LOG(orv::log::kWarning, "the exchange refuses a subscription: {}", why);
+        return;                  // the answer to something that nobody waits for any more
+    if (!found->second.is_retry) // else it was told
+        ORVEX_LOG(orv::log::kWarning, "the exchange refuses a subscription: {}", why);
     m_matches.erase(found);
+    m_subscribe_at = Clock::now() + kSubscribeDelay;
 }
 
 /// A message that could not be worked on. Whoever waits for an answer gets an error: its sender when it is a
@@ -609,16 +621,15 @@ std::uint64_t Orvex::remember(Origin origin)
 
 // ---- what is sent
 
-/// The list counts from now on whatever becomes of it: what is missing is asked for the next time.
+/// The list counts from now on whatever becomes of it: what is missing is asked for again.
 int Orvex::subscribe(std::set<std::string, std::less<>> events)
 {
     if (m_observer)
         return -1;
     m_events = std::move(events);
-    const bool is_removed = m_link && remove_matches(); // first: the bus may have no more room otherwise
-    const bool is_added = m_link && add_matches();
+    const bool is_changed = m_link && change_matches(/*is_retry=*/false);
     settle();
-    return m_state == State::joined && is_removed && is_added ? 0 : -1;
+    return m_state == State::joined && is_changed ? 0 : -1;
 }
 
 int Orvex::send_request(const Target& target, Bytes data, void (*callback)(void*, const Message*), void* arg)
@@ -691,21 +702,31 @@ int Orvex::send(const MessagePtr& message)
     return is_sent ? 0 : -1;
 }
 
+/// Asks the bus for what makes its subscriptions those of the list.
+bool Orvex::change_matches(bool is_retry)
+{
+    const bool is_removed = remove_matches(); // first: the bus may have no more room otherwise
+    const bool is_changed = add_matches(is_retry) && is_removed;
+    if (!is_changed)
+        m_subscribe_at = Clock::now() + kSubscribeDelay;
+    return is_changed;
+}
+
 /// Asks the bus for all subscriptions that it has not been asked for.
-bool Orvex::add_matches()
+bool Orvex::add_matches(bool is_retry)
 {
     bool are_all_sent = true;
     for (const std::string& event : m_events)
-        are_all_sent &= m_matches.find(event) != m_matches.end() || add_match(event);
+        are_all_sent &= m_matches.find(event) != m_matches.end() || add_match(event, is_retry);
     return are_all_sent;
 }
 
-bool Orvex::add_match(const std::string& event)
+bool Orvex::add_match(const std::string& event, bool is_retry)
 {
     try {
-        const auto match = m_matches.emplace(event, 0).first;
-        match->second = change_match("AddMatch", event);
-        if (match->second != 0)
+        const auto match = m_matches.emplace(event, Match{0, is_retry}).first;
+        match->second.serial = change_match("AddMatch", event);
+        if (match->second.serial != 0)
             return true;
         m_matches.erase(match);
     } catch (const std::exception&) { // no memory for the table: nothing was sent

@@ -8,6 +8,7 @@
 #include <orvbase/root.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -37,28 +38,53 @@ struct flock first_byte(short type)
     return lock;
 }
 
-/// Where a link in a directory below the root has to lead: "../../tmp/locks/var-settings.lock".
-std::string link_target(std::string_view directory)
+/// From a directory below the root to the locks: "../../tmp/locks".
+std::string way_to_locks(std::string_view directory)
 {
-    std::string target;
+    std::string way;
     for (auto levels = std::count(directory.begin(), directory.end(), '/') + 1; levels > 0; --levels)
-        target += "../";
-    std::string name(directory);
-    std::replace(name.begin(), name.end(), '/', '-');
-    return target + kLocks + "/" + name + ".lock";
+        way += "../";
+    return way + kLocks;
 }
 
-bool leads_to(const std::string& link, const std::string& target)
+/// In the directory of the locks: "var-settings.lock".
+std::string lock_name(std::string directory)
+{
+    std::replace(directory.begin(), directory.end(), '/', '-');
+    return directory + ".lock";
+}
+
+bool is_same_directory(const std::string& one, const std::string& other)
+{
+    struct stat status {};
+    struct stat other_status {};
+    return stat(one.c_str(), &status) == 0 && stat(other.c_str(), &other_status) == 0 &&
+           status.st_dev == other_status.st_dev && status.st_ino == other_status.st_ino;
+}
+
+/// Empty when it is no link.
+std::string read_link(const std::string& name)
 {
     std::array<char, PATH_MAX> buffer{};
-    const ssize_t size = readlink(link.c_str(), buffer.data(), buffer.size());
-    return size >= 0 && std::string_view(buffer.data(), static_cast<std::size_t>(size)) == target;
+    const ssize_t size = readlink(name.c_str(), buffer.data(), buffer.size());
+    return size > 0 ? std::string(buffer.data(), static_cast<std::size_t>(size)) : std::string();
+}
+
+/// Whether what a link in `from` says is `name` in the directory `to`.
+bool leads_to(const std::string& target, const std::string& from, const std::string& to,
+              const std::string& name)
+{
+    const auto slash = target.rfind('/');
+    if (slash == std::string::npos || target.compare(slash + 1, std::string::npos, name) != 0)
+        return false;
+    const std::string parent = target.substr(0, slash);
+    return is_same_directory(target.front() == '/' ? parent : from + "/" + parent, to);
 }
 
 } // namespace
 
 LockFile::LockFile(const std::string& directory, const Layout& layout)
-    : m_layout(layout), m_name(lock_file_in(directory))
+    : m_layout(layout), m_directory(directory), m_name(lock_file_in(directory))
 {
 }
 
@@ -77,11 +103,15 @@ void LockFile::move_to_memory(bool is_in_use) const
     if (!m_layout.synced || !base::make_directories(locks, base::kDirectoryMode) ||
         !base::find_distrust(locks).directory.empty())
         return;
-    const std::string target = link_target(m_layout.directory);
-    if (leads_to(m_name, target))
+    const std::string name = lock_name(m_layout.directory);
+    if (leads_to(read_link(m_name), m_directory, locks, name))
         return;
     if (!is_in_use)
         (void)unlink(m_name.c_str()); // what cannot be removed is used
+    // A relative link holds wherever the root is. But it is followed from where the directory really is, which
+    // is not below the root when var/, say, is a link to another partition.
+    const std::string way = way_to_locks(m_layout.directory);
+    const std::string target = (is_same_directory(m_directory + "/" + way, locks) ? way : locks) + "/" + name;
     const int linked = symlink(target.c_str(), m_name.c_str());
     (void)linked; // without a link it is created where it is
 }

@@ -30,6 +30,7 @@ public:
 
 private:
     const Layout& m_layout;
+    std::string m_directory;
     std::string m_name;
 };
 

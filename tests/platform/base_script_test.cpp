@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -158,6 +159,23 @@ TEST_F(Script, OnAnOldKernelInheritsNoOtherDescriptorEither)
         for (int i = 0; i < 200; ++i)
             if (dup(STDIN_FILENO) == -1)
                 return 1;
+        g_old_kernel = true;
+        return exec_script({{"/proc/self/fd"}}, "/bin/ls", 0);
+    });
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out, "0\n1\n2\n3\n");
+}
+
+TEST_F(Script, OnAnOldKernelInheritsNoneThatIsAboveTheLimitEither)
+{
+    const Outcome outcome = in_child([] {
+        constexpr int kHigh = 900;
+        rlimit limit{};
+        if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || dup2(STDIN_FILENO, kHigh) != kHigh)
+            return 1;
+        limit.rlim_cur = 100;
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0)
+            return 2;
         g_old_kernel = true;
         return exec_script({{"/proc/self/fd"}}, "/bin/ls", 0);
     });

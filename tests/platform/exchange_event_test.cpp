@@ -315,6 +315,35 @@ TEST_F(ExchangeEvents, OneThatTheBusRefusesIsAskedForAgainWhenItComesBack)
     EXPECT_EQ(s_received.size(), 2U);
 }
 
+TEST_F(ExchangeEvents, OneThatTheBusRefusesIsAskedForAgainByItself)
+{
+    m_broker.reset();
+    m_peer.reset();
+    m_bus.kill();
+    m_bus.change_limit("max_match_rules_per_connection", "1");
+    ASSERT_TRUE(m_bus.start());
+    m_broker = join("broker");
+    ASSERT_NE(m_broker, nullptr);
+    m_peer = std::make_unique<RawPeer>(m_bus.address());
+    testing::internal::CaptureStderr();
+    ASSERT_TRUE(subscribe_and_wait({"end", "refused"}));
+    const auto comes_in = [this](std::chrono::milliseconds time) {
+        const auto end = std::chrono::steady_clock::now() + time;
+        s_received.clear();
+        return serve_until([&] {
+                   m_peer->emit("refused", "");
+                   return !s_received.empty() || std::chrono::steady_clock::now() > end;
+               }) &&
+               !s_received.empty();
+    };
+    EXPECT_FALSE(comes_in(std::chrono::milliseconds{1500})) << "it has been refused twice by now";
+    m_bus.change_limit("max_match_rules_per_connection", "2");
+    m_bus.reload();
+    EXPECT_TRUE(comes_in(kPatience));
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
+}
+
 TEST_F(ExchangeEvents, TheCallbackMaySubscribeSendAndAnswer)
 {
     s_also = [this](const Message& message) {

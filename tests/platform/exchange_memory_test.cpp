@@ -235,6 +235,30 @@ TEST_P(ExchangeMemory, AListThatCouldNotBeAskedForIsAskedForByTheNextCall)
     });
 }
 
+TEST_P(ExchangeMemory, AListThatCouldNotBeAskedForIsAskedForAfterAWhile)
+{
+    RawPeer peer(m_bus.address());
+    const char* name = "an-event-whose-name-needs-memory";
+    int last = 0; // by then the list itself is kept
+    at_each_allocation([&](int number) {
+        EXPECT_EQ(orvex_subscribe(m_broker.get(), nullptr, 0), 0);
+        const Shortage shortage(number, GetParam());
+        if (orvex_subscribe(m_broker.get(), &name, 1) != 0)
+            last = number;
+    });
+    EXPECT_EQ(orvex_subscribe(m_broker.get(), nullptr, 0), 0);
+    serve_all();
+    s_received.clear();
+    {
+        const Shortage shortage(last, GetParam());
+        EXPECT_EQ(orvex_subscribe(m_broker.get(), &name, 1), -1);
+    }
+    EXPECT_TRUE(serve_until([&] {
+        peer.emit(name, "");
+        return !s_received.empty();
+    }));
+}
+
 TEST_P(ExchangeMemory, AnAnswerThatCouldNotBeSentCanBeSentAgain)
 {
     RawPeer peer(m_bus.address());

@@ -142,6 +142,11 @@ void Bus::resume()
     send_signal(m_process, SIGCONT);
 }
 
+void Bus::reload()
+{
+    send_signal(m_process, SIGHUP);
+}
+
 void Bus::change_limit(const std::string& name, const std::string& value)
 {
     const std::string installed = m_root + "/etc/exchange.conf";

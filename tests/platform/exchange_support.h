@@ -36,6 +36,8 @@ public:
     void resume();
     /// Changes a limit of the private configuration, which start() must have written, for the next start().
     void change_limit(const std::string& name, const std::string& value);
+    /// Makes it read its configuration, which change_limit() must have written before start(), once more.
+    void reload();
     [[nodiscard]] const std::string& root() const { return m_root; }
     [[nodiscard]] std::string socket() const { return m_root + "/run/exchange.skt"; }
     [[nodiscard]] std::string address() const { return "unix:path=" + socket(); }

@@ -110,6 +110,34 @@ TEST_F(FlashTest, A_lock_file_of_an_earlier_version_is_moved_when_nobody_uses_it
     EXPECT_EQ(write(environment, "key", "value"), Error::none);
 }
 
+TEST_F(FlashTest, A_store_lies_where_its_directory_leads_to)
+{
+    for (const char* link : {"var", "var/store"}) {
+        SCOPED_TRACE(link);
+        const TemporaryRoot root;
+        const std::string name = root.path() + "/" + link;
+        const std::string disk = root.path() + "/mnt/disk/data";
+        fs::create_directories(disk);
+        fs::create_directories(fs::path(name).parent_path());
+        fs::create_directory_symlink(disk, name);
+        // As it was made where no link was; here it leads to nowhere.
+        fs::create_directories(root.path() + "/var/store");
+        fs::create_symlink("../../tmp/locks/var-store.lock", root.path() + "/var/store/lock.mdb");
+
+        Environment environment(layout());
+        ASSERT_EQ(environment.open(), Error::none);
+        ASSERT_EQ(write(environment, "key", "value"), Error::none);
+        const fs::path lock_file = root.path() + "/tmp/locks/var-store.lock";
+        EXPECT_TRUE(fs::equivalent(root.path() + "/var/store/lock.mdb", lock_file));
+        const Outcome other = in_child([]() -> int {
+            Environment own(layout());
+            REQUIRE(own.open() == Error::none);
+            return value_in(own, "key") == "value" ? 0 : 1;
+        });
+        EXPECT_EQ(other.status, 0) << other.err;
+    }
+}
+
 TEST_F(FlashTest, A_lock_file_that_is_gone_with_the_memory_is_made_anew_for_all)
 {
     Environment environment(layout());

@@ -87,7 +87,7 @@ class MemoryOfARequest(AsBefore):
 
     def test_a_device_asked_for_a_quarter_million_times_is_in_memory_once(self):
         self.put_device()
-        peak, kept = self.kept_after(lambda: neighbours.ask(neighbours.repeated_ids()))
+        peak, kept = self.kept_after(lambda: neighbours.ask(neighbours.repeated_ids(250_000)))
         # The line and its parsed form, the answer's list of references, the send buffer.
         self.assertLess(peak, 48 * 1024)
         self.assertLess(kept, 8 * 1024)

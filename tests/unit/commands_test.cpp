@@ -493,6 +493,37 @@ TEST(ResponseEnvelope, CannotBeBuiltWithoutAValue)
     EXPECT_EQ(build_response(0, nullptr), nullptr);
 }
 
+/// A list that holds an object so many times, and others between.
+json_t* repetitive(json_t* object, unsigned count)
+{
+    json_t* list = json_array();
+    json_array_append_new(list, json_string("first"));
+    for (unsigned i = 0; i < count; ++i) {
+        json_array_append(list, object);
+        if (i % 1000 == 999)
+            json_array_append_new(list, json_pack("{s:[n,b]}", "other", 1));
+    }
+    return list;
+}
+
+TEST(ResponseEnvelope, HoldsARepeatedObjectAsOftenAsItIsThere)
+{
+    // Up to 64 KiB, about, and beyond.
+    for (const unsigned count : {1U, 2U, 999U, 1000U, 3000U, 5000U, 20000U}) {
+        const JsonPtr object(json_pack("{s:s}", "a", "0123456789"));
+        json_t* list = repetitive(object.get(), count);
+        const TextPtr alone(json_dumps(list, 0));
+        const TextPtr text(build_response(0, list));
+        EXPECT_EQ(text.get(), R"({"data": )" + std::string(alone.get()) + R"(, "status": 0})");
+    }
+}
+
+TEST(ResponseEnvelope, CannotBeBuiltWhenItsLengthFindsNoRoomIn32Bits)
+{
+    const JsonPtr object(json_pack("{s:s}", "a", std::string(1 << 20, 'x').c_str()));
+    EXPECT_EQ(build_response(0, repetitive(object.get(), 4096)), nullptr);
+}
+
 TEST(ErrorObject, HasACodeAndADescription)
 {
     const JsonPtr error(build_error_response(3, "daemon received invalid command"));
@@ -508,6 +539,27 @@ TEST_F(Commands, WhoseEnvelopeCannotBeBuiltGetNoAnswerAndStayOpen)
     EXPECT_EQ(build_response(0, json_null()), nullptr);
     EXPECT_EQ(build_error_response(3, "text"), nullptr);
     platform->fail_json_allocation(0);
+
+    const JsonPtr object(json_pack("{s:s}", "a", std::string(100000, 'x').c_str()));
+    json_t* list = repetitive(object.get(), 2);
+    platform->fail_memory("throwing new");
+    const fake::Fake::Inside inside;
+    EXPECT_EQ(build_response(0, list), nullptr);
+}
+
+TEST_F(Commands, HaveAWholeEnvelopeOrNoneWhenMemoryIsShort)
+{
+    const std::string member(100000, 'x'); // too long to be kept: it is written twice
+    const std::string whole = R"({"data": {"a": ")" + member + R"("}, "status": 0})";
+    bool failed = true;
+    for (unsigned n = 1; failed; ++n) {
+        json_t* data = json_pack("{s:s}", "a", member.c_str());
+        platform->fail_json_allocation(n);
+        const TextPtr text(build_response(0, data));
+        failed = platform->json_allocation_failed();
+        platform->fail_json_allocation(0);
+        EXPECT_TRUE(failed ? text == nullptr : text.get() == whole) << n;
+    }
 }
 
 TEST_F(Commands, SurviveShortMemoryWithOneFrameAtMost)

@@ -8,7 +8,9 @@
 #include <array>
 #include <cstdint>
 #include <cstdlib>
+#include <new>
 #include <string_view>
+#include <unordered_map>
 
 namespace orv::brokerd {
 
@@ -25,10 +27,13 @@ struct BoundedText {
     static constexpr std::size_t kCapacity = std::size_t{64} * 1024;
 
     std::array<char, kCapacity> data;
-    std::size_t size; ///< of the whole text
+    std::uint64_t size; ///< of the whole text
 
     [[nodiscard]] bool is_whole() const { return size <= kCapacity; }
 };
+
+/// As much as a frame's length can tell, and memory that is addressed by 32 bits hold with a NUL.
+constexpr std::uint64_t kLongest = UINT32_MAX - 1;
 
 /// One for all, since nothing here calls itself; only what was ever used of it takes memory.
 BoundedText g_data;
@@ -41,13 +46,71 @@ bool keep(std::string_view piece, void* /*user*/)
     return true;
 }
 
-/// The size of the envelope, 0 when its data have no text. To be asked for before its pieces are.
+bool keep_text(const json_t* data)
+{
+    return dump_to(data, JSON_ENCODE_ANY, keep, /*user=*/nullptr);
+}
+
+bool is_shared(const json_t* value)
+{
+    return json_is_object(value) && value->refcount > 1;
+}
+
+/// Whether a list may hold the same object again and again.
+bool is_repetitive(const json_t* data)
+{
+    std::size_t index = 0;
+    json_t* element = nullptr;
+    json_array_foreach(data, index, element)
+    {
+        if (is_shared(element))
+            return true;
+    }
+    return false;
+}
+
+/// Keeps a list's text. A line can ask for one device a million times, which takes many seconds to write: so
+/// once it is known that the text is too long to be kept, each object is only written the first time.
+bool keep_list(const json_t* list)
+try {
+    std::unordered_map<const json_t*, std::uint64_t> sizes;
+    const auto keep_element = [&](const json_t* element) {
+        if (g_data.is_whole() || !is_shared(element))
+            return keep_text(element);
+        const auto [known, is_new] = sizes.emplace(element, 0);
+        const std::uint64_t before = g_data.size;
+        if (is_new && !keep_text(element))
+            return false;
+        if (is_new)
+            known->second = g_data.size - before;
+        else
+            g_data.size += known->second;
+        return true;
+    };
+    std::size_t index = 0;
+    json_t* element = nullptr;
+    keep("[", /*user=*/nullptr);
+    json_array_foreach(list, index, element)
+    {
+        if (index > 0)
+            keep(", ", /*user=*/nullptr);
+        if (!keep_element(element))
+            return false;
+    }
+    return keep("]", /*user=*/nullptr);
+} catch (const std::bad_alloc&) {
+    return false;
+}
+
+/// The size of the envelope, 0 when its data have no text or it is too long. To be asked for before its
+/// pieces are.
 std::size_t measure(const fmt::format_int& status, const json_t* data)
 {
     g_data.size = 0;
-    if (!dump_to(data, JSON_ENCODE_ANY, keep, /*user=*/nullptr))
+    if (!(is_repetitive(data) ? keep_list(data) : keep_text(data)))
         return 0;
-    return kBegin.size() + g_data.size + kMiddle.size() + status.size() + kEnd.size();
+    const std::uint64_t size = kBegin.size() + g_data.size + kMiddle.size() + status.size() + kEnd.size();
+    return size <= kLongest ? static_cast<std::size_t>(size) : 0;
 }
 
 /// Takes a piece of a text; false ends it.
@@ -56,15 +119,15 @@ using Take = bool (*)(std::string_view piece, void* user);
 /// The data as they were kept, or, when that is not all of them, written once more.
 bool give_data(const json_t* data, Take take, void* user)
 {
-    return g_data.is_whole() ? take({g_data.data.data(), g_data.size}, user)
+    return g_data.is_whole() ? take({g_data.data.data(), static_cast<std::size_t>(g_data.size)}, user)
                              : dump_to(data, JSON_ENCODE_ANY, take, user);
 }
 
-/// Gives the envelope that was measured, piece by piece, as long as they are taken.
-void give_envelope(const fmt::format_int& status, const json_t* data, Take take, void* user)
+/// Gives the envelope that was measured, piece by piece, as long as they are taken. True when all were.
+bool give_envelope(const fmt::format_int& status, const json_t* data, Take take, void* user)
 {
-    (void)(take(kBegin, user) && give_data(data, take, user) && take(kMiddle, user) &&
-           take({status.data(), status.size()}, user) && take(kEnd, user));
+    return take(kBegin, user) && give_data(data, take, user) && take(kMiddle, user) &&
+           take({status.data(), status.size()}, user) && take(kEnd, user);
 }
 
 bool copy(std::string_view piece, void* user)
@@ -90,13 +153,12 @@ char* build_response(int status, json_t* data)
     const JsonPtr owned(data);
     const fmt::format_int number(status);
     const std::size_t size = measure(number, data);
-    auto* response = size == 0 ? nullptr : static_cast<char*>(std::malloc(size + 1));
-    if (!response)
+    TextPtr response(size == 0 ? nullptr : static_cast<char*>(std::malloc(size + 1)));
+    char* end = response.get();
+    if (!response || !give_envelope(number, data, copy, &end))
         return nullptr;
-    char* end = response;
-    give_envelope(number, data, copy, &end);
     *end = '\0';
-    return response;
+    return response.release();
 }
 
 bool queue_response(Connection* conn, int status, json_t* data, int epfd)
@@ -107,9 +169,9 @@ bool queue_response(Connection* conn, int status, json_t* data, int epfd)
     if (size == 0)
         return false;
     const auto length = static_cast<std::uint32_t>(size);
-    const std::size_t wanted = conn->tx.pending() + sizeof length + size;
+    const std::uint64_t wanted = std::uint64_t{conn->tx.pending()} + sizeof length + size;
     conn->put(&length, sizeof length);
-    give_envelope(number, data, put, conn);
+    (void)give_envelope(number, data, put, conn); // what is missing is seen by its size
     end_if_cut(conn, wanted);
     watch_for_output(conn, epfd);
     return true;

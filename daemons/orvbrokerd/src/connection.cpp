@@ -10,8 +10,6 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
-#include <cstdint>
-
 namespace orv::brokerd {
 
 Connection::Connection(int socket)
@@ -32,7 +30,7 @@ void Connection::put(const void* data, unsigned len)
     }
 }
 
-void end_if_cut(const Connection* conn, std::size_t wanted)
+void end_if_cut(const Connection* conn, std::uint64_t wanted)
 {
     const unsigned pending = conn->tx.pending();
     if (pending < wanted && pending != kBufferMaximumSize)
@@ -42,7 +40,7 @@ void end_if_cut(const Connection* conn, std::size_t wanted)
 void put_frame(Connection* conn, std::string_view text)
 {
     const auto len = static_cast<std::uint32_t>(text.size());
-    const std::size_t wanted = conn->tx.pending() + sizeof len + text.size();
+    const std::uint64_t wanted = std::uint64_t{conn->tx.pending()} + sizeof len + text.size();
     conn->put(&len, sizeof len);
     conn->put(text.data(), len);
     end_if_cut(conn, wanted);

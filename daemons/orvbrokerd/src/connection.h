@@ -2,6 +2,7 @@
 
 #include <orvutils/connection_buffer.h>
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -38,7 +39,7 @@ struct Connection {
 
 /// Ends a connection whose send buffer holds less than `wanted` bytes for lack of memory: what would follow makes no
 /// sense to the client. What does not fit below the buffer's maximum is dropped, as ever.
-void end_if_cut(const Connection* conn, std::size_t wanted);
+void end_if_cut(const Connection* conn, std::uint64_t wanted);
 
 /// Appends one frame to a connection's send buffer: a 4-byte length in native byte order and the text.
 void put_frame(Connection* conn, std::string_view text);

@@ -157,7 +157,8 @@ bool connect_to_exchange()
 
 bool subscribe_to_exchange()
 {
-    (void)orvex_subscribe(); // the library goes on trying by itself
+    // The library goes on trying by itself; a list that there is no memory for comes with the next subscriber.
+    (void)orvex_subscribe();
     return true;
 }
 

@@ -35,12 +35,12 @@ enum class common_path : int {
     run = 6,      ///< what lives as long as the running agent
 };
 
-/// The directory of a common path; empty without memory.
+/// The directory of a common path. Throws std::bad_alloc: half a path would lead somewhere else.
 [[nodiscard]] path common_directory(common_path which);
 
 namespace detail {
 
-/// Prints the same, without a slash at its end. A program that uses no streams takes the function above: they
+/// Prints the same, without a slash at its end; without memory the stream fails. A program that uses no streams takes the function above: they
 /// would make it larger by some ten kilobytes.
 void print_common_path(std::ostream& out, common_path which);
 

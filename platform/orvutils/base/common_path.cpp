@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <new>
 
 namespace orv {
 
@@ -28,13 +27,11 @@ const char* relative_path(common_path which)
 } // namespace
 
 path common_directory(common_path which)
-try {
+{
     const std::string directory = base::root_path(relative_path(which));
     if (which == common_path::run && !base::make_directories(directory, base::kDirectoryMode))
         ORV_LOG(log::kDebug, "cannot create {}: {}, ignoring", directory, std::strerror(errno));
     return directory;
-} catch (const std::bad_alloc&) {
-    return {}; // nothing can be opened there
 }
 
 } // namespace orv

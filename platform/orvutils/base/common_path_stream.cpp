@@ -2,17 +2,16 @@
 
 #include <orvutils/path.h>
 
+#include <new>
 #include <ostream>
 
 namespace orv::detail {
 
 void print_common_path(std::ostream& out, common_path which)
-{
-    const path directory = common_directory(which);
-    if (directory.str().empty())
-        out.setstate(std::ios::failbit); // no memory
-    else
-        out << directory.str();
+try {
+    out << common_directory(which).str();
+} catch (const std::bad_alloc&) {
+    out.setstate(std::ios::failbit);
 }
 
 } // namespace orv::detail

@@ -14,9 +14,9 @@
 #include <orvbase/error_number.h>
 #include <orvutils/log_format.h>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,9 +24,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <climits>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 
 namespace orv {
@@ -39,7 +40,7 @@ using std::chrono::milliseconds;
 
 constexpr int kExecFailed = 127; ///< as shells report it
 constexpr milliseconds kPollInterval{5};
-constexpr int kFallbackDescriptorLimit = 4096;
+constexpr int kLikelyEndOfDescriptors = 65536; ///< where nobody tells
 
 using Command = std::vector<std::string>;
 
@@ -67,27 +68,39 @@ bool close_on_exec_all()
 #endif
 }
 
-void close_on_exec_up_to_limit()
+void close_on_exec_below(int end)
 {
-    rlimit limit{};
-    int end = kFallbackDescriptorLimit;
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < INT_MAX)
-        end = static_cast<int>(limit.rlim_cur);
     for (int fd = STDERR_FILENO + 1; fd < end; ++fd)
         (void)fcntl(fd, F_SETFD, FD_CLOEXEC); // fails for those that are not open
 }
 
-[[noreturn]] void become_script(char* const* words)
+[[noreturn]] void become_script(char* const* words, int end_of_descriptors)
 {
     (void)setpgid(0, 0); // the parent does it as well: whoever comes first
     restore_signals();
     if (!close_on_exec_all())
-        close_on_exec_up_to_limit();
+        close_on_exec_below(end_of_descriptors);
     execv(words[0], words);
     _exit(kExecFailed);
 }
 
 // ---- in the parent
+
+/// A number above those of all open descriptors. The limit says little of that: it may be in the millions, and
+/// those that were open before it was lowered are above it.
+int end_of_descriptors()
+{
+    struct CloseDirectory {
+        void operator()(DIR* directory) const { closedir(directory); }
+    };
+    const std::unique_ptr<DIR, CloseDirectory> directory(opendir("/proc/self/fd"));
+    if (!directory)
+        return kLikelyEndOfDescriptors;
+    int end = 0;
+    while (const dirent* entry = readdir(directory.get()))
+        end = std::max(end, std::atoi(entry->d_name) + 1); // 0 for "." and ".."
+    return end;
+}
 
 /// A descriptor that becomes readable when the process ends; closed where the kernel has none.
 base::Descriptor open_pidfd(pid_t process)
@@ -195,11 +208,12 @@ int run_script(const Command& command, const std::string& interpreter, int limit
     const std::vector<char*> words = make_arguments(interpreter, command);
     reap_unended();
     g_unended.reserve(g_unended.size() + 1); // before there is a process that could get lost
+    const int end = end_of_descriptors();
     const pid_t process = fork();
     if (process == -1)
         return base::fail(Error::input_output);
     if (process == 0)
-        become_script(words.data());
+        become_script(words.data(), end);
     (void)setpgid(process, process); // fails when the child is past its exec, and so has done it itself
     return wait_for_script(process, command.front(), limit_ms);
 }
