@@ -212,7 +212,7 @@ TEST_F(DamageTest, A_copy_has_all_entries_however_large_and_is_compact)
     for (std::size_t i = 0; i < 60; ++i)
         ASSERT_EQ(write(environment, "key " + std::to_string(i), std::string(i * i * i, 'v'), i % 2),
                   Error::none);
-    for (const std::size_t size : {300'000, 0}) // pages that nothing uses any more
+    for (const std::size_t size : {std::size_t{300'000}, std::size_t{0}}) // pages that nothing uses any more
         ASSERT_EQ(write(environment, "key 0", std::string(size, 'v')), Error::none);
     const Content a = content_of(environment, 0);
     const Content b = content_of(environment, 1);
