@@ -131,9 +131,10 @@ int replace(const Settings& wanted)
     // With its transaction begun, nobody else changes anything in between.
     Error error = Error::none;
     store::Write* transaction = open_batch()->to_write(durable_settings(), error);
+    if (!transaction)
+        return base::fail(error);
     Settings present;
-    if (transaction)
-        error = read_all(*transaction, present);
+    error = read_all(*transaction, present);
     if (error == Error::none)
         error = remove_others(*transaction, present, wanted);
     return error == Error::none ? write_differing(wanted) : base::fail(error);
