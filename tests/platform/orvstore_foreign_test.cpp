@@ -120,7 +120,7 @@ private:
         append_tree(bytes, main);
         append(bytes, static_cast<Word>(page == 0 ? 1 : 3)); // the last page
         append(bytes, page);                                 // the commit
-        m_bytes.replace(page * kPageSize, bytes.size(), bytes);
+        put(page, 0, bytes);
     }
 
     void put_leaf(Word page, std::string_view key, std::string_view value, std::uint16_t node_flags)
@@ -136,8 +136,13 @@ private:
         std::string bytes;
         append_header(bytes, page, /*flags=*/2, sizeof(Word) + 8 + 2, at);
         append(bytes, at);
-        m_bytes.replace(page * kPageSize, bytes.size(), bytes);
-        m_bytes.replace(page * kPageSize + at, node.size(), node);
+        put(page, 0, bytes);
+        put(page, at, node);
+    }
+
+    void put(Word page, std::size_t offset, const std::string& bytes)
+    {
+        m_bytes.replace(static_cast<std::size_t>(page) * kPageSize + offset, bytes.size(), bytes);
     }
 
     bool m_is_swapped;

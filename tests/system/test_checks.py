@@ -247,15 +247,32 @@ class Ci(Tree):
     def setUp(self):
         super().setUp()
         self.take(".ci/run")
-        for name in ("setup", "format", "check-includes", "test", "lint"):
+        for name in (*self.NAMES, "cross"):
             self.put("scripts/" + name, 'echo "%s $*"\n' % name)
+
+    NAMES = ("setup", "format", "check-includes", "test", "footprint", "lint")
+    LAST = "== sizes\nfootprint --check\n== static checks\nlint \nall passed\n"
 
     def test_it_passes_when_all_do(self):
         self.assertEqual(self.execute(".ci/run"), (0, "setup \nformat --check\ncheck-includes \ntest \n"
-                                                      "== static checks\nlint \nall passed\n", ""))
+                                                      "== 32-bit x86\ncross --prepare i686\ncross --test i686\n"
+                                                      "== the router\ncross --is-prepared armmusl\ncross armmusl\n" + self.LAST, ""))
+
+    def test_what_cannot_be_had_for_32_bits_is_told_loudly_and_no_failure(self):
+        self.put("scripts/cross", '[ "$1" = armmusl ] || exit 1\n')
+        self.assertEqual(self.execute(".ci/run"), (0, "setup \nformat --check\ncheck-includes \ntest \n== 32-bit x86\n"
+                                                      "*** NOT TESTED: the libraries for 32-bit x86 cannot be had today, so "
+                                                      "nothing was built or tested for 32 bits ***\n== the router\n"
+                                                      "not built: there is no tool chain for it here yet (scripts/cross "
+                                                      "--prepare makes it)\n" + self.LAST, ""))
+
+    def test_what_fails_on_32_bits_is_a_failure(self):
+        for failing in ("--test", "armmusl"):
+            self.put("scripts/cross", '[ "$1" != %s ]\n' % failing)
+            self.assertEqual(self.execute(".ci/run")[0], 1, failing)
 
     def test_it_fails_when_anything_does_and_tells_what_the_static_checks_found(self):
-        for name in ("setup", "format", "check-includes", "test", "lint"):
+        for name in self.NAMES:
             with self.subTest(name=name):
                 self.put("scripts/" + name, "echo bad >&2\nexit 1\n")
                 status, output, errors = self.execute(".ci/run")

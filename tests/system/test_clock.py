@@ -35,8 +35,11 @@ class SetClock(world.TestCase):
         variables = world.configured()
         source = os.path.join(os.path.dirname(os.path.abspath(__file__)), "settable_clock.c")
         flags = shlex.split(variables.get("CMAKE_C_FLAGS", ""))
-        subprocess.run([variables["CMAKE_C_COMPILER"], *flags, "-shared", "-fPIC", "-D_GNU_SOURCE", "-D_FILE_OFFSET_BITS=64",
-                        "-D_TIME_BITS=64", "-o", self.library, source], check=True)
+        result = subprocess.run([variables["CMAKE_C_COMPILER"], *flags, "-shared", "-fPIC", "-D_GNU_SOURCE",
+                                 "-D_FILE_OFFSET_BITS=64", "-D_TIME_BITS=64", "-o", self.library, source],
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+        if result.returncode != 0:
+            self.skipTest("NOT TESTED: this compiler makes no library that could be preloaded: " + result.stdout)
 
     def set(self, text):
         self.wanted = calendar.timegm(time.strptime(text, "%Y-%m-%d %H:%M:%S"))

@@ -68,12 +68,6 @@ def program(name):
     return os.path.join(BIN, name)
 
 
-def is_32_bit():
-    """Whether the programs under test run as such here: behind an emulator they do not."""
-    with open(program("orvbrokerd"), "rb") as file:
-        return file.read(5) == b"\x7fELF\1"
-
-
 def wait_until(condition, what, deadline=DEADLINE):
     """Calls condition until it gives something true, and returns that."""
     end = time.monotonic() + deadline
