@@ -426,7 +426,8 @@ const std::string kLeasesRequestsKey = "/tmp/daemons/orvleases-ng/requests";
 const std::string kLeasesCountKey = kLeasesRequestsKey + "/count";
 constexpr std::uint64_t kMaxLeasesRequests = 100;
 /// They share their store with all other volatile settings, so their bytes are limited to a part of it. Small
-/// requests come on top unmeasured, for which all values would have to be read: no more than 6 MiB of them.
+/// requests are not measured, since all values would have to be read for each: they come on top, less than a
+/// hundred of 64 KiB.
 constexpr std::size_t kMaxLeasesSize = std::size_t{8} * 1024 * 1024;
 constexpr std::size_t kSmallLeasesRequest = std::size_t{64} * 1024;
 
