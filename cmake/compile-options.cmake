@@ -24,7 +24,9 @@ else()
   if(ORV_STATIC_LIBRARIES)
     target_link_options(orv_options INTERFACE -static-libstdc++ -static-libgcc)
   endif()
-  target_compile_definitions(orv_options INTERFACE $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
+  # A distribution may have set it already, otherwise. It is a flag, so that folders of tests can be without.
+  string(APPEND CMAKE_C_FLAGS_RELEASE " -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2")
+  string(APPEND CMAKE_CXX_FLAGS_RELEASE " -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2")
   target_compile_options(orv_options INTERFACE -fstack-protector-strong)
 endif()
 

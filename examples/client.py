@@ -18,6 +18,13 @@ def fail(status, text):
     sys.exit(status)
 
 
+def parse(data):
+    try:
+        return json.loads(data)
+    except ValueError as error:
+        return fail(2, "DATA is not JSON: %s" % error)
+
+
 def receive(stream):
     """One frame: a length in the machine's byte order, and that many bytes of text."""
     length = stream.read(4)
@@ -41,7 +48,7 @@ def main(action, name, *data):
         fail(3, "orvbrokerd: %s" % error)
     stream = connection.makefile("rwb")
     if action == "call":
-        members = {"data": json.loads(data[0])} if data else {}
+        members = {"data": parse(data[0])} if any(data) else {}
         print(json.dumps(request(stream, type="command", name=name, **members)))
         return
     request(stream, type="subscribe", name=name)

@@ -2,7 +2,7 @@
 
 #include "alarm.h"
 
-#include "safe_log.h"
+#include <orvutils/log_format.h>
 
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -25,7 +25,7 @@ void Alarm::ring_by(TimePoint when)
         return;
     const itimerspec spec = base::expiry_at(when);
     if (timerfd_settime(m_timer.get(), TFD_TIMER_ABSTIME, &spec, nullptr) != 0) {
-        ORVEX_LOG(log::kError, "cannot set the exchange's timer: {}", std::strerror(errno));
+        ORV_LOG(log::kError, "cannot set the exchange's timer: {}", std::strerror(errno));
         return;
     }
     m_set_to = when;

@@ -13,7 +13,7 @@
 
 #include "link.h"
 
-#include "safe_log.h"
+#include <orvutils/log_format.h>
 
 #include <dbus/dbus.h>
 
@@ -424,7 +424,7 @@ void Link::update_interest()
     if (epoll_ctl(m_epoll, EPOLL_CTL_MOD, m_socket.get(), &event) == 0)
         m_registered = wanted;
     else
-        ORVEX_LOG(log::kError, "cannot watch the exchange's socket: {}", std::strerror(errno));
+        ORV_LOG(log::kError, "cannot watch the exchange's socket: {}", std::strerror(errno));
 }
 
 } // namespace orv::exchange

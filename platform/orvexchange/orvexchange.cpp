@@ -2,9 +2,9 @@
 // any other, and so does whatever memory is too short for: nothing is thrown at the caller.
 
 #include "participant.h"
-#include "safe_log.h"
 
 #include <orvexchange/publisher.h>
+#include <orvutils/log_format.h>
 
 #include <exception>
 #include <utility>
@@ -33,8 +33,8 @@ Orvex* started(std::unique_ptr<Orvex> orvex, std::chrono::milliseconds patience)
 bool can_carry(const char* data, std::size_t length, orv::log::Caller caller = orv::log::caller())
 {
     if (length > kOrvexMaxPayload)
-        ORVEX_LOG_AS(caller, orv::log::kWarning, "cannot send {} bytes: a payload has {} at most", length,
-                     kOrvexMaxPayload);
+        ORV_LOG_AS(caller, orv::log::kWarning, "cannot send {} bytes: a payload has {} at most", length,
+                   kOrvexMaxPayload);
     return is_payload(data, length);
 }
 

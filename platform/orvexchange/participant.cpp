@@ -26,10 +26,10 @@
 
 #include "participant.h"
 
-#include "safe_log.h"
 #include "traffic.h"
 
 #include <orvexchange/address.h>
+#include <orvutils/log_format.h>
 #include <orvutils/setmgmt.h>
 
 #include <dbus/dbus.h>
@@ -267,7 +267,7 @@ void Orvex::on_joined()
     m_join_by.reset();
     m_retry_delay = kFirstRetryDelay;
     if (!m_complaint.empty())
-        ORVEX_LOG(orv::log::kInfo, "back on the exchange");
+        ORV_LOG(orv::log::kInfo, "back on the exchange");
     m_complaint.clear();
 }
 
@@ -293,7 +293,7 @@ void Orvex::complain(const ShortText& text)
     if (text == m_complaint)
         return;
     m_complaint = text;
-    ORVEX_LOG(orv::log::kWarning, "{}", text.c_str());
+    ORV_LOG(orv::log::kWarning, "{}", text.c_str());
 }
 
 // ---- one pass
@@ -445,7 +445,7 @@ void Orvex::on_reply(DBusMessage& reply)
         return answer(*request, kTypeNoAnswer, bytes_of(error_text(reply)));
     if (const auto content = read_named(reply))
         return answer(*request, content->name, content->data);
-    ORVEX_LOG(orv::log::kWarning, "malformed answer from {}", request->participant);
+    ORV_LOG(orv::log::kWarning, "malformed answer from {}", request->participant);
     answer(*request, kTypeNoAnswer, bytes_of("malformed answer"));
 }
 
@@ -457,7 +457,7 @@ void Orvex::on_refused_match(std::uint32_t serial, const char* why)
     if (found == m_matches.end())
         return;                  // the answer to something that nobody waits for any more
     if (!found->second.is_retry) // else it was told
-        ORVEX_LOG(orv::log::kWarning, "the exchange refuses a subscription: {}", why);
+        ORV_LOG(orv::log::kWarning, "the exchange refuses a subscription: {}", why);
     m_matches.erase(found);
     m_subscribe_at = Clock::now() + kSubscribeDelay;
 }
@@ -466,7 +466,7 @@ void Orvex::on_refused_match(std::uint32_t serial, const char* why)
 /// call, the caller when it is itself an answer.
 void Orvex::on_lost(const FrameHeader& header, const char* error, const char* why)
 {
-    ORVEX_LOG(orv::log::kWarning, "a message from {} is lost: {}", header.sender, why);
+    ORV_LOG(orv::log::kWarning, "a message from {} is lost: {}", header.sender, why);
     if (m_observer && m_state == State::joined)
         return; // it is between others
     const std::uint32_t serial = header.reply_serial;
@@ -488,7 +488,7 @@ void Orvex::on_signal(DBusMessage& signal)
         return; // the bus's own
     const auto content = read_event(signal);
     if (!content) {
-        ORVEX_LOG(orv::log::kWarning, "malformed event from {}", sender_of(signal));
+        ORV_LOG(orv::log::kWarning, "malformed event from {}", sender_of(signal));
         return;
     }
     if (m_events.find(content->name) == m_events.end())
@@ -555,7 +555,7 @@ void Orvex::on_introspect(DBusMessage& call)
 
 void Orvex::refuse(DBusMessage& call, const char* error, const char* text)
 {
-    ORVEX_LOG(orv::log::kWarning, "{} from {}", text, sender_of(call));
+    ORV_LOG(orv::log::kWarning, "{} from {}", text, sender_of(call));
     if (!dbus_message_get_no_reply(&call))
         send_error(sender_of(call), dbus_message_get_serial(&call), error, text);
 }
@@ -590,7 +590,7 @@ void Orvex::hand_over(OrvexKind kind, const Content& content, const char* from, 
         m_handler(kind, make_message(content.name, from, identifier, content.data));
         return;
     } catch (const std::exception&) { // the callback's own lack of memory
-        ORVEX_LOG(orv::log::kWarning, "{} is lost: {}", content.name, kNoMemory);
+        ORV_LOG(orv::log::kWarning, "{} is lost: {}", content.name, kNoMemory);
     }
     const Origin* origin = kind == OrvexKind::request ? m_origins.find(identifier) : nullptr;
     if (!origin)
@@ -606,7 +606,7 @@ void Orvex::answer(const Request& request, const char* type, Bytes data)
     try {
         request.callback(request.arg, &message);
     } catch (const std::exception&) { // the callback's own lack of memory; it has run, and runs once
-        ORVEX_LOG(orv::log::kWarning, "an answer from {} is lost: {}", request.participant, kNoMemory);
+        ORV_LOG(orv::log::kWarning, "an answer from {} is lost: {}", request.participant, kNoMemory);
     }
 }
 

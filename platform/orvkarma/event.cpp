@@ -87,9 +87,9 @@ std::string event_text(const json_t* event)
     return text ? text.get() : "";
 }
 
-JsonPtr parse_event(const std::string& text, bool& lacks_memory)
+JsonPtr parse_event(const std::string& text, const json_t* beside, bool& lacks_memory)
 {
-    JsonPtr event = parse_json(text, &lacks_memory);
+    JsonPtr event = parse_json(text, &lacks_memory, beside);
     return event_id(event.get()) ? std::move(event) : nullptr;
 }
 

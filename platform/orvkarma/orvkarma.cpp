@@ -234,12 +234,15 @@ int read(std::vector<json_t*>& events)
         return base::failed(error);
     std::vector<JsonPtr> found;
     found.reserve(entries.size());
+    const json_t* last = nullptr;
     for (outbox::Entry& entry : entries) {
         bool lacks_memory = false;
-        found.push_back(parse_event(entry.text, lacks_memory));
+        found.push_back(parse_event(entry.text, /*beside=*/last, lacks_memory));
         if (lacks_memory)
             return base::failed(Error::input_output); // which does not make it a malformed one
-        entry.text = {};                              // two forms of all of them would be too much
+        if (found.back())
+            last = found.back().get();
+        entry.text = {}; // two forms of all of them would be too much
     }
     drop_malformed(entries, found);
     events.reserve(events.size() + found.size());

@@ -21,32 +21,16 @@ using store::Write;
 constexpr std::size_t kEvents = 0; ///< the tree
 constexpr StoreLimit kLimit = {"/karma/max_store_mib", 16, 2, 16};
 
-constexpr char kDirectory[] = "var/telemetry";
-
-bool g_is_trying = false;
 std::string g_last_report; ///< since an event was last kept
-
-bool is_why_it_cannot_be_opened(const std::string& text)
-{
-    return text == std::string("store ") + kDirectory + ": " + failure().text();
-}
 
 /// A store that fails each time says so once.
 void report(store::Severity severity, const std::string& text)
 {
-    if (text == g_last_report || (g_is_trying && is_why_it_cannot_be_opened(text)))
+    if (text == g_last_report)
         return;
     g_last_report = text;
     ORV_LOG(static_cast<int>(severity), "{}", text);
 }
-
-/// While one of these lives, the store does not tell why it cannot be opened.
-struct Trying {
-    Trying() { g_is_trying = true; }
-    Trying(const Trying&) = delete;
-    Trying& operator=(const Trying&) = delete;
-    ~Trying() { g_is_trying = false; }
-};
 
 std::size_t limit()
 {
@@ -65,7 +49,7 @@ std::size_t max_total_size()
 Environment& environment()
 {
     static auto* instance = [] {
-        store::Layout layout{kDirectory, {"events"}, limit(), true, report};
+        store::Layout layout{"var/telemetry", {"events"}, limit(), true, report};
         layout.when_damaged = store::WhenDamaged::set_aside; // telemetry is worth less than a start
         return new Environment(std::move(layout));
     }();
@@ -113,8 +97,7 @@ Error open()
 
 Error try_to_open()
 {
-    const Trying trying;
-    return environment().open();
+    return environment().try_to_open();
 }
 
 bool is_open()

@@ -50,7 +50,7 @@ void CopyKeeper::look_after(Opened& opened, const std::string& directory)
         go_on(opened, directory);
         return;
     }
-    if (!is_due(opened, copy_file_in(directory)) || !opened.begin_copying())
+    if (!is_due(opened, directory) || !opened.begin_copying())
         return;
     m_copy = Copy::begin(opened, m_layout, new_copy_file_in(directory));
     if (m_copy)
@@ -59,7 +59,7 @@ void CopyKeeper::look_after(Opened& opened, const std::string& directory)
     note_result(/*has_failed=*/true);
 }
 
-bool CopyKeeper::is_due(const Opened& opened, const std::string& copy)
+bool CopyKeeper::is_due(const Opened& opened, const std::string& directory)
 {
     const std::int64_t now = base::coarse_now_ms();
     const std::uint64_t commit = opened.written_commit();
@@ -71,7 +71,7 @@ bool CopyKeeper::is_due(const Opened& opened, const std::string& copy)
         return false;
     m_looked_ms = now;
     const bool is_idle = now - m_commit_ms >= m_layout.copy_after.count();
-    const Descriptor file(::open(copy.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const Descriptor file(::open(copy_file_in(directory).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     const milliseconds age = file.is_open() ? age_of(file.get()) : milliseconds::max();
     if (age < m_layout.copy_interval || (!is_idle && age / kOverdue < m_layout.copy_interval))
         return false;

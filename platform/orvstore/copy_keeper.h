@@ -20,7 +20,7 @@ public:
     void forget() { m_copy.reset(); }
 
 private:
-    [[nodiscard]] bool is_due(const Opened& opened, const std::string& copy);
+    [[nodiscard]] bool is_due(const Opened& opened, const std::string& directory);
     void go_on(Opened& opened, const std::string& directory);
     void note_result(bool has_failed);
 

@@ -189,11 +189,12 @@ bool DataFile::restore(const char* reason)
         return fail("restore the data file from its copy", code);
     // At each moment there is a data file, the damaged or the restored one.
     (void)unlink(aside.c_str());
-    if (link(m_name.c_str(), aside.c_str()) < 0)
-        report(Severity::warning, std::string("cannot keep the damaged data file: ") + std::strerror(errno));
+    const bool is_kept = link(m_name.c_str(), aside.c_str()) == 0;
+    const std::string whereabouts =
+        is_kept ? "is now " + aside : std::string("cannot be kept: ") + std::strerror(errno);
     if (const int code = rename_durably(made, m_name, m_directory); code != 0)
         return fail("restore the data file from its copy", code);
-    report(Severity::error, "its data file was damaged (" + std::string(reason) + "), is now " + aside +
+    report(Severity::error, "its data file was damaged (" + std::string(reason) + "), " + whereabouts +
                                 ", and the copy of " + to_text(status.st_mtim.tv_sec) + " is in its place");
     m_is_new = false;
     return true;

@@ -3,7 +3,8 @@
 // Recovery: a store may be deleted, moved away or replaced under the running process. A write compares the
 // open file with the one that has its name now; a reading does so when a tenth of a second has passed since
 // the last time. What cannot be opened is tried again as soon as the data file has changed, else once a
-// second. While something is being read, the store that it is read from stays.
+// second; where other processes keep it locked, by each write and for reading ten times a second. While
+// something is being read, the store that it is read from stays.
 
 #include <orvstore/environment.h>
 
@@ -43,12 +44,22 @@ Environment::Environment(Layout layout)
 Environment::~Environment() = default;
 
 Error Environment::open()
+{
+    return open(Purpose::opening);
+}
+
+Error Environment::try_to_open()
+{
+    return open(Purpose::trying);
+}
+
+Error Environment::open(Purpose purpose)
 try {
     const base::TimePoint until = deadline(); // who was waited for in vain is not waited for again
     close();
     m_directory = base::root_path(m_layout.directory);
     m_data_file = data_file_in(m_directory);
-    if (reopen(until))
+    if (reopen(until, purpose))
         return Error::none;
     m_state = Closed{std::move(std::get<Missing>(m_state).failure)};
     return to_error(failure());
@@ -81,7 +92,7 @@ void Environment::look_after()
 
 void Environment::refresh()
 {
-    m_last_check_ms = 0;
+    doubt();
     look_after();
 }
 
@@ -157,7 +168,7 @@ Opened* Environment::use_for_reading()
     if (present && (present->is_being_read() || present->is_excluding() ||
                     is_as_it_should_be(*present, Purpose::reading)))
         return present;
-    return reopen(base::Clock::now());
+    return reopen(base::Clock::now(), Purpose::reading);
 }
 
 /// The store, open, the right one, and with all other writers kept out.
@@ -172,7 +183,7 @@ Error Environment::use_for_writing(Opened*& opened)
             report_about(Severity::error, "cannot begin to write: this process is writing");
             return Error::input_output;
         }
-        if ((!opened || !opened->is_sound()) && !(opened = reopen(until)))
+        if ((!opened || !opened->is_sound()) && !(opened = reopen(until, Purpose::writing)))
             return to_error(failure());
         const int code = opened->begin_exclusion(until);
         if (code == EWOULDBLOCK)
@@ -183,7 +194,7 @@ Error Environment::use_for_writing(Opened*& opened)
         // While the lock was waited for, another store may have taken its place.
         if (is_right_for_writing(*opened))
             return Error::none;
-        if (!reopen(until))
+        if (!reopen(until, Purpose::writing))
             return to_error(failure());
     }
     return Error::timed_out;
@@ -242,16 +253,22 @@ bool Environment::is_as_it_should_be(const Opened& opened, Purpose purpose)
     return opened.is_in_place(m_directory) && !is_writable_again;
 }
 
+bool Environment::may_retry(const Missing& missing, Purpose purpose) const
+{
+    const std::int64_t passed = base::coarse_now_ms() - missing.tried_ms;
+    if (missing.failure.kind == Failure::Kind::busy)
+        return purpose != Purpose::reading || passed >= kCheckIntervalMs;
+    return passed >= kRetryIntervalMs || !file_state(m_data_file).is_unchanged(missing.seen);
+}
+
 /// Opens it, unless that failed a moment ago and nothing has changed since. One that can go on being used
 /// stays when other processes keep this one out.
-Opened* Environment::reopen(base::TimePoint deadline)
+Opened* Environment::reopen(base::TimePoint deadline, Purpose purpose)
 {
     Failure before;
     std::unique_ptr<Opened> present;
     if (auto* missing = std::get_if<Missing>(&m_state)) {
-        if (missing->failure.kind != Failure::Kind::busy &&
-            file_state(m_data_file).is_unchanged(missing->seen) &&
-            base::coarse_now_ms() - missing->tried_ms < kRetryIntervalMs)
+        if (!may_retry(*missing, purpose))
             return nullptr;
         before = std::move(missing->failure);
     } else if (auto* opened = std::get_if<std::unique_ptr<Opened>>(&m_state)) {
@@ -270,7 +287,7 @@ Opened* Environment::reopen(base::TimePoint deadline)
     const std::string text = failure.text();
     m_state = Missing{std::move(failure), file_state(m_data_file), base::coarse_now_ms()};
     // The same failure is told only once.
-    if (before.kind == Failure::Kind::none || text != before.text())
+    if (purpose != Purpose::trying && (before.kind == Failure::Kind::none || text != before.text()))
         report_about(Severity::error, text);
     return nullptr;
 }

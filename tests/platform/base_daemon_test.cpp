@@ -69,8 +69,9 @@ TEST(DaemonOptions, HelpNamesEveryOptionAndEnvironmentVariable)
     const Outcome outcome = run_probe({"--help"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.out.rfind("Usage: base_probe [OPTION]", 0), 0U);
-    for (const char* part : {"-f, --foreground", "-d, --daemonize", "-l, --log-level=N", "--version",
-                             "--help", "ORV_ROOT", "ORV_LOG_LEVEL", "Exit status"})
+    for (const char* part :
+         {"-f, --foreground", "-d, --daemonize", "-l, --log-level=N", "--version", "--help", "ORV_ROOT",
+          "ORV_LOG_LEVEL", "ORVEX_ADDRESS", "NOTIFY_SOCKET", "Exit status"})
         EXPECT_TRUE(contains(outcome.out, part)) << part;
 }
 

@@ -156,6 +156,45 @@ TEST_F(Json, OfSeveralTextsAtATimeGoesBackInAnyOrder)
     }
 }
 
+TEST_F(Json, OfManyTextsIsInFewPiecesWhenTheyAreParsedBesideEachOther)
+{
+    const std::string text = object(20);
+    const std::string whole = text_of(orv::parse_json(text));
+    std::vector<orv::JsonPtr> values;
+    fail(Failing::never, 0);
+    for (int i = 0; i < 1000; ++i)
+        values.push_back(
+            orv::parse_json(text, nullptr, /*beside=*/values.empty() ? nullptr : values.back().get()));
+    EXPECT_LT(g_requests, 20U);
+    for (std::size_t i = 0; i < values.size(); i += 2)
+        values[i].reset();
+    EXPECT_EQ(orv::parse_json(R"({"malformed": [1, 2)", nullptr, values[1].get()), nullptr);
+    for (std::size_t i = 1; i < values.size(); i += 2) {
+        EXPECT_TRUE(text_of(values[i]) == whole) << i;
+        values[i].reset();
+    }
+    EXPECT_EQ(g_blocks, 0);
+}
+
+TEST_F(Json, BesideOthersIsOneOrNoneWithoutHarmToThem)
+{
+    const std::string text = object(9000);
+    const std::string whole = text_of(orv::parse_json(text));
+    for (std::size_t n = 1; n <= 10; ++n) {
+        orv::JsonPtr first = orv::parse_json(text);
+        fail(Failing::from_then_on, n);
+        bool lacks_memory = false;
+        const orv::JsonPtr second = orv::parse_json(text, &lacks_memory, first.get());
+        fail(Failing::never, 0);
+        EXPECT_EQ(second == nullptr, lacks_memory) << n;
+        EXPECT_TRUE(text_of(first) == whole) << n;
+        const orv::JsonPtr third = orv::parse_json(text, nullptr, first.get());
+        first.reset();
+        EXPECT_TRUE(text_of(third) == whole) << n;
+        EXPECT_TRUE(!second || text_of(second) == whole) << n;
+    }
+}
+
 TEST_F(Json, PartsOutliveTheRest)
 {
     orv::JsonPtr part;

@@ -108,6 +108,19 @@ TEST(ExchangeScript, WhatIsBelowRunIsItsOwnersAlone)
     EXPECT_EQ(mode_of(run + "/exchange-private.conf"), 0600U);
 }
 
+TEST(ExchangeScript, RunMayBeMadeByAnotherProgramMeanwhile)
+{
+    Bus bus;
+    const std::string quicker = bus.root() + "/bin/mkdir";
+    std::filesystem::create_directory(bus.root() + "/bin");
+    std::ofstream{quicker} << "#!/bin/sh\n/bin/mkdir -p \"$ORV_ROOT/run\"\nexec /bin/mkdir \"$@\"\n";
+    std::filesystem::permissions(quicker, std::filesystem::perms::owner_all);
+    const std::string path = std::getenv("PATH");
+    setenv("PATH", (bus.root() + "/bin:" + path).c_str(), 1);
+    EXPECT_TRUE(bus.start());
+    setenv("PATH", path.c_str(), 1);
+}
+
 TEST(ExchangeScript, ADirectoryOfAnotherUserIsRefused)
 {
     const Bus bus;

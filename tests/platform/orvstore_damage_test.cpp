@@ -191,6 +191,26 @@ TEST_F(DamageTest, The_copy_takes_the_place_of_a_damaged_file_and_what_came_afte
     EXPECT_TRUE(fs::exists(copy_file())) << "for the next time";
 }
 
+TEST_F(DamageTest, The_copy_takes_the_place_of_a_damaged_file_that_cannot_be_kept_and_says_so)
+{
+    Environment environment(layout_with(WhenDamaged::restore));
+    ASSERT_EQ(environment.open(), Error::none);
+    ASSERT_EQ(write(environment, "key", "copied"), Error::none);
+    renew_copy(environment);
+    environment.close();
+    damage();
+    fs::create_directory(damaged_file());
+    ASSERT_EQ(environment.open(), Error::none);
+    const Lines lines = told();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].find(
+                  "0 store store: its data file was damaged (no store's first page), cannot be kept: File "
+                  "exists, and the copy of "),
+              0U)
+        << lines[0];
+    EXPECT_EQ(value_in(environment, "key"), "copied");
+}
+
 TEST_F(DamageTest, Without_a_sound_copy_a_damaged_store_is_refused)
 {
     Environment environment(layout_with(WhenDamaged::restore));

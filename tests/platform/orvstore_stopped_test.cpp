@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/file.h>
+#include <sys/inotify.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -348,4 +349,37 @@ TEST_F(StoppedTest, A_write_within_a_write_is_refused_instead_of_waiting_for_its
     ASSERT_EQ(outer.put(0, "key", "outer"), Error::none);
     ASSERT_EQ(outer.commit(), Error::none);
     EXPECT_EQ(value_in(environment), "outer");
+}
+
+TEST_F(StoppedTest, A_missing_store_that_others_keep_locked_is_not_tried_anew_by_every_reading)
+{
+    const std::string directory = m_root.path() + "/store";
+    Environment environment(layout());
+    ASSERT_EQ(environment.open(), Error::none);
+    fs::remove_all(directory);
+    spill(directory, "in the way");
+    while (value_in(environment) != "unreadable") // it is looked for ten times a second
+        std::this_thread::yield();
+    fs::remove(directory);
+    fs::create_directory(directory);
+    spill(directory + "/data.mdb", "");
+    orv::base::Descriptor lock(::open(directory.c_str(), O_RDONLY | O_DIRECTORY));
+    ASSERT_EQ(flock(lock.get(), LOCK_EX), 0);
+    ASSERT_EQ(value_in(environment), "unreadable");
+    ASSERT_EQ(environment.failure().kind, Failure::Kind::busy);
+
+    const orv::base::Descriptor seen(inotify_init1(IN_NONBLOCK));
+    ASSERT_GE(inotify_add_watch(seen.get(), directory.c_str(), IN_OPEN | IN_ONLYDIR), 0);
+    long attempts = 0;
+    const milliseconds time = duration_of([&] {
+        char events[4096];
+        for (int i = 0; i < 2000; ++i) {
+            EXPECT_EQ(value_in(environment), "unreadable");
+            attempts += read(seen.get(), events, sizeof events) > 0 ? 1 : 0;
+        }
+    });
+    EXPECT_LE(attempts, time.count() / 100 + 2);
+    lock.reset();
+    while (value_in(environment) != "absent")
+        std::this_thread::yield();
 }

@@ -413,6 +413,22 @@ TEST_F(StoreFailureTest, A_deleted_store_is_created_again_on_the_next_write)
     EXPECT_EQ(other.status, 0) << other.err;
 }
 
+TEST_F(StoreFailureTest, A_value_that_only_a_deleted_store_had_is_written)
+{
+    ASSERT_EQ(init(), 0);
+    ASSERT_EQ(setKey("/a", "x"), 0);
+    fs::remove_all(m_root.path() + "/var");
+    EXPECT_EQ(setKey("/a", "x"), 0);
+    fs::remove_all(m_root.path() + "/var");
+    {
+        Batch batch;
+        EXPECT_EQ(setKey("/a", "x"), 0);
+        EXPECT_EQ(batch.commit(), 0);
+    }
+    const Outcome other = in_process_with_store([]() -> int { return value_of("/a") == "x" ? 0 : 1; });
+    EXPECT_EQ(other.status, 0) << other.err;
+}
+
 TEST_F(StoreFailureTest, A_store_that_was_moved_away_and_back_is_found_again)
 {
     ASSERT_EQ(init(), 0);

@@ -72,9 +72,18 @@ TEST_F(BackupTest, Removes_a_parent_and_keeps_its_child)
     ASSERT_EQ(setKey("/parent/child", "x"), 0);
     const std::string text = backed_up();
     ASSERT_EQ(setKey("/parent", "new"), 0);
+    int told = 0;
+    int child_told = 0;
+    const auto count = [](const orv::path&, void* user) { return ++*static_cast<int*>(user) > 0; };
+    MonitoredKey watch("/parent", count, false, &told, false);
+    MonitoredKey watch_child("/parent/child", count, false, &child_told, false);
     ASSERT_EQ(restore(text), 0);
     EXPECT_EQ(value_of("/parent"), "error 5");
     EXPECT_EQ(value_of("/parent/child"), "x");
+    while (is_readable(watch.get_fd(), 0))
+        watch.read_notifications();
+    EXPECT_EQ(told, 1);
+    EXPECT_EQ(child_told, 0);
 }
 
 TEST_F(BackupTest, That_is_cut_off_or_malformed_changes_nothing)

@@ -291,3 +291,25 @@ TEST_F(BatchTest, More_rewrites_than_are_kept_are_not_missed)
         ASSERT_EQ(setKey("/b", "x"), 0);
     EXPECT_EQ(notices.take(), 1);
 }
+
+TEST_F(BatchTest, More_rewrites_than_are_kept_cost_no_more_than_those_and_are_not_missed)
+{
+    ASSERT_EQ(setKey("/a", "x"), 0);
+    ASSERT_EQ(setKey("/b", "x"), 0);
+    ASSERT_EQ(setKey("/a", "x"), 0); // the journal's first
+    Notices notices("/a");
+    const auto told = [] {
+        orv::store::Read snapshot(orv::detail::volatile_settings());
+        std::uint64_t place = 0;
+        EXPECT_EQ(orv::detail::kRewriteJournal.end(snapshot, place), orv::Error::none);
+        return place;
+    };
+    const std::uint64_t before = told();
+    Batch batch;
+    for (int i = 0; i < 1000; ++i)
+        ASSERT_EQ(setKey("/b", "x"), 0);
+    ASSERT_EQ(setKey("/a", "x"), 0);
+    ASSERT_EQ(batch.commit(), 0);
+    EXPECT_EQ(notices.take(), 1);
+    EXPECT_EQ(told() - before, orv::detail::kRewriteJournal.capacity() + 1);
+}

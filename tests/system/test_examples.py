@@ -64,6 +64,13 @@ class Examples(world.TestCase):
         for arguments in ([], ["call"], ["subscribe"], ["nonsense", "x"], ["call", "x", "1", "2"]):
             self.check(arguments, USAGE)
 
+    def test_data_that_is_not_json_is_told(self):
+        for name, status in (("shell", USAGE), ("python", USAGE), ("c++", UNAVAILABLE), ("c", UNAVAILABLE)):
+            process = self.start(name, "call", "set_va_cloud_trigger", "{x")
+            printed, complained = process.communicate(timeout=world.DEADLINE)
+            self.assertEqual((printed, process.returncode), ("", status), name)
+            self.assertEqual(complained.count("\n"), 1, complained)
+
     def test_a_missing_daemon_is_told(self):
         self.served.stop_daemon()
         self.check(["call", "get_services_status"], UNAVAILABLE)

@@ -16,6 +16,9 @@ SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file_
 OPENWRT = os.path.join(SOURCE, "packaging", "openwrt", "orvbrokerd")
 LAYER = os.path.join(SOURCE, "packaging", "yocto")
 
+# What its build system compiles with, unless it is told otherwise.
+OPENWRT_FLAGS = "-Os -pipe -fstack-protector -D_FORTIFY_SOURCE=1"
+
 # What the package uses of OpenWrt's makefiles.
 RULES = """
 INCLUDE_DIR:=$(TOPDIR)
@@ -91,6 +94,7 @@ class OpenWrt(Scratch):
         cache = world.configured()
         execute("cmake", "-G", cache["CMAKE_GENERATOR"], "-S", self.at("build"), "-B", self.at("build", "openwrt"),
                 *("-D%s=%s" % (name, cache[name]) for name in ("CMAKE_C_COMPILER", "CMAKE_CXX_COMPILER")),
+                "-DCMAKE_BUILD_TYPE=Release", *("-DCMAKE_%s_FLAGS=%s" % (language, OPENWRT_FLAGS) for language in ("C", "CXX")),
                 *self.shown(tools=False)["options"].split())
         execute("cmake", "--build", self.at("build", "openwrt"), "--target", "orvbase")
         with open(self.at("build", "openwrt", "build.ninja"), encoding="utf-8") as file:
@@ -156,7 +160,8 @@ class Yocto(Scratch):
         self.assertEqual(place, SOURCE)
         self.assertEqual(set(self.recipe.inherits), {"cmake", "pkgconfig", "systemd", "externalsrc"})
         self.check_options(self.recipe.expand(self.recipe.variables["EXTRA_OECMAKE"]),
-                           ORV_ROOT="/opt/orvane", ORV_BUILD_TESTS="OFF", ORV_STATIC_LIBRARIES="OFF")
+                           ORV_ROOT="/opt/orvane", ORV_BUILD_TESTS="OFF", ORV_STATIC_LIBRARIES="OFF",
+                           CMAKE_BUILD_TYPE="Release")
         with_tools, without, needs = self.recipe.variables["PACKAGECONFIG[tools]"].split(",")
         self.check_options(with_tools, ORV_BUILD_TOOLS="ON")
         self.check_options(without, ORV_BUILD_TOOLS="OFF")
@@ -166,6 +171,16 @@ class Yocto(Scratch):
         with open(os.path.join(LAYER, "conf", "layer.conf"), encoding="ascii") as file:
             (pattern,) = re.findall(r'BBFILES \+= "\$\{LAYERDIR\}/(.*)"', file.read())
         self.assertEqual(glob.glob(os.path.join(LAYER, pattern)), [self.path])
+
+    def test_its_configuration_is_below_the_root_and_not_where_others_have_theirs(self):
+        cache = world.configured()
+        execute("cmake", "-G", cache["CMAKE_GENERATOR"], "-S", SOURCE, "-B", self.at("build"),
+                *("-D%s=%s" % (name, cache[name]) for name in ("CMAKE_C_COMPILER", "CMAKE_CXX_COMPILER")),
+                "-DCMAKE_INSTALL_PREFIX:PATH=/usr", "-DCMAKE_INSTALL_SYSCONFDIR:PATH=/etc", "-DORV_BUILD_TOOLS=OFF",
+                *self.recipe.words("EXTRA_OECMAKE"))
+        with open(self.at("build", "packaging", "cmake_install.cmake"), encoding="utf-8") as file:
+            (place,) = re.findall(r'DESTINATION "([^"]*)"[^)]*/exchange\.conf"', file.read())
+        self.assertEqual(place, "${CMAKE_INSTALL_PREFIX}/etc")
 
     def test_each_file_is_in_the_package_that_it_belongs_to(self):
         root = world.default_root()

@@ -22,14 +22,13 @@ PRESET = "cmake --preset release -DORV_BUILD_TESTS=OFF"
 RC_COMMON = r"""#!/bin/sh
 script=$1
 action=$2
-procd_open_instance() { command= settings= limits= privileges=; }
+procd_open_instance() { command= settings= limits=; }
 procd_set_param() {
     kind=$1
     shift
     case $kind in
     command) command=$* ;;
     env) settings=$* ;;
-    no_new_privs) privileges=--no-new-privs ;;
     limits)
         for limit; do
             values=${limit#*=}
@@ -39,7 +38,7 @@ procd_set_param() {
     esac
 }
 procd_close_instance() {
-    again="while :; do env $settings prlimit $limits setpriv $privileges -- $command; sleep 1; done"
+    again="while :; do env $settings prlimit $limits $command; sleep 1; done"
     setsid sh -c "$again" </dev/null >>/root/daemons.log 2>&1 &
     echo $! >>/root/instances
 }

@@ -30,6 +30,19 @@ class VersionFile(world.TestCase):
         with open(self.path(one), "rb") as file:
             self.assertEqual(file.read(), b"1.3")
 
+    def test_it_is_its_owners_alone(self):
+        one = self.world()
+        one.start_bus()
+        before = os.umask(0o022)
+        try:
+            for _ in range(2):  # the second time it is there, and was open to others
+                one.start_daemon()
+                self.assertEqual(os.stat(self.path(one)).st_mode & 0o777, 0o600)
+                one.stop_daemon()
+                os.chmod(self.path(one), 0o644)
+        finally:
+            os.umask(before)
+
     def test_it_is_overwritten_when_it_held_something_longer(self):
         one = self.world()
         os.makedirs(os.path.dirname(self.path(one)))

@@ -165,6 +165,23 @@ class Devices(world.TestCase):
             self.assertIn(message, stderr)
             self.assertEqual(self.listed(), [TV])
 
+    def test_a_backup_may_be_as_large_as_the_store(self):
+        self.one.set_setting("/devmgmt/max_store_mib", "16")
+        file = os.path.join(self.one.root, "backup")
+        with open(file, "w") as backup:
+            json.dump({"devices": [{"did": "d%d" % number, "display_name": "n" * 8000} for number in range(2500)]}, backup)
+        status, stdout, stderr = self.device("restore", file)
+        self.assertEqual((status, stdout), (UNAVAILABLE, ""))
+        self.assertIn("orvctl: the device store failed (error 2): restore\n", stderr)
+        self.assertEqual(self.listed(), [])
+        self.one.set_setting("/devmgmt/max_store_mib", "64")
+        self.assertEqual(self.device("restore", file), (OK, "", ""))
+        for mebibytes, text in ((16, 120), (64, 480)):
+            self.one.set_setting("/devmgmt/max_store_mib", str(mebibytes))
+            os.truncate(file, (text << 20) + 1)
+            self.assertEqual(self.device("restore", file),
+                             (FAILED, "", "orvctl: %s is longer than %d MiB\n" % (file, text)))
+
     def test_a_file_that_cannot_be_read_or_written_is_told_and_stays(self):
         missing = os.path.join(self.one.root, "no", "backup")
         for verb, doing in (("backup", "write"), ("restore", "read")):

@@ -43,7 +43,9 @@ class InitScript(world.TestCase):
         instances = [line for line in result.stdout.splitlines() if line.startswith("instance")]
         self.assertEqual(instances, ["instance orvexchanged", "instance orvbrokerd"])
         self.assertEqual(result.stdout.count("respawn 60 1 120\n"), 2)
-        self.assertEqual(result.stdout.count("no_new_privs 1\n"), 2)
+        self.assertEqual(result.stdout.count("term_timeout 15\n"), 2)
+        known = {"instance", "command", "env", "respawn", "term_timeout", "limits", "stderr"}
+        self.assertEqual({line.split()[0] for line in result.stdout.splitlines()}, known)
         limits = [line for line in result.stdout.splitlines() if line.startswith("limits")]
         self.assertEqual(limits, ["limits nofile=%s %s as=%s %s core=0 0" % (
             (descriptors,) * 2 + (self.bytes_of(memory),) * 2) for descriptors, memory in (

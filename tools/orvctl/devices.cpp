@@ -24,8 +24,8 @@ namespace {
 
 using orv::devMgmt::Device;
 
-/// Far beyond what a home needs, with every record as large as it may be.
-constexpr std::size_t kMaxInputSize = std::size_t{64} * 1024 * 1024;
+/// The text of a device takes more bytes than its record, by no more than this factor.
+constexpr std::size_t kTextFactor = 8;
 
 constexpr const char* kBlanks = " \t\r\n"; ///< what JSON has between its values
 
@@ -42,6 +42,31 @@ int report_absence(const std::string& id)
         return report_failure(id);
     complain("no such device: " + id);
     return kFailed;
+}
+
+/// The device store, and with it the settings, which say how large it may become.
+class OpenedDevices {
+public:
+    [[nodiscard]] bool is_open() const { return m_devices.is_open(); }
+    /// For what writes: then the size must be known. Complains, with the exit status as the result.
+    [[nodiscard]] int check_writable() const
+    {
+        if (!m_settings.is_open())
+            return report_closed(Store::settings);
+        return is_open() ? kSuccess : report_closed(Store::devices);
+    }
+
+private:
+    OpenedStore m_settings{Store::settings};
+    OpenedStore m_devices{Store::devices};
+};
+
+/// How long a text may be that is to go into the open store.
+std::size_t max_input_size()
+{
+    orv::store::Usage usage;
+    const orv::Error error = orv::devMgmt::measure(usage);
+    return error == orv::Error::none ? kTextFactor * static_cast<std::size_t>(usage.limit) : 0;
 }
 
 int print(const Device& device, Output& output)
@@ -170,7 +195,7 @@ int read_backup_devices(const std::string& file, const std::string& text, std::v
 
 int run_device_list(Output& output)
 {
-    const OpenedStore store(Store::devices);
+    const OpenedDevices store;
     if (!store.is_open())
         return report_closed(Store::devices);
     std::vector<Device> devices;
@@ -189,7 +214,7 @@ int run_device_list(Output& output)
 
 int run_device_show(const std::string& id, Output& output)
 {
-    const OpenedStore store(Store::devices);
+    const OpenedDevices store;
     if (!store.is_open())
         return report_closed(Store::devices);
     Device device;
@@ -200,20 +225,17 @@ int run_device_show(const std::string& id, Output& output)
 
 int run_device_put(const std::string& data)
 {
+    const OpenedDevices store;
+    if (const int status = store.check_writable(); status != kSuccess)
+        return status;
     std::string text = data;
     if (data == "-") {
         text.clear();
-        if (!read_standard_input(text, kMaxInputSize, "devices"))
+        if (!read_standard_input(text, max_input_size(), "devices"))
             return kUsage;
         if (text.find_first_not_of(kBlanks) == std::string::npos)
             return kSuccess; // an empty store was listed: there is nothing to bring back
     }
-    const OpenedStore settings(Store::settings);
-    if (!settings.is_open())
-        return report_closed(Store::settings);
-    const OpenedStore store(Store::devices);
-    if (!store.is_open())
-        return report_closed(Store::devices);
     std::vector<Device> devices;
     const int status = read_devices(text, devices);
     return status == kSuccess ? put(devices, orv::devMgmt::Others::stay) : status;
@@ -221,7 +243,7 @@ int run_device_put(const std::string& data)
 
 int run_device_backup(const std::string& file)
 {
-    const OpenedStore store(Store::devices);
+    const OpenedDevices store;
     if (!store.is_open())
         return report_closed(Store::devices);
     std::vector<Device> devices;
@@ -233,21 +255,21 @@ int run_device_backup(const std::string& file)
 
 int run_device_restore(const std::string& file)
 {
+    const OpenedDevices store;
+    if (const int status = store.check_writable(); status != kSuccess)
+        return status;
     std::string text;
     std::vector<Device> devices;
-    if (!read_file(file, text, kMaxInputSize, "a backup of the devices"))
+    if (!read_file(file, text, max_input_size(), "a backup of the devices"))
         return kFailed;
     if (const int status = read_backup_devices(file, text, devices); status != kSuccess)
         return status;
-    const OpenedStore store(Store::devices);
-    if (!store.is_open())
-        return report_closed(Store::devices);
     return put(devices, orv::devMgmt::Others::go);
 }
 
 int run_device_remove(const std::string& id)
 {
-    const OpenedStore store(Store::devices);
+    const OpenedDevices store;
     if (!store.is_open())
         return report_closed(Store::devices);
     return orv::devMgmt::remove_device(id) == 0 ? kSuccess : report_absence(id);

@@ -34,6 +34,7 @@ constexpr std::string_view kNoAnswer = "2";
 
 constexpr char kAnswerTimedOut[] = "timed out waiting for the answer";
 constexpr char kSendingTimedOut[] = "timed out before the exchange had taken all of it";
+constexpr char kJoiningTimedOut[] = "timed out before the exchange could be listened to";
 
 constexpr std::string_view kTargetForm = "PARTICIPANT:NAME or NAME is needed, both of 1 to 127 bytes, the "
                                          "participant of letters, digits, - _ and .";
@@ -324,7 +325,7 @@ int run_exchange_monitor(const MonitorOptions& monitor, const Options& options, 
     const auto deadline = orvbroker::deadline_after(options.timeout.value_or(orvbroker::kForever));
     const Handle orvex(orvex_monitor(print, /*auto_reconnect=*/false, patience(deadline)), &orvex_uninit);
     if (!orvex)
-        return no_bus();
+        return cannot_join(deadline, kJoiningTimedOut);
     switch (serve_until(orvex.get(), deadline, is_enough)) {
     case End::done:
     case End::output_closed:

@@ -20,6 +20,7 @@ namespace outbox = orv::karma::outbox;
 /// Does some work on the open outbox.
 int with_outbox(const std::function<orv::Error()>& work)
 {
+    const OpenedStore settings(Store::settings); // how large the outbox may become
     const OpenedStore opened(Store::telemetry);
     if (!opened.is_open())
         return report_closed(Store::telemetry);

@@ -1,6 +1,7 @@
 // The handlers of the client commands. Each takes what the dispatcher has checked by the command table, reads
 // or changes the stores or asks another daemon over the exchange, and returns. Nothing here waits, but for
-// the disk, for a key that another process has locked (a second at most) and for the firewall script.
+// the disk, for a store that another process is writing or a key that it has locked (a second at most), and
+// for the firewall script.
 //
 // A section for each family: registration, features, devices, the router's identity, the router's interfaces
 // and firewall, satellites, vulnerability assessment, reports. The helpers that all of them use come first.
@@ -424,8 +425,8 @@ struct TrafficBlockedData {
 const std::string kLeasesRequestsKey = "/tmp/daemons/orvleases-ng/requests";
 const std::string kLeasesCountKey = kLeasesRequestsKey + "/count";
 constexpr std::uint64_t kMaxLeasesRequests = 100;
-/// They share their store with all other volatile settings, so their bytes are limited to a part of it. A hundred
-/// small requests need not be measured.
+/// They share their store with all other volatile settings, so their bytes are limited to a part of it. Small
+/// requests come on top unmeasured, for which all values would have to be read: no more than 6 MiB of them.
 constexpr std::size_t kMaxLeasesSize = std::size_t{8} * 1024 * 1024;
 constexpr std::size_t kSmallLeasesRequest = std::size_t{64} * 1024;
 

@@ -29,6 +29,7 @@
 
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -92,6 +93,8 @@ bool write_version_file()
     FILE* file = std::fopen(version_file_path().c_str(), "we"); // no child inherits it
     if (!file)
         return false;
+    // Whoever can read it can lock it. It may be there from an earlier version, which left that to the umask.
+    (void)fchmod(fileno(file), S_IRUSR | S_IWUSR); // the directory is closed to others as well
     // A failed write shows at closing at the latest.
     const bool written = std::fputs(kVersion, file) >= 0;
     return std::fclose(file) == 0 && written;

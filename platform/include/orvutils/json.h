@@ -23,8 +23,10 @@ using TextPtr = std::unique_ptr<char, PtrDeleter<char>>;
 
 /// Parses an object or array. Null when the text is none, or memory is short, which `lacks_memory` tells: then
 /// nothing is left behind. The value's memory comes in few large pieces, which go back as soon as nothing of
-/// the value is left.
-[[nodiscard]] JsonPtr parse_json(std::string_view text, bool* lacks_memory = nullptr);
+/// the value is left. That of many values that are wanted together should be shared: `beside` is one that was
+/// parsed before and is still there; then it goes back as soon as nothing of any of them is left.
+[[nodiscard]] JsonPtr parse_json(std::string_view text, bool* lacks_memory = nullptr,
+                                 const json_t* beside = nullptr);
 
 /// A value's text on one line, with a blank after each comma and colon; null for null and when memory is
 /// short. Without JSON_ENCODE_ANY in `flags`, of objects and arrays only.

@@ -67,6 +67,13 @@ store::Transaction* OpenBatch::to_read(const store::Environment& environment)
     return nullptr;
 }
 
+/// One more than their journal keeps tells every reader that it has missed some, whichever they were.
+void OpenBatch::note_rewrite(const SettingsKey& key)
+{
+    if (m_rewrites.size() <= kRewriteJournal.capacity())
+        m_rewrites.emplace_back(key.bytes());
+}
+
 Error OpenBatch::commit()
 {
     if (m_has_failed)

@@ -22,7 +22,7 @@ public:
     void fail() { m_has_failed = true; }
 
     /// Keeps in mind that a value was written over with itself.
-    void note_rewrite(const SettingsKey& key) { m_rewrites.emplace_back(key.bytes()); }
+    void note_rewrite(const SettingsKey& key);
 
     [[nodiscard]] Error commit();
 

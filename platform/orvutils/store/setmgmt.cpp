@@ -122,10 +122,12 @@ Error read_value(const SettingsKey& key, std::string& value)
                    [&](Transaction& transaction) { return read_value_in(transaction, key, value); });
 }
 
-/// Whether the key has this value already.
+/// Whether the key has this value already, in the store that a write would go to.
 bool has_value(const SettingsKey& key, std::string_view value)
 {
-    return read_in(settings_environment(key), [&](Transaction& transaction) {
+    Environment& environment = settings_environment(key);
+    environment.doubt();
+    return read_in(environment, [&](Transaction& transaction) {
                SettingsRecord record;
                const Error error = read_record(transaction, key, record);
                return error == Error::none && record.value != value ? Error::no_value : error;
@@ -151,8 +153,9 @@ Error put_value(Write& transaction, const SettingsKey& key, std::string_view val
     std::memcpy(record.data(), &commit, kStampSize);
     if (!value.empty())
         std::memcpy(record.data() + kStampSize, value.data(), value.size());
-    if (const Error error = transaction.check_room(key.bytes(), record); error != Error::none)
-        return error;
+    if (open_batch()) // its transactions do not look for room by themselves
+        if (const Error error = transaction.check_room(key.bytes(), record); error != Error::none)
+            return error;
     return fail_batch(transaction.put(kValues, key.bytes(), record));
 }
 

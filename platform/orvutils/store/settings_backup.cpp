@@ -34,11 +34,6 @@ std::string to_path(std::string_view bytes)
     return path;
 }
 
-store::Environment& durable_settings()
-{
-    return settings_environment(SettingsKey{});
-}
-
 Error read_all(Transaction& transaction, Settings& settings)
 {
     Cursor cursor(transaction, kValues);
@@ -99,17 +94,23 @@ bool parse(std::string_view text, Settings& settings)
     return take(text, kEnd) && take_number(text, '\n', count) && count == settings.size() && text.empty();
 }
 
-int remove_others(const Settings& present, const Settings& wanted)
+/// Its children stay.
+Error remove_record(store::Write& transaction, const std::string& path)
 {
-    for (const auto& [path, value] : present) {
-        if (wanted.count(path) != 0)
-            continue;
-        // It may be gone already, with one above it.
-        const int result = setMgmt::deleteKey(path);
-        if (result < 0 && result != -static_cast<int>(Error::no_such_key))
-            return result;
-    }
-    return 0;
+    SettingsKey key;
+    if (!key.parse(path))
+        return Error::invalid_argument;
+    const Error error = transaction.remove(kValues, key.bytes());
+    return error == Error::none ? kRemovalJournal.append(transaction, key.bytes()) : error;
+}
+
+Error remove_others(store::Write& transaction, const Settings& present, const Settings& wanted)
+{
+    for (const auto& [path, value] : present)
+        if (wanted.count(path) == 0)
+            if (const Error error = remove_record(transaction, path); error != Error::none)
+                return error;
+    return Error::none;
 }
 
 int write_differing(const Settings& wanted)
@@ -130,13 +131,13 @@ int replace(const Settings& wanted)
     // With its transaction begun, nobody else changes anything in between.
     Error error = Error::none;
     store::Write* transaction = open_batch()->to_write(durable_settings(), error);
-    Settings present;
-    if (transaction)
-        error = read_all(*transaction, present);
-    if (error != Error::none)
+    if (!transaction)
         return base::fail(error);
-    const int result = remove_others(present, wanted);
-    return result < 0 ? result : write_differing(wanted);
+    Settings present;
+    error = read_all(*transaction, present);
+    if (error == Error::none)
+        error = remove_others(*transaction, present, wanted);
+    return error == Error::none ? write_differing(wanted) : base::fail(error);
 }
 
 } // namespace

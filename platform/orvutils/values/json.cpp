@@ -7,9 +7,9 @@
 // remembered whether or not the library heeds it.
 //
 // An arena lives until the last of its blocks is freed. Freeing finds out by address whether a block is an
-// arena's; there are hardly ever more than two at a time. The first is always there, and has room for an
-// ordinary request. Further pieces double in size, so that a large value has few, and large ones go back to
-// the system at once.
+// arena's, so there should never be more than a few: whoever parses many texts has them share one. The first
+// is always there, and has room for an ordinary request. Further pieces double in size, so that a large value
+// has few, and large ones go back to the system at once.
 
 #include <orvutils/json.h>
 
@@ -67,7 +67,9 @@ public:
 
     /// True when it was the last block.
     bool drop_block() { return --m_blocks == 0; }
-    [[nodiscard]] bool is_empty() const { return m_blocks == 0; }
+    [[nodiscard]] std::size_t blocks() const { return m_blocks; }
+    /// Forgets the blocks beyond so many: nobody knows of them any more.
+    void forget_blocks(std::size_t kept) { m_blocks = kept; }
 
     /// As new: all blocks are gone.
     void reset()
@@ -144,6 +146,15 @@ void destroy(Arena* arena)
         g_free(arena);
 }
 
+/// Null when it is none's.
+Arena* owner_of(const void* block)
+{
+    Arena* arena = g_arenas;
+    while (arena && !arena->owns(block))
+        arena = arena->next;
+    return arena;
+}
+
 void* allocate(std::size_t size)
 {
     if (!g_parsing)
@@ -158,14 +169,11 @@ void release(void* block)
 {
     if (!block)
         return;
-    for (Arena* arena = g_arenas; arena; arena = arena->next) {
-        if (!arena->owns(block))
-            continue;
-        if (arena->drop_block() && arena != g_parsing)
-            destroy(arena);
-        return;
-    }
-    g_free(block);
+    Arena* arena = owner_of(block);
+    if (!arena)
+        g_free(block);
+    else if (arena->drop_block() && arena != g_parsing)
+        destroy(arena);
 }
 
 /// Whoever has set functions of his own since the last time gets the calls that are none of an arena's.
@@ -193,19 +201,24 @@ json_t* parse_in(Arena& arena, const char* text, std::size_t size, bool& lacks_m
 
 } // namespace
 
-JsonPtr parse_json(std::string_view text, bool* lacks_memory)
+JsonPtr parse_json(std::string_view text, bool* lacks_memory, const json_t* beside)
 {
     bool ignored = false;
     bool& lacks = lacks_memory ? *lacks_memory : ignored;
     take_over_memory();
-    Arena* arena = create_arena();
+    Arena* arena = beside ? owner_of(beside) : nullptr;
+    if (!arena)
+        arena = create_arena();
     lacks = !arena;
     if (!arena)
         return nullptr;
+    const std::size_t before = arena->blocks();
     g_parsing = arena;
     JsonPtr value(parse_in(*arena, text.data(), text.size(), lacks));
     g_parsing = nullptr;
-    if (!value || arena->is_empty())
+    if (!value)
+        arena->forget_blocks(before);
+    if (arena->blocks() == 0)
         destroy(arena);
     return value;
 }

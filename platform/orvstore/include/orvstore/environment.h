@@ -39,6 +39,8 @@ public:
     /// read-only file system, and where the data file, but not the lock file, must not be written. A failure
     /// leaves it closed. Error::timed_out when other processes were at it all the time; a wait is reported.
     [[nodiscard]] Error open();
+    /// The same. Why it has failed is not reported.
+    [[nodiscard]] Error try_to_open();
     void close();
     [[nodiscard]] bool is_wanted() const { return !std::holds_alternative<Closed>(m_state); }
 
@@ -51,6 +53,8 @@ public:
     void look_after();
     /// The same, at once.
     void refresh();
+    /// Has the next reading look whether the store is still the one under its name, as a write does.
+    void doubt() { m_last_check_ms = 0; }
 
     /// How full it is.
     [[nodiscard]] Error measure(Usage& usage);
@@ -83,7 +87,12 @@ private:
         std::int64_t tried_ms = 0;
     };
 
-    enum class Purpose { reading, writing };
+    enum class Purpose {
+        opening,
+        trying, ///< to open it: a failure is not reported
+        reading,
+        writing,
+    };
 
     [[nodiscard]] Opened* opened() const;
     [[nodiscard]] Opened* use_for_reading();
@@ -91,7 +100,9 @@ private:
     [[nodiscard]] bool is_as_it_should_be(const Opened& opened, Purpose purpose);
     [[nodiscard]] bool is_right_for_writing(Opened& opened);
     [[nodiscard]] bool is_due_for_a_check();
-    [[nodiscard]] Opened* reopen(base::TimePoint deadline);
+    [[nodiscard]] Error open(Purpose purpose);
+    [[nodiscard]] bool may_retry(const Missing& missing, Purpose purpose) const;
+    [[nodiscard]] Opened* reopen(base::TimePoint deadline, Purpose purpose);
     [[nodiscard]] Opened* take(std::unique_ptr<Opened> opened);
     [[nodiscard]] base::TimePoint deadline() const;
     [[nodiscard]] Error keep_out(const Opened& opened);

@@ -17,6 +17,8 @@ public:
     /// `tree` is its number in the layout, `capacity` how many entries are kept.
     constexpr Journal(std::size_t tree, std::uint64_t capacity) : m_tree(tree), m_capacity(capacity) {}
 
+    [[nodiscard]] constexpr std::uint64_t capacity() const { return m_capacity; }
+
     /// Appends an entry and drops the oldest one when there are too many.
     [[nodiscard]] Error append(Write& transaction, std::string_view entry) const;
 
