@@ -349,3 +349,30 @@ TEST_F(StoppedTest, A_write_within_a_write_is_refused_instead_of_waiting_for_its
     ASSERT_EQ(outer.commit(), Error::none);
     EXPECT_EQ(value_in(environment), "outer");
 }
+
+TEST_F(StoppedTest, Who_keeps_the_lock_of_the_first_to_open_is_waited_for_no_longer_than_the_bound)
+{
+    {
+        Environment other(layout());
+        ASSERT_EQ(other.open(), Error::none);
+    }
+    Companion closing([&](Companion::Ends ends) -> int {
+        const Fd file(open((m_root.path() + "/store/lock.mdb").c_str(), O_RDWR | O_CLOEXEC));
+        struct flock first_byte {};
+        first_byte.l_type = F_WRLCK;
+        first_byte.l_len = 1;
+        REQUIRE(fcntl(file, F_SETLK, &first_byte) == 0);
+        REQUIRE(::write(ends.out, "l", 1) == 1);
+        char byte = 0;
+        return static_cast<int>(::read(ends.in, &byte, 1));
+    });
+    ASSERT_EQ(closing.hear(), 'l');
+    Environment environment(layout());
+    EXPECT_LT(duration_of([&] { EXPECT_EQ(environment.open(), Error::timed_out); }), kPatience + kSlack);
+    EXPECT_EQ(environment.failure().kind, Failure::Kind::busy);
+    EXPECT_EQ(told(), std::vector<std::string>{
+                          "0 store store: cannot open the store: another process is closing it"});
+    closing.kill();
+    EXPECT_EQ(closing.join(), 1000 + SIGKILL);
+    EXPECT_EQ(environment.open(), Error::none);
+}
