@@ -34,11 +34,6 @@ std::string to_path(std::string_view bytes)
     return path;
 }
 
-store::Environment& durable_settings()
-{
-    return settings_environment(SettingsKey{});
-}
-
 Error read_all(Transaction& transaction, Settings& settings)
 {
     Cursor cursor(transaction, kValues);
