@@ -162,11 +162,11 @@ int Opened::fit_map(bool is_to_remove)
     if (const int code = mdb_env_info(m_environment, &info); code != MDB_SUCCESS)
         return code;
     const std::size_t end = (info.me_last_pgno + 1) * m_page_size;
-    const std::size_t list = m_map_size / m_page_size * sizeof(std::size_t);
+    const std::size_t list = std::max(m_map_size, end) / m_page_size * sizeof(std::size_t);
     const std::size_t room = list + kPagesToRemove * m_page_size;
     std::size_t size = m_map_size;
     if (is_to_remove && end + room > size)
-        size = std::min(end + room, 2 * m_map_size) / m_page_size * m_page_size;
+        size = std::min(end + room, 2 * std::max(m_map_size, m_opened_size)) / m_page_size * m_page_size;
     size = std::max(size, end);
     // What is being read must stay where it is.
     return size == info.me_mapsize || m_readings > 0 ? MDB_SUCCESS : mdb_env_set_mapsize(m_environment, size);

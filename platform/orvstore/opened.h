@@ -99,9 +99,10 @@ private:
     FileState m_file; ///< the data file
     FileState m_lock_file;
     std::size_t m_page_size = 0;
-    std::size_t m_map_size = 0; ///< what the layout allows
-    unsigned m_readings = 0;    ///< readings that are going on, nested ones included
-    unsigned m_forks;           ///< of this process, when it was opened
+    std::size_t m_map_size = 0;    ///< what the layout allows
+    std::size_t m_opened_size = 0; ///< what was there when it was opened, perhaps more: under another limit
+    unsigned m_readings = 0;       ///< readings that are going on, nested ones included
+    unsigned m_forks;              ///< of this process, when it was opened
     bool m_read_only = false;
     bool m_in_doubt = false;
 };

@@ -237,10 +237,14 @@ private:
         if (fcntl(fd, F_SETFD, FD_CLOEXEC) < 0 || fstat(fd, &status) < 0)
             return fail_to_open(errno);
         MDB_stat layout{};
+        MDB_envinfo info{};
         if (const int stat_code = mdb_env_stat(m_opened->m_environment, &layout); stat_code != MDB_SUCCESS)
             return fail_to_open(stat_code);
+        if (const int info_code = mdb_env_info(m_opened->m_environment, &info); info_code != MDB_SUCCESS)
+            return fail_to_open(info_code);
         m_opened->m_page_size = layout.ms_psize;
         m_opened->m_map_size = m_layout.map_size;
+        m_opened->m_opened_size = (info.me_last_pgno + 1) * layout.ms_psize;
         m_opened->m_file = to_file_state(status);
         if (m_opened->m_read_only)
             report(Severity::warning, "can be read only");

@@ -24,6 +24,7 @@
 #include <functional>
 #include <regex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -145,6 +146,35 @@ TEST(LogWithoutReader, ATerminalThatIsStoppedLosesLinesAndNoneIsTorn)
     ASSERT_EQ(ptsname_r(ends.first, name, sizeof name), 0);
     ends.second = Fd(open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
     expect_gaps_are_told(log_without_a_reader(ends));
+}
+
+TEST(LogWithoutReader, TheRestOfATornLineIsWrittenAtTheEndOfTheProcess)
+{
+    const TemporaryRoot root;
+    const std::string file = root.path() + "/log";
+    const Outcome outcome = in_child([&]() -> int {
+        const Fd log(open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+        dup2(log, STDERR_FILENO);
+        constexpr rlim_t kTorn = 1000; // within a line
+        rlimit limit{};
+        getrlimit(RLIMIT_FSIZE, &limit);
+        const rlim_t all = std::exchange(limit.rlim_cur, kTorn);
+        setrlimit(RLIMIT_FSIZE, &limit);
+        for (int i = 0; std::filesystem::file_size(file) < kTorn; ++i)
+            log_number(i);
+        limit.rlim_cur = all; // there is room again
+        setrlimit(RLIMIT_FSIZE, &limit);
+        if (slurp(file).back() == '\n')
+            return 1;
+        std::exit(0);
+    });
+    EXPECT_EQ(outcome.status, 0);
+    const std::string written = slurp(file);
+    EXPECT_EQ(written.back(), '\n');
+    int number = 0;
+    for (const std::string& line : told_by(written))
+        EXPECT_EQ(line, fmt::format("2 {}line {}, one of many", kHead, number++));
+    EXPECT_GT(number, 5);
 }
 
 TEST(LogWithoutReader, AnotherStreamInItsPlaceGetsWholeLines)

@@ -7,6 +7,8 @@
 #include <orvstore/notify.h>
 #include <orvstore/transaction.h>
 #include <orvutils/error.h>
+#include <orvutils/log_control.h>
+#include <orvutils/setmgmt.h>
 
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -16,6 +18,8 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <regex>
@@ -346,6 +350,58 @@ TEST_F(KarmaTest, Without_room_events_are_sent_and_that_they_are_not_kept_is_tol
     EXPECT_EQ(later.status, 0) << later.err;
     EXPECT_EQ(lines_of(later.err).size(), 1U) << later.err;
     ASSERT_EQ(init(), 0);
+}
+
+TEST_F(KarmaTest, A_lack_of_room_is_told_again_after_an_event_was_kept)
+{
+    uninit();
+    const std::string directory = m_root.path() + "/var/telemetry";
+    std::filesystem::create_directories(directory);
+    const Outcome outcome = on_small_disk(directory, "300k", [&] {
+        const std::string large =
+            "{\"d\": \"" + std::string(30000, 'd') + "\"}"; // more than there are free pages
+        const auto submit = [&] {
+            return submit_karma_event(event("large", large.c_str()).get(), &m_exchange);
+        };
+        REQUIRE(init() == 0);
+        for (int round = 0; round < 2; ++round) {
+            orv::log::begin_anew(); // else the log itself counts what repeats
+            fill_disk(directory + "/full");
+            for (int i = 0; i < 3; ++i)
+                REQUIRE(submit() == -1);
+            std::filesystem::remove(directory + "/full");
+            REQUIRE(submit() == 0);
+        }
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(count_log_lines(outcome.err), 2U) << outcome.err;
+    ASSERT_EQ(init(), 0);
+}
+
+/// In a process that has not asked for the limit yet.
+TEST(KarmaLimit, Leaves_events_half_of_the_outbox_and_the_newest_are_kept)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // which begins the program anew
+    const auto fill = []() -> int {
+        const TemporaryRoot root;
+        REQUIRE(orv::setMgmt::init() == 0);
+        REQUIRE(orv::setMgmt::setKey("/karma/max_store_mib", "2") == 0);
+        REQUIRE(outbox::open() == orv::Error::none);
+        for (int i = 0; i < 30; ++i) {
+            const std::string id = "id" + std::to_string(100 + i);
+            REQUIRE(outbox::put(id, std::string(200000, 'x')) == orv::Error::none);
+        }
+        std::vector<outbox::Entry> entries;
+        REQUIRE(outbox::read(entries) == orv::Error::none);
+        REQUIRE(entries.size() == 5); // the most that 1 MiB holds
+        REQUIRE(entries.back().id == "id129");
+        orv::store::Usage usage;
+        REQUIRE(outbox::measure(usage) == orv::Error::none);
+        REQUIRE(usage.limit == (std::uint64_t{2} << 20) * 15 / 16);
+        return 0;
+    };
+    EXPECT_EXIT(std::_Exit(fill()), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(KarmaTest, A_confirmed_event_leaves_the_outbox_with_the_next_turns_of_the_loop)

@@ -422,3 +422,94 @@ TEST_F(DamageTest, The_copy_is_renewed_when_there_is_memory_again)
         return failed;
     });
 }
+
+TEST_F(DamageTest, While_the_store_is_not_idle_the_copy_is_renewed_at_ten_times_its_age)
+{
+    using std::chrono::hours;
+    {
+        Environment environment(layout_with(WhenDamaged::restore));
+        ASSERT_EQ(environment.open(), Error::none);
+        ASSERT_EQ(write(environment, "key", "one"), Error::none);
+        renew_copy(environment);
+        ASSERT_EQ(write(environment, "key", "two"), Error::none);
+    }
+    const std::uint64_t first = copied_commit();
+    Layout layout = layout_with(WhenDamaged::restore, hours(1));
+    layout.copy_after = hours(1);
+    struct Case {
+        hours age;
+        bool is_renewed;
+    };
+    for (const Case& c : {Case{hours(2), false}, Case{hours(9), false}, Case{hours(11), true}}) {
+        fs::last_write_time(copy_file(), fs::file_time_type::clock::now() - c.age);
+        Environment environment(layout); // which looks at once
+        ASSERT_EQ(environment.open(), Error::none);
+        for (int i = 0; i < 20; ++i)
+            environment.look_after();
+        EXPECT_EQ(copied_commit() == last_commit(environment), c.is_renewed) << c.age.count();
+        EXPECT_EQ(copied_commit() == first, !c.is_renewed) << c.age.count();
+    }
+}
+
+TEST_F(DamageTest, A_copy_of_the_future_is_renewed_as_an_old_one)
+{
+    const Layout layout = layout_with(WhenDamaged::restore, std::chrono::hours(1));
+    {
+        Environment environment(layout);
+        ASSERT_EQ(environment.open(), Error::none);
+        ASSERT_EQ(write(environment, "key", "one"), Error::none);
+        renew_copy(environment);
+        ASSERT_EQ(write(environment, "key", "two"), Error::none);
+    }
+    fs::last_write_time(copy_file(), fs::file_time_type::clock::now() + std::chrono::hours(1));
+    Environment environment(layout);
+    ASSERT_EQ(environment.open(), Error::none);
+    for (int i = 0; i < 20; ++i)
+        environment.look_after();
+    EXPECT_EQ(copied_commit(), last_commit(environment));
+}
+
+TEST_F(DamageTest, A_copy_that_could_not_be_made_is_tried_again_after_a_tenth_of_the_interval)
+{
+    fs::create_directory(directory());
+    const Outcome outcome = on_small_disk(directory(), "300k", [&]() -> int {
+        Environment environment(layout_with(WhenDamaged::restore, std::chrono::hours(1)));
+        REQUIRE(environment.open() == Error::none);
+        REQUIRE(write(environment, "large", std::string(100000, 'v')) == Error::none);
+        fill_disk(directory() + "/filler");
+        for (int i = 0; i < 100; ++i)
+            environment.look_after();
+        REQUIRE(told() == Lines{"1 store store: cannot renew the copy of its data file"});
+        fs::remove(directory() + "/filler");
+        const auto start = std::chrono::steady_clock::now();
+        while (std::chrono::steady_clock::now() - start < milliseconds(1200)) // it looks once a second, else
+            environment.look_after();
+        REQUIRE(copied_commit() == 0);
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+}
+
+TEST_F(DamageTest, Without_room_to_restore_in_the_copy_is_kept_for_the_next_time)
+{
+    fs::create_directory(directory());
+    const Outcome outcome = on_small_disk(directory(), "400k", [&]() -> int {
+        Environment environment(layout_with(WhenDamaged::restore));
+        REQUIRE(environment.open() == Error::none);
+        REQUIRE(write(environment, "key", "copied") == Error::none);
+        renew_copy(environment);
+        const std::string copy = slurp(copy_file());
+        environment.close();
+        damage();
+        fill_disk(directory() + "/filler");
+        REQUIRE(environment.open() == Error::input_output);
+        REQUIRE(told() ==
+                Lines{"0 store store: cannot restore the data file from its copy: No space left on device"});
+        REQUIRE(slurp(copy_file()) == copy);
+        fs::remove(directory() + "/filler");
+        REQUIRE(environment.open() == Error::none);
+        REQUIRE(value_in(environment, "key") == "copied");
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+}

@@ -12,8 +12,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,6 +41,82 @@ Error remove(Environment& environment, const std::string& key)
         return error;
     return transaction.commit();
 }
+
+/// Files that fsync() and rename() were called for, in this order.
+struct DiskCall {
+    ino_t file;
+    std::string renamed_to; ///< empty for fsync()
+};
+
+std::vector<DiskCall> g_disk_calls;
+bool g_is_logging = false;
+
+ino_t inode_of(const std::string& name)
+{
+    struct stat status {};
+    return stat(name.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+/// While one of these lives, it notes what is put on disk. Places are those in its record.
+class DiskLog {
+public:
+    DiskLog()
+    {
+        g_disk_calls.clear();
+        g_is_logging = true;
+    }
+    DiskLog(const DiskLog&) = delete;
+    DiskLog& operator=(const DiskLog&) = delete;
+    ~DiskLog() { g_is_logging = false; }
+
+    [[nodiscard]] std::optional<std::size_t> renaming(const std::string& to) const
+    {
+        for (std::size_t place = 0; place < g_disk_calls.size(); ++place)
+            if (g_disk_calls[place].renamed_to == to)
+                return place;
+        return std::nullopt;
+    }
+    /// Whether the renamed file was.
+    [[nodiscard]] bool was_synced_before(std::size_t renaming) const
+    {
+        return std::any_of(g_disk_calls.begin(), g_disk_calls.begin() + static_cast<std::ptrdiff_t>(renaming),
+                           [&](const DiskCall& call) {
+                               return call.renamed_to.empty() && call.file == g_disk_calls[renaming].file;
+                           });
+    }
+    /// From that place on.
+    [[nodiscard]] bool has_synced(const std::string& name, std::size_t from) const
+    {
+        const ino_t file = inode_of(name);
+        return std::any_of(
+            g_disk_calls.begin() + static_cast<std::ptrdiff_t>(from), g_disk_calls.end(),
+            [file](const DiskCall& call) { return call.renamed_to.empty() && call.file == file; });
+    }
+};
+
+} // namespace
+
+extern "C" {
+int __real_fsync(int fd);
+int __real_rename(const char* from, const char* to);
+
+int __wrap_fsync(int fd)
+{
+    struct stat status {};
+    if (g_is_logging && fstat(fd, &status) == 0)
+        g_disk_calls.push_back({status.st_ino, ""});
+    return __real_fsync(fd);
+}
+
+int __wrap_rename(const char* from, const char* to)
+{
+    if (g_is_logging)
+        g_disk_calls.push_back({inode_of(from), to});
+    return __real_rename(from, to);
+}
+}
+
+namespace {
 
 class FlashTest : public testing::Test {
 protected:
@@ -281,4 +361,65 @@ TEST_F(FlashTest, A_lock_file_is_not_moved_to_a_directory_that_others_can_write_
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(directory() + "/lock.mdb")));
     EXPECT_TRUE(fs::is_empty(locks));
     EXPECT_EQ(write(environment, "key", "value"), Error::none);
+}
+
+TEST_F(FlashTest, A_store_that_cannot_be_made_smaller_is_opened_as_it_is)
+{
+    fs::create_directories(directory());
+    const Outcome outcome = on_small_disk(directory(), "12m", [&]() -> int {
+        Environment environment(layout());
+        REQUIRE(environment.open() == Error::none);
+        fill_and_empty(environment);
+        REQUIRE(!HasFailure());
+        environment.close();
+        const auto size = fs::file_size(data_file());
+        fill_disk(directory() + "/filler");
+        REQUIRE(environment.open() == Error::none);
+        REQUIRE(value_in(environment, "key") == "kept");
+        REQUIRE(fs::file_size(data_file()) == size);
+        REQUIRE(!fs::exists(directory() + "/data.mdb.new"));
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+}
+
+TEST_F(FlashTest, What_takes_a_files_place_is_on_disk_before_and_its_name_after)
+{
+    Layout restored = layout();
+    restored.when_damaged = WhenDamaged::restore;
+    restored.copy_after = std::chrono::milliseconds(0);
+    restored.copy_interval = std::chrono::milliseconds(0);
+    Environment environment(restored);
+    {
+        const DiskLog log;
+        ASSERT_EQ(environment.open(), Error::none);
+        EXPECT_TRUE(log.has_synced(directory(), 0)) << "the new data file's name";
+    }
+    fill_and_empty(environment);
+    const auto expect_renamed = [](const DiskLog& log, const std::string& to) {
+        const auto rename = log.renaming(to);
+        ASSERT_TRUE(rename.has_value()) << to;
+        EXPECT_TRUE(log.was_synced_before(*rename)) << to;
+        EXPECT_TRUE(log.has_synced(fs::path(to).parent_path(), *rename)) << to;
+    };
+    {
+        const DiskLog log;
+        for (int i = 0; i < 100; ++i)
+            environment.look_after();
+        expect_renamed(log, data_file() + ".copy");
+    }
+    environment.close();
+    {
+        const DiskLog log;
+        ASSERT_EQ(environment.open(), Error::none); // makes it smaller
+        expect_renamed(log, data_file());
+    }
+    environment.close();
+    spill(data_file(), "garbage");
+    {
+        const DiskLog log;
+        ASSERT_EQ(environment.open(), Error::none); // restores it
+        expect_renamed(log, data_file());
+    }
+    EXPECT_EQ(value_in(environment, "key"), "kept");
 }

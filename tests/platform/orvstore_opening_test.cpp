@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -199,3 +200,25 @@ TEST_F(OpeningTest, Of_another_store_that_succeeds_at_the_second_attempt_counts_
 }
 
 } // namespace
+
+TEST_F(OpeningTest, Takes_the_place_of_a_dead_reader)
+{
+    Environment environment(layout()); // while it is open, the table of readers stays
+    ASSERT_EQ(environment.open(), Error::none);
+    for (int i = 0; i < 130; ++i) { // more than have a place in it
+        const pid_t process = fork();
+        if (process == 0) {
+            Environment own(layout());
+            const Error error = own.open();
+            (void)kill(getpid(), error == Error::none ? SIGKILL : SIGTERM);
+        }
+        ASSERT_EQ(wait_for(process), 1000 + SIGKILL) << i;
+    }
+    const Outcome outcome = in_child([]() -> int {
+        Environment own(layout());
+        REQUIRE(own.open() == Error::none);
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(told(), Lines{});
+}

@@ -236,3 +236,40 @@ TEST_F(RoomTest, Other_processes_read_and_write_on_when_the_file_has_grown_beyon
     EXPECT_EQ(entries(), 1U);
     EXPECT_EQ(put(0, 1), Error::none);
 }
+
+TEST_F(LargeRoomTest, A_limit_below_what_the_store_holds_keeps_nobody_from_reading_and_removing)
+{
+    {
+        Write transaction(m_environment); // one, which leaves no free pages
+        for (int number = 0; number < 100; ++number)
+            ASSERT_EQ(transaction.put(0, key_of(number), std::string(20000, 'v')), Error::none);
+        ASSERT_EQ(transaction.commit(), Error::none);
+    }
+    m_environment.close();
+    Environment smaller({"store", {"a"}, kMapSize, false, tell});
+    ASSERT_EQ(smaller.open(), Error::none);
+    const auto put_one = [&] {
+        Write transaction(smaller);
+        EXPECT_EQ(transaction.error(), Error::none);
+        const Error error = transaction.put(0, "one more", "x");
+        return error == Error::none ? transaction.commit() : error;
+    };
+    {
+        Read transaction(smaller);
+        ASSERT_EQ(transaction.error(), Error::none);
+        Cursor cursor(transaction, 0);
+        std::size_t size = 0;
+        for (bool found = cursor.first(); found; found = cursor.next())
+            size += cursor.value().size();
+        EXPECT_EQ(size, 2000000U);
+    }
+    EXPECT_EQ(put_one(), Error::input_output);
+    EXPECT_EQ(told(), std::vector<std::string>{"0 store store: cannot write: it is full"});
+    for (int number = 0; number < 90; ++number) {
+        Write transaction(smaller, Write::Kind::removing);
+        ASSERT_EQ(transaction.error(), Error::none);
+        ASSERT_EQ(transaction.remove(0, key_of(number)), Error::none);
+        ASSERT_EQ(transaction.commit(), Error::none);
+    }
+    EXPECT_EQ(put_one(), Error::none);
+}

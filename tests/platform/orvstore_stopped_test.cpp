@@ -383,3 +383,30 @@ TEST_F(StoppedTest, A_missing_store_that_others_keep_locked_is_not_tried_anew_by
     while (value_in(environment) != "absent")
         std::this_thread::yield();
 }
+
+TEST_F(StoppedTest, Who_keeps_the_lock_of_the_first_to_open_is_waited_for_no_longer_than_the_bound)
+{
+    {
+        Environment other(layout());
+        ASSERT_EQ(other.open(), Error::none);
+    }
+    Companion closing([&](Companion::Ends ends) -> int {
+        const Fd file(open((m_root.path() + "/store/lock.mdb").c_str(), O_RDWR | O_CLOEXEC));
+        struct flock first_byte {};
+        first_byte.l_type = F_WRLCK;
+        first_byte.l_len = 1;
+        REQUIRE(fcntl(file, F_SETLK, &first_byte) == 0);
+        REQUIRE(::write(ends.out, "l", 1) == 1);
+        char byte = 0;
+        return static_cast<int>(::read(ends.in, &byte, 1));
+    });
+    ASSERT_EQ(closing.hear(), 'l');
+    Environment environment(layout());
+    EXPECT_LT(duration_of([&] { EXPECT_EQ(environment.open(), Error::timed_out); }), kPatience + kSlack);
+    EXPECT_EQ(environment.failure().kind, Failure::Kind::busy);
+    EXPECT_EQ(told(), std::vector<std::string>{
+                          "0 store store: cannot open the store: another process is closing it"});
+    closing.kill();
+    EXPECT_EQ(closing.join(), 1000 + SIGKILL);
+    EXPECT_EQ(environment.open(), Error::none);
+}

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <list>
 
 using namespace orv::setMgmt;
 namespace fs = std::filesystem;
@@ -190,6 +191,7 @@ TEST_F(StoreFailureTest, A_read_only_store_can_be_read_and_becomes_writable_agai
         REQUIRE(make_read_only(tmp(), true));
         REQUIRE(init() == 0);
         REQUIRE(value_of("/tmp/a") == "x");
+        std::fprintf(stderr, "]: ---\n"); // so far it is one line for each store
         std::vector<std::string> names;
         REQUIRE(enumSubkeys("/tmp", names) == 1);
         REQUIRE(setKey("/tmp/a", "y") == -2);
@@ -202,6 +204,11 @@ TEST_F(StoreFailureTest, A_read_only_store_can_be_read_and_becomes_writable_agai
         return 0;
     });
     EXPECT_EQ(outcome.status, 0) << outcome.err;
+    const std::string first = outcome.err.substr(0, outcome.err.find("]: ---"));
+    EXPECT_EQ(count_log_lines(first), 2U) << first;
+    for (const char* store : {"tmp/settings", "var/settings"}) // whose lock file is in memory, too
+        EXPECT_NE(first.find("]: store " + std::string(store) + ": can be read only\n"), std::string::npos)
+            << first;
 }
 
 TEST_F(StoreFailureTest, A_store_whose_data_file_may_not_be_written_can_be_read)
@@ -510,6 +517,39 @@ TEST_F(StoreFailureTest, A_listing_ends_when_the_store_is_damaged_under_it)
             failures += count == -2 ? 1 : 0;
         }
         REQUIRE(failures > 0);
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+}
+
+TEST_F(StoreFailureTest, On_a_full_disk_there_is_a_place_for_each_of_a_hundred_readers)
+{
+    const Outcome outcome = on_small_disk(tmp(), "256k", [&]() -> int {
+        REQUIRE(init() == 0);
+        REQUIRE(setKey("/tmp/a", "x") == 0);
+        uninit();
+        fs::remove(tmp() + "/settings/lock.mdb"); // it is made anew, by the first of them
+        fill_disk(tmp() + "/filler");
+        // Room for what the store writes itself, and for the smallest lock file that would do for few readers.
+        fs::resize_file(tmp() + "/filler", fs::file_size(tmp() + "/filler") - std::size_t{8} * 1024);
+        std::list<Companion> readers;
+        for (int i = 0; i < 100; ++i) {
+            Companion& reader = readers.emplace_back([](Companion::Ends ends) -> int {
+                REQUIRE(init() == 0);
+                REQUIRE(value_of("/tmp/a") == "x");
+                REQUIRE(write(ends.out, "r", 1) == 1);
+                char byte = 0;
+                REQUIRE(read(ends.in, &byte, 1) == 1);
+                return 0;
+            });
+            REQUIRE(reader.hear() == 'r');
+            if (i == 0)
+                fill_disk(tmp() + "/filler"); // no room is left for a page that is touched later
+        }
+        for (Companion& reader : readers) {
+            reader.say('e');
+            REQUIRE(reader.join() == 0);
+        }
         return 0;
     });
     EXPECT_EQ(outcome.status, 0) << outcome.err;

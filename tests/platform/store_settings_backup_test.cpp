@@ -117,3 +117,69 @@ TEST_F(BackupTest, Of_a_closed_store_is_an_error)
     EXPECT_EQ(restore(text), -2);
     ASSERT_EQ(init(), 0);
 }
+
+TEST_F(BackupTest, Of_a_malformed_key_is_an_error_with_a_line)
+{
+    ASSERT_EQ(setKey("/a", "1"), 0);
+    const std::string before = backed_up();
+    for (const std::string_view malformed : {std::string_view("a/b"), std::string_view("a\0", 2)}) {
+        orv::store::Write planting(orv::detail::durable_settings());
+        ASSERT_EQ(planting.put(orv::detail::kValues, malformed, "12345678value"), orv::Error::none);
+        ASSERT_EQ(planting.commit(), orv::Error::none);
+        const Outcome other = in_process_with_store([&]() -> int {
+            std::string untouched = "untouched";
+            REQUIRE(backup(untouched) == -2);
+            REQUIRE(untouched == "untouched");
+            REQUIRE(restore(before) == -2);
+            return 0;
+        });
+        EXPECT_EQ(other.status, 0) << other.err;
+        EXPECT_NE(other.err.find("settings: a malformed key\n"), std::string::npos) << other.err;
+        orv::store::Write cleaning(orv::detail::durable_settings());
+        ASSERT_EQ(cleaning.remove(orv::detail::kValues, malformed), orv::Error::none);
+        ASSERT_EQ(cleaning.commit(), orv::Error::none);
+    }
+    EXPECT_EQ(backed_up(), before);
+}
+
+TEST_F(BackupTest, Of_a_value_that_is_too_large_changes_nothing)
+{
+    ASSERT_EQ(setKey("/a", "1"), 0);
+    const std::string before = backed_up();
+    const auto with_value_of = [](std::size_t size) {
+        return "orvane settings 1\n2 " + std::to_string(size) + "\n/b" + std::string(size, 'v') + "\nend 1\n";
+    };
+    EXPECT_EQ(restore(with_value_of(kMaxValueSize + 1)), -1);
+    EXPECT_EQ(backed_up(), before);
+    uninit();
+    EXPECT_EQ(restore(with_value_of(kMaxValueSize + 1)), -1) << "the store is not even looked at";
+    ASSERT_EQ(init(), 0);
+    EXPECT_EQ(restore(with_value_of(kMaxValueSize)), 0);
+    EXPECT_EQ(value_of("/b").size(), kMaxValueSize);
+}
+
+TEST_F(BackupTest, Is_not_restored_within_a_batch)
+{
+    ASSERT_EQ(setKey("/a", "1"), 0);
+    const std::string before = backed_up();
+    {
+        Batch batch;
+        ASSERT_EQ(setKey("/a", "2"), 0);
+        EXPECT_EQ(restore("orvane settings 1\nend 0\n"), -1);
+        EXPECT_EQ(value_of("/a"), "2") << "the batch goes on";
+    }
+    EXPECT_EQ(backed_up(), before);
+}
+
+TEST_F(BackupTest, That_does_not_fit_changes_nothing)
+{
+    ASSERT_EQ(setKey("/a", "1"), 0);
+    const std::string before = backed_up();
+    std::string text = "orvane settings 1\n";
+    const std::string value(kMaxValueSize, 'v');
+    for (int i = 0; i < 64; ++i) // the store holds 60 MiB
+        text += "4 " + std::to_string(value.size()) + "\n/b" + std::to_string(10 + i) + value + "\n";
+    EXPECT_EQ(restore(text + "end 64\n"), -2);
+    EXPECT_EQ(backed_up(), before);
+    EXPECT_EQ(setKey("/c", "x"), 0);
+}

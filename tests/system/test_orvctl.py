@@ -573,6 +573,14 @@ class Settings(world.TestCase):
         self.assertEqual(self.orvctl("backup", self.one.root + "/no/such/file")[0], FAILED)
         self.assertEqual(self.orvctl("get", "/a"), (OK, "1\n", ""))
 
+    def test_a_file_beyond_any_backup_is_refused_before_it_is_all_read(self):
+        self.orvctl("set", "/a", "1")
+        file = os.path.join(self.one.root, "settings.backup")
+        with open(file, "wb") as sparse:
+            sparse.truncate(97 << 20)
+        self.assertEqual(self.orvctl("restore", file), (FAILED, "", "orvctl: %s is longer than 96 MiB\n" % file))
+        self.assertEqual(self.orvctl("get", "/a"), (OK, "1\n", ""))
+
     def check_closed(self, reason):
         """The one message says the reason; with a log level the libraries' own lines are there, too."""
         for arguments in (("get", "/a"), ("set", "/a", "1"), ("list",), ("tree",), ("watch", "/a")):

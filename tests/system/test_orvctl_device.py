@@ -139,6 +139,18 @@ class Devices(world.TestCase):
         self.assertEqual(self.listed(), kept[:2])
         self.assertEqual([name for name in os.listdir(self.one.root) if name.startswith("backup")], ["backup"])
 
+    def test_a_backup_passes_through_pipes(self):
+        kept = [{**TV, "did": "d%d" % number} for number in range(3)]
+        self.device("put", "-", input="\n".join(json.dumps(device) for device in kept))
+        status, text, stderr = self.device("backup", "-")
+        self.assertEqual((status, stderr), (OK, ""))
+        self.assertEqual(json.loads(text), {"devices": kept})
+        self.device("remove", "d0")
+        self.device("put", '{"did": "new"}')
+        self.assertEqual(self.device("restore", "-", input=text), (OK, "", ""))
+        self.assertEqual(self.listed(), kept)
+        self.assertEqual([name for name in os.listdir(self.one.root) if name.startswith("-")], [])
+
     def test_an_empty_store_is_kept_and_brought_back_too(self):
         file = os.path.join(self.one.root, "backup")
         self.assertEqual(self.device("backup", file), (OK, "", ""))

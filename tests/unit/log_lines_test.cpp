@@ -19,6 +19,7 @@
 #include <orvutils/orvcommon/cache.h>
 
 #include <functional>
+#include <new>
 #include <regex>
 #include <set>
 #include <tuple>
@@ -382,6 +383,21 @@ void collect(fake::Fake& platform, Seen& seen)
     platform.take_calls();
 }
 
+/// Whether the allocations of the C++ library itself can be made to fail: not where it is a shared one, as with the
+/// sanitizers.
+bool texts_can_lack_memory(fake::Fake& platform)
+{
+    platform.fail_memory("throwing new");
+    try {
+        const fake::Fake::Inside inside;
+        (void)std::string(100, 'x').size();
+    } catch (const std::bad_alloc&) { // it is told below
+    }
+    const bool can = platform.memory_failed("throwing new");
+    platform.fail_memory("throwing new", 0);
+    return can;
+}
+
 /// Nothing was logged that is not in the table, and all of it that comes from these files, or is said there
 /// without memory in the name of these functions.
 void expect_table(const Seen& seen, const std::set<std::string>& files,
@@ -583,10 +599,12 @@ TEST_F(LogLines, HaveTheirLevelAndComeFromTheFunctionThatTheReaderKnows)
     EXPECT_FALSE(full.add("key", "value"));
     collect();
 
-    expect_table(seen, {kEvents, kClientEvents, kHandlers, kExchange, kMeanings, kCache},
-                 {"process_client_events", "orvex_response_trampoline", "orvex_callback",
-                  "orvex_cloud_registration_status_cb", "on_device_info_change_old_cb",
-                  "on_device_info_change_cb", "on_subscription_changed_cb"});
+    std::set<std::string> without_memory{"process_client_events", "on_device_info_change_old_cb",
+                                         "on_device_info_change_cb", "on_subscription_changed_cb"};
+    if (texts_can_lack_memory(*platform))
+        without_memory.insert(
+            {"orvex_response_trampoline", "orvex_callback", "orvex_cloud_registration_status_cb"});
+    expect_table(seen, {kEvents, kClientEvents, kHandlers, kExchange, kMeanings, kCache}, without_memory);
 }
 
 // ---- start-up, the loop, the listening socket
@@ -634,7 +652,10 @@ TEST_F(SpineLogLines, HaveTheirLevelAndComeFromTheFunctionThatTheReaderKnows)
     EXPECT_EQ(brokerd::create_server_socket("no address"), -1);
     collect(*platform, seen);
 
-    expect_table(seen, {kSpine, kAdmission, kSock}, {"init", "run"});
+    std::set<std::string> without_memory{"run"};
+    if (texts_can_lack_memory(*platform))
+        without_memory.insert("init");
+    expect_table(seen, {kSpine, kAdmission, kSock}, without_memory);
 }
 
 } // namespace

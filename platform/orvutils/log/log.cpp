@@ -199,13 +199,18 @@ bool send_in_background(int level, std::string_view text)
                           without_line_feeds(text));
 }
 
+void tell_at_end();
+
 /// Sends a line that can go as it is: its prefix area, its text, its line feed.
 bool send_whole(int level, Text line)
 {
     if (g_state.address)
         return send_in_background(level, {line.data + kPrefixAreaSize, line.size - kPrefixAreaSize});
     fill_prefix(line.data, level);
-    return write_to_standard_error({line.data, line.size});
+    const bool is_sent = write_to_standard_error({line.data, line.size});
+    if (is_line_torn())
+        tell_at_end();
+    return is_sent;
 }
 
 /// Sends a line of this text with its control characters escaped, cut if it is then too long.
@@ -245,7 +250,7 @@ bool tell(int level, fmt::format_string<Arguments...> format, Arguments... argum
 
 void tell_all();
 
-/// Without memory for that, the last counts are not told.
+/// Tells the last counts at the end of the process, and writes the rest of a line; not without memory for that.
 void tell_at_end()
 {
     static bool s_registered = false;

@@ -11,6 +11,7 @@ namespace orv::log {
 
 /// The rest of a line that was taken in part goes before the next one; this is for when there is none.
 void write_rest_of_line();
+[[nodiscard]] bool is_line_torn();
 
 /// Gives up all that is known of standard error, and the rest of a line: lines go elsewhere from now on, or
 /// this is a new process, and its parent goes on with that rest.

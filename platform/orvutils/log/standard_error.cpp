@@ -160,6 +160,11 @@ void write_rest_of_line()
         (void)put_rest(); // what is left waits for the next time
 }
 
+bool is_line_torn()
+{
+    return g_stream.rest_size > 0;
+}
+
 void leave_standard_error()
 {
     if (g_stream.own != -1)
