@@ -157,6 +157,12 @@ constexpr const char* kOtherWord = sizeof(std::size_t) == 8
 constexpr char kOtherByteOrder[] = "it was written by a machine of the other byte order";
 constexpr char kOtherVersion[] = "it is of another version of LMDB's data format";
 
+/// LMDB counts its data formats from 1, and its developers' own is 999. Anything else is damage.
+constexpr bool is_other_version(std::uint32_t version)
+{
+    return (version > kVersion && version <= 16) || version == 999;
+}
+
 constexpr std::uint32_t swapped(std::uint32_t number)
 {
     return number >> 24U | (number >> 8U & 0xff00U) | (number << 8U & 0xff0000U) | number << 24U;
@@ -501,7 +507,7 @@ const char* foreign_origin(int fd)
     const std::uint32_t own = page.at(kHeaderSize / 4);
     const std::uint32_t other = page.at(kOtherHeaderSize / 4);
     if (own == kMagic)
-        return page.at(kHeaderSize / 4 + 1) == kVersion ? "" : kOtherVersion;
+        return is_other_version(page.at(kHeaderSize / 4 + 1)) ? kOtherVersion : "";
     if (own == swapped(kMagic) || other == swapped(kMagic))
         return kOtherByteOrder;
     return other == kMagic ? kOtherWord : "";

@@ -218,7 +218,7 @@ TEST_F(ForeignTest, A_store_of_another_kind_is_refused_with_one_line_and_left_as
         {StoreFile<OwnWord>(/*is_swapped=*/true).bytes(), kOtherByteOrder},
         {StoreFile<OtherWord>(/*is_swapped=*/true).bytes(), kOtherByteOrder},
         {StoreFile<OwnWord>(/*is_swapped=*/false, /*version=*/2).bytes(), kOtherVersion},
-        {StoreFile<OwnWord>(/*is_swapped=*/false, /*version=*/0).bytes(), kOtherVersion},
+        {StoreFile<OwnWord>(/*is_swapped=*/false, /*version=*/999).bytes(), kOtherVersion},
     };
     for (const auto& one : cases)
         for (const WhenDamaged when_damaged :
@@ -227,6 +227,17 @@ TEST_F(ForeignTest, A_store_of_another_kind_is_refused_with_one_line_and_left_as
             spill(data_file() + ".copy", StoreFile<OwnWord>().bytes());
             expect_refused(layout(when_damaged), one.reason);
         }
+}
+
+TEST_F(ForeignTest, A_version_that_cannot_be_is_damage)
+{
+    for (const std::uint32_t version : {0U, 17U, 0x54U, 998U, 0xffffffffU}) {
+        spill(data_file(), StoreFile<OwnWord>(/*is_swapped=*/false, version).bytes());
+        told().clear();
+        Environment environment(layout(WhenDamaged::refuse));
+        EXPECT_EQ(environment.open(), Error::input_output);
+        EXPECT_EQ(environment.failure().kind, Failure::Kind::damage) << version;
+    }
 }
 
 TEST_F(ForeignTest, A_volatile_store_of_this_boot_is_refused_likewise)
