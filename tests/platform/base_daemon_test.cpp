@@ -18,8 +18,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -379,8 +381,8 @@ TEST(DaemonReadiness, AFailedStartIsNotTold)
 TEST(DaemonReadiness, AManagerThatCannotBeToldIsSurvivedWithALine)
 {
     for (const auto& [name, reason] :
-         {std::pair<std::string, std::string>{"/nowhere/manager", "No such file or directory"},
-          {"/" + std::string(107, 'x'), "File name too long"}}) {
+         {std::pair<std::string, std::string>{"/nowhere/manager", std::strerror(ENOENT)},
+          {"/" + std::string(107, 'x'), std::strerror(ENAMETOOLONG)}}) {
         const Outcome outcome = run_probe({}, {"NOTIFY_SOCKET=" + name, "PROBE_RUN=0"});
         EXPECT_EQ(outcome.status, 0);
         EXPECT_TRUE(contains(outcome.err,

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -110,7 +111,7 @@ TEST_F(BackupFile, ThatCannotBePutOnDiskLeavesTheLast)
     g_is_failing = true;
     EXPECT_FALSE(orvctl::write_backup(file(), "new"));
     g_is_failing = false;
-    EXPECT_EQ(g_complaint, "cannot write " + file() + ": Input/output error");
+    EXPECT_EQ(g_complaint, "cannot write " + file() + ": " + std::strerror(EIO));
     EXPECT_EQ(content_of(file()), "last");
     EXPECT_EQ(std::distance(fs::directory_iterator(m_directory), fs::directory_iterator()), 1)
         << "nothing else is left behind";
