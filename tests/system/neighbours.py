@@ -254,7 +254,7 @@ def no_descriptors(home):
             resource.prlimit(pid, resource.RLIMIT_NOFILE, before)
 
 
-@row("clients", "no memory left", reconnecting=True, logged="no memory|out of memory")
+@row("clients", "no memory left", reconnecting=True, logged="no memory|out of memory|failed to init new connection")
 def no_memory(home):
     pid = home.daemon.pid
     resource.prlimit(pid, resource.RLIMIT_AS, ((size_kib(pid) + 4 * 1024) * 1024, resource.RLIM_INFINITY))
