@@ -28,6 +28,30 @@ else()
   string(APPEND CMAKE_C_FLAGS_RELEASE " -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2")
   string(APPEND CMAKE_CXX_FLAGS_RELEASE " -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2")
   target_compile_options(orv_options INTERFACE -fstack-protector-strong)
+
+  # Who finds a mistake in a program finds no address that he knows, no table of functions that he can write to, no stack
+  # that he can run, and no jump to where no function begins: docs/security.md. These are flags of CMake's since they are
+  # for all that is linked: one object that is compiled without takes what guards jumps from a whole program.
+  include(CheckCXXCompilerFlag)
+  set(hardening "-fPIE")
+  foreach(flag IN ITEMS -fcf-protection=full -mbranch-protection=standard) # x86; 64-bit ARM
+    string(MAKE_C_IDENTIFIER ORV_COMPILER_HAS${flag} has)
+    check_cxx_compiler_flag(${flag} ${has})
+    if(${has})
+      string(APPEND hardening " ${flag}")
+    endif()
+  endforeach()
+  string(APPEND CMAKE_C_FLAGS " ${hardening}")
+  string(APPEND CMAKE_CXX_FLAGS " ${hardening}")
+  target_link_options(orv_options INTERFACE -pie -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+
+  # glibc makes the tables of a static program read-only, too; musl does not.
+  include(CheckCSourceCompiles)
+  check_c_source_compiles("#include <features.h>\n#ifndef __GLIBC__\n#error\n#endif\nint main(void) { return 0; }" ORV_HAS_GLIBC)
+  if(NOT ORV_HAS_GLIBC)
+    add_library(orv_read_only_tables OBJECT ${CMAKE_SOURCE_DIR}/cmake/read-only-tables.c)
+    target_compile_options(orv_read_only_tables PRIVATE -Wall -Wextra)
+  endif()
 endif()
 
 # orv_build_for_speed(TARGET_OR_SOURCE...): the program as shipped is built for size (-Os); what every request goes
@@ -40,6 +64,15 @@ function(orv_build_for_speed)
       set_property(SOURCE ${name} APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-O2>)
     endif()
   endforeach()
+endfunction()
+
+# orv_harden(PROGRAM...): what more than flags it takes.
+function(orv_harden)
+  if(TARGET orv_read_only_tables)
+    foreach(name IN LISTS ARGN)
+      target_sources(${name} PRIVATE $<TARGET_OBJECTS:orv_read_only_tables>)
+    endforeach()
+  endif()
 endfunction()
 
 # orv_make_small(PROGRAM...): leaves out of programs that go into a router's image what only ever tells of a mistake of their own.
