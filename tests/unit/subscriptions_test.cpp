@@ -343,11 +343,7 @@ TEST_F(Subscription, ThatLacksMemoryAnywhereNamesTheConnectionNowhereOnceItHasEn
             if (stays)
                 destroy(peer);
             EXPECT_THAT(find_connections(event), Not(Contains(conn)));
-            for (const auto& [name, callbacks] : g_exchange_subscriptions) {
-                for (const auto& [callback, conns] : callbacks) {
-                    EXPECT_THAT(conns, Not(Contains(conn))) << name;
-                }
-            }
+            EXPECT_TRUE(g_exchange_subscriptions.empty());
             forget_records();
         }
     }

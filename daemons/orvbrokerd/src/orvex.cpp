@@ -120,9 +120,30 @@ int orvex_subscribe()
     return 0;
 }
 
+namespace {
+
+using Subscription = decltype(g_exchange_subscriptions)::iterator;
+
+void drop_unused(Subscription subscription)
+{
+    auto& callbacks = subscription->second;
+    for (auto it = callbacks.begin(); it != callbacks.end();)
+        it = it->second.empty() ? callbacks.erase(it) : std::next(it);
+    if (callbacks.empty())
+        g_exchange_subscriptions.erase(subscription);
+}
+
+} // namespace
+
 void orvex_add_sub(const std::string& event, Connection* conn, EventCallback callback)
 {
-    g_exchange_subscriptions[event][callback].push_back(conn);
+    const Subscription subscription = g_exchange_subscriptions.try_emplace(event).first;
+    try {
+        subscription->second[callback].push_back(conn);
+    } catch (const std::bad_alloc&) {
+        drop_unused(subscription); // nobody else would take it back
+        throw;
+    }
 }
 
 void orvex_del_sub(const std::string& event, const Connection* conn)
@@ -130,14 +151,11 @@ void orvex_del_sub(const std::string& event, const Connection* conn)
     const auto found = g_exchange_subscriptions.find(event);
     if (found == g_exchange_subscriptions.end())
         return;
-    auto& callbacks = found->second;
-    for (auto it = callbacks.begin(); it != callbacks.end();) {
-        auto& conns = it->second;
+    for (auto& callback : found->second) {
+        auto& conns = callback.second;
         conns.erase(std::remove(conns.begin(), conns.end(), conn), conns.end());
-        it = conns.empty() ? callbacks.erase(it) : std::next(it);
     }
-    if (callbacks.empty())
-        g_exchange_subscriptions.erase(found);
+    drop_unused(found);
 }
 
 // ---- events
