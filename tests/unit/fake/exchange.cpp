@@ -142,7 +142,7 @@ int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::si
     if (fake->fails(orv::fake::call("orvex_send_request", std::string(name) + ", " + payload, orvex)) ||
         !orvex)
         return -1;
-    fake->requests.push_back({name, payload, response_callback, arg});
+    fake->requests.push_back({++fake->last_request, name, payload, response_callback, arg});
     return 0;
 }
 

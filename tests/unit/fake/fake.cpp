@@ -237,6 +237,7 @@ bool Fake::fails(std::string text)
     note(std::move(text));
     if (++m_fallible != m_fail_nth && !planned)
         return false;
+    ++m_failed;
     errno = m_error != 0 ? m_error : EIO;
     if (m_error == 0)
         m_error = static_cast<int>(Error::input_output);
@@ -253,10 +254,10 @@ void Fake::fail_json_allocation(unsigned n, bool onwards)
 
 bool Fake::json_allocation_fails()
 {
-    if (m_json_countdown == 0)
-        return m_json_failed && m_json_onwards;
-    m_json_failed = --m_json_countdown == 0;
-    return m_json_failed;
+    const bool fails = m_json_countdown == 0 ? m_json_failed && m_json_onwards : --m_json_countdown == 0;
+    m_json_failed = m_json_failed || fails;
+    m_failed += fails ? 1 : 0;
+    return fails;
 }
 
 bool Fake::memory_fails(const char* kind)
@@ -264,7 +265,9 @@ bool Fake::memory_fails(const char* kind)
     const auto found = m_memory.find(std::string_view(kind));
     if (found == m_memory.end() || found->second == 0)
         return false;
-    return found->second == kAll || --found->second == 0;
+    const bool fails = found->second == kAll || --found->second == 0;
+    m_failed += fails ? 1 : 0;
+    return fails;
 }
 
 // ---- waiting

@@ -64,6 +64,7 @@ struct Ready {
 
 /// A request that the daemon has sent and nobody has answered.
 struct Request {
+    unsigned number = 0; ///< in the order of sending, from 1
     std::string name;
     std::string data;
     void (*callback)(void*, const Message*) = nullptr;
@@ -131,6 +132,8 @@ public:
     Logs take_logs();
     /// How many calls that can fail were made since the beginning.
     [[nodiscard]] std::size_t fallible_calls() const { return m_fallible; }
+    /// How many calls and requests for memory were made to fail since the beginning.
+    [[nodiscard]] std::size_t failed() const { return m_failed; }
     /// The texts of these calls.
     [[nodiscard]] const Calls& fallible() const { return m_fallible_texts; }
 
@@ -232,6 +235,7 @@ public:
     [[nodiscard]] bool json_allocation_fails();
     [[nodiscard]] bool memory_fails(const char* kind);
 
+    unsigned last_request = 0;
     void (*event_callback)(const Message*) = nullptr;
     setMgmt::MonitoredKey::Callback watch_callback;
     int lock_serial = 0; ///< descriptor number of the version lock, none of the kernel's
@@ -255,6 +259,7 @@ private:
     std::map<std::string, int> m_counts;
     std::list<Failure> m_failures;
     std::size_t m_fallible = 0;
+    std::size_t m_failed = 0;
     std::size_t m_fail_nth = 0;
     int m_error = 0;
     static constexpr unsigned kAll = std::numeric_limits<unsigned>::max();

@@ -29,16 +29,17 @@ Client::Client(Client&& other) noexcept
 {
 }
 
-void Client::send(const std::string& bytes)
+std::size_t Client::send(const std::string& bytes)
 {
     const fake::Fake::Paused paused;
     std::size_t sent = 0;
     while (sent < bytes.size()) {
         const ssize_t n = ::send(m_fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n <= 0)
-            return;
+            break;
         sent += static_cast<std::size_t>(n);
     }
+    return sent;
 }
 
 void Client::receive()

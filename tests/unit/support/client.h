@@ -20,7 +20,8 @@ public:
     void connect();
     [[nodiscard]] bool is_open() const { return m_fd != -1; }
 
-    void send(const std::string& bytes);
+    /// How many of them the connection has taken.
+    std::size_t send(const std::string& bytes);
     /// The next frame's text; nothing when it has not arrived completely.
     std::optional<std::string> frame();
     /// All bytes that have arrived and no frame() has taken.
