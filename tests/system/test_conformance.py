@@ -27,8 +27,7 @@ class Document(unittest.TestCase):
 
     def test_each_rule_names_tests_that_are_there(self):
         self.assertGreater(len(self.rows), 0)
-        there = sources.test_names()
-        self.assertEqual([(rule, name) for rule, names, _ in self.rows for name in names if name not in there], [])
+        self.assertEqual(sources.missing_tests(name for _, names, _ in self.rows for name in names), [])
         self.assertEqual([rule for rule, names, _ in self.rows if not names], [])
 
     def test_there_is_nothing_but_names_beside_a_rule(self):
@@ -52,22 +51,27 @@ class Names(unittest.TestCase):
         with open(path, "w", encoding="utf-8") as file:
             file.write(text)
 
-    def names(self):
-        return sorted(sources.test_names(self.root))
+    def missing(self, *names):
+        return sources.missing_tests(names, self.root)
 
-    def test_macros_and_methods_at_their_places_are_tests(self):
+    def test_macros_at_the_beginning_of_a_line_are_tests(self):
         self.put("tests/unit/a_test.cpp", "TEST(Plain, One)\n{\n}\n\nTEST_F(Fixture, Two)\nTEST_P(Values, Three)\n")
-        self.put("libs/client/tests/b_test.cpp", "TEST(Client, Four)\n")
-        self.put("tests/system/test_it.py", "class A(B):\n    def test_five(self):\n\nclass C:\n    def test_six(self):\n")
-        self.assertEqual(self.names(), ["Client.Four", "Fixture.Two", "Plain.One", "Values.Three",
-                                        "system.test_it A.test_five", "system.test_it C.test_six"])
+        self.put("libs/client/tests/b_test.cpp", "TEST(Client, Four)\n// TEST(Client, Five)\n  TEST(Client, Six)\n")
+        self.put("tests/unit/notes.txt", "TEST(Client, Seven)\n")
+        self.assertEqual(self.missing("Plain.One", "Fixture.Two", "Values.Three", "Client.Four"), [])
+        names = ["Client.Five", "Client.Six", "Client.Seven", "Plain.Two"]
+        self.assertEqual(self.missing(*names), names)
 
-    def test_what_is_commented_out_or_elsewhere_is_none(self):
-        self.put("tests/unit/a_test.cpp", "// TEST(Plain, One)\n  TEST(Plain, Two)\n")
-        self.put("tests/unit/notes.txt", "TEST(Plain, Three)\n")
-        self.put("tests/system/helper.py", "class A:\n    def test_four(self):\n")
-        self.put("tests/system/test_it.py", "def test_five():\n\nclass A:\n    def helper(self):\n        def test_six():\n")
-        self.assertEqual(self.names(), [])
+    def test_methods_of_the_python_tests_here_are_tests_inherited_ones_too(self):
+        self.assertEqual(self.missing("system.test_conformance Inherited." + self.id().rpartition(".")[2],
+                                      "system.test_conformance Names." + self.id().rpartition(".")[2]), [])
+        names = ["system.test_conformance Names.put", "system.test_conformance Names.test_it", "system.test_it A.test_it",
+                 "system.test_conformance", "test_conformance Names." + self.id().rpartition(".")[2]]
+        self.assertEqual(self.missing(*names), names)
+
+
+class Inherited(Names):
+    pass
 
 
 if __name__ == "__main__":
