@@ -69,7 +69,7 @@ void tell(const Campaign& campaign, const Plan& plan, const Outcome& outcome)
 {
     std::printf("seed %llu: %s\n", static_cast<unsigned long long>(plan.seed), outcome.rule.c_str());
     const Plan shorter = campaign.shorten(plan, outcome.rule);
-    std::printf("%s", campaign.run(shorter, /*is_verbose=*/true).output.c_str());
+    std::printf("%s\n", campaign.run(shorter, /*is_verbose=*/true).output.c_str());
     std::printf("%zu of its %zu steps are enough:\n", shorter.steps.size(), plan.steps.size());
     for (const Step& step : shorter.steps)
         std::printf("  %s\n", to_text(step).c_str());

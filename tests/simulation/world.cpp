@@ -47,7 +47,8 @@ constexpr unsigned kSettledAfter = 400; ///< passes
 constexpr uid_t kStranger = 4711;
 constexpr int kSmallSendBuffer = 4096; ///< bytes: answers go out in pieces
 
-constexpr std::array kMemory{"malloc", "realloc", "new", "strdup", "throwing new", "watch"};
+constexpr std::string_view kOften = "throwing new";
+constexpr std::array kMemory{"malloc", "realloc", "new", "strdup", kOften.data(), "watch"};
 constexpr std::array kFallible{
     "recv(client",
     "send(client",
@@ -280,7 +281,7 @@ void World::end_pass()
         return;
     }
     if (!complaints.empty())
-        fail("requests have the status that they should", complaints.front());
+        fail("what is done is what should be", complaints.front());
     compare();
 }
 
@@ -794,7 +795,9 @@ void World::fail_something(const Step& step)
         return m_platform->fail_from(pick(kFallible, step.what), once,
                                      kErrors[(step.amount >> 4) % kLastingErrors]);
     case Act::fail_memory:
-        return m_platform->fail_memory(pick(kMemory, step.what), 1 + step.amount % 16);
+        // Only objects are asked for often.
+        return m_platform->fail_memory(pick(kMemory, step.what),
+                                       1 + step.amount % (pick(kMemory, step.what) == kOften ? 16 : 2));
     case Act::fail_all_memory:
         return m_platform->fail_all_memory(pick(kMemory, step.what));
     default:
