@@ -797,7 +797,7 @@ void World::fail_something(const Step& step)
     case Act::fail_memory:
         // Only objects are asked for often.
         return m_platform->fail_memory(pick(kMemory, step.what),
-                                       1 + step.amount % (pick(kMemory, step.what) == kOften ? 16 : 2));
+                                       1 + step.amount % (pick(kMemory, step.what) == kOften ? 16 : 4));
     case Act::fail_all_memory:
         return m_platform->fail_all_memory(pick(kMemory, step.what));
     default:
