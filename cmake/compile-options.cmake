@@ -34,6 +34,7 @@ else()
   # for all that is linked: one object that is compiled without takes what guards jumps from a whole program.
   include(CheckCXXCompilerFlag)
   set(hardening "-fPIE")
+  set(CMAKE_REQUIRED_FLAGS -Werror) # a compiler that only warns of a flag of another processor's does not have it
   foreach(flag IN ITEMS -fcf-protection=full -mbranch-protection=standard) # x86; 64-bit ARM
     string(MAKE_C_IDENTIFIER ORV_COMPILER_HAS${flag} has)
     check_cxx_compiler_flag(${flag} ${has})
@@ -41,6 +42,7 @@ else()
       string(APPEND hardening " ${flag}")
     endif()
   endforeach()
+  unset(CMAKE_REQUIRED_FLAGS)
   string(APPEND CMAKE_C_FLAGS " ${hardening}")
   string(APPEND CMAKE_CXX_FLAGS " ${hardening}")
   target_link_options(orv_options INTERFACE -pie -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
