@@ -44,6 +44,20 @@ protected:
         ExchangeTest::SetUp();
         m_peer = std::make_unique<RawPeer>(m_bus.address());
     }
+    /// Everybody joins anew, on a bus that takes at most so many subscriptions of each.
+    bool rejoin_with_subscriptions(const char* most)
+    {
+        m_broker.reset();
+        m_peer.reset();
+        m_bus.kill();
+        m_bus.change_limit("max_match_rules_per_connection", most);
+        if (!m_bus.start())
+            return false;
+        m_broker = join("broker");
+        m_peer = std::make_unique<RawPeer>(m_bus.address());
+        return m_broker != nullptr;
+    }
+
     /// Waits for an event that comes after all the others.
     bool serve_all()
     {
@@ -295,14 +309,7 @@ TEST_F(ExchangeEvents, AFloodDoesNotHoldUpTimeOuts)
 
 TEST_F(ExchangeEvents, OneThatTheBusRefusesIsAskedForAgainByTheNextList)
 {
-    m_broker.reset();
-    m_peer.reset();
-    m_bus.kill();
-    m_bus.change_limit("max_match_rules_per_connection", "2");
-    ASSERT_TRUE(m_bus.start());
-    m_broker = join("broker");
-    ASSERT_NE(m_broker, nullptr);
-    m_peer = std::make_unique<RawPeer>(m_bus.address());
+    ASSERT_TRUE(rejoin_with_subscriptions("2"));
     testing::internal::CaptureStderr();
     ASSERT_TRUE(subscribe_and_wait({"a", "b", "end"}));
     const std::string log = testing::internal::GetCapturedStderr();
@@ -323,14 +330,9 @@ TEST_F(ExchangeEvents, OneThatTheBusRefusesIsAskedForAgainByTheNextList)
 
 TEST_F(ExchangeEvents, OneThatTheBusRefusesIsAskedForAgainWhenItComesBack)
 {
-    m_broker.reset();
-    m_peer.reset();
-    m_bus.kill();
-    m_bus.change_limit("max_match_rules_per_connection", "1");
-    ASSERT_TRUE(m_bus.start());
-    m_broker = join("broker");
-    ASSERT_NE(m_broker, nullptr);
+    ASSERT_TRUE(rejoin_with_subscriptions("1"));
     ASSERT_TRUE(subscribe_and_wait({"a", "end"}));
+    m_peer.reset(); // its connection ends with the bus
     const auto can_send = [this] { return orvex_send_message(m_broker.get(), "nobody:x", "", 0) == 0; };
     m_bus.kill();
     ASSERT_TRUE(serve_until([&] { return !can_send(); }));
@@ -345,14 +347,7 @@ TEST_F(ExchangeEvents, OneThatTheBusRefusesIsAskedForAgainWhenItComesBack)
 
 TEST_F(ExchangeEvents, OneThatTheBusRefusesIsAskedForAgainByItself)
 {
-    m_broker.reset();
-    m_peer.reset();
-    m_bus.kill();
-    m_bus.change_limit("max_match_rules_per_connection", "1");
-    ASSERT_TRUE(m_bus.start());
-    m_broker = join("broker");
-    ASSERT_NE(m_broker, nullptr);
-    m_peer = std::make_unique<RawPeer>(m_bus.address());
+    ASSERT_TRUE(rejoin_with_subscriptions("1"));
     testing::internal::CaptureStderr();
     ASSERT_TRUE(subscribe_and_wait({"end", "refused"}));
     const auto comes_in = [this](std::chrono::milliseconds time) {
