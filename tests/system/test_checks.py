@@ -229,8 +229,10 @@ case $* in *bad*) echo "bad: $*"; exit 1 ;; esac
 
     def test_it_fails_for_a_bad_script(self):
         self.put("platform/good.cpp", mode=0o644)
-        self.put("scripts/bad")
-        self.assertEqual(self.lint(), (1, "bad script\n", ""))
+        for name in ("scripts/bad", "cmake/cross/bad"):
+            self.put(name)
+            self.assertEqual(self.lint(), (1, "bad script\n", ""), name)
+            os.unlink(os.path.join(self.tree, name))
 
     def test_it_looks_at_those_sources_alone_that_it_is_told(self):
         self.put("platform/bad.cpp", mode=0o644)
