@@ -27,6 +27,9 @@ class TestCase(world.TestCase):
         self.mount("-t", "tmpfs", "none", self.at("run"))
         self.mount("-t", "tmpfs", "-o", "mode=1777", "none", self.at("tmp"))
         self.mount("-t", "tmpfs", "-o", "mode=755", "none", self.at("root"))
+        if world.configured()["ORV_EMULATOR"]:  # what stands before each program starts it by its place in the build
+            os.makedirs(self.at(world.BUILD), exist_ok=True)
+            self.mount("--bind", world.BUILD, self.at(world.BUILD))
         shutil.rmtree(self.at(world.default_root()), ignore_errors=True)
 
     def mount(self, *arguments):

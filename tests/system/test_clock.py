@@ -29,8 +29,7 @@ class SetClock(world.TestCase):
         self.one.start_bus()
         self.one.start_daemon(LD_PRELOAD=self.library, SETTABLE_CLOCK=self.file, TZ="UTC0")
         with open("/proc/%d/maps" % self.one.daemon.pid) as maps:
-            if self.library not in maps.read():
-                self.skipTest("NOT TESTED: nothing can be preloaded into this program, its C library is linked statically")
+            self.assertIn(self.library, maps.read())
 
     def build_library(self):
         variables = world.configured()
@@ -39,8 +38,7 @@ class SetClock(world.TestCase):
         result = subprocess.run([variables["CMAKE_C_COMPILER"], *flags, "-shared", "-fPIC", "-D_GNU_SOURCE",
                                  "-D_FILE_OFFSET_BITS=64", "-D_TIME_BITS=64", "-o", self.library, source],
                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
-        if result.returncode != 0:
-            self.skipTest("NOT TESTED: this compiler makes no library that could be preloaded: " + result.stdout)
+        self.assertEqual(result.returncode, 0, result.stdout)
 
     def set(self, text):
         self.wanted = calendar.timegm(time.strptime(text, "%Y-%m-%d %H:%M:%S"))
