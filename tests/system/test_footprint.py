@@ -108,7 +108,7 @@ class Document(unittest.TestCase):
         self.assertLessEqual(self.number(r"^\| 32-bit ARM[^|]*\| [\d,]+ \| ([\d,]+) \|"), 700_000)
         self.text = self.text[of_router:self.text.index("## " + MACHINES[1])]
         self.assertLessEqual(self.number(r"The daemon, idle.*?^\| together \| ([\d,]+) \|"), 800)
-        self.assertLessEqual(self.number(r"The daemon, idle.*?^\| together \| [\d,]+ \| ([\d,]+) \|"), 192)
+        self.assertLessEqual(self.number(r"The daemon, idle.*?^\| together \| [\d,]+ \| ([\d,]+) \|"), 150)
         self.assertLessEqual(self.number(r"^Each idle connection takes ([\d.]+) kB"), 8.6)
 
 
