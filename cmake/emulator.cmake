@@ -3,7 +3,7 @@
 # CTest or other programs, need not know.
 foreach(language C CXX)
   list(APPEND CMAKE_${language}_LINK_EXECUTABLE
-    "${PROJECT_SOURCE_DIR}/cmake/cross/put-behind-emulator ${ORV_EMULATOR} <TARGET>")
+    "\"${PROJECT_SOURCE_DIR}/cmake/cross/put-behind-emulator\" ${ORV_EMULATOR} <TARGET>")
 endforeach()
 
 # The emulator has no robust mutexes, and without them no store is opened: here, and only here, they are asked for in vain.

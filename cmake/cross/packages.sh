@@ -1,11 +1,17 @@
 # shellcheck shell=sh disable=SC2154  # $work and $root are the caller's
-# Sourced by the scripts of this folder: packages of another architecture and sources, from the same places as the machine's
-# own, without changing what its package manager knows.
+# Sourced by the scripts of this folder: packages of another architecture and sources, from the same places as the
+# machine's own, without changing what its package manager knows.
 
 # die TEXT...: tells what went wrong and ends.
 die() {
     echo "scripts/cross: $*" >&2
     exit 1
+}
+
+# unavailable TEXT...: the same for what the distribution does not have, or not today.
+unavailable() {
+    echo "scripts/cross: $*" >&2
+    exit 3
 }
 
 # within DIRECTORY COMMAND...
@@ -28,6 +34,15 @@ quietly() {
     die "failed: $what"
 }
 
+# Where packages come from, with their sources, and for any architecture: the machine's own may be the only one named.
+with_sources_of_lines() {
+    sed '/^deb /!d; s/\(\[[^]]*\)arch=[^] ]*/\1/; p; s/^deb /deb-src /'
+}
+
+with_sources_of_fields() {
+    sed '/^Architectures:/d; s/^Types:.*/Types: deb deb-src/'
+}
+
 # open_archive ARCHITECTURE: reads the package lists of another architecture, with those of sources.
 open_archive() {
     apt=$work/apt
@@ -35,10 +50,10 @@ open_archive() {
     : >"$apt/status"
     : >"$apt/sources.list"
     for file in /etc/apt/sources.list /etc/apt/sources.list.d/*.list; do
-        [ ! -e "$file" ] || sed '/^deb /{p;s/^deb /deb-src /;}' "$file" >>"$apt/sources.list"
+        [ ! -e "$file" ] || with_sources_of_lines <"$file" >>"$apt/sources.list"
     done
     for file in /etc/apt/sources.list.d/*.sources; do
-        [ ! -e "$file" ] || sed 's/^Types:.*/Types: deb deb-src/' "$file" >"$apt/sources.list.d/${file##*/}"
+        [ ! -e "$file" ] || with_sources_of_fields <"$file" >"$apt/sources.list.d/${file##*/}"
     done
     cat >"$apt/apt.conf" <<TEXT
 Dir::Etc::sourcelist "$apt/sources.list";
@@ -62,7 +77,7 @@ from_archive() {
     echo "  fetching $what"
     APT_CONFIG=$apt/apt.conf apt-get -q "$@" >"$work/log" 2>&1 && return
     { cat "$work/lists-log" "$work/log" | grep '^[EW]:' | tail -n 6; } >&2 2>/dev/null || :
-    die "cannot fetch $what: is there a network, and do /etc/apt's sources have it?"
+    unavailable "cannot fetch $what: is there a network, and do /etc/apt's sources have it?"
 }
 
 # fetch_package NAME: a package that is not installed, unpacked below $root.

@@ -2,6 +2,8 @@
 
 import os
 import re
+import shutil
+import subprocess
 import unittest
 
 import world
@@ -44,8 +46,8 @@ class Check(Tree):
             with open(self.path("build", preset, "bin", name), "wb") as file:
                 file.write(b"x" * size)
 
-    def check(self):
-        result = self.execute("footprint", "--check")
+    def check(self, *presets):
+        result = self.execute("footprint", "--check", *presets)
         return result.returncode, result.stdout, result.stderr
 
     def test_what_is_no_more_than_two_percent_larger_passes(self):
@@ -69,6 +71,27 @@ class Check(Tree):
         status, output, _ = self.check()
         self.assertEqual(status, 0)
         self.assertIn("orvbrokerd, 32-bit ARM, musl, all static: not built, not compared\n", output)
+
+    def test_only_what_was_built_by_the_named_presets_is_compared(self):
+        self.build("release", orvbrokerd=1, orvctl=1)
+        self.build("armmusl", orvbrokerd=9999, orvctl=9999)
+        self.assertEqual(self.check()[0], 1)
+        self.assertEqual(self.check("release")[::2], (0, ""))
+        self.assertEqual(self.check("release", "armmusl")[0], 1)
+        self.assertEqual(self.check("releas"), (2, "", "scripts/footprint: no such preset: releas (see scripts/footprint --help)\n"))
+
+    def test_a_tool_that_is_missing_is_told(self):
+        self.build("release", orvbrokerd=1, orvctl=1)
+        os.chmod(self.path("stubs", "strip"), 0o644)
+        os.rename(self.path("stubs", "strip"), self.path("stubs", "other"))
+        environment = self.environment(PATH=self.path("only"))
+        os.mkdir(self.path("only"))
+        for name in ("env", "python3", "dirname", "sh"):
+            os.symlink(shutil.which(name), self.path("only", name))
+        result = subprocess.run([self.path("scripts", "footprint"), "--check"], env=environment, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, text=True, timeout=world.DEADLINE, check=False)
+        self.assertEqual((result.returncode, result.stderr),
+                         (1, "scripts/footprint: cannot run strip: No such file or directory\n"))
 
     def test_nothing_built_is_no_success(self):
         self.assertEqual(self.check()[::2], (1, "scripts/footprint: nothing is built: run scripts/build first\n"))
