@@ -8,6 +8,7 @@
 #include <orvutils/log_format.h>
 #include <orvutils/time.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -22,6 +23,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <regex>
 #include <string>
 #include <utility>
@@ -470,6 +472,30 @@ TEST(LogBackground, ASystemLogThatDoesNotReadLosesLinesAndIsToldHowMany)
         return told ? 0 : 1;
     });
     EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(LogBackground, TheNameOfTheProgramOutlivesWhoeverHasTold)
+{
+    SystemLog system_log;
+    (void)in_child([&] {
+        auto name = std::make_unique<std::string>("probe");
+        use_syslog(name->c_str(), system_log.path());
+        name->replace(0, 5, "other");
+        log_text(kError, "e");
+        return 0;
+    });
+    EXPECT_THAT(system_log.next(), testing::HasSubstr(" probe["));
+}
+
+TEST(LogBackground, ALongNameIsCut)
+{
+    SystemLog system_log;
+    (void)in_child([&] {
+        use_syslog(std::string(100, 'n').c_str(), system_log.path());
+        log_text(kError, "e");
+        return 0;
+    });
+    EXPECT_THAT(system_log.next(), testing::HasSubstr(" " + std::string(47, 'n') + "["));
 }
 
 TEST(LogBackground, ANewSystemLogInThePlaceOfOneThatEndedIsFound)

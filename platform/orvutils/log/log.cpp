@@ -58,14 +58,17 @@ static_assert(kLevel.offset + kLevel.width + 1 == kPrefixAreaSize);
 /// "Mmm dd HH:MM:SS", as the system log wants it.
 constexpr std::size_t kShortStampSize = 15;
 
+/// What the system log shows of a longer name is up to it.
+constexpr std::size_t kMaxProgram = 47;
+
 struct State {
     char stamp[sizeof kPrefixArea];
     char short_stamp[kShortStampSize];
     std::time_t second; ///< that the stamps show
     bool has_second;
     bool has_process;
-    const char* program; ///< in the background
-    const char* address; ///< of the system log; null in the foreground
+    char program[kMaxProgram + 1]; ///< in the background
+    const char* address;           ///< of the system log; null in the foreground
 };
 
 constexpr State initial_state()
@@ -357,7 +360,7 @@ void set_threshold(int level)
 
 void use_syslog(const char* program, const char* address)
 {
-    g_state.program = program;
+    g_state.program[std::string_view(program).copy(g_state.program, kMaxProgram)] = '\0';
     g_state.address = address;
     leave_standard_error();
 }
