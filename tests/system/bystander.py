@@ -7,7 +7,6 @@ import contextlib
 import mmap
 import os
 import re
-import signal
 import time
 import traceback
 
@@ -190,12 +189,8 @@ def _observe(home, neighbour, seconds):
     with neighbour.act(home) as doing:
         world.wait_until(lambda: doing.rounds >= 1, neighbour.name)
         start = time.monotonic()
-        home.daemon.send_signal(signal.SIGTERM)
-        status = home.daemon.wait(world.DEADLINE)
+        home.stop_daemon()
         stop = time.monotonic() - start
-    if status != 0:
-        raise AssertionError("the daemon ended with %d" % status)
-    home.daemon = None
     return Observed(times, stop)
 
 

@@ -77,15 +77,6 @@ def many_clients(count, line=b""):
             client.close()
 
 
-def state_of(pid):
-    with open("/proc/%d/stat" % pid, encoding="ascii") as stat:
-        return stat.read().rsplit(") ", 1)[1][0]
-
-
-def is_stopped(pid):
-    return state_of(pid) == "T"
-
-
 def cpu_seconds(pid):
     with open("/proc/%d/schedstat" % pid, encoding="ascii") as schedstat:
         return int(schedstat.read().split()[0]) / 1e9
@@ -339,10 +330,9 @@ class UnreadPipe:
     def __init__(self, home):
         self.reader, writer = os.pipe()
         fcntl.fcntl(writer, F_SETPIPE_SZ, 4096)
-        home.daemon = subprocess.Popen([world.program("orvbrokerd")], env=home.environment(ORV_LOG_LEVEL="4"),
-                                       stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=writer)
+        home.adopt(subprocess.Popen([world.program("orvbrokerd")], env=home.environment(ORV_LOG_LEVEL="4"),
+                                    stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=writer))
         os.close(writer)
-        home.launched.append(home.daemon)
         world.wait_until(home.answers, "the daemon answers")
 
     def close(self):
@@ -361,7 +351,7 @@ class InBackground:
 
     def poll(self):
         try:
-            return 0 if state_of(self.pid) == "Z" else None  # whoever is its parent now may take his time
+            return 0 if world.state_of(self.pid) == "Z" else None  # whoever is its parent now may take his time
         except FileNotFoundError:
             return 0
 
@@ -391,8 +381,7 @@ class StuckSyslog:
         self._devices = devices
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._socket.bind("/dev/log")
-        home.daemon = InBackground(home)
-        home.launched.append(home.daemon)
+        home.adopt(InBackground(home))
 
     def close(self):
         self._socket.close()
@@ -424,7 +413,7 @@ def stopped_with_lock(home, store):
     """A process that is stopped with the lock of a store, which whoever opens or writes it has meanwhile."""
     process = subprocess.Popen([sys.executable, "-S", "-E", "-c", _OPENER, os.path.join(home.root, store)])
     try:
-        world.wait_until(lambda: is_stopped(process.pid), "it is stopped")
+        world.wait_until(lambda: world.is_stopped(process.pid), "it is stopped")
         yield process
     finally:
         process.kill()
@@ -451,7 +440,7 @@ def stopped_while_writing(home, store, order):
 
     def has_stopped_there():
         writer.process.send_signal(signal.SIGSTOP)
-        world.wait_until(lambda: is_stopped(writer.process.pid), "it is stopped")
+        world.wait_until(lambda: world.is_stopped(writer.process.pid), "it is stopped")
         if has_lock(writer.process.pid, directory):
             return True
         writer.process.send_signal(signal.SIGCONT)
@@ -461,7 +450,7 @@ def stopped_while_writing(home, store, order):
         world.wait_until(has_stopped_there, "it is stopped while it writes")
         yield writer.process
     finally:
-        writer.close()
+        writer.kill()
 
 
 SWITCHES = command("enable_services"), command("disable_services")
@@ -527,10 +516,13 @@ def stopped_key(home):
 
 @row("stores", "settings written and removed without end", bound=WAITING)
 def storm_of_settings(home):
-    with contextlib.closing(world.DeviceWriter(home)) as writer:
+    writer = world.DeviceWriter(home)
+    try:
         writer.ask("storm /storm")
         with Doing(Lines(*SWITCHES)) as doing:
             yield doing
+    finally:
+        writer.kill()
 
 
 @row("stores", "a hundred online-status requests of 0.9 MB", bound=ONE_LINE, prepare=with_leases)
@@ -726,7 +718,7 @@ def large_events(home):
                 participant.emit("va_status_changed", b"x" * (16 << 20))
                 participant.emit("va_status_changed", "small")
         finally:
-            participant.close()
+            participant.kill()
 
     with world.Client() as subscriber:
         subscriber.subscribe("va_status_changed")

@@ -28,6 +28,18 @@ class Agent:
         return self
 
     def __exit__(self, *_):
+        self.stop()
+
+    def stop(self):
+        """Ends it in the orderly way and expects success, unless it has been killed."""
+        if self.process.returncode is not None:
+            return
+        status = world.status_of_end(self.process)
+        if status != 0:
+            raise AssertionError("orvagentsim ended with %s: %s" % (status, self.log()))
+
+    def kill(self):
+        """Ends it the hard way, as it may happen to any program."""
         self.process.kill()
         self.process.wait(world.DEADLINE)
 
@@ -47,7 +59,7 @@ class Agent:
 class WithAgent(world.ServedTestCase):
     def agent(self, *options):
         agent = Agent(self.served, *options)
-        self.addCleanup(agent.__exit__)
+        self.addCleanup(agent.stop)
         return agent
 
     def subscriber(self, event):
@@ -183,8 +195,7 @@ class Stopping(WithAgent):
 
     def test_a_question_to_an_agent_that_is_gone_ends_the_connection_and_the_next_agent_answers(self):
         agent = self.agent()
-        agent.process.kill()
-        agent.process.wait(world.DEADLINE)
+        agent.kill()
         with Client() as client:
             client.send('{"type": "command", "name": "va_status"}\n')
             client.expect_close()

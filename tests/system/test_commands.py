@@ -147,7 +147,7 @@ class Router(Commands):
 
     def test_present_values_are_set_without_asking_anybody(self):
         agent = self.registered()
-        agent.__exit__()
+        agent.stop()
         for command in ("router_name", "router_model", "router_feature_set_level"):
             value, _ = self.call("get_" + command)
             with Client() as client:

@@ -291,7 +291,7 @@ class OnlineStatus(WithDevices):
         self.assertEqual(self.report(["meanwhile"]), (None, 0))
         self.served.wait_for_log("Failed to lock key '%s': " % QUEUE)
         self.assertEqual(self.served.setting(QUEUE + "/count"), "1")
-        self.store.close()  # the lock falls with its holder
+        self.store.kill()  # the lock falls with its holder
         self.assertEqual(self.report(["after"]), (None, 0))
         self.assertEqual(self.served.setting(QUEUE + "/1"), '["after"]')
 
@@ -408,7 +408,7 @@ class Writers(WithDevices):
             for _ in range(20):
                 names = {device["did"]: device["display_name"] for device in self.listed()}
                 self.assertEqual(names.pop("stable"), "here")
-            writer.close()
+            writer.kill()
             self.put("written %d" % number)
             self.assertIn("written %d" % number, self.ids())
         self.assertNotIn("malformed", self.served.log())
@@ -419,7 +419,7 @@ class Writers(WithDevices):
         for number in range(10):
             writer = self.device_writer(self.served)
             writer.ask("churn other")
-            writer.close()
+            writer.kill()
             self.put("d1", macs={MAC1: []}, display_name="name %d" % number)
             self.assertEqual(changes.frame(), '{"mac": "%s", "display_name": "name %d"}' % (MAC1, number))
 

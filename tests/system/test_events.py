@@ -45,7 +45,7 @@ class FromTheAgent(WithAgent):
             agent = self.agent()
             self.assertEqual(started.frame(), "{}")
             agent.wait_for_log("orvagent_started_ack")
-            agent.__exit__()
+            agent.stop()
 
     def test_a_renewed_subscription_arrives_byte_for_byte(self):
         self.agent()

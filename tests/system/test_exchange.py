@@ -229,7 +229,7 @@ class Orvctl(world.ServedTestCase):
 
     def test_a_monitor_ends_with_its_bus(self):
         with Monitor(self.served) as monitor:
-            self.served.bus.send_signal(signal.SIGKILL)
+            self.served.kill_bus()
             monitor.process.communicate(timeout=world.DEADLINE)
             self.assertEqual(monitor.process.returncode, 3)
 

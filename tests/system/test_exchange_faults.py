@@ -205,8 +205,8 @@ class Participants(Faults):
         status = self.asking("va_status")
         self.asked(settings, "va_set_schedule")
         self.asked(scanner, "va_scan_status")
-        settings.close()
-        scanner.close()
+        settings.kill()
+        scanner.kill()
         answer = json.loads(schedule.frame())
         self.assertEqual(answer["status"], -1)
         self.assertRegex(answer["data"]["error"], "disconnected")
@@ -437,7 +437,7 @@ class Bus(Faults):
         self.served.kill_bus()
         with world.CrowdedListener(os.path.join(self.served.root, "run", "exchange.skt")):
             start = time.monotonic()
-            self.assertEqual(self.served.launch().wait(world.DEADLINE), 1)
+            self.assertEqual(self.served.end_of(self.served.launch()), 1)
             self.assertLess(time.monotonic() - start, 8)
         self.assertIn("cannot reach the exchange: too many wait for it already", self.served.messages())
 
@@ -506,7 +506,7 @@ class Telemetry(Faults):
         self.assertEqual(self.states(), ["deployed", "activated", "deactivated"])
         self.served.stop_daemon()
         agent = Agent(self.served)
-        self.addCleanup(agent.__exit__)
+        self.addCleanup(agent.stop)
         self.served.start_daemon()
         self.assertEqual(len(self.outbox()), 3)
         agent.wait_for_log("telemetry event 3: tuvo_agent_status")  # five seconds after the start

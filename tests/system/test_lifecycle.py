@@ -56,7 +56,7 @@ class VersionFile(world.TestCase):
         one = self.world()
         one.start_bus()
         os.makedirs(self.path(one))
-        self.assertEqual(one.launch().wait(world.DEADLINE), 1)
+        self.assertEqual(one.end_of(one.launch()), 1)
         self.assertEqual(one.messages(), ["start orv broker daemon", "stop orv broker daemon"])
 
 
@@ -65,7 +65,7 @@ class StartAndStop(world.TestCase):
         one = self.world()
         one.start()
         second_log = os.path.join(one.root, "second.log")
-        self.assertEqual(one.launch(log=second_log).wait(world.DEADLINE), 1)
+        self.assertEqual(one.end_of(one.launch(log=second_log)), 1)
         self.assertEqual(one.messages(second_log), ["start orv broker daemon", "stop orv broker daemon"])
         self.assertEqual(len(one.log(second_log).splitlines()), 2)
         with Client() as client:
@@ -75,7 +75,7 @@ class StartAndStop(world.TestCase):
         first, second = self.world(), self.world()
         first.start()
         second.start_bus()
-        self.assertEqual(second.launch().wait(world.DEADLINE), 1)
+        self.assertEqual(second.end_of(second.launch()), 1)
         messages = second.messages()
         self.assertEqual(len([text for text in messages if text.startswith("failed to bind socket ")]), 1)
         self.assertIn("failed to open server socket", messages)
@@ -85,7 +85,7 @@ class StartAndStop(world.TestCase):
 
     def test_without_a_bus_the_start_is_undone(self):
         one = self.world()
-        self.assertEqual(one.launch().wait(world.DEADLINE), 1)
+        self.assertEqual(one.end_of(one.launch()), 1)
         messages = one.messages()
         self.assertEqual(messages[0], "start orv broker daemon")
         self.assertIn("failed to connect to orv exchange daemon", messages)
@@ -101,7 +101,7 @@ class StartAndStop(world.TestCase):
             one.start()
             with Client() as client:
                 one.daemon.send_signal(signal_number)
-                self.assertEqual(one.daemon.wait(world.DEADLINE), 0)
+                self.assertEqual(one.end_of(one.daemon), 0)
                 client.expect_close()
             self.assertEqual(one.messages(level=2)[-1], "stop orv broker daemon")
             one.close()
@@ -201,7 +201,7 @@ class StandardStreams(world.TestCase):
     def test_the_daemon_goes_to_the_background(self):
         one = self.world()
         one.start_bus()
-        self.assertEqual(self.without_streams(one, "orvbrokerd", "-d").wait(world.DEADLINE), 0)
+        self.assertEqual(one.end_of(self.without_streams(one, "orvbrokerd", "-d")), 0)
         process = server()
         try:
             self.check_streams(process)
@@ -217,7 +217,7 @@ class StandardStreams(world.TestCase):
         world.wait_until(lambda: one.orvctl("device", "list").stdout.count("\n") == 6, "the agent is at work")
         self.check_streams(agent.pid)
         agent.send_signal(signal.SIGTERM)
-        self.assertEqual(agent.wait(world.DEADLINE), 0)
+        self.assertEqual(one.end_of(agent), 0)
         self.check_that_the_store_is_sound(one)
 
     def test_the_command_line_tool_complains_to_nobody(self):
@@ -226,7 +226,7 @@ class StandardStreams(world.TestCase):
         one.set_setting("/sound", "not yet")
         for key in ("/missing", "/sound"):
             status = 0 if key == "/sound" else 1
-            self.assertEqual(self.without_streams(one, "orvctl", "settings", "get", key).wait(world.DEADLINE), status)
+            self.assertEqual(one.end_of(self.without_streams(one, "orvctl", "settings", "get", key)), status)
         self.check_that_the_store_is_sound(one)
 
 

@@ -22,10 +22,9 @@ class Unread(world.TestCase):
         self.one.start_bus()
         self.reader, writer = os.pipe()
         self.addCleanup(os.close, self.reader)
-        self.one.daemon = subprocess.Popen([world.program("orvbrokerd")], env=self.one.environment(),
-                                           stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=writer)
+        self.one.adopt(subprocess.Popen([world.program("orvbrokerd")], env=self.one.environment(),
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=writer))
         os.close(writer)
-        self.one.launched.append(self.one.daemon)
         world.wait_until(self.one.answers, "the daemon answers")
 
     def test_the_daemon_serves_and_stops_and_tells_what_was_lost(self):
@@ -47,7 +46,7 @@ class Unread(world.TestCase):
             for _ in range(room // 50):
                 client.call("get_services_status")
         self.one.daemon.send_signal(signal.SIGTERM)
-        self.assertEqual(self.one.daemon.wait(world.DEADLINE), 0)
+        self.assertEqual(self.one.end_of(self.one.daemon), 0)
 
 
 class Garbage(world.ServedTestCase):
@@ -67,7 +66,7 @@ class Garbage(world.ServedTestCase):
 class Signals(world.ServedTestCase):
     def test_a_hang_up_is_an_orderly_stop(self):
         self.served.daemon.send_signal(signal.SIGHUP)
-        self.assertEqual(self.served.daemon.wait(world.DEADLINE), 0)
+        self.assertEqual(self.served.end_of(self.served.daemon), 0)
         self.assertEqual(self.served.messages()[-1], "stop orv broker daemon")
 
 

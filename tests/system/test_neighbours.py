@@ -219,7 +219,7 @@ class OtherUsers(world.ServedTestCase):
             else:
                 os.chmod(path, 0o777)
                 reason = "others can write to it"
-            self.assertEqual(one.launch().wait(world.DEADLINE), 1)
+            self.assertEqual(one.end_of(one.launch()), 1)
             self.assertIn("cannot trust the directory %s: %s" % (path, reason), one.messages(level=0))
 
 

@@ -29,7 +29,7 @@ class Start(world.TestCase):
             start = time.monotonic()
             self.one.daemon = self.one.launch()
             if is_ended:
-                self.assertEqual(self.one.daemon.wait(world.DEADLINE), 1)
+                self.assertEqual(self.one.end_of(self.one.daemon), 1)
             else:
                 world.wait_until(self.one.answers, "the daemon answers")
             self.assertLess(time.monotonic() - start, WAITING.in_tests)
@@ -52,14 +52,14 @@ class Start(world.TestCase):
         self.check_start("var/telemetry", is_ended=False)
 
     def test_it_can_be_stopped_while_it_waits(self):
-        for store in ("var/settings", "var/telemetry"):
+        for store, status in (("var/settings", 1), ("var/telemetry", 0)):
             with neighbours.stopped_with_lock(self.one, store) as holder:
                 process = self.one.launch()
                 world.wait_until(lambda name=store, pid=holder.pid:
                                  "store %s: waiting for process %d" % (name, pid) in self.one.log(), "it waits")
                 start = time.monotonic()
                 process.send_signal(signal.SIGTERM)
-                process.wait(world.DEADLINE)
+                self.assertEqual(self.one.end_of(process), status)
                 self.assertLess(time.monotonic() - start, STOP.in_tests)
 
     def test_an_outbox_that_is_done_without_is_not_waited_for_with_each_event(self):

@@ -51,7 +51,7 @@ class OldKernel(world.TestCase):
 
     def test_commands_scripts_stores_and_telemetry_work(self):
         agent = Agent(self.one)
-        self.addCleanup(agent.__exit__)
+        self.addCleanup(agent.stop)
         self.one.start_daemon(before=age)
         agent.wait_for_log("telemetry event [0-9]+: tuvo_agent_status")
         wait_until(lambda: self.one.orvctl("telemetry", "list", preexec_fn=age).stdout == "", "the outbox is empty")

@@ -137,7 +137,7 @@ class BusGone(WithoutDaemon):
         receiver = self.participant(self.one, "there")
         process = self.start("request", "there:x")
         self.assertEqual(receiver.receive()[:2], ("Request", "x"))
-        receiver.close()
+        receiver.kill()
         status, stdout, stderr = self.finish(process)
         self.assertEqual((status, stderr), (FAILED, 'orvctl: the answer is of type "2"\n'))
         self.assertNotEqual(stdout, "")

@@ -34,7 +34,7 @@ class Faults(world.TestCase):
         self.mounts.append(path)
 
     def start_must_fail_with_the_store(self):
-        self.assertEqual(self.one.launch().wait(world.DEADLINE), 1)
+        self.assertEqual(self.one.end_of(self.one.launch()), 1)
         messages = self.one.messages()
         errors = [text for text in messages if text.startswith("orvsetmgmt error: ")]
         self.assertEqual(errors, ["orvsetmgmt error: 2"], messages)
@@ -170,7 +170,7 @@ class Faults(world.TestCase):
                     self.assertIn(client.call(name)[1], (0, -1), what)
             self.one.stop_daemon()
         else:
-            self.assertEqual(process.returncode, 1, what)
+            self.assertEqual(self.one.end_of(process), 1, what)
 
     def overwrite_head(self, path, chance):
         with open(path, "r+b") as file:
@@ -221,7 +221,7 @@ class StoresOfAnotherMachine(world.TestCase):
         self.one.start_bus()
         for store, command in (("settings", ("settings", "get", "/protection/enabled")), ("devices", ("device", "list"))):
             path = self.bring_in(store)
-            self.assertEqual(self.one.launch().wait(world.DEADLINE), 1)
+            self.assertEqual(self.one.end_of(self.one.launch()), 1)
             self.assertIn("store var/%s: cannot use the data file: %s" % (store, self.reason), self.one.messages(level=0))
             result = self.one.orvctl(*command)
             self.assertEqual((result.returncode, result.stdout), (3, ""))

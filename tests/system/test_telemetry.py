@@ -13,7 +13,7 @@ class WithoutOutbox(world.TestCase):
     def serve(self, one):
         one.start_bus()
         agent = Agent(one)
-        self.addCleanup(agent.__exit__)
+        self.addCleanup(agent.stop)
         one.start_daemon()
         return agent
 

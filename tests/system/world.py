@@ -4,6 +4,7 @@ Abstract socket names belong to the network namespace, so worlds of different te
 here waits for time to pass: every wait is for something that can be observed, with a deadline.
 """
 
+import glob
 import json
 import os
 import pty
@@ -35,6 +36,9 @@ _LOG_LINE = re.compile(
     r"\[(?P<file>[^\]:]*):(?P<line>\d+)\]\[(?P<function>[^\]]*)\(\)\]: (?P<text>.*)$")
 
 _REPEATED = re.compile(r"\[log\]: last line repeated (\d+) times$")
+
+# How the reports of AddressSanitizer, LeakSanitizer and UndefinedBehaviorSanitizer begin.
+_SANITIZER = re.compile(r"^==\d+==ERROR: .*|^.*: runtime error: .*", re.MULTILINE)
 
 
 def enter_namespaces():
@@ -175,8 +179,39 @@ class Client:
         return bool(select.select([self.socket], [], [], 0)[0])
 
 
+def state_of(pid):
+    with open("/proc/%d/stat" % pid, encoding="ascii") as stat:
+        return stat.read().rsplit(") ", 1)[1][0]
+
+
+def is_stopped(pid):
+    try:
+        return state_of(pid) == "T"
+    except FileNotFoundError:
+        return False
+
+
+def status_of_end(process):
+    """Has a process end in the orderly way, be it stopped; its exit status, None when it had to be killed."""
+    if process.poll() is None:
+        process.send_signal(signal.SIGTERM)
+    end = time.monotonic() + DEADLINE
+    while process.poll() is None and time.monotonic() < end:
+        if is_stopped(process.pid):  # not otherwise: LeakSanitizer hangs when that comes while it looks round at the end
+            process.send_signal(signal.SIGCONT)
+        time.sleep(0.005)
+    if process.poll() is not None:
+        return process.poll()
+    process.kill()
+    process.wait(DEADLINE)
+    return None
+
+
 class World:
-    """An agent's root directory with its bus and its daemon."""
+    """An agent's root directory with its bus and its daemon.
+
+    Whatever ends otherwise than in the orderly way, or was found wrong by a sanitizer, makes the world's end an error.
+    So a test that has its daemon killed, or end by itself, says so: kill_daemon(), end_of(process)."""
 
     def __init__(self, root=None):
         self.root = root or tempfile.mkdtemp(prefix="orv-system-", dir="/tmp")
@@ -192,7 +227,14 @@ class World:
         environment = dict(os.environ, ORV_ROOT=self.root, ORV_LOG_LEVEL=self.log_level)
         environment.pop("ORVEX_ADDRESS", None)
         environment.update(extra)
+        # Of each program, whoever reads its standard error and whatever is made of its status.
+        for name in ("ASAN_OPTIONS", "UBSAN_OPTIONS"):
+            environment[name] = ":".join(filter(None, [environment.get(name), "log_path=" + self._reports_path()]))
         return environment
+
+    def _reports_path(self):
+        """What the names of the sanitizers' reports begin with."""
+        return os.path.join(self.root, "sanitizer")
 
     def start_bus(self):
         path = os.path.join(self.root, "run", "exchange.skt")
@@ -226,6 +268,11 @@ class World:
         self.launched.append(process)
         return process
 
+    def adopt(self, daemon):
+        """Takes for the world's daemon what was started otherwise."""
+        self.daemon = daemon
+        self.launched.append(daemon)
+
     def start_daemon(self, **extra):
         """Starts the daemon and waits until it answers."""
         self.daemon = self.launch(**extra)
@@ -233,7 +280,7 @@ class World:
 
     def answers(self):
         if self.daemon.poll() is not None:
-            raise AssertionError("the daemon ended with %d" % self.daemon.returncode)
+            raise AssertionError("the daemon ended with %d" % self.daemon.poll())
         try:
             with Client() as client:
                 client.call("no_such_command")
@@ -246,31 +293,68 @@ class World:
         self.start_daemon()
         return self
 
+    def end_of(self, process, deadline=DEADLINE):
+        """Waits until a daemon has ended, as it is to; its exit status, which is the test's to judge."""
+        status = process.wait(deadline)
+        self._forget(process)
+        return status
+
+    def _forget(self, process):
+        if process in self.launched:
+            self.launched.remove(process)
+        if process is self.daemon:
+            self.daemon = None
+
     def stop_daemon(self):
         """Stops the daemon in the orderly way and expects success."""
         self.daemon.send_signal(signal.SIGTERM)
-        status = self.daemon.wait(DEADLINE)
-        self.daemon = None
+        status = self.end_of(self.daemon)
         if status != 0:
             raise AssertionError("the daemon ended with %d" % status)
 
     def kill_daemon(self):
+        """Ends the daemon the hard way, as it may happen to any program."""
         self.daemon.kill()
-        self.daemon.wait(DEADLINE)
-        self.daemon = None
+        self.end_of(self.daemon)
 
     def restart_daemon(self):
         self.stop_daemon()
         self.start_daemon()
 
-    def close(self):
-        for process in (*self.launched, self.bus):
-            if process is not None and process.poll() is None:
-                process.kill()
-                process.wait(DEADLINE)
+    def end(self):
+        """Ends what was started here, in the orderly way, and finds nothing wrong. The directory stays."""
+        problems = [problem for process in self.launched for problem in self._end_of("a process", process)]
+        problems += self._end_of("the bus", self.bus) if self.bus else []
         self.daemon = self.bus = None
-        self.launched.clear()
+        self.launched = []
+        problems += self.reports()
+        if problems:
+            raise AssertionError("; ".join(problems))
+
+    @staticmethod
+    def _end_of(name, process):
+        """Ends it; what was wrong with that."""
+        if process.poll() is not None:
+            return ["%s had ended with %d before it was told to" % (name, process.poll())]
+        status = status_of_end(process)
+        if status is None:
+            return [name + " did not end and had to be killed"]
+        return ["%s ended with %d" % (name, status)] if status != 0 else []
+
+    def reports(self):
+        """The first lines of all that sanitizers have reported."""
+        logs = glob.glob(os.path.join(glob.escape(self.root), "*.log"))
+        texts = map(self.log, logs + glob.glob(glob.escape(self._reports_path()) + ".*"))
+        return [found for text in texts for found in _SANITIZER.findall(text)]
+
+    def remove(self):
         shutil.rmtree(self.root, ignore_errors=True)
+
+    def close(self):
+        try:
+            self.end()
+        finally:
+            self.remove()
 
     # -- what can be seen from outside
 
@@ -373,6 +457,18 @@ class Helper:
         self._expect("ready")
 
     def close(self):
+        """Ends it in the orderly way and expects success, unless it has been killed."""
+        if self.process.stdin.closed:
+            return
+        try:
+            self.process.communicate(timeout=DEADLINE)
+        except subprocess.TimeoutExpired:
+            self.kill()
+            raise AssertionError("%s does not end" % self.process.args[0]) from None
+        if self.process.returncode != 0:
+            raise AssertionError("%s ended with %d" % (self.process.args[0], self.process.returncode))
+
+    def kill(self):
         """Ends it the hard way, as it may happen to any program."""
         if self.process.poll() is None:
             self.process.kill()
@@ -503,7 +599,7 @@ class TestCase(unittest.TestCase):
                 for world in self.worlds:
                     sys.stderr.write("--- log of %s in %s\n%s---\n" % (self.id(), world.root, world.log()[-20000:]))
             for world in self.worlds:
-                world.close()
+                world.remove()
 
     def quiet_world(self):
         """A world with nothing started, whose daemon logs what it logs in ordinary operation."""
@@ -515,6 +611,7 @@ class TestCase(unittest.TestCase):
         """A world with nothing started."""
         world = World(root)
         self.worlds.append(world)
+        self.addCleanup(world.end)  # after all that is made later, and lives in it, has gone
         return world
 
 
