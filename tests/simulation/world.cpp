@@ -534,7 +534,9 @@ void World::act(const Step& step)
     case Act::tell_devices:
         return m_platform->expire(kDevicesTimer);
     case Act::retry_telemetry:
-        m_platform->outbox.assign(step.amount % 3, R"({"event":1})");
+        m_platform->outbox.clear();
+        for (unsigned n = 0; n < step.amount % 3; ++n)
+            m_platform->outbox.push_back(R"({"id": "kept-)" + std::to_string(n) + "\"}");
         return m_platform->expire(kTelemetryTimer);
     case Act::pass_time:
         m_platform->now += step.amount % 200;

@@ -733,11 +733,14 @@ TEST_F(Devices, OnlineStatusThatCannotBeSentIsNotQueued)
 
 TEST_F(Devices, OnlineStatusIsIgnoredInOtherModes)
 {
-    for (const auto& [mode, text] : std::vector<std::pair<std::string, std::string>>{
-             {"orvleases-orv", "orvleases-orv"}, {"", "orvleases-orv"}, {"7", "(unknown)"}})
+    for (const auto& [settings, text] :
+         std::vector<std::pair<Settings, std::string>>{{{}, "orvleases-orv"},
+                                                       {{{"/leases/mode", "orvleases-orv"}}, "orvleases-orv"},
+                                                       {{{"/leases/mode", ""}}, "(unknown)"},
+                                                       {{{"/leases/mode", "1"}}, "(unknown)"}})
         for (const char* data : {R"({"d1": 1})", "5"})
             check(Scenario("set_device_online_status", data)
-                      .with({{"/leases/mode", mode}})
+                      .with(settings)
                       .calls({"get_orvleases_mode()"})
                       .logs({{2, "set_device_online_status: " + std::string(data)},
                              {1, "orvleases mode is " + text + ", ignoring set_device_online_status"}})

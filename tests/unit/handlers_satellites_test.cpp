@@ -316,7 +316,8 @@ TEST_F(Satellites, ListsKeepTheirEntriesWhenOneIsAdded)
     EXPECT_EQ(text.size(), 7U);
     std::sort(text.begin(), text.end());
     EXPECT_EQ(text, ",,,abcd");
-    EXPECT_EQ(platform->locked, (std::set<std::string>{"/list"})) << "it is the daemon's from now on";
+    EXPECT_EQ(platform->locked, (std::map<std::string, unsigned>{{"/list", 1}}))
+        << "it is the daemon's from now on";
 
     EXPECT_EQ(brokerd::blacklist_add(kListKey, "b"), 0);
     EXPECT_EQ(platform->settings["/list"].size(), 7U);

@@ -32,7 +32,7 @@ std::string described(const std::string& type, const std::string& data)
 class ExchangeEvents : public ServiceTest {
 protected:
     /// Lets an event arrive; what is recorded is only what the daemon did with it.
-    void arrive(const std::string& type, const std::string& data, std::uint64_t id = 0)
+    void arrive(const std::string& type, const std::string& data, std::uint64_t id = 1)
     {
         forget_records();
         const MessageRecord message(type, data, id);

@@ -424,8 +424,8 @@ TEST_F(SubscriptionChange, NamesTheStatusAndTheExpiryExceptForValidWithoutEnd)
     EXPECT_THAT(frames(peer), ElementsAre(R"({"status": "valid"})"));
     EXPECT_EQ(report("expired", 0), 0);
     EXPECT_THAT(frames(peer), ElementsAre(R"({"status": "expired", "expiry": 0})"));
-    EXPECT_EQ(report("valid", -1), 0);
-    EXPECT_THAT(frames(peer), ElementsAre(R"({"status": "valid", "expiry": -1})"));
+    EXPECT_EQ(report("expired", 1), 0);
+    EXPECT_THAT(frames(peer), ElementsAre(R"({"status": "expired", "expiry": 1})"));
 }
 
 TEST_F(SubscriptionChange, IsNotToldTwiceInARow)
@@ -456,11 +456,17 @@ TEST_F(SubscriptionChange, CountsAsReportedAlsoWhenNobodyListened)
 TEST_F(SubscriptionChange, IsAFailureWhenItCannotBeLoaded)
 {
     Peer peer = subscribe("subscription_changed");
+    const auto is_failure = [&](int result) {
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(platform->take_logs(),
+                  lines({{2, "processing subscription changed"}, {0, "failed to load subscription data"}}));
+        EXPECT_THAT(frames(peer), IsEmpty());
+    };
     platform->fail("subs::load()");
-    EXPECT_EQ(report("valid", ++expiry), -1);
-    EXPECT_EQ(platform->take_logs(),
-              lines({{2, "processing subscription changed"}, {0, "failed to load subscription data"}}));
-    EXPECT_THAT(frames(peer), IsEmpty());
+    is_failure(report("valid", ++expiry));
+    is_failure(report("valid", -1));
+    is_failure(report("Valid", ++expiry));
+    is_failure(report("", ++expiry));
 }
 
 TEST_F(SubscriptionChange, IsIgnoredWhenThereIsNoSubscription)

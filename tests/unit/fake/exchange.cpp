@@ -2,9 +2,13 @@
 
 #include "fake.h"
 
+#include <orvutils/json.h>
+
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstring>
 
 using orv::fake::Fake;
@@ -35,6 +39,8 @@ MessageRecord::MessageRecord(const std::string& type, const std::string& data, s
     m_message.request_id = id;
     m_message.datalen = static_cast<std::uint32_t>(data.size());
     m_message.data = m_data.get();
+    if (Fake* fake = Fake::current(); fake && id != 0)
+        fake->unanswered.insert(id);
 }
 
 Orvex* Fake::connect(void (*callback)(const Message*))
@@ -67,7 +73,7 @@ void Fake::deliver(const std::string& type, const std::string& data, std::uint64
                    const std::string& from)
 {
     deliver([=] {
-        const MessageRecord message(type, data, id, from);
+        const MessageRecord message(type, data, id != 0 ? id : ++last_made_up, from);
         const Inside inside;
         event_callback(message.get());
     });
@@ -86,6 +92,7 @@ void Fake::answer(const std::string& data, const std::string& type)
 
 void Fake::read_exchange()
 {
+    is_reading = true;
     eventfd_t pending = 0;
     (void)eventfd_read(g_handle.fd, &pending);
     while (!m_incoming.empty()) {
@@ -93,7 +100,45 @@ void Fake::read_exchange()
         m_incoming.pop_front();
         action();
     }
+    is_reading = false;
 }
+
+namespace {
+
+bool is_name(const char* text)
+{
+    if (!text || *text == '\0' || std::strlen(text) > kOrvexMaxName)
+        return false;
+    const Fake::Paused paused;
+    const JsonPtr name(json_string(text)); // none unless it is UTF-8
+    return name != nullptr;
+}
+
+/// "participant:name", or a bare name.
+bool is_target(const char* text)
+{
+    const char* colon = text ? std::strchr(text, ':') : nullptr;
+    if (!colon)
+        return is_name(text);
+    const std::string participant(text, colon);
+    return !participant.empty() && participant.size() <= kOrvexMaxName &&
+           std::isdigit(static_cast<unsigned char>(participant.front())) == 0 &&
+           std::all_of(participant.begin(), participant.end(),
+                       [](unsigned char c) { return std::isalnum(c) != 0 || c == '-' || c == '_'; }) &&
+           is_name(colon + 1);
+}
+
+bool is_payload(const char* data, std::size_t length)
+{
+    return length <= kOrvexMaxPayload && (data || length == 0);
+}
+
+std::string payload_of(const char* data, std::size_t length)
+{
+    return length == 0 ? std::string() : std::string(data, length);
+}
+
+} // namespace
 
 } // namespace orv::fake
 
@@ -102,6 +147,8 @@ Orvex* orvex_init_eventloop(const char* name, void (*event_callback)(const Messa
 {
     const Fake::Calm calm;
     Fake* fake = Fake::current();
+    if (!name || !event_callback || !orv::fake::is_target((std::string(name) + ":a").c_str()))
+        return nullptr;
     if (fake->fails("orvex_init_eventloop(" + std::string(name) + ", " + std::to_string(flags) + ", " +
                     std::to_string(auto_reconnect) + ")"))
         return nullptr;
@@ -111,13 +158,15 @@ Orvex* orvex_init_eventloop(const char* name, void (*event_callback)(const Messa
 int orvex_get_fd(Orvex* orvex)
 {
     const Fake::Calm calm;
-    return Fake::current()->fails(orv::fake::call("orvex_get_fd", "", orvex)) ? -1 : orvex->fd;
+    return Fake::current()->fails(orv::fake::call("orvex_get_fd", "", orvex)) || !orvex ? -1 : orvex->fd;
 }
 
 int orvex_read_fd(Orvex* orvex)
 {
     const Fake::Calm calm;
     Fake::current()->note(orv::fake::call("orvex_read_fd", "", orvex));
+    if (!orvex || Fake::current()->is_reading)
+        return -1;
     Fake::current()->read_exchange();
     return 0;
 }
@@ -126,11 +175,15 @@ int orvex_subscribe(Orvex* orvex, const char** names, int count)
 {
     const Fake::Calm calm;
     Fake* fake = Fake::current();
-    fake->subscribed.assign(names, names + count);
+    if (count < 0 || (!names && count > 0) || !std::all_of(names, names + count, orv::fake::is_name))
+        return -1;
     std::string text;
-    for (const auto& name : fake->subscribed)
-        text += (text.empty() ? "" : ", ") + name;
-    return fake->fails(orv::fake::call("orvex_subscribe", text, orvex)) ? -1 : 0;
+    for (int i = 0; i < count; ++i)
+        text += (text.empty() ? "" : ", ") + std::string(names[i]);
+    const bool failing = fake->fails(orv::fake::call("orvex_subscribe", text, orvex));
+    if (orvex) // the list is kept even so
+        fake->subscribed.assign(names, names + count);
+    return failing || !orvex ? -1 : 0;
 }
 
 int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::size_t length,
@@ -138,7 +191,9 @@ int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::si
 {
     const Fake::Calm calm;
     Fake* fake = Fake::current();
-    const std::string payload(data, length);
+    if (!orv::fake::is_target(name) || !orv::fake::is_payload(data, length) || !response_callback)
+        return -1;
+    const std::string payload = orv::fake::payload_of(data, length);
     if (fake->fails(orv::fake::call("orvex_send_request", std::string(name) + ", " + payload, orvex)) ||
         !orvex)
         return -1;
@@ -149,7 +204,9 @@ int orvex_send_request(Orvex* orvex, const char* name, const char* data, std::si
 int orvex_send_message(Orvex* orvex, const char* name, const char* data, std::size_t length)
 {
     const Fake::Calm calm;
-    const std::string payload(data, length);
+    if (!orv::fake::is_target(name) || !orv::fake::is_payload(data, length))
+        return -1;
+    const std::string payload = orv::fake::payload_of(data, length);
     const bool failing = Fake::current()->fails(
         orv::fake::call("orvex_send_message", std::string(name) + ", " + payload, orvex));
     return failing || !orvex ? -1 : 0;
@@ -159,11 +216,14 @@ int orvex_send_response(Orvex* orvex, int status, std::uint64_t request_id, cons
                         std::size_t length)
 {
     const Fake::Calm calm;
-    const bool failing = Fake::current()->fails(orv::fake::call(
-        "orvex_send_response",
-        std::to_string(status) + ", " + std::to_string(request_id) + ", " + std::string(data, length),
-        orvex));
-    return failing || !orvex ? -1 : 0;
+    if (!orv::fake::is_payload(data, length))
+        return -1;
+    const bool failing =
+        Fake::current()->fails(orv::fake::call("orvex_send_response",
+                                               std::to_string(status) + ", " + std::to_string(request_id) +
+                                                   ", " + orv::fake::payload_of(data, length),
+                                               orvex));
+    return failing || !orvex || Fake::current()->unanswered.erase(request_id) == 0 ? -1 : 0;
 }
 
 void orvex_uninit(Orvex* orvex)
@@ -171,7 +231,10 @@ void orvex_uninit(Orvex* orvex)
     const Fake::Calm calm;
     Fake* fake = Fake::current();
     fake->note(orv::fake::call("orvex_uninit", "", orvex));
+    if (!orvex)
+        return;
     fake->requests.clear(); // what is in flight is dropped
+    fake->events_in_flight.clear();
     const Fake::Paused paused;
     close(orvex->fd);
     fake->forget_fd(orvex->fd);

@@ -42,9 +42,6 @@ std::ostream& operator<<(std::ostream& out, const LogLine& line)
 
 Fake::Fake() : m_previous(g_current)
 {
-    static int serial = 1 << 20;
-    serial += 1 << 10;
-    lock_serial = serial;
     g_current = this;
     json_set_alloc_funcs(json_allocate, std::free);
 

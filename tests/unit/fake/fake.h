@@ -3,6 +3,7 @@
 #include <orvdevmgmt/orvdevmgmt.h>
 #include <orvexchange/orvexchange.h>
 #include <orvutils/featureutl.h>
+#include <orvutils/locking.h>
 #include <orvutils/setmgmt.h>
 
 #include <jansson.h>
@@ -184,10 +185,16 @@ public:
 
     // ---- the stores
 
-    std::map<std::string, std::string> settings;
-    std::map<std::string, int> setting_errors; ///< keys whose every use fails with that error number
+    /// Which of them are open, as the calls of their init() and uninit() have it.
+    bool settings_are_open = false;
+    bool devices_are_open = false;
+    bool outbox_is_open = false;
+
+    std::map<std::string, std::string> settings; ///< by keys as "/a/b"
+    std::map<std::string, int> setting_errors;   ///< keys whose every use fails with that error number
     std::optional<std::map<std::string, std::string>> before_batch; ///< the settings, while there is a batch
-    std::set<std::string> locked; ///< keys that were locked and not unlocked since
+    const setMgmt::Batch* open_batch = nullptr;                     ///< the outermost that is not committed
+    std::map<std::string, unsigned> locked;                         ///< keys that are locked, and how often
     std::optional<std::vector<featureutl::Feature>> features; ///< what is listed, none for all that there are
     std::set<featureutl::Feature> stubborn_features;          ///< keep their state whatever it is set to
     std::map<std::string, devMgmt::Device> devices;
@@ -195,7 +202,6 @@ public:
     std::vector<std::string> outbox; ///< telemetry events as JSON texts
     std::optional<std::string> release_version = "1.2.3";
     std::string patch_version = "4";
-    int script_result = 0;         ///< of a script that does not fail
     std::string root;              ///< directory of the common paths, which have their numbers as names
     std::time_t now = 1700000000;  ///< what time() gives
     std::optional<uid_t> peer_uid; ///< who connects; none for this process's own user
@@ -211,7 +217,8 @@ public:
 
     /// A handle without start-up.
     Orvex* connect(void (*callback)(const Message*));
-    /// An event, which arrives with the next reading of the exchange.
+    /// An event, which arrives with the next reading of the exchange. It has an identifier in any case: 0 for one
+    /// that is made up.
     void deliver(const std::string& type, const std::string& data, std::uint64_t id = 0,
                  const std::string& from = "orvagent");
     /// As after a reconnection: the exchange's descriptor is another one, under the same name.
@@ -220,6 +227,8 @@ public:
     void deliver(std::function<void()> action);
     /// The answer to the oldest request in flight, which arrives with the next reading of the exchange.
     void answer(const std::string& data, const std::string& type = "0");
+    /// The same for the oldest event of telemetry.
+    void answer_event(const std::string& type = "0");
 
     // ---- for the parts of the fake
 
@@ -236,9 +245,27 @@ public:
     [[nodiscard]] bool memory_fails(const char* kind);
 
     unsigned last_request = 0;
+    unsigned last_event = 0;                   ///< of telemetry
+    std::vector<std::string> events_in_flight; ///< ids of those whose answer is due
+    std::set<std::uint64_t> unanswered;        ///< identifiers that were handed out
+    std::uint64_t last_made_up = 1000000;      ///< of them
+    bool is_reading = false;                   ///< the exchange
     void (*event_callback)(const Message*) = nullptr;
-    setMgmt::MonitoredKey::Callback watch_callback;
-    int lock_serial = 0; ///< descriptor number of the version lock, none of the kernel's
+    setMgmt::MonitoredKey::Callback watch_callback; ///< of the one watch that there can be
+    std::string watch_key;
+    bool keeps_watch = false;
+    bool has_touched_watch = false; ///< the batch that is open
+    /// A write to that key, after which its watch is readable. For all that the fake's own functions write.
+    void touch(const std::string& key);
+    void drop_batch();
+
+    /// A file that plock::make() was called for, under a descriptor number that is none of the kernel's.
+    struct LockFile {
+        std::string file;
+        std::optional<locking::type> held;
+    };
+    std::map<int, LockFile> lock_files;
+    std::set<std::string> files_to_lock; ///< that are there
 
 private:
     struct Failure {
@@ -274,7 +301,7 @@ private:
 };
 
 /// A message record as the exchange hands it out: the payload is not NUL-terminated, and ends with its
-/// memory.
+/// memory. An identifier can be answered from then on.
 class MessageRecord {
 public:
     MessageRecord(const std::string& type, const std::string& data, std::uint64_t id = 0,

@@ -40,27 +40,55 @@ namespace orv::setMgmt {
 
 namespace {
 
-bool has_children(const std::string& key)
+/// The key as "/a/b", "/" for the root; nothing when it is none.
+std::optional<std::string> normal(const std::string& key)
 {
-    const Fake::Calm calm;
-    const auto next = platform().settings.lower_bound(key + "/");
-    return next != platform().settings.end() && next->first.compare(0, key.size() + 1, key + "/") == 0;
+    std::string text;
+    bool at_piece = false;
+    for (const char c : key) {
+        if (c != '/' && !at_piece)
+            text += '/';
+        at_piece = c != '/';
+        if (at_piece)
+            text += c;
+    }
+    const std::size_t limit = kMaxKeySize + (key.empty() || key.front() == '/' ? 0 : 1);
+    if (key.empty() || text.size() > limit || text.find('\0') != std::string::npos)
+        return std::nullopt;
+    return text.empty() ? "/" : text;
 }
 
-/// Records the use of a key. 0, or what it has to return.
-int use(const char* what, const std::string& key, const std::string& more = {})
+/// What the keys below this one begin with.
+std::string prefix_of(const std::string& key)
 {
-    const Fake::Calm calm;
+    return key == "/" ? key : key + "/";
+}
+
+bool has_children(const std::string& key)
+{
+    const std::string prefix = prefix_of(key);
+    const auto next = platform().settings.lower_bound(prefix);
+    return next != platform().settings.end() && next->first.compare(0, prefix.size(), prefix) == 0;
+}
+
+/// Records the use of a key and brings it into its normal form. 0, or what it has to return.
+int use(const char* what, std::string& key, const std::string& more = {}, bool needs_store = true)
+{
     Fake& fake = platform();
     if (fake.fails(std::string("setMgmt::") + what + "(" + key + more + ")"))
         return -fake.error();
+    const auto parsed = normal(key);
+    if (!parsed)
+        return base::fail(Error::invalid_argument);
+    if (needs_store && !fake.settings_are_open)
+        return base::fail(Error::input_output);
+    key = *parsed;
     const auto error = fake.setting_errors.find(key);
     return error == fake.setting_errors.end() ? 0 : base::fail(static_cast<Error>(error->second));
 }
 
 int read(const std::string& key, std::string& value)
 {
-    const Fake::Calm calm;
     const auto found = platform().settings.find(key);
     if (found == platform().settings.end())
         return base::fail(has_children(key) ? Error::no_value : Error::no_such_key);
@@ -73,28 +101,37 @@ int read(const std::string& key, std::string& value)
 int init()
 {
     const Fake::Calm calm;
-    return platform().fails("setMgmt::init()") ? -platform().error() : 0;
+    if (platform().fails("setMgmt::init()"))
+        return -platform().error();
+    platform().settings_are_open = true;
+    return 0;
 }
 
 void uninit()
 {
     const Fake::Calm calm;
     platform().note("setMgmt::uninit()");
+    platform().drop_batch();
+    platform().settings_are_open = false;
+    if (!platform().keeps_watch)
+        platform().watch_callback = nullptr;
 }
 
 int getKey(const std::string& key, std::string& value)
 {
     const Fake::Calm calm;
-    const int result = use("getKey", key);
-    return result < 0 ? result : read(key, value);
+    std::string used = key;
+    const int result = use("getKey", used);
+    return result < 0 ? result : read(used, value);
 }
 
 int getKeyValue(const std::string& key, int fallback)
 {
     const Fake::Calm calm;
+    std::string used = key;
     std::string value;
     int number = 0;
-    if (use("getKeyValue", key, ", " + std::to_string(fallback)) < 0 || read(key, value) < 0 ||
+    if (use("getKeyValue", used, ", " + std::to_string(fallback)) < 0 || read(used, value) < 0 ||
         !parse(value, number))
         return fallback;
     return number;
@@ -103,8 +140,9 @@ int getKeyValue(const std::string& key, int fallback)
 std::string getKeyValue(const std::string& key, const std::string& fallback)
 {
     const Fake::Calm calm;
+    std::string used = key;
     std::string value;
-    if (use("getKeyValue", key, ", \"" + fallback + "\"") < 0 || read(key, value) < 0)
+    if (use("getKeyValue", used, ", \"" + fallback + "\"") < 0 || read(used, value) < 0)
         return fallback;
     return value;
 }
@@ -112,33 +150,44 @@ std::string getKeyValue(const std::string& key, const std::string& fallback)
 int setKey(const std::string& key, const std::string& value)
 {
     const Fake::Calm calm;
-    if (const int result = use("setKey", key, ", " + value); result < 0)
+    std::string used = key;
+    if (const int result = use("setKey", used, ", " + value); result < 0)
         return result;
-    if (key.empty() || key.size() > kMaxKeySize || value.size() > kMaxValueSize)
+    if (used == "/" || value.size() > kMaxValueSize)
         return base::fail(Error::invalid_argument);
-    platform().settings[key] = value;
+    platform().settings[used] = value;
+    platform().touch(used);
     return 0;
 }
 
 int deleteKey(const std::string& key)
 {
     const Fake::Calm calm;
-    if (const int result = use("deleteKey", key); result < 0)
+    std::string used = key;
+    if (const int result = use("deleteKey", used); result < 0)
         return result;
+    if (used == "/")
+        return base::fail(Error::invalid_argument);
     auto& settings = platform().settings;
-    const bool found = settings.count(key) != 0 || has_children(key);
-    settings.erase(key);
-    while (has_children(key))
-        settings.erase(settings.lower_bound(key + "/"));
-    return found ? 0 : base::fail(Error::no_such_key);
+    if (settings.count(used) == 0 && !has_children(used))
+        return base::fail(Error::no_such_key);
+    settings.erase(used);
+    platform().touch(used);
+    while (has_children(used)) {
+        const auto child = settings.lower_bound(prefix_of(used));
+        platform().touch(child->first);
+        settings.erase(child);
+    }
+    return 0;
 }
 
 int enumSubkeys(const std::string& key, std::vector<std::string>& names)
 {
     const Fake::Calm calm;
-    if (const int result = use("enumSubkeys", key); result < 0)
+    std::string used = key;
+    if (const int result = use("enumSubkeys", used); result < 0)
         return result;
-    const std::string prefix = key + "/";
+    const std::string prefix = prefix_of(used);
     std::set<std::string> found;
     for (const auto& setting : platform().settings)
         if (setting.first.compare(0, prefix.size(), prefix) == 0)
@@ -154,14 +203,17 @@ Batch::Batch()
 {
     const Fake::Calm calm;
     platform().note("setMgmt::Batch()");
+    if (platform().open_batch)
+        return;
+    platform().open_batch = this;
     platform().before_batch = platform().settings;
 }
 
 Batch::~Batch()
 {
     const Fake::Calm calm;
-    if (platform().before_batch)
-        platform().settings = *std::exchange(platform().before_batch, std::nullopt);
+    if (platform().open_batch == this)
+        platform().drop_batch();
 }
 
 int Batch::commit()
@@ -169,24 +221,36 @@ int Batch::commit()
     const Fake::Calm calm;
     if (platform().fails("setMgmt::Batch::commit()"))
         return -platform().error();
+    if (platform().open_batch != this)
+        return platform().open_batch ? 0 : base::fail(Error::input_output);
+    platform().open_batch = nullptr;
     platform().before_batch.reset();
+    if (std::exchange(platform().has_touched_watch, false))
+        platform().notify_watch();
     return 0;
 }
 
 int lockKey(const std::string& key)
 {
     const Fake::Calm calm;
-    const int result = use("lockKey", key);
+    std::string used = key;
+    const int result = use("lockKey", used, {}, /*needs_store=*/false);
     if (result >= 0)
-        platform().locked.insert(key);
+        ++platform().locked[used];
     return result;
 }
 
 int unlockKey(const std::string& key)
 {
     const Fake::Calm calm;
-    platform().locked.erase(key); // as far as the daemon is concerned, also when it fails
-    return use("unlockKey", key);
+    std::string used = key;
+    const int result = use("unlockKey", used, {}, /*needs_store=*/false);
+    const auto held = platform().locked.find(normal(key).value_or(""));
+    if (held == platform().locked.end())
+        return result < 0 ? result : base::fail(Error::invalid_argument);
+    if (--held->second == 0) // as far as the daemon is concerned, also when it fails
+        platform().locked.erase(held);
+    return result;
 }
 
 // ---- the watch
@@ -216,9 +280,13 @@ MonitoredKey::MonitoredKey(const char* key, Callback callback, bool notify_now, 
     need_memory();
     platform().note("MonitoredKey(" + m_watch->m_key.str() + (notify_now ? ", true, " : ", false, ") +
                     (user ? "user" : "null") + (keep ? ", true)" : ", false)"));
-    platform().watch_callback = std::move(callback);
+    platform().watch_key = normal(key).value_or("/");
+    platform().watch_callback = platform().watch_key == "/" ? nullptr : std::move(callback);
+    platform().keeps_watch = keep;
     if (platform().fd("watch") == -1)
         platform().name_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "watch");
+    if (notify_now)
+        platform().notify_watch();
 }
 
 MonitoredKey::~MonitoredKey()
@@ -230,7 +298,9 @@ int MonitoredKey::get_fd() const
 {
     const Fake::Calm calm;
     need_memory();
-    return platform().fails("MonitoredKey::get_fd()") ? -1 : platform().fd("watch");
+    if (platform().fails("MonitoredKey::get_fd()") || !platform().watch_callback)
+        return -1;
+    return platform().fd("watch");
 }
 
 void MonitoredKey::read_notifications()
@@ -240,8 +310,11 @@ void MonitoredKey::read_notifications()
     eventfd_t pending = 0;
     if (eventfd_read(platform().fd("watch"), &pending) != 0 || !platform().watch_callback)
         return;
-    const bool goes_on = platform().watch_callback(m_watch->m_key, m_watch->m_user);
+    const auto callback = platform().watch_callback;
+    const bool goes_on = callback(m_watch->m_key, m_watch->m_user);
     platform().note(goes_on ? "the watch's callback returned true" : "the watch's callback returned false");
+    if (!goes_on)
+        platform().watch_callback = nullptr;
 }
 
 void MonitoredKey::cancel()
@@ -252,6 +325,27 @@ void MonitoredKey::cancel()
 }
 
 } // namespace orv::setMgmt
+
+namespace orv::fake {
+
+void Fake::touch(const std::string& key)
+{
+    if (!watch_callback || key != watch_key)
+        return;
+    has_touched_watch = open_batch != nullptr;
+    if (!open_batch)
+        notify_watch();
+}
+
+void Fake::drop_batch()
+{
+    open_batch = nullptr;
+    has_touched_watch = false;
+    if (before_batch)
+        settings = *std::exchange(before_batch, std::nullopt);
+}
+
+} // namespace orv::fake
 
 // ---- features
 
@@ -289,7 +383,8 @@ std::string key_of(Feature feature)
 bool init()
 {
     const Fake::Calm calm;
-    return !platform().fails("featureutl::init()");
+    return !platform().fails("featureutl::init()") &&
+           (platform().settings_are_open || base::fail(Error::input_output) == 0);
 }
 
 void uninit()
@@ -334,8 +429,9 @@ std::string_view feature_status_to_str(FeatureStatus status)
 FeatureStatus get_feature(Feature feature)
 {
     const Fake::Calm calm;
-    if (platform().fails("featureutl::get_feature(" + std::string(feature_to_str(feature)) + ")") ||
-        feature == Feature::unknown)
+    const std::string name(feature_to_str(feature));
+    if (platform().fails("featureutl::get_feature(" + name + ")") || name.empty() ||
+        !platform().settings_are_open)
         return FeatureStatus::unknown;
     const auto found = platform().settings.find(key_of(feature));
     return found == platform().settings.end() ? FeatureStatus::enabled : str_to_feature_status(found->second);
@@ -344,10 +440,10 @@ FeatureStatus get_feature(Feature feature)
 int set_feature(Feature feature, FeatureStatus status)
 {
     const Fake::Calm calm;
+    const std::string name(feature_to_str(feature));
     const std::string text(feature_status_to_str(status));
-    if (platform().fails("featureutl::set_feature(" + std::string(feature_to_str(feature)) + ", " + text +
-                         ")") ||
-        feature == Feature::unknown || status == FeatureStatus::unknown)
+    if (platform().fails("featureutl::set_feature(" + name + ", " + text + ")") || name.empty() ||
+        text.empty() || !platform().settings_are_open)
         return 0;
     if (platform().stubborn_features.count(feature) == 0)
         platform().settings[key_of(feature)] = text;
@@ -389,22 +485,35 @@ path expiry_key(std::string_view name)
     return path(kRoot) / name / "expiry";
 }
 
+namespace {
+
+/// False for a text that is none; a status or expiry that is not there is as it was.
+bool read_member(const std::string& key, const std::string& value, const std::string& name,
+                 Subscription& subscription)
+{
+    if (key == status_key(name).str()) {
+        subscription.status = status_from_str(value);
+        return status_to_str(subscription.status) == value;
+    }
+    return key != expiry_key(name).str() || (parse(value, subscription.expiry) && subscription.expiry >= 0);
+}
+
+} // namespace
+
 bool MultiSubscription::load()
 {
     const Fake::Calm calm;
-    if (platform().fails("subs::load()"))
+    if (platform().fails("subs::load()") || !platform().settings_are_open)
         return false;
-    m_subscriptions.clear();
+    decltype(m_subscriptions) subscriptions;
     for (const auto& [key, value] : platform().settings) {
         if (key.compare(0, kRoot.size(), kRoot) != 0)
             continue;
-        const auto slash = key.find('/', kRoot.size());
-        const std::string name = key.substr(kRoot.size(), slash - kRoot.size());
-        if (key == status_key(name).str())
-            m_subscriptions[name].status = status_from_str(value);
-        else if (key == expiry_key(name).str() && !parse(value, m_subscriptions[name].expiry))
+        const std::string name = key.substr(kRoot.size(), key.find('/', kRoot.size()) - kRoot.size());
+        if (!read_member(key, value, name, subscriptions[name]))
             return false;
     }
+    m_subscriptions = std::move(subscriptions);
     return true;
 }
 
@@ -425,11 +534,11 @@ OrvleasesMode get_orvleases_mode()
     const Fake::Calm calm;
     platform().note("get_orvleases_mode()");
     const auto found = platform().settings.find("/leases/mode");
-    const std::string mode = found == platform().settings.end() ? "" : found->second;
-    int number = 0;
-    if (parse(mode, number)) // one that the library has no name for
-        return static_cast<OrvleasesMode>(number);
-    return mode == "orvleases-ng" ? OrvleasesMode::ng : OrvleasesMode::orv;
+    if (found == platform().settings.end() || !platform().settings_are_open ||
+        found->second == orvleases_mode_to_str(OrvleasesMode::orv))
+        return OrvleasesMode::orv;
+    return found->second == orvleases_mode_to_str(OrvleasesMode::ng) ? OrvleasesMode::ng
+                                                                     : static_cast<OrvleasesMode>(-1);
 }
 
 std::string_view orvleases_mode_to_str(OrvleasesMode mode)

@@ -218,8 +218,8 @@ std::optional<json_int_t> ScenarioTest::run_anyhow(const Scenario& scenario,
     const auto status = take_status(peer, is_open, platform->json_allocation_failed());
     if (is_open)
         destroy(peer);
-    for (const std::string& key : platform->locked)
-        EXPECT_EQ(kept_locks.count(key), 1U) << key << " stays locked";
+    for (const auto& [key, count] : platform->locked)
+        EXPECT_EQ(kept_locks.count(key), count) << key << " stays locked";
     forget_records();
     return status;
 }

@@ -37,6 +37,7 @@ Stage::Stage(Fake& platform) : m_platform(platform)
     need(brokerd::epollfd != -1, "epoll_create1");
     m_platform.name_fd(brokerd::epollfd, "epoll");
     brokerd::orvex = m_platform.connect(brokerd::orvex_callback);
+    m_platform.settings_are_open = m_platform.devices_are_open = m_platform.outbox_is_open = true;
 }
 
 Stage::~Stage()
