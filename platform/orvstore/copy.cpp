@@ -26,6 +26,8 @@ namespace {
 constexpr std::size_t kMaxKeySize = 511; ///< LMDB's own limit
 /// For the pages that each commit to the copy leaves free.
 constexpr std::size_t kRoomToWork = std::size_t{1024} * 1024;
+/// Where nobody else has a turn in between; so much is dirty memory meanwhile.
+constexpr std::size_t kCopiedAtOnce = std::size_t{1024} * 1024;
 
 /// Ends with its scope.
 class OneReading {
@@ -73,6 +75,18 @@ std::unique_ptr<Copy> Copy::begin(Opened& source, const Layout& layout, std::str
     return copy->open(used + kRoomToWork) ? std::move(copy) : nullptr;
 }
 
+bool Copy::make(Opened& source, const Layout& layout, std::string file)
+{
+    const OneReading reading(source); // those within see the same
+    if (reading.code() != MDB_SUCCESS)
+        return false;
+    const auto copy = begin(source, layout, std::move(file));
+    auto progress = copy ? Progress::going_on : Progress::failed;
+    while (progress == Progress::going_on)
+        progress = copy->go_on(source, kCopiedAtOnce);
+    return progress == Progress::done;
+}
+
 bool Copy::open(std::size_t map_size)
 {
     (void)unlink(m_file.c_str()); // of an attempt that was interrupted; else opening it will tell
@@ -90,8 +104,10 @@ bool Copy::open(std::size_t map_size)
 Copy::Progress Copy::go_on(Opened& source, std::size_t size)
 {
     const OneReading reading(source);
-    if (reading.code() != MDB_SUCCESS || source.seen_commit() != m_commit)
+    if (reading.code() != MDB_SUCCESS)
         return Progress::failed;
+    if (source.seen_commit() != m_commit)
+        return Progress::interrupted;
     if (copy_piece(source, size) != MDB_SUCCESS || mdb_env_sync(m_target, 1) != MDB_SUCCESS)
         return Progress::failed;
     if (m_tree < m_layout.trees.size())

@@ -14,16 +14,18 @@ namespace orv::store {
 class Opened;
 
 /// Copies what is in a store to a new file, without the free pages, a piece at a time. Takes no lock; a commit
-/// to the store meanwhile is the end of it.
+/// to the store between two pieces is the end of it.
 class Copy {
 public:
     /// Null when it cannot begin. `file` is written over, and removed if the copy is not finished.
     [[nodiscard]] static std::unique_ptr<Copy> begin(Opened& source, const Layout& layout, std::string file);
+    /// Copies all at once, as it is at one moment: no commit can be the end of that. `file` as above.
+    [[nodiscard]] static bool make(Opened& source, const Layout& layout, std::string file);
     Copy(const Copy&) = delete;
     Copy& operator=(const Copy&) = delete;
     ~Copy();
 
-    enum class Progress { going_on, done, failed };
+    enum class Progress { going_on, done, interrupted /* by a commit */, failed };
 
     /// Copies about so many bytes, and has them on disk. When it is done, the file is a store with the same
     /// number of its last commit, and on disk.

@@ -43,7 +43,6 @@ using base::Descriptor;
 constexpr std::chrono::milliseconds kSilentWait{200};
 /// Pages of a file that are not worth the work of making it smaller.
 constexpr std::size_t kFewPages = 64;
-constexpr std::size_t kCopiedAtOnce = std::size_t{1024} * 1024;
 
 bool is_not_permitted(int code)
 {
@@ -318,11 +317,7 @@ private:
     bool make_smaller()
     {
         const std::string made = new_file_in(m_directory);
-        auto copy = Copy::begin(*m_opened, m_layout, made);
-        auto progress = copy ? Copy::Progress::going_on : Copy::Progress::failed;
-        while (progress == Copy::Progress::going_on)
-            progress = copy->go_on(*m_opened, kCopiedAtOnce);
-        if (progress != Copy::Progress::done)
+        if (!Copy::make(*m_opened, m_layout, made))
             return true;
         if (rename_durably(made, data_file_in(m_directory), m_directory) != 0) {
             (void)unlink(made.c_str()); // else it is written over next time

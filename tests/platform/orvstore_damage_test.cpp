@@ -285,7 +285,7 @@ TEST_F(DamageTest, A_write_meanwhile_makes_the_copy_begin_again)
 {
     Environment environment(layout_with(WhenDamaged::restore));
     ASSERT_EQ(environment.open(), Error::none);
-    ASSERT_EQ(write(environment, "large", std::string(1000000, 'v')), Error::none);
+    ASSERT_EQ(write(environment, "large", std::string(2000000, 'v')), Error::none);
     ASSERT_EQ(write(environment, "later", "x", 1), Error::none);
     environment.look_after();
     environment.look_after();
@@ -295,6 +295,55 @@ TEST_F(DamageTest, A_write_meanwhile_makes_the_copy_begin_again)
     EXPECT_EQ(told(), Lines{});
     environment.close();
     EXPECT_FALSE(fs::exists(copy_file() + ".new"));
+}
+
+TEST_F(DamageTest, A_store_that_is_written_faster_than_it_is_copied_in_pieces_gets_its_copy)
+{
+    Layout layout = layout_with(WhenDamaged::restore, milliseconds(1000));
+    layout.copy_after = std::chrono::hours(1);
+    Environment environment(layout);
+    ASSERT_EQ(environment.open(), Error::none);
+    for (int i = 0; i < 30; ++i)
+        ASSERT_EQ(write(environment, "large " + std::to_string(i), std::string(100000, 'v')), Error::none);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    for (int i = 0; copied_commit() == 0 && std::chrono::steady_clock::now() < deadline; ++i) {
+        environment.look_after();
+        ASSERT_EQ(write(environment, "written all the time", std::to_string(i)), Error::none);
+    }
+    EXPECT_EQ(copied_commit() + 1, last_commit(environment));
+    EXPECT_EQ(told(), Lines{});
+    environment.close();
+    fs::rename(copy_file(), data_file());
+    ASSERT_EQ(environment.open(), Error::none);
+    EXPECT_EQ(content_of(environment, 0).size(), 31U);
+}
+
+TEST_F(DamageTest, A_copy_that_a_write_has_ended_is_begun_again_after_a_tenth_of_the_interval)
+{
+    Environment environment(layout_with(WhenDamaged::restore, std::chrono::hours(1)));
+    ASSERT_EQ(environment.open(), Error::none);
+    for (int i = 0; i < 30; ++i)
+        ASSERT_EQ(write(environment, "large " + std::to_string(i), std::string(100000, 'v')), Error::none);
+    environment.look_after();
+    ASSERT_TRUE(fs::exists(copy_file() + ".new")) << "it is copied in pieces";
+    ASSERT_EQ(write(environment, "key", "value"), Error::none);
+    environment.look_after();
+    const auto start = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - start < milliseconds(1200)) { // it looks once a second, else
+        environment.look_after();
+        ASSERT_FALSE(fs::exists(copy_file() + ".new"));
+    }
+    EXPECT_EQ(told(), Lines{});
+}
+
+TEST_F(DamageTest, A_small_store_is_copied_at_once)
+{
+    Environment environment(layout_with(WhenDamaged::restore));
+    ASSERT_EQ(environment.open(), Error::none);
+    ASSERT_EQ(write(environment, "large", std::string(900000, 'v')), Error::none);
+    ASSERT_EQ(write(environment, "later", "x", 1), Error::none);
+    environment.look_after();
+    EXPECT_EQ(copied_commit(), last_commit(environment));
 }
 
 TEST_F(DamageTest, A_copy_maps_no_more_than_it_will_hold)
@@ -330,7 +379,7 @@ TEST_F(DamageTest, One_process_at_a_time_renews_the_copy)
 {
     Environment environment(layout_with(WhenDamaged::restore));
     ASSERT_EQ(environment.open(), Error::none);
-    ASSERT_EQ(write(environment, "large", std::string(1000000, 'v')), Error::none);
+    ASSERT_EQ(write(environment, "large", std::string(2000000, 'v')), Error::none);
     Companion other([&](Companion::Ends ends) -> int {
         Environment own(layout_with(WhenDamaged::restore));
         REQUIRE(own.open() == Error::none);

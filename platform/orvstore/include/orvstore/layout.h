@@ -40,7 +40,7 @@ struct Layout {
     WhenDamaged when_damaged = WhenDamaged::refuse;
     /// A copy is renewed when nothing was written for so long ...
     std::chrono::milliseconds copy_after = std::chrono::minutes{1};
-    /// ... and the last one is so old; at ten times this age without that pause, too.
+    /// ... and the last one is so old; at ten times this age, or without one, without that pause, too.
     std::chrono::milliseconds copy_interval = std::chrono::hours{1};
 };
 
