@@ -61,7 +61,8 @@ bool is_small(Opened& opened)
 
 void CopyKeeper::look_after(Opened& opened, const std::string& directory)
 {
-    if (m_layout.when_damaged != WhenDamaged::restore || opened.is_read_only())
+    if (m_layout.when_damaged != WhenDamaged::restore || opened.is_read_only() ||
+        (m_layout.renews_copy && !m_layout.renews_copy()))
         return;
     if (m_copy) {
         go_on(opened, directory);

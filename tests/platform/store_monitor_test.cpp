@@ -3,6 +3,7 @@
 #include "store_support.h"
 
 #include <orvutils/error.h>
+#include <orvutils/running_daemon.h>
 
 #include <sys/epoll.h>
 #include <unistd.h>
@@ -400,4 +401,22 @@ TEST_F(MonitorTest, A_change_whose_writer_is_killed_is_told_or_did_not_happen)
         (void)deleteKey("/tmp/nothing"); // a next writer brings nothing to light
         ASSERT_EQ(getKeyValue(kKey, -1), last_told);
     }
+}
+
+TEST_F(MonitorTest, A_copy_of_the_settings_is_made_by_daemons_only)
+{
+    ASSERT_EQ(setKey("/key", "value"), 0);
+    int calls = 0;
+    const MonitoredKey watch("/key", count(calls), false, nullptr, true);
+    const std::string copy = m_root.path() + "/var/settings/data.mdb.copy";
+    ASSERT_GE(watch.get_fd(), 0);
+    EXPECT_FALSE(std::filesystem::exists(copy));
+    const Outcome daemon = in_process_with_store([&]() -> int {
+        orv::daemon::set_running();
+        const MonitoredKey own("/key", count(calls), false, nullptr, true);
+        REQUIRE(own.get_fd() >= 0);
+        REQUIRE(std::filesystem::exists(copy));
+        return 0;
+    });
+    EXPECT_EQ(daemon.status, 0) << daemon.err;
 }

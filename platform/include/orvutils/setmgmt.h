@@ -92,8 +92,8 @@ public:
 
     /// The descriptor to watch for input, or below 0 when the watch could not be set up or was cancelled. To
     /// be fetched anew for each wait, and at least once a second: only this notices that the store itself was
-    /// replaced, or is there again, and then makes the descriptor readable. It also renews the copy of the
-    /// settings that takes their place when they are damaged, whatever key is watched.
+    /// replaced, or is there again, and then makes the descriptor readable. In a daemon it also renews the copy
+    /// of the settings that takes their place when they are damaged, whatever key is watched.
     [[nodiscard]] int get_fd() const;
 
     /// Consumes what is pending and calls the callback of every key that has changed. Never blocks.

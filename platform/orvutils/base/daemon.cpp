@@ -15,6 +15,7 @@
 #include <orvbase/root.h>
 #include <orvutils/log_control.h>
 #include <orvutils/log_format.h>
+#include <orvutils/running_daemon.h>
 #include <orvutils/standard_streams.h>
 
 #include <fcntl.h>
@@ -299,6 +300,7 @@ int Process::run_in_background()
 /// `report` is where the parent waits to hear of a successful start; closed when nobody does.
 int Process::run_hooks(Descriptor report)
 {
+    set_running();
     if (!own_directories() || (init_hook && !init_hook()))
         return kExitFailure;
     if (report.is_open() && write(report.get(), "", 1) != 1)

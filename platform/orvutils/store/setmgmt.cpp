@@ -5,6 +5,7 @@
 
 #include <orvbase/error_number.h>
 #include <orvutils/log_format.h>
+#include <orvutils/running_daemon.h>
 #include <orvutils/settings_failure.h>
 
 #include <algorithm>
@@ -35,6 +36,7 @@ store::Layout durable_layout()
 {
     store::Layout layout{"var/settings", {"values", "removals"}, 64 * kMegabyte, true, report};
     layout.when_damaged = store::WhenDamaged::restore;
+    layout.renews_copy = daemon::is_running; // who looks at something with a tool does not write to the flash
     return layout;
 }
 

@@ -42,6 +42,8 @@ struct Layout {
     std::chrono::milliseconds copy_after = std::chrono::minutes{1};
     /// ... and the last one is so old; at ten times this age, or without one, without that pause, too.
     std::chrono::milliseconds copy_interval = std::chrono::hours{1};
+    /// Whether this process renews it; null: it does.
+    bool (*renews_copy)() = nullptr;
 };
 
 } // namespace orv::store
