@@ -1,4 +1,8 @@
 // One LMDB tree: from the event's id to its text.
+//
+// What events take is counted in pages, as LMDB does: one of half a page has a page of its own. They may fill
+// half of the store, so that there are always pages to write what changes to another place, and some in a
+// row.
 
 #include <orvkarma/outbox.h>
 
@@ -16,9 +20,12 @@ namespace {
 using store::Cursor;
 using store::Environment;
 using store::Read;
+using store::Transaction;
 using store::Write;
 
-constexpr std::size_t kEvents = 0; ///< the tree
+constexpr std::size_t kEvents = 0;                         ///< the tree
+constexpr std::size_t kPagesToAdd = std::size_t{4} * 4096; ///< beside the event's own: splits
+constexpr std::size_t kMuch = std::size_t{64} * 1024;
 constexpr StoreLimit kLimit = {"/karma/max_store_mib", 16, 2, 16};
 
 std::string g_last_report; ///< since an event was last kept
@@ -38,9 +45,8 @@ std::size_t limit()
     return bytes;
 }
 
-/// What events may take up together: they may be spread badly, and LMDB writes a changed page to another
-/// place.
-std::size_t max_total_size()
+/// What the store may hold after an event was added.
+std::uint64_t max_used()
 {
     return limit() / 2;
 }
@@ -56,35 +62,60 @@ Environment& environment()
     return *instance;
 }
 
-std::size_t total_size(Write& transaction)
+/// How much too full it is for an event of so many bytes; 0 when there is room.
+std::uint64_t excess(const Transaction& transaction, std::size_t needed)
 {
-    std::size_t size = 0;
-    Cursor cursor(transaction, kEvents);
-    for (bool found = cursor.first(); found; found = cursor.next())
-        size += cursor.key().size() + cursor.value().size();
-    return size;
+    const std::uint64_t used = transaction.usage().used + needed + kPagesToAdd;
+    return used > max_used() ? used - max_used() : 0;
 }
 
-Error remove_first(Write& transaction, std::size_t& size)
+Error remove_first(Write& transaction)
 {
     Cursor cursor(transaction, kEvents);
     if (!cursor.first())
         return cursor.error() != Error::none ? cursor.error() : Error::input_output;
     ORV_LOG(log::kWarning, "telemetry: the outbox is full, dropping event {}", cursor.key());
-    size -= cursor.key().size() + cursor.value().size();
     return cursor.remove();
 }
 
 Error make_room(Write& transaction, std::size_t needed)
 {
-    std::size_t size = total_size(transaction);
     std::size_t count = transaction.entries(kEvents);
-    while (count >= kMaxEvents || (count > 0 && size + needed > max_total_size())) {
-        if (const Error error = remove_first(transaction, size); error != Error::none)
+    while (count >= kMaxEvents || (count > 0 && excess(transaction, needed) > 0)) {
+        if (const Error error = remove_first(transaction); error != Error::none)
             return error;
         --count;
     }
     return Error::none;
+}
+
+/// For a store that holds much more than it may, as under a lower limit, where adding finds no page to write
+/// to. What a transaction frees can be written to from the next but one on: so there are two before the
+/// event's own.
+Error make_room_beforehand(std::size_t needed)
+{
+    {
+        Write transaction(environment(), Write::Kind::removing);
+        if (transaction.error() != Error::none)
+            return transaction.error();
+        if (const Error error = make_room(transaction, needed); error != Error::none)
+            return error;
+        if (const Error error = transaction.commit(); error != Error::none)
+            return error;
+    }
+    Write transaction(environment(), Write::Kind::removing);
+    if (transaction.error() != Error::none)
+        return transaction.error();
+    if (transaction.entries(kEvents) == 0)
+        return Error::none;
+    const Error error = remove_first(transaction);
+    return error == Error::none ? transaction.commit() : error;
+}
+
+bool is_far_too_full(std::size_t needed)
+{
+    const Read snapshot(environment());
+    return snapshot.error() == Error::none && excess(snapshot, needed) > needed + kMuch;
 }
 
 } // namespace
@@ -151,10 +182,14 @@ Error put(std::string_view id, std::string_view text)
     if (Read snapshot(environment());
         snapshot.error() == Error::none && snapshot.get(kEvents, id, present) == Error::none)
         return Error::none;
+    const std::size_t needed = id.size() + text.size();
+    if (is_far_too_full(needed))
+        if (const Error error = make_room_beforehand(needed); error != Error::none)
+            return error;
     Write transaction(environment());
     if (transaction.error() != Error::none)
         return transaction.error();
-    if (const Error error = make_room(transaction, id.size() + text.size()); error != Error::none)
+    if (const Error error = make_room(transaction, needed); error != Error::none)
         return error;
     if (const Error error = transaction.put(kEvents, id, text); error != Error::none)
         return error;

@@ -71,7 +71,7 @@ std::unique_ptr<Copy> Copy::begin(Opened& source, const Layout& layout, std::str
         return nullptr;
     std::unique_ptr<Copy> copy(new Copy(layout, std::move(file), source.seen_commit()));
     // No more of the address space, which may be limited, than what will be in it: it is packed.
-    const auto used = static_cast<std::size_t>(source.usage().used);
+    const auto used = static_cast<std::size_t>(source.usage(source.reader()).used);
     return copy->open(used + kRoomToWork) ? std::move(copy) : nullptr;
 }
 

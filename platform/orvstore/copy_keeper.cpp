@@ -1,10 +1,11 @@
-// The age of the copy is that of its file, so that all processes together renew it no more often than one would.
-// Whether there is something new is told by the number of the last commit, which the copy has taken over.
+// The age of the copy is that of its file, so that all processes together renew it no more often than one
+// would. Whether there is something new is told by the number of the last commit, which the copy has taken
+// over.
 //
 // A piece per call keeps each call short, but a commit between two of them is the end of the copy, and what
-// was written of it has worn the flash for nothing. So the next attempt is made only after a while; and if the
-// copy is overdue by then and the store not left alone, all at once, however large it is. A small one always is
-// copied so.
+// was written of it has worn the flash for nothing. So the next attempt is made only after a while; and if
+// the copy is overdue by then and the store not left alone, all at once, however large it is. A small one
+// always is copied so.
 
 #include "copy_keeper.h"
 
@@ -52,7 +53,7 @@ bool is_small(Opened& opened)
 {
     if (opened.begin_read() != 0)
         return false;
-    const bool is_small = opened.usage().used <= kSmall;
+    const bool is_small = opened.usage(opened.reader()).used <= kSmall;
     opened.end_read();
     return is_small;
 }

@@ -103,7 +103,7 @@ Error Environment::measure(Usage& usage)
         return Error::input_output;
     if (const int code = opened->begin_read(); code != 0)
         return operation_failed(*opened, "begin to read", code);
-    usage = opened->usage();
+    usage = opened->usage(opened->reader());
     opened->end_read();
     usage.file = static_cast<std::uint64_t>(file_state(m_data_file).size);
     return Error::none;

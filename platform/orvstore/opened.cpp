@@ -198,9 +198,10 @@ std::size_t Opened::page_limit() const
     return (m_map_size - m_map_size / kKeptBack) / m_page_size;
 }
 
-Usage Opened::usage() const
+Usage Opened::usage(MDB_txn* transaction) const
 {
-    return {std::uint64_t{used_pages(m_reader)} * m_page_size, std::uint64_t{page_limit()} * m_page_size, 0};
+    return {std::uint64_t{used_pages(transaction)} * m_page_size, std::uint64_t{page_limit()} * m_page_size,
+            0};
 }
 
 const char* Opened::note_failure(int code)

@@ -73,8 +73,8 @@ public:
     [[nodiscard]] int begin_write(MDB_txn*& transaction, bool is_to_remove);
     /// Whether an entry of so many bytes still fits, after what the writing transaction has done so far.
     [[nodiscard]] bool has_room(MDB_txn* transaction, std::size_t size) const;
-    /// How full the store is, as the reading transaction sees it; without the file's size.
-    [[nodiscard]] Usage usage() const;
+    /// How full the store is, as the transaction sees it; without the file's size.
+    [[nodiscard]] Usage usage(MDB_txn* transaction) const;
     /// How many pages hold something, as the transaction sees it.
     [[nodiscard]] std::size_t used_pages(MDB_txn* transaction) const;
     /// Who keeps this process out, for a log.

@@ -64,6 +64,11 @@ std::size_t Transaction::entries(std::size_t tree)
     return status.ms_entries;
 }
 
+Usage Transaction::usage() const
+{
+    return m_opened->usage(m_transaction);
+}
+
 Read::Read(Environment& environment) : Transaction(environment)
 {
     m_opened = environment.use_for_reading();

@@ -404,6 +404,84 @@ TEST(KarmaLimit, Leaves_events_half_of_the_outbox_and_the_newest_are_kept)
     EXPECT_EXIT(std::_Exit(fill()), testing::ExitedWithCode(0), "");
 }
 
+/// An outbox of another time: events of so many bytes, as many as the store takes, at most so many.
+int fill_a_store(std::size_t mebibytes, std::size_t size, std::size_t most)
+{
+    orv::store::Environment store({"var/telemetry", {"events"}, mebibytes << 20, true});
+    REQUIRE(store.open() == orv::Error::none);
+    orv::store::Write transaction(store);
+    REQUIRE(transaction.error() == orv::Error::none);
+    for (std::size_t i = 0; i < most; ++i)
+        if (transaction.put(0, "id" + std::to_string(10000 + i), std::string(size, 'x')) != orv::Error::none)
+            break;
+    REQUIRE(transaction.commit() == orv::Error::none);
+    return 0;
+}
+
+/// Each of these events is kept, and those that go are the oldest; at least so many stay.
+int put_events(const char* mebibytes, int first, std::size_t size, std::size_t least)
+{
+    REQUIRE(orv::setMgmt::init() == 0);
+    REQUIRE(orv::setMgmt::setKey("/karma/max_store_mib", mebibytes) == 0);
+    REQUIRE(outbox::open() == orv::Error::none);
+    Ids before = kept();
+    for (int i = first; i < first + 20; ++i) {
+        const std::string id = "id" + std::to_string(i);
+        REQUIRE(outbox::put(id, std::string(size, 'x')) == orv::Error::none);
+        before.push_back(id);
+        const Ids ids = kept();
+        REQUIRE(ids.size() >= least);
+        REQUIRE(std::equal(ids.rbegin(), ids.rend(), before.rbegin()));
+    }
+    return 0;
+}
+
+/// In a process that has not asked for the limit yet.
+int in_turn(std::initializer_list<std::function<int()>> bodies)
+{
+    const TemporaryRoot root;
+    for (const auto& body : bodies) {
+        const Outcome outcome = in_child(body);
+        if (outcome.status != 0)
+            (void)std::fputs(outcome.err.c_str(), stderr);
+        REQUIRE(outcome.status == 0);
+    }
+    return 0;
+}
+
+TEST(KarmaLimit, Whatever_their_size_the_oldest_events_go_first)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto put_all = []() -> int {
+        for (const std::size_t mebibytes : {2U, 4U, 8U})
+            for (const std::size_t size : {2000U, 4090U}) { // which take one page and two
+                const std::size_t pages = size > 2048 ? 2 : 1;
+                const std::size_t least =
+                    std::min(outbox::kMaxEvents, (mebibytes << 20) / pages / 4096 * 45 / 100);
+                const std::string limit = std::to_string(mebibytes);
+                REQUIRE(in_turn({[=] { return fill_a_store(mebibytes, size, outbox::kMaxEvents); },
+                                 [=] { return put_events(limit.c_str(), 20000, size, least); },
+                                 [=] { return put_events(limit.c_str(), 30000, size, least); }}) == 0);
+            }
+        return 0;
+    };
+    EXPECT_EXIT(std::_Exit(put_all()), testing::ExitedWithCode(0), "");
+}
+
+TEST(KarmaLimit, Can_be_lowered_below_what_is_kept)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto put_all = []() -> int {
+        for (const std::size_t before : {2000U, 8000U})
+            for (const std::size_t size : {100U, 8000U, 250000U})
+                REQUIRE(in_turn({[=] { return fill_a_store(16, before, outbox::kMaxEvents); },
+                                 [=] { return put_events("2", 20000, size, 3); },
+                                 [=] { return put_events("2", 30000, size, 3); }}) == 0);
+        return 0;
+    };
+    EXPECT_EXIT(std::_Exit(put_all()), testing::ExitedWithCode(0), "");
+}
+
 TEST_F(KarmaTest, A_confirmed_event_leaves_the_outbox_with_the_next_turns_of_the_loop)
 {
     ASSERT_EQ(submit_karma_event(event().get(), &m_exchange), 0);

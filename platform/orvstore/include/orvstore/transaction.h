@@ -31,6 +31,9 @@ public:
     /// How many entries a tree has; 0 on failure.
     [[nodiscard]] std::size_t entries(std::size_t tree);
 
+    /// How full the store is, after what this transaction has done; without the file's size.
+    [[nodiscard]] Usage usage() const;
+
     /// Reports that what is stored makes no sense; Error::input_output.
     [[nodiscard]] Error refuse(const char* why) const;
 
