@@ -326,7 +326,8 @@ class Ci(Tree):
 
 class Help(unittest.TestCase):
     def test_every_script_tells_how_it_is_used_and_does_nothing_else(self):
-        for name in sorted(os.listdir(os.path.join(ROOT, "scripts"))):
+        scripts = os.path.join(ROOT, "scripts")
+        for name in sorted(name for name in os.listdir(scripts) if os.path.isfile(os.path.join(scripts, name))):
             for option in ("-h", "--help"):
                 result = subprocess.run([os.path.join(ROOT, "scripts", name), option], stdout=subprocess.PIPE,
                                         stderr=subprocess.PIPE, timeout=world.DEADLINE, text=True, check=False)
