@@ -1,6 +1,7 @@
 // The connection buffer over real sockets.
 
 #include "base_support.h"
+#include "process_support.h"
 
 #include <orvutils/connection_buffer.h>
 
@@ -21,10 +22,32 @@
 
 namespace {
 bool g_memory_is_short = false;
+int g_interruptions = 0; ///< of the next calls of recv() and send()
+
+bool is_interrupted()
+{
+    if (g_interruptions == 0)
+        return false;
+    --g_interruptions;
+    errno = EINTR;
+    return true;
+}
 } // namespace
 
-// The linker sends every call of realloc() here.
+// The linker sends every call of these functions here.
 extern "C" {
+ssize_t __real_recv(int fd, void* data, std::size_t size, int flags);
+ssize_t __wrap_recv(int fd, void* data, std::size_t size, int flags)
+{
+    return is_interrupted() ? -1 : __real_recv(fd, data, size, flags);
+}
+
+ssize_t __real_send(int fd, const void* data, std::size_t size, int flags);
+ssize_t __wrap_send(int fd, const void* data, std::size_t size, int flags)
+{
+    return is_interrupted() ? -1 : __real_send(fd, data, size, flags);
+}
+
 void* __real_realloc(void* old, std::size_t size);
 void* __wrap_realloc(void* old, std::size_t size)
 {
@@ -322,14 +345,36 @@ TEST(BufferMemory, ThatIsShortLimitsABufferToWhatItHas)
 
 TEST(BufferMemory, ThatIsShortIsToldWithTheBuffersName)
 {
-    const Outcome outcome = in_child([] {
-        Ready buffer(4, 100);
-        const MemoryShortage shortage;
-        return static_cast<int>(put(buffer, "abcdef"));
-    });
-    EXPECT_EQ(outcome.status, 4);
-    EXPECT_NE(outcome.err.find("no memory for 8 bytes in the receive buffer of 7\n"), std::string::npos)
-        << outcome.err;
+    for (const auto& [type, name] : {std::pair(ConnectionBufferType::receive, "receive"),
+                                     std::pair(ConnectionBufferType::send, "send")}) {
+        const Outcome outcome = in_child([type = type] {
+            ConnectionBuffer buffer(type, "7");
+            if (!buffer.init(4, 100))
+                return -1;
+            const MemoryShortage shortage;
+            return static_cast<int>(put(buffer, "abcdef"));
+        });
+        EXPECT_EQ(outcome.status, 4);
+        EXPECT_EQ(
+            logged(outcome.err),
+            std::vector<std::string>{std::string("1 no memory for 8 bytes in the ") + name + " buffer of 7"});
+    }
+}
+
+TEST(BufferSignals, ThatInterruptReadingOrWritingDoNotEndIt)
+{
+    const Ends ends = make_sockets(SOCK_STREAM);
+    Ready buffer;
+    write_all(ends.second, "abc");
+    g_interruptions = 2;
+    EXPECT_EQ(buffer.recv(ends.first, 0), 3);
+    EXPECT_EQ(g_interruptions, 0);
+    g_interruptions = 2;
+    EXPECT_EQ(buffer.send(ends.first, 3), 0);
+    EXPECT_EQ(g_interruptions, 0);
+    char text[4] = "";
+    EXPECT_EQ(read(ends.second, text, sizeof text), 3);
+    EXPECT_STREQ(text, "abc");
 }
 
 TEST(BufferMemory, ThatCannotBeGivenBackIsKeptAndUsable)

@@ -4,6 +4,7 @@
 #include "memory_support.h"
 #include "probe_support.h"
 #include "process_support.h"
+#include "refusal_support.h"
 
 #include <orvutils/daemon.h>
 #include <orvutils/script.h>
@@ -15,6 +16,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -129,7 +131,7 @@ TEST(DaemonOptions, WrongLogLevelInTheEnvironmentIsToldAndIgnored)
 {
     const Outcome outcome = run_probe({}, {"ORV_LOG_LEVEL=loud", "PROBE_RUN=0"});
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_TRUE(contains(outcome.err, "ORV_LOG_LEVEL 'loud' is not a number from 0 to 4, ignoring"));
+    EXPECT_EQ(logged(outcome.err)[0], "1 ORV_LOG_LEVEL 'loud' is not a number from 0 to 4, ignoring");
     EXPECT_EQ(levels_logged({}, {"ORV_LOG_LEVEL=loud"}), "012");
 }
 
@@ -149,6 +151,9 @@ TEST(DaemonHooks, RunsResultIsTheExitStatus)
 }
 
 constexpr uid_t kNobody = 65534;
+
+/// What the probe says for its five levels, as far as it is asked for.
+const std::vector<std::string> kProbeLines = {"0 level 0", "1 level 1", "2 level 2"};
 
 Outcome run_below(const TemporaryRoot& root, const std::function<void()>& prepare = nullptr)
 {
@@ -172,9 +177,8 @@ TEST(DaemonDirectories, ThatBelongToSomebodyElseAreRefused)
         }
         EXPECT_EQ(outcome.status, 1);
         EXPECT_EQ(outcome.out, "") << "before the init hook";
-        EXPECT_TRUE(contains(outcome.err,
-                             "]: cannot trust the directory " + directory + ": it belongs to user 65534\n"))
-            << outcome.err;
+        EXPECT_EQ(logged(outcome.err)[0],
+                  "0 cannot trust the directory " + directory + ": it belongs to user 65534");
     }
 }
 
@@ -197,10 +201,57 @@ TEST(DaemonDirectories, OfOurOwnAreClosedToOthers)
     const std::string directory = root.path() + "/run";
     std::filesystem::create_directory(directory);
     ASSERT_EQ(chmod(directory.c_str(), 0755), 0);
-    EXPECT_EQ(run_below(root).status, 0);
+    const Outcome outcome = run_below(root);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(logged(outcome.err), kProbeLines);
     struct stat status {};
     ASSERT_EQ(stat(directory.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777U, 0700U);
+}
+
+TEST(DaemonDirectories, ThatCannotBeClosedToOthersAreUsedAllTheSameWithALine)
+{
+    const TemporaryRoot root;
+    const std::string directory = root.path() + "/run";
+    std::filesystem::create_directory(directory);
+    ASSERT_EQ(chmod(directory.c_str(), 0755), 0);
+    const Outcome outcome = run_below(root, [] {
+        if (!refuse_calls({{SYS_chmod, EROFS}, {SYS_fchmodat, EROFS}}))
+            _exit(126);
+    });
+    EXPECT_EQ(outcome.status, 0);
+    std::vector<std::string> wanted = {"1 cannot close " + directory +
+                                       " to other users: Read-only file system, ignoring"};
+    wanted.insert(wanted.end(), kProbeLines.begin(), kProbeLines.end());
+    EXPECT_EQ(logged(outcome.err), wanted);
+}
+
+TEST(DaemonBackground, WithoutWhatItTakesIsALineAndStatusOne)
+{
+    for (const auto& [call, error] : {std::pair<long, int>(SYS_pipe2, EMFILE), {SYS_clone, EAGAIN}}) {
+        const Outcome outcome = run_probe({"-d"}, {}, [call = call, error = error] {
+            if (!refuse_calls({{call, error}}))
+                _exit(126);
+        });
+        EXPECT_EQ(outcome.status, 1);
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_EQ(
+            logged(outcome.err),
+            std::vector<std::string>{std::string("0 cannot go to the background: ") + std::strerror(error)});
+    }
+}
+
+TEST(DaemonSignals, ThatCannotBePreparedLeaveNoStopDescriptor)
+{
+    constexpr int kNoDescriptor = 124; // the probe's
+    for (const long call : {SYS_rt_sigaction, SYS_rt_sigprocmask, SYS_signalfd4})
+        for (const char* option : {"-f", "-d"}) {
+            const Outcome outcome = run_probe({option}, {}, [call] {
+                if (!refuse_calls({{call, EINVAL}}))
+                    _exit(126);
+            });
+            EXPECT_EQ(outcome.status, kNoDescriptor) << call;
+        }
 }
 
 TEST(DaemonMemory, ThatRunsOutOfAHookIsStatusOne)
@@ -209,6 +260,7 @@ TEST(DaemonMemory, ThatRunsOutOfAHookIsStatusOne)
         const Outcome outcome = run_probe({}, {hook});
         EXPECT_EQ(outcome.status, 1) << hook;
         EXPECT_TRUE(contains(outcome.err, "[run()]: out of memory\n")) << outcome.err;
+        EXPECT_EQ(logged(outcome.err).back(), "0 out of memory");
     }
 }
 
@@ -385,9 +437,8 @@ TEST(DaemonReadiness, AManagerThatCannotBeToldIsSurvivedWithALine)
           {"/" + std::string(107, 'x'), std::strerror(ENAMETOOLONG)}}) {
         const Outcome outcome = run_probe({}, {"NOTIFY_SOCKET=" + name, "PROBE_RUN=0"});
         EXPECT_EQ(outcome.status, 0);
-        EXPECT_TRUE(contains(outcome.err,
-                             "cannot tell " + name + " that the daemon is up: " + reason + ", ignoring\n"))
-            << outcome.err;
+        EXPECT_EQ(logged(outcome.err).back(),
+                  "1 cannot tell " + name + " that the daemon is up: " + reason + ", ignoring");
     }
 }
 

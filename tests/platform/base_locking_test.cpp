@@ -2,6 +2,7 @@
 
 #include "base_support.h"
 #include "memory_support.h"
+#include "process_support.h"
 
 #include <orvutils/error.h>
 #include <orvutils/locking.h>
@@ -156,11 +157,13 @@ TEST(Lock, WithoutMemoryIsNotMadeAndNoException)
     unsigned long failures = 0;
     for_each_allocation([&](unsigned long number) {
         bool made = false;
+        EXPECT_FALSE(plock::make(orv::path(""), flags::none)); // leaves another error
         {
             const FailingMemory memory(number, /*from_then_on=*/true);
             made = plock::make(file, flags::create).has_value();
         }
         EXPECT_NE(made, FailingMemory::has_failed()) << number;
+        EXPECT_EQ(orv::_get_orverrno(), made ? 1 : 2);
         failures += made ? 0 : 1;
         return !made;
     });
@@ -180,6 +183,21 @@ TEST(Lock, FollowsNoLinkAndTrustsNoDirectoryOfOthersBelowTheRoot)
     ASSERT_EQ(chmod(directory.c_str(), 0777), 0);
     EXPECT_FALSE(plock::make(directory + "/other", flags::create));
     EXPECT_EQ(orv::_get_orverrno(), static_cast<int>(orv::Error::input_output));
+}
+
+TEST(Lock, OfAFileInADirectoryOfOthersTellsWhy)
+{
+    const TemporaryRoot root;
+    const std::string directory = root.path() + "/run";
+    std::filesystem::create_directory(directory);
+    std::filesystem::permissions(directory, std::filesystem::perms::all);
+    const Outcome outcome = in_child([&] {
+        setenv("ORV_ROOT", root.path().c_str(), 1);
+        return plock::make(directory + "/lock", flags::create) ? 0 : orv::_get_orverrno();
+    });
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(logged(outcome.err), std::vector<std::string>{"0 cannot trust the directory " + directory +
+                                                            ": others can write to it"});
 }
 
 TEST(Lock, LeavesTheFilesContentAlone)

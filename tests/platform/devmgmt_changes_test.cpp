@@ -5,6 +5,7 @@
 #include "devmgmt_support.h"
 #include "process_support.h"
 
+#include <orvutils/log_control.h>
 #include <orvutils/setmgmt.h>
 
 #include <lmdb.h>
@@ -541,6 +542,24 @@ TEST_F(DeviceChangesTest, What_is_different_in_another_store_is_told_when_it_can
     }
 }
 
+TEST_F(DeviceChangesTest, A_removal_of_which_no_mark_tells_is_told_when_the_store_can_be_read)
+{
+    ASSERT_EQ(set_on_dev_info_change(kFields, note), 0);
+    put_all({make_device("d1"), make_device("d2"), make_device("d3")});
+    bool was_there_one = true;
+    for (unsigned number = 1; was_there_one; ++number) {
+        put_all({make_device("d1")});
+        (void)read_changes();
+        g_is_without_room = true;
+        EXPECT_EQ(remove_device("d1"), 0);
+        g_is_without_room = false;
+        g_failing_lookup = g_lookups + number;
+        EXPECT_EQ(read_changes(), Told{"removed d1"}) << number;
+        was_there_one = g_lookups >= g_failing_lookup;
+        g_failing_lookup = 0;
+    }
+}
+
 TEST_F(DeviceChangesTest, What_is_different_in_a_store_that_takes_the_place_of_another_is_told)
 {
     ASSERT_EQ(set_on_dev_info_change(kFields, note), 0);
@@ -615,7 +634,11 @@ TEST_F(DeviceChangesTest, Malformed_changes_are_passed_over)
                       orv::Error::none);
         ASSERT_EQ(transaction.commit(), orv::Error::none);
     }
+    orv::log::begin_anew(); // else the log itself counts what repeats
+    testing::internal::CaptureStderr();
     EXPECT_EQ(read_changes(), Told{});
+    EXPECT_EQ(logged(testing::internal::GetCapturedStderr())[0],
+              "0 device store: skipping a malformed change");
     for (const char* id : {"d6", "d7", "d8"})
         ASSERT_EQ(put_device(make_device(id)), 0);
     EXPECT_EQ(read_changes(), (Told{"added d6", "added d7", "added d8"}));
@@ -683,7 +706,11 @@ TEST_F(DeviceChangesTest, Changes_go_on_being_told_when_the_store_was_deleted)
     ASSERT_EQ(put_device(make_device("d1")), 0);
     EXPECT_EQ(read_changes(), Told{"added d1"});
     std::filesystem::remove_all(m_root.path() + "/var/devices");
+    orv::log::begin_anew(); // else the log itself counts what repeats
+    testing::internal::CaptureStderr();
     EXPECT_EQ(read_changes(), Told{"removed d1"});
+    EXPECT_EQ(logged(testing::internal::GetCapturedStderr()).back(),
+              "1 device store: it is another one, looking for what is different");
     EXPECT_EQ(stored("d1"), "none");
     ASSERT_EQ(put_device(make_device("d2")), 0);
     EXPECT_EQ(read_changes(), Told{"added d2"});

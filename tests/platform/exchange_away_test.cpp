@@ -1,12 +1,16 @@
 // Joining, leaving, and an exchange that is away, comes back, or hangs.
 
 #include "exchange_support.h"
+#include "process_support.h"
+#include "refusal_support.h"
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -18,6 +22,12 @@ using std::chrono::seconds;
 using std::chrono::steady_clock;
 
 namespace {
+
+#ifdef SYS_timerfd_settime64
+constexpr long kTimerCall = SYS_timerfd_settime64;
+#else
+constexpr long kTimerCall = SYS_timerfd_settime;
+#endif
 
 class ExchangeAway : public ExchangeTest {
 protected:
@@ -706,6 +716,39 @@ TEST_F(ExchangeAway, LeavingABusThatHangsDoesNotBlock)
     const auto start = steady_clock::now();
     m_broker.reset();
     EXPECT_LT(steady_clock::now() - start, seconds{2});
+}
+
+TEST_F(ExchangeAway, JoiningWithoutTheDescriptorsItTakesFailsWithALine)
+{
+    for (const long call : {SYS_epoll_create1, SYS_timerfd_create, SYS_epoll_ctl}) {
+        const Outcome outcome = in_child([call]() -> int {
+            REQUIRE(refuse_calls({{call, EMFILE}}));
+            return join("other") == nullptr ? 0 : 1;
+        });
+        EXPECT_EQ(outcome.status, 0) << outcome.err;
+        EXPECT_EQ(
+            logged(outcome.err),
+            std::vector<std::string>{"1 cannot set up the exchange's descriptors: Too many open files"});
+    }
+}
+
+TEST_F(ExchangeAway, WhatTheKernelRefusesMeanwhileIsALineAndNothingElse)
+{
+    const Outcome outcome = in_child([this]() -> int {
+        const OrvexPtr other = join("other");
+        REQUIRE(other);
+        REQUIRE(refuse_calls({{kTimerCall, EINVAL}, {SYS_epoll_ctl, EINVAL}}));
+        m_bus.suspend();
+        const std::string data(kOrvexMaxPayload, 'x'); // more than the socket takes
+        REQUIRE(orvex_send_request(other.get(), "broker:x", data.data(), data.size(), Answers::take,
+                                   &m_answers) == 0);
+        m_bus.resume();
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(logged(outcome.err),
+              (std::vector<std::string>{"0 cannot watch the exchange's socket: Invalid argument",
+                                        "0 cannot set the exchange's timer: Invalid argument"}));
 }
 
 TEST_F(ExchangeAway, ReconnectingToABusThatHangsDoesNotBlock)

@@ -209,8 +209,9 @@ TEST_F(KarmaTest, The_outbox_holds_1000_events_and_the_oldest_go_first_with_a_lo
         return 0;
     });
     ASSERT_EQ(outcome.status, 0) << outcome.err;
-    EXPECT_EQ(lines_of(outcome.err).size(), 3U);
-    EXPECT_NE(outcome.err.find("dropping event id10000"), std::string::npos) << outcome.err;
+    EXPECT_EQ(logged(outcome.err), (Ids{"1 telemetry: the outbox is full, dropping event id10000",
+                                        "1 telemetry: the outbox is full, dropping event id10001",
+                                        "1 telemetry: the outbox is full, dropping event id10002"}));
     ids = stored();
     EXPECT_EQ(ids.size(), 1000U);
     EXPECT_EQ(ids.front(), "id10003");
@@ -254,7 +255,7 @@ TEST_F(KarmaTest, A_malformed_event_in_the_outbox_is_dropped_with_one_log_line)
         return 0;
     });
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(lines_of(outcome.err).size(), 1U) << outcome.err;
+    EXPECT_EQ(logged(outcome.err), Ids{"0 telemetry: dropping event a from the outbox, it is malformed"});
     EXPECT_EQ(stored(), Ids{"b"});
 }
 
@@ -307,21 +308,21 @@ TEST_F(KarmaTest, An_outbox_that_cannot_be_opened_is_told_once_and_used_when_it_
         return 0;
     });
     EXPECT_EQ(outcome.status, 0) << outcome.err;
-    ASSERT_EQ(lines_of(outcome.err).size(), 1U) << outcome.err;
-    EXPECT_NE(outcome.err.find("telemetry: events are sent without being kept: " + m_root.path() +
-                               "/var/telemetry: cannot create the directory: Not a directory"),
-              std::string::npos)
-        << outcome.err;
+    EXPECT_EQ(logged(outcome.err), Ids{"0 telemetry: events are sent without being kept: " + m_root.path() +
+                                       "/var/telemetry: cannot create the directory: Not a directory"});
 
     ASSERT_EQ(init(), 0);
     EXPECT_EQ(submit_karma_event(event().get(), &m_exchange), -1);
     std::filesystem::remove(m_root.path() + "/var");
+    testing::internal::CaptureStderr();
     orv::JsonPtr json;
     const auto deadline = Clock::now() + std::chrono::seconds(20);
     do {
         json = event();
     } while (submit_karma_event(json.get(), &m_exchange) != 0 && Clock::now() < deadline &&
              usleep(10000) == 0);
+    EXPECT_EQ(logged(testing::internal::GetCapturedStderr()),
+              Ids{"2 telemetry: the outbox is there, events are kept again"});
     EXPECT_EQ(stored(), Ids{id_of(json)});
 }
 
@@ -338,7 +339,11 @@ TEST_F(KarmaTest, Without_room_events_are_sent_and_that_they_are_not_kept_is_tol
         return 0;
     });
     EXPECT_EQ(outcome.status, 0) << outcome.err;
-    EXPECT_EQ(lines_of(outcome.err).size(), 1U) << outcome.err;
+    ASSERT_EQ(logged(outcome.err).size(), 1U) << outcome.err;
+    EXPECT_EQ(logged(outcome.err)[0].find(
+                  "0 telemetry: events are sent without being kept: " + m_root.path() + "/var/telemetry: "),
+              0U)
+        << outcome.err;
     const Outcome later = on_small_disk(m_root.path() + "/var/telemetry", "64k", [this] {
         REQUIRE(init() == 0);
         fill_disk(m_root.path() + "/var/telemetry/full");

@@ -111,3 +111,16 @@ std::size_t count_log_lines(const std::string& text)
         count += line.find("]: ") != std::string::npos ? 1 : 0;
     return count;
 }
+
+std::vector<std::string> logged(const std::string& text)
+{
+    std::vector<std::string> found;
+    for (const std::string& line : lines_of(text)) {
+        const auto source = line.find('[');
+        const auto message = line.find("]: ");
+        if (source < 2 || source == std::string::npos || message == std::string::npos)
+            continue;
+        found.push_back(line.substr(source - 2, 2) + line.substr(message + 3));
+    }
+    return found;
+}

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <vector>
 
 /// In a child process: says what does not hold and ends with status 1.
 #define REQUIRE(condition)                                                                                   \
@@ -62,3 +63,5 @@ bool make_read_only(const std::string& directory, bool read_only);
 void fill_disk(const std::string& file);
 /// How many lines of a log begin like one, that is, were not written by something else.
 std::size_t count_log_lines(const std::string& text);
+/// The lines of a log, each as its level and its text: "1 cannot tell".
+std::vector<std::string> logged(const std::string& text);

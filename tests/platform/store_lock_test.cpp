@@ -1,11 +1,15 @@
 // Key locks between processes and within one.
 
+#include "refusal_support.h"
 #include "store_support.h"
 
 #include <orvutils/error.h>
+#include <orvutils/log_control.h>
 
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -13,6 +17,12 @@
 using namespace orv::setMgmt;
 
 namespace {
+
+#ifdef SYS_fcntl64
+constexpr long kLockCall = SYS_fcntl64;
+#else
+constexpr long kLockCall = SYS_fcntl;
+#endif
 
 class KeyLockTest : public StoreTest {
 protected:
@@ -167,10 +177,19 @@ TEST_F(KeyLockTest, A_lock_directory_that_others_can_write_to_is_not_used)
     std::filesystem::permissions(locks, std::filesystem::perms::all);
     const Outcome other = in_child([] { return -lockKey("/new"); });
     EXPECT_EQ(other.status, 2);
-    EXPECT_NE(other.err.find("cannot trust the directory " + locks + ": others can write to it\n"),
-              std::string::npos)
-        << other.err;
+    EXPECT_EQ(logged(other.err),
+              std::vector<std::string>{"0 cannot trust the directory " + locks + ": others can write to it"});
     EXPECT_FALSE(std::filesystem::exists(locks + "/settings"));
+}
+
+TEST_F(KeyLockTest, A_file_system_without_locks_is_an_error_and_a_line)
+{
+    const Outcome other = in_child([] {
+        REQUIRE(refuse_calls({{kLockCall, ENOLCK}}));
+        return -lockKey("/new");
+    });
+    EXPECT_EQ(other.status, 2);
+    EXPECT_EQ(logged(other.err), std::vector<std::string>{"0 cannot take a lock: No locks available"});
 }
 
 TEST_F(KeyLockTest, A_link_in_the_place_of_the_lock_file_is_not_followed)
@@ -179,7 +198,12 @@ TEST_F(KeyLockTest, A_link_in_the_place_of_the_lock_file_is_not_followed)
     const std::string elsewhere = m_root.path() + "/elsewhere";
     std::filesystem::create_directories(locks);
     std::filesystem::create_symlink(elsewhere, locks + "/settings");
+    orv::log::begin_anew(); // else the log itself counts what repeats
+    testing::internal::CaptureStderr();
     EXPECT_EQ(lockKey("/new"), -2);
+    EXPECT_EQ(logged(testing::internal::GetCapturedStderr()),
+              std::vector<std::string>{"0 cannot open the lock file " + locks +
+                                       "/settings: Too many levels of symbolic links"});
     EXPECT_FALSE(std::filesystem::exists(elsewhere));
     spill(elsewhere, "its own");
     EXPECT_EQ(lockKey("/new"), -2);
