@@ -2,11 +2,15 @@
 
 #include "base_support.h"
 #include "memory_support.h"
+#include "process_support.h"
 
+#include <orvutils/log.h>
+#include <orvutils/log_control.h>
 #include <orvutils/path.h>
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <new>
 #include <sstream>
@@ -56,7 +60,13 @@ TEST(CommonPath, IsPrintedEvenWhenItCannotBeMade)
 {
     const TemporaryRoot root;
     spill(root.path() + "/run", "in the way");
-    EXPECT_EQ(printed(common_path::run), root.path() + "/run");
+    const Outcome outcome = in_child([&] {
+        setenv("ORV_ROOT", root.path().c_str(), /*replace=*/1);
+        orv::log::set_threshold(orv::log::kDebug);
+        return printed(common_path::run) == root.path() + "/run" ? 0 : 1;
+    });
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(logged(outcome.err)[0], "3 cannot create " + root.path() + "/run: Not a directory, ignoring");
 }
 
 } // namespace

@@ -315,6 +315,12 @@ TEST_P(ExchangeMemory, ARequestToUsIsHandedOverOrRefused)
         EXPECT_EQ(error_of(reply), s_received.empty() ? "org.freedesktop.DBus.Error.NoMemory" : "");
     });
     EXPECT_EQ(s_received.size(), 1U) << "the last time nothing has failed";
+    const auto is_ready = [this](int within) {
+        return is_readable(orvex_get_fd(m_broker.get()), milliseconds{within});
+    };
+    for (int pass = 0; pass < 10 && is_ready(150); ++pass)
+        EXPECT_EQ(orvex_read_fd(m_broker.get()), 0);
+    EXPECT_FALSE(is_ready(300)) << "no refusal is sent again and again";
 }
 
 TEST_P(ExchangeMemory, AMessageOrEventIsHandedOverOrLostAndTheNextOneComes)
