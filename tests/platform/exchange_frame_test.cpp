@@ -152,7 +152,7 @@ TEST_F(ExchangeLarge, AnAnswerIsOneOfType2)
     EXPECT_EQ(m_answers.all[0].data, "too large");
 }
 
-TEST_F(ExchangeLarge, AnEventIsDroppedWithoutBeingHeld)
+TEST_F(ExchangeLarge, AnEventIsDroppedWithOneLine)
 {
     std::array<RawPeer, 3> peers{RawPeer(m_bus.address()), RawPeer(m_bus.address()),
                                  RawPeer(m_bus.address())};

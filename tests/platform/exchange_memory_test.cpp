@@ -354,7 +354,9 @@ TEST_P(ExchangeMemory, ALargeMessageIsHandedOverOrRefusedAndTheNextOneComes)
                 refusal = peer.receive(milliseconds{1});
             return refusal || !s_received.empty();
         };
+        const auto deadline = std::chrono::steady_clock::now() + kPatience;
         while (!is_done()) { // a megabyte comes in several passes
+            ASSERT_LT(std::chrono::steady_clock::now(), deadline);
             (void)read_with_shortage(number);
             has_struck |= Shortage::has_struck();
             if (has_struck && !is_done()) {

@@ -108,6 +108,11 @@ def has_second_user():
         return any(int(line.split()[2]) > NOBODY for line in users)
 
 
+def need_second_user(test):
+    if not has_second_user():
+        test.skipTest("NOT TESTED: this user namespace has no second user, so nobody has tried what another one can do")
+
+
 def command(name, *data):
     """A line with a request."""
     return (json.dumps({"type": "command", "name": name, **({"data": data[0]} if data else {})}) + "\n").encode()

@@ -152,10 +152,7 @@ class AllowedUsers(world.ServedTestCase):
         self.served.wait_for_log("%s is no list of user numbers: none" % self.KEY)
 
     def test_another_user_is_closed_at_once_unless_the_list_has_the_number(self):
-        if not neighbours.has_second_user():
-            self.served.set_setting(self.KEY, "1000")
-            self.check_own_user_is_served()  # the only one that there is in this namespace
-            return
+        neighbours.need_second_user(self)
         self.served.set_setting(self.KEY, "1000")
         self.assertTrue(is_refused())
         self.served.wait_for_log(self.LINE)
@@ -167,8 +164,7 @@ class AllowedUsers(world.ServedTestCase):
             self.assertEqual(allowed.stdout.readline(), '{"data": {"status": 1}, "status": 0}\n')
 
     def test_a_refused_user_who_comes_again_and_again_is_told_of_once_a_second(self):
-        if not neighbours.has_second_user():
-            return
+        neighbours.need_second_user(self)
         self.served.set_setting(self.KEY, "1000")
         begin = time.monotonic()
         with neighbours.refused_user(), Bystander() as other:
@@ -182,8 +178,7 @@ class OtherUsers(world.ServedTestCase):
     """Who has the daemon's own user can do anything; the others reach nothing but the socket."""
 
     def test_they_reach_no_file_and_no_socket_below_the_root(self):
-        if not neighbours.has_second_user():
-            return
+        neighbours.need_second_user(self)
         os.chmod(self.served.root, 0o755)
         try_all = ("import os, socket, sys\n"
                    "for name in sys.argv[1:]:\n"
@@ -208,17 +203,20 @@ class OtherUsers(world.ServedTestCase):
         self.served.restart_daemon()
 
     def test_what_they_have_made_before_the_first_start_is_refused_with_a_line(self):
+        neighbours.need_second_user(self)
+        self.check_refused(lambda path: os.chown(path, neighbours.NOBODY, neighbours.NOBODY),
+                           "it belongs to user %d" % neighbours.NOBODY)
+
+    def test_what_they_can_write_to_is_refused_with_a_line(self):
+        self.check_refused(lambda path: os.chmod(path, 0o777), "others can write to it")
+
+    def check_refused(self, change, reason):
         for name in ("run", "tmp", "var"):
             one = self.world()
             one.start_bus()
             path = os.path.join(one.root, name)
             os.makedirs(path, exist_ok=True)
-            if neighbours.has_second_user():
-                os.chown(path, neighbours.NOBODY, neighbours.NOBODY)
-                reason = "it belongs to user %d" % neighbours.NOBODY
-            else:
-                os.chmod(path, 0o777)
-                reason = "others can write to it"
+            change(path)
             self.assertEqual(one.end_of(one.launch()), 1)
             self.assertIn("cannot trust the directory %s: %s" % (path, reason), one.messages(level=0))
 

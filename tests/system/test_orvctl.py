@@ -15,11 +15,11 @@ import threading
 import time
 
 import kernel
+import neighbours
 import world
 
 OK, FAILED, USAGE, UNAVAILABLE = 0, 1, 2, 3
 DONE = '{"data": null, "status": 0}'
-NOBODY = 65534
 F_GETPIPE_SZ = 1032  # Linux's, which Python knows from 3.10 on
 
 
@@ -162,19 +162,19 @@ class WithoutDaemon(world.TestCase):
             with FakeDaemon(frame(text)):
                 self.check(["call", "get_services_status"], OK, stdout=text + "\n", stderr="^$")
 
-    def test_a_server_of_another_user_is_warned_of_once(self):
+    def test_a_server_of_the_own_user_is_not_warned_of(self):
         with FakeDaemon(frame(DONE)):
             self.check(["call", "get_services_status"], OK, stdout=DONE + "\n", stderr="^$")
-        # In the user namespace that somebody else than root needs for these tests there is no second user.
-        with open("/proc/self/uid_map", encoding="ascii") as users:
-            second_user = any(int(line.split()[2]) > NOBODY for line in users)
+
+    def test_a_server_of_another_user_is_warned_of_once(self):
+        neighbours.need_second_user(self)
         warning = ("^orvctl: warning: what answers is run by user %d, neither by root nor by you: "
-                   "it may not be the broker daemon\n$" % NOBODY)
-        with FakeDaemon(frame(DONE), user=NOBODY if second_user else None):
-            self.check(["call", "get_services_status"], OK, stdout=DONE + "\n", stderr=warning if second_user else "^$")
-        with FakeDaemon(frame(DONE), close=True, user=NOBODY if second_user else None):
+                   "it may not be the broker daemon\n$" % neighbours.NOBODY)
+        with FakeDaemon(frame(DONE), user=neighbours.NOBODY):
+            self.check(["call", "get_services_status"], OK, stdout=DONE + "\n", stderr=warning)
+        with FakeDaemon(frame(DONE), close=True, user=neighbours.NOBODY):
             result = self.one.orvctl("status", "--timeout", "0.2")  # which asks more than once
-            self.assertEqual(result.stderr.count("neither by root"), 1 if second_user else 0, result)
+            self.assertEqual(result.stderr.count("neither by root"), 1, result)
 
     def test_any_status_but_zero_is_a_failure(self):
         for status in (-1, 1, 2, 255, 256):

@@ -145,10 +145,7 @@ class CommandAnswers(world.ServedTestCase):
             client.send(command("get_services_status") + "\n")
             text = b'{"data": {"status": 1}, "status": 0}'
             expected = len(text).to_bytes(4, world.sys.byteorder) + text
-            received = b""
-            while len(received) < len(expected):
-                received += client.socket.recv(100)
-            self.assertEqual(received, expected)
+            self.assertEqual(client.receive(len(expected)), expected)
 
 
 class Framing(world.ServedTestCase):
