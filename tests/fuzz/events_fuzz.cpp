@@ -1,57 +1,76 @@
-// What the exchange can deliver: events of any name and payload, answers of any type and payload. The input
-// is a letter that says what comes, a name or type up to the first line feed, and the payload.
+// What the exchange can deliver: events of any name and payload, and answers of any type and payload to each
+// request that a client can make the daemon send. The input is a byte that says what the home is like, a
+// letter that says what comes, a name or type up to the first line feed, and the payload. There is a
+// subscriber of every event.
 
-#include "stage.h"
+#include "input.h"
+#include "session.h"
 
-#include <unistd.h>
+#include "client_events.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <string>
 
 using namespace orv::fuzz;
 
 namespace {
 
-constexpr char kAsk[] = "{\"type\":\"command\",\"name\":\"va_status\"}\n";
-constexpr char kRegister[] = "{\"type\":\"command\",\"name\":\"start_cloud_registration\",\"data\":{}}\n";
+constexpr char kEvent = 'e';
 
-std::string cut_line(std::string_view& rest)
-{
-    const std::size_t end = rest.find('\n');
-    std::string line(rest.substr(0, end));
-    rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
-    return line;
-}
+/// Commands whose answers come from the exchange, by the letter for an answer to them.
+struct Question {
+    char letter;
+    const char* request;
+};
+constexpr Question kQuestions[] = {
+    {'a', R"({"type":"command","name":"va_status"})"},
+    {'b',
+     R"({"type":"command","name":"set_device_traffic_blocked","data":{"device_id":"d1","traffic_blocked":1}})"},
+    {'l', R"({"type":"command","name":"set_router_feature_set_level","data":"velm-basic-1.1"})"},
+    {'m', R"({"type":"command","name":"set_router_model","data":"Model 2"})"},
+    {'n', R"({"type":"command","name":"set_device_name","data":{"device_id":"d1","name":"Set"}})"},
+    {'o', R"({"type":"command","name":"set_router_name","data":"Set"})"},
+    {'r', R"({"type":"command","name":"start_cloud_registration","data":{}})"},
+    {'s', R"({"type":"command","name":"va_set_schedule","data":{}})"},
+    {'u', R"({"type":"command","name":"update_subscription_status"})"},
+    {'x', R"({"type":"command","name":"remove_satellite","data":{"mac":"02:00:00:00:00:03"}})"},
+};
 
-void ask(Stage& stage, const char* request)
+void add_subscribers(Session& session)
 {
-    Stage::Peer peer = stage.connect();
-    require(stage.receive(peer, request), "a client can ask");
-    close(peer.client);
+    unsigned who = 1;
+    for (const char* event : orv::brokerd::kClientEvents)
+        session.add({Act::subscribe, who++, {}, event});
 }
 
 } // namespace
 
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
+{
+    prepare_process();
+    return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    if (size < 1)
-        return 0;
-    std::string_view rest(reinterpret_cast<const char*>(data + 1), size - 1);
-    std::string name = cut_line(rest);
-    name.resize(std::min(name.find('\0'), std::min(name.size(), kOrvexMaxName)));
-    const std::string payload(rest);
+    Input input(data, size);
+    Session session(input.byte() & 0xfU);
+    const auto letter = static_cast<char>(input.byte());
+    std::string name(input.line());
+    name.resize(std::min(name.size(), name.find('\0')));
+    const std::string payload(input.rest());
 
-    Stage stage;
-    for (const char* event :
-         {"device_discovery", "orvagent_started", "va_status_changed", "cloud_registration_status"}) {
-        const Stage::Peer peer = stage.subscribe(event);
-        close(peer.client);
+    add_subscribers(session);
+    const auto question = std::find_if(std::begin(kQuestions), std::end(kQuestions),
+                                       [letter](const Question& one) { return one.letter == letter; });
+    if (question != std::end(kQuestions)) {
+        session.add({Act::say, 0, {}, question->request});
+        session.add({Act::answer, 0, name, payload});
+    } else if (letter == kEvent) {
+        session.add({Act::event, 0, name, payload});
+        session.add({Act::event, 0, name, payload}); // what was seen lately is not told again
     }
-    if (data[0] == 'r' || data[0] == 'a') {
-        ask(stage, data[0] == 'r' ? kRegister : kAsk);
-        stage.platform.answer(payload, name);
-    } else {
-        stage.platform.deliver(name, payload, size);
-    }
-    stage.read_exchange();
+    session.run();
     return 0;
 }

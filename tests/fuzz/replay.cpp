@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -12,10 +13,10 @@
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
+    __attribute__((weak)); ///< not all targets have one
 
 namespace {
-
-constexpr int kVariations = 2000; ///< per file
 
 using Input = std::vector<std::uint8_t>;
 using Random = std::mt19937;
@@ -51,9 +52,9 @@ void change_once(Input& input, Random& random)
     }
 }
 
-void run_variations(const Input& seed, Random& random)
+void run_variations(const Input& seed, std::size_t count, Random& random)
 {
-    for (int i = 0; i < kVariations; ++i) {
+    for (std::size_t i = 0; i < count; ++i) {
         Input input = seed;
         for (std::size_t changes = 1 + below(random, 8); changes > 0 && !input.empty(); --changes)
             change_once(input, random);
@@ -73,8 +74,8 @@ Input read_file(const std::filesystem::path& name)
 
 int main(int argc, char** argv)
 {
-    if (argc != 2) {
-        std::fprintf(stderr, "usage: %s DIRECTORY\n", argv[0]);
+    if (argc != 3) {
+        std::fprintf(stderr, "usage: %s DIRECTORY VARIATIONS-IN-ALL\n", argv[0]);
         return 2;
     }
     std::vector<std::filesystem::path> names;
@@ -85,14 +86,17 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "no inputs in %s\n", argv[1]);
         return 1;
     }
+    if (LLVMFuzzerInitialize)
+        (void)LLVMFuzzerInitialize(&argc, &argv); // ends the process itself when it cannot go on
 
     Random random(1); // NOLINT(cert-msc51-cpp): the same variations each time
+    const std::size_t variations = std::strtoul(argv[2], nullptr, 10) / names.size();
     run({});
     for (const auto& name : names) {
         const Input seed = read_file(name);
         run(seed);
-        run_variations(seed, random);
+        run_variations(seed, variations, random);
     }
-    std::printf("%zu inputs, %d variations each\n", names.size(), kVariations);
+    std::printf("%zu inputs, %zu variations each\n", names.size(), variations);
     return 0;
 }

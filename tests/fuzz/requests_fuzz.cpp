@@ -1,55 +1,63 @@
-// What a client can send: any bytes, in pieces of any size. Whatever it is, the daemon answers with whole
-// frames or ends the connection, and a client beside it is served as always.
+// What one client can send: any bytes, in pieces of any size. The input's first byte says what the home is
+// like and how the other daemons answer, the second how large the pieces are; the rest is sent. Then all
+// events happen, for the client, if it has subscribed to one, and for another one beside it.
 
-#include "stage.h"
+#include "input.h"
+#include "session.h"
 
-#include <sys/socket.h>
-
-#include <unistd.h>
+#include "client_events.h"
 
 #include <algorithm>
-#include <cstring>
+#include <cstdint>
+#include <iterator>
 
 using namespace orv::fuzz;
 
 namespace {
 
-constexpr char kQuestion[] = "{\"type\":\"command\",\"name\":\"get_services_status\"}\n";
+constexpr std::size_t kMostPieces = 64;
 
-void expect_service(Stage& stage)
-{
-    Stage::Peer peer = stage.connect();
-    require(stage.receive(peer, kQuestion), "another client is served");
-    require(peer.conn->tx.pending() > 4, "another client is answered");
-    require(stage.drain(peer), "another client stays connected");
-    close(peer.client);
-}
+struct Answer {
+    const char* type;
+    const char* data;
+};
+/// The upper half of the first byte says which; beyond them there is none until the end.
+constexpr Answer kAnswers[] = {
+    {"0", R"({"result": "ok"})"},
+    {"0", R"({"state": "idle"})"},
+    {"0", "no JSON"},
+    {"0", ""},
+    {"2", "refused"},
+    {"-3", R"({"result": 5})"},
+    {"x", "[]"},
+    {"99999999999999", "{}"},
+};
 
 } // namespace
 
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
+{
+    prepare_process();
+    return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    if (size < 1)
-        return 0;
-    const std::size_t piece = 1 + data[0];
-    std::string_view rest(reinterpret_cast<const char*>(data + 1), size - 1);
-
-    Stage stage;
-    Stage::Peer peer = stage.connect();
-    bool alive = true;
-    while (alive && !rest.empty()) {
-        alive = stage.receive(peer, rest.substr(0, piece)) && stage.drain(peer);
-        rest.remove_prefix(std::min(piece, rest.size()));
-        stage.platform.take_calls();
-        stage.platform.take_logs();
-    }
-    // Answers from the exchange may end the connection, or find it gone.
-    while (!stage.platform.requests.empty()) {
-        stage.platform.answer(size % 2 == 0 ? "{\"state\": \"idle\"}" : "no JSON", size % 3 == 0 ? "2" : "0");
-        stage.read_exchange();
-    }
-    expect_service(stage);
-    if (alive)
-        close(peer.client);
+    Input input(data, size);
+    const unsigned home = input.byte();
+    std::size_t piece = input.byte() + std::size_t{1};
+    piece = std::max(piece, size / kMostPieces);
+    Session session(static_cast<std::uint8_t>(home & 0xfU));
+    session.add({Act::subscribe, 1, {}, orv::brokerd::kVaStatusChanged});
+    while (!input.is_empty())
+        session.add({Act::send, 0, {}, std::string(input.bytes(piece))});
+    if (home >> 4U < std::size(kAnswers))
+        session.add({Act::answer_all, 0, kAnswers[home >> 4U].type, kAnswers[home >> 4U].data});
+    session.add({Act::event, 0, "va_status_changed", "{}"});
+    session.add({Act::event, 0, "orvagent_started", "{}"});
+    session.add({Act::device, 0, "d1", "display_name"});
+    session.add({Act::tell_devices, 0, {}, {}});
+    session.add({Act::refresh, 0, {}, {}});
+    session.run();
     return 0;
 }

@@ -15,6 +15,7 @@
 #include <orvutils/orvcommon/cache.h>
 
 #include <cstring>
+#include <optional>
 
 namespace orv::brokerd {
 namespace {
@@ -32,13 +33,21 @@ bool rename_member(json_t* object, const char* from, const char* to)
     return json_object_set(object, to, value) == 0 && json_object_del(object, from) == 0;
 }
 
+std::optional<Cache<std::string, std::string>> g_user_agents; ///< from the first sighting on
+
 Cache<std::string, std::string>& user_agent_cache()
 {
-    static Cache<std::string, std::string> cache(kUserAgentCacheCapacity, kUserAgentCacheLifetime);
-    return cache;
+    if (!g_user_agents)
+        g_user_agents.emplace(kUserAgentCacheCapacity, kUserAgentCacheLifetime);
+    return *g_user_agents;
 }
 
 } // namespace
+
+void forget_user_agents()
+{
+    g_user_agents.reset();
+}
 
 const std::unordered_map<std::string, std::vector<std::pair<std::string, EventCallback>>> g_exchange_events{
     {kDeviceDiscovery, {{"guster_user_agent", orvex_guster_user_agent_cb}}},

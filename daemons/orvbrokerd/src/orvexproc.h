@@ -22,6 +22,9 @@ struct RegistrationStatus {
 /// length, -1 when there is nothing to forward.
 [[nodiscard]] int process_guster_user_agent_event(const Message* msg, char** out_json, int* out_len);
 
+/// Forgets all user agents that were seen: for tests, each of which begins with none.
+void forget_user_agents();
+
 // The callbacks of g_exchange_events.
 int orvex_default_cb(const std::vector<Connection*>& conns, const Message* msg);
 int orvex_va_status_changed_cb(const std::vector<Connection*>& conns, const Message* msg);
