@@ -25,6 +25,10 @@ void try_device(std::string_view bytes)
     Device device;
     if (!decode_device(bytes, device))
         return;
+    require(device.traffic_blocked == 0 || device.traffic_blocked == 1, "traffic is blocked or it is not");
+    Device other;
+    require(!decode_device(std::string(bytes) + '\0', other), "nothing comes after a device");
+    require(!decode_device(bytes.substr(0, bytes.size() - 1), other), "nothing is missing of a device");
     const std::string written = encode_device(device);
     Device again;
     require(decode_device(written, again), "a device can be read that was written");

@@ -1,6 +1,6 @@
 // A store whose data file is damaged. There is a good one, of two trees with small, large and removed
-// entries; the input is a list of changes to it: a page, a place in it, a length and bytes. What is said to
-// be sound must be one for LMDB: all of it can be read, and written to.
+// entries; the input is a list of changes to it: a length, a page, a place in it, and bytes, or where they
+// are taken from. What is said to be sound must be one for LMDB: all of it can be read, and written to.
 
 #include "input.h"
 #include "require.h"
@@ -86,6 +86,13 @@ std::string damaged(Input& input)
             bytes.resize(std::min(bytes.size(), place));
             continue;
         }
+        if (kind == 'm') { // pointers are what pages have most of: a place gets another one's eight bytes
+            const std::size_t from = input.byte() * kPageSize + input.number(2) % kPageSize;
+            const std::string copied = bytes.substr(std::min(from, bytes.size()), sizeof(std::uint64_t));
+            if (place + copied.size() <= bytes.size())
+                bytes.replace(place, copied.size(), copied);
+            continue;
+        }
         const std::string_view change = input.bytes(kind % 16);
         if (place + change.size() <= bytes.size())
             bytes.replace(place, change.size(), change);
@@ -126,6 +133,12 @@ void write_all(Environment& environment)
     (void)transaction.commit();
 }
 
+StoreVerdict judge_file()
+{
+    const orv::base::Descriptor file(open(g_file.c_str(), O_RDONLY | O_CLOEXEC));
+    return check_store_file(file.get());
+}
+
 StoreVerdict judge(const std::string& bytes)
 {
     (void)unlink(g_file.c_str()); // it may have been set aside
@@ -164,5 +177,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     read_all(environment);
     write_all(environment);
     environment.close();
+    require(judge_file().state == StoreState::sound, "a sound store stays sound");
     return 0;
 }
