@@ -252,8 +252,8 @@ class Ci(Tree):
         for name in (*self.NAMES, "cross"):
             self.put("scripts/" + name, 'echo "%s $*"\n' % name)
 
-    NAMES = ("setup", "format", "check-includes", "test", "footprint", "lint")
-    LAST = "== sizes\nfootprint --check release armmusl\n== static checks\nlint \nall passed\n"
+    NAMES = ("setup", "format", "check-includes", "test", "footprint", "instructions", "lint")
+    LAST = "== sizes\nfootprint --check release armmusl\n== instructions\ninstructions --check\n== static checks\nlint \nall passed\n"
 
     def test_it_passes_when_all_do(self):
         self.assertEqual(self.execute(".ci/run"), (0, "setup \nformat --check\ncheck-includes \ntest \n"
