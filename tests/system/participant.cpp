@@ -12,6 +12,7 @@
 //     malformed N                    -> "done"; an answer of another signature
 //     emit NAME FILE                 -> "done"; an event
 //     emit-malformed                 -> "done"; an event of another signature
+//     sync                           -> "done", once the bus has answered; the program's end when it has gone
 //     storm NAME FIRST COUNT SIZE    -> "done"; COUNT events, whose data are their numbers from FIRST on, in SIZE digits
 // clang-format on
 
@@ -115,6 +116,8 @@ std::string Puppet::obey(const Words& order)
         m_peer.emit(order.at(1), read_file(order.at(2)));
     else if (verb == "emit-malformed")
         emit_malformed();
+    else if (verb == "sync")
+        m_peer.sync();
     else if (verb == "storm")
         storm(order);
     else

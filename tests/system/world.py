@@ -538,6 +538,10 @@ class Participant(Helper):
     def emit(self, event, data=b""):
         self.do("emit\t%s\t%s" % (event, self._file(data)))
 
+    def sync(self):
+        """The bus has taken all that was sent so far; it must be there."""
+        self.do("sync")
+
     def _file(self, data):
         path = os.path.join(self.world.root, "data")
         with open(path, "wb") as file:
