@@ -7,6 +7,7 @@
 
 #include <orvbase/error_number.h>
 #include <orvbase/without_throwing.h>
+#include <orvdevmgmt/device_writer.h>
 
 #include <memory>
 #include <utility>
@@ -31,12 +32,12 @@ struct Opening {
     bool is_complete = false;
 };
 
-int open()
+int open(Error (store::Environment::*open_store)())
 {
     if (g_changes)
         return 0;
     auto changes = std::make_shared<Changes>();
-    if (const Error error = device_environment().open(); error != Error::none)
+    if (const Error error = (device_environment().*open_store)(); error != Error::none)
         return base::failed(error);
     Opening opening;
     store::notify::watch(device_environment()); // before the first look: no commit falls in between
@@ -101,7 +102,12 @@ int find_id(const sockutl::macaddr& mac, std::string& id)
 
 int init()
 {
-    return base::without_throwing(-1, open);
+    return base::without_throwing(-1, [] { return open(&store::Environment::open); });
+}
+
+int try_to_init()
+{
+    return base::without_throwing(-1, [] { return open(&store::Environment::try_to_open); });
 }
 
 void uninit()

@@ -451,7 +451,7 @@ class Settings(world.TestCase):
             self.assertEqual(self.orvctl("set", "/test/key", value)[0], USAGE)
 
     def test_an_absent_key_is_a_message_and_a_failure(self):
-        for verb in ("get", "delete", "list", "tree"):
+        for verb in ("delete", "get", "list", "tree"):  # who deletes makes the store
             self.assertEqual(self.orvctl(verb, "/no/such"), (FAILED, "", "orvctl: no such key: /no/such\n"))
         self.orvctl("set", "/a/b", "1")
         self.assertEqual(self.orvctl("get", "/a"), (FAILED, "", "orvctl: the key has children but no value: /a\n"))
@@ -530,8 +530,23 @@ class Settings(world.TestCase):
             process.kill()
 
     def test_a_watch_ends_with_its_time(self):
+        self.orvctl("set", "/other", "1")
         self.assertEqual(self.orvctl("watch", "/w", "--timeout", "0.1"), (OK, "", ""))
         self.assertEqual(self.orvctl("watch", "/w", "--timeout", "0.1", "--count", "1"), (FAILED, "", ""))
+
+    def test_who_only_looks_creates_nothing(self):
+        backup = os.path.join(self.one.root, "backup")
+        for store, directory, commands in (
+                ("settings store", "settings", (("settings", "get", "/a"), ("settings", "list"), ("settings", "tree"),
+                                                ("settings", "watch", "/a"), ("settings", "backup", backup))),
+                ("device store", "devices", (("device", "list"), ("device", "show", "d1"), ("device", "backup", backup))),
+                ("telemetry outbox", "telemetry", (("telemetry", "list"),))):
+            for command in commands:
+                result = self.one.orvctl(*command)
+                self.assertEqual((result.returncode, result.stdout, result.stderr), (UNAVAILABLE, "", (
+                    "orvctl: there is no %s yet: %s/var/%s (ORV_ROOT names the agent's root directory, else it is %s)\n" %
+                    (store, self.one.root, directory, world.default_root()))), command)
+        self.assertEqual(os.listdir(self.one.root), [])
 
     def test_a_store_that_cannot_be_opened_is_unavailable(self):
         with open(os.path.join(self.one.root, "var"), "w") as file:

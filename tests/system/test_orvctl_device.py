@@ -49,7 +49,7 @@ class Devices(world.TestCase):
         self.assertEqual(self.listed(), [])
 
     def test_an_absent_device_is_a_message_and_a_failure(self):
-        for verb in ("show", "remove"):
+        for verb in ("remove", "show"):  # who removes makes the store
             self.assertEqual(self.device(verb, "d9"), (FAILED, "", "orvctl: no such device: d9\n"))
 
     def test_what_was_listed_can_be_stored_again(self):
@@ -153,6 +153,8 @@ class Devices(world.TestCase):
 
     def test_an_empty_store_is_kept_and_brought_back_too(self):
         file = os.path.join(self.one.root, "backup")
+        self.device("put", json.dumps(TV))
+        self.device("remove", "d1")
         self.assertEqual(self.device("backup", file), (OK, "", ""))
         self.device("put", json.dumps(TV))
         self.assertEqual(self.device("restore", file), (OK, "", ""))
@@ -188,13 +190,40 @@ class Devices(world.TestCase):
         self.assertEqual(self.listed(), [])
         self.one.set_setting("/devmgmt/max_store_mib", "64")
         self.assertEqual(self.device("restore", file), (OK, "", ""))
-        for mebibytes, text in ((16, 120), (64, 480)):
-            self.one.set_setting("/devmgmt/max_store_mib", str(mebibytes))
-            os.truncate(file, (text << 20) + 1)
-            self.assertEqual(self.device("restore", file),
-                             (FAILED, "", "orvctl: %s is longer than %d MiB\n" % (file, text)))
+        os.truncate(file, (720 << 20) + 1)  # which is known without reading it
+        self.assertEqual(self.device("restore", file), (FAILED, "", "orvctl: %s is longer than 720 MiB\n" % file))
+
+    def test_what_is_piped_is_kept_only_up_to_a_bound(self):
+        for verb, arguments, status in (("put", ["-"], USAGE), ("restore", ["-"], FAILED)):
+            with open("/dev/zero") as endless:
+                self.assertEqual(self.device(verb, *arguments, stdin=endless), (
+                    status, "", "orvctl: standard input is longer than can be sent (64 MiB)\n"))
+        self.assertEqual(os.listdir(self.one.root), [])
+
+    def test_no_store_is_open_while_standard_input_is_waited_for(self):
+        self.assertEqual(self.device("put", "-", input="\n"), (OK, "", ""))
+        self.assertEqual(os.listdir(self.one.root), [])
+
+    def test_reading_leaves_the_settings_alone(self):
+        self.device("put", json.dumps(TV))
+        settings = os.path.join(self.one.root, "var/settings")
+        data_file = os.path.join(settings, "data.mdb")
+        os.rename(data_file, data_file + ".copy")
+        with open(data_file, "wb") as file:
+            file.write(b"x" * 8192)
+        before = os.listdir(settings)
+        self.assertEqual(self.listed(), [TV])
+        self.assertEqual(self.device("show", "d1")[0], OK)
+        self.assertEqual(self.device("backup", os.path.join(self.one.root, "backup")), (OK, "", ""))
+        self.assertEqual(self.one.orvctl("telemetry", "clear").returncode, OK)
+        self.assertEqual(self.one.orvctl("telemetry", "list").returncode, OK)
+        self.assertEqual(os.listdir(settings), before)
+        status, stdout, stderr = self.device("put", json.dumps(TV))  # whose repair is told
+        self.assertEqual((status, stdout), (OK, ""))
+        self.assertRegex(stderr, r"\A.* store var/settings: its data file was damaged .*\n\Z")
 
     def test_a_file_that_cannot_be_read_or_written_is_told_and_stays(self):
+        self.device("put", json.dumps(TV))
         missing = os.path.join(self.one.root, "no", "backup")
         for verb, doing in (("backup", "write"), ("restore", "read")):
             self.assertEqual(self.device(verb, missing),

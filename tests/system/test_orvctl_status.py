@@ -46,6 +46,7 @@ class Status(world.TestCase):
             self.one.set_setting(key, value)
         for device in ({"did": "d1", "traffic_blocked": 1}, {"did": "d2"}, {"did": "d3"}):
             self.one.orvctl("device", "put", json.dumps(device))
+        self.one.orvctl("telemetry", "clear")
         agent = {"version": "3.1", "registered": True, "subscription": "valid", "enabled": False, "patch_level": "7"}
         for start, state in ((lambda: None, UNAVAILABLE), (self.one.start, OK)):
             start()  # the daemon tells the same as the stores
@@ -55,11 +56,22 @@ class Status(world.TestCase):
             self.assertEqual(seen["devices"], {"count": 3, "blocked": 1})
 
     def test_without_the_daemon_it_is_not_running(self):
-        self.one.start_bus()
+        self.one.start()
+        self.one.stop_daemon()
         seen = self.status(UNAVAILABLE)
         self.assertEqual(seen["daemon"], {"state": "not running"})
         self.assertTrue(seen["exchange"]["reachable"])
         self.assertEqual(seen["devices"], {"count": 0, "blocked": 0})
+
+    def test_stores_that_are_not_there_are_told_and_unknown(self):
+        result = self.one.orvctl("status")
+        self.assertEqual(result.returncode, UNAVAILABLE)
+        self.assertEqual(result.stderr, "".join(
+            "orvctl: there is no %s yet: %s/var/%s (ORV_ROOT names the agent's root directory, else it is %s)\n" %
+            (name, self.one.root, directory, world.default_root()) for name, directory in
+            (("settings store", "settings"), ("device store", "devices"), ("telemetry outbox", "telemetry"))))
+        self.assertEqual(set(json.loads(result.stdout)["stores"].values()), {None})
+        self.assertEqual(os.listdir(self.one.root), [])
 
     def test_without_the_bus_it_is_not_reachable(self):
         self.one.start()
@@ -88,6 +100,8 @@ class Status(world.TestCase):
         self.assertGreater(self.status(OK)["stores"]["settings"]["used"], stores["settings"]["used"] + 100000)
 
     def test_limits_of_stores_are_settings(self):
+        self.one.orvctl("device", "put", '{"did": "d1"}')
+        self.one.orvctl("telemetry", "clear")
         for devices, telemetry, shown in (("32", "8", (32, 8)), ("1", "0", (16, 2)), ("100000", "100000", (96, 16)),
                                           ("many", "", (64, 16))):
             self.one.set_setting("/devmgmt/max_store_mib", devices)

@@ -24,8 +24,11 @@ namespace {
 
 using orv::devMgmt::Device;
 
-/// The text of a device takes more bytes than its record, by no more than this factor.
-constexpr std::size_t kTextFactor = 8;
+constexpr std::size_t kMebibyte = std::size_t{1024} * 1024;
+/// What is typed or piped is kept until its end, which may never come.
+constexpr std::size_t kMaxPipedSize = 64 * kMebibyte;
+/// Of a backup, whose size is known before: the largest store, each device's text as long as it can be.
+constexpr std::size_t kMaxBackupSize = 8 * 90 * kMebibyte;
 
 constexpr const char* kBlanks = " \t\r\n"; ///< what JSON has between its values
 
@@ -44,30 +47,21 @@ int report_absence(const std::string& id)
     return kFailed;
 }
 
-/// The device store, and with it the settings, which say how large it may become.
-class OpenedDevices {
+/// The device store for who adds to it, and the settings, which say how large it may become.
+class WritableDevices {
 public:
-    [[nodiscard]] bool is_open() const { return m_devices.is_open(); }
-    /// For what writes: then the size must be known. Complains, with the exit status as the result.
-    [[nodiscard]] int check_writable() const
+    /// Complains when one of them is not open; the exit status.
+    [[nodiscard]] int check() const
     {
         if (!m_settings.is_open())
-            return report_closed(Store::settings);
-        return is_open() ? kSuccess : report_closed(Store::devices);
+            return m_settings.report_closed();
+        return m_devices.is_open() ? kSuccess : m_devices.report_closed();
     }
 
 private:
-    OpenedStore m_settings{Store::settings};
-    OpenedStore m_devices{Store::devices};
+    OpenedStore m_settings{Store::settings, Use::writing};
+    OpenedStore m_devices{Store::devices, Use::writing};
 };
-
-/// How long a text may be that is to go into the open store.
-std::size_t max_input_size()
-{
-    orv::store::Usage usage;
-    const orv::Error error = orv::devMgmt::measure(usage);
-    return error == orv::Error::none ? kTextFactor * static_cast<std::size_t>(usage.limit) : 0;
-}
 
 int print(const Device& device, Output& output)
 {
@@ -195,9 +189,9 @@ int read_backup_devices(const std::string& file, const std::string& text, std::v
 
 int run_device_list(Output& output)
 {
-    const OpenedDevices store;
+    const OpenedStore store(Store::devices, Use::reading);
     if (!store.is_open())
-        return report_closed(Store::devices);
+        return store.report_closed();
     std::vector<Device> devices;
     if (orv::devMgmt::get_devices(devices) != 0)
         return report_failure("list");
@@ -214,9 +208,9 @@ int run_device_list(Output& output)
 
 int run_device_show(const std::string& id, Output& output)
 {
-    const OpenedDevices store;
+    const OpenedStore store(Store::devices, Use::reading);
     if (!store.is_open())
-        return report_closed(Store::devices);
+        return store.report_closed();
     Device device;
     if (orv::devMgmt::get_device(id, device) == 0)
         return report_absence(id);
@@ -225,17 +219,18 @@ int run_device_show(const std::string& id, Output& output)
 
 int run_device_put(const std::string& data)
 {
-    const OpenedDevices store;
-    if (const int status = store.check_writable(); status != kSuccess)
-        return status;
+    // Before the stores are opened: while they are, others wait for us.
     std::string text = data;
     if (data == "-") {
         text.clear();
-        if (!read_standard_input(text, max_input_size(), "devices"))
+        if (!read_standard_input(text, kMaxPipedSize, "devices"))
             return kUsage;
         if (text.find_first_not_of(kBlanks) == std::string::npos)
             return kSuccess; // an empty store was listed: there is nothing to bring back
     }
+    const WritableDevices store;
+    if (const int status = store.check(); status != kSuccess)
+        return status;
     std::vector<Device> devices;
     const int status = read_devices(text, devices);
     return status == kSuccess ? put(devices, orv::devMgmt::Others::stay) : status;
@@ -243,9 +238,9 @@ int run_device_put(const std::string& data)
 
 int run_device_backup(const std::string& file)
 {
-    const OpenedDevices store;
+    const OpenedStore store(Store::devices, Use::reading);
     if (!store.is_open())
-        return report_closed(Store::devices);
+        return store.report_closed();
     std::vector<Device> devices;
     if (orv::devMgmt::get_devices(devices) != 0)
         return report_failure("backup");
@@ -255,23 +250,23 @@ int run_device_backup(const std::string& file)
 
 int run_device_restore(const std::string& file)
 {
-    const OpenedDevices store;
-    if (const int status = store.check_writable(); status != kSuccess)
-        return status;
     std::string text;
     std::vector<Device> devices;
-    if (!read_file(file, text, max_input_size(), "a backup of the devices"))
+    const std::size_t limit = is_regular_file(file) ? kMaxBackupSize : kMaxPipedSize;
+    if (!read_file(file, text, limit, "a backup of the devices"))
         return kFailed;
     if (const int status = read_backup_devices(file, text, devices); status != kSuccess)
         return status;
-    return put(devices, orv::devMgmt::Others::go);
+    const WritableDevices store;
+    const int status = store.check();
+    return status == kSuccess ? put(devices, orv::devMgmt::Others::go) : status;
 }
 
 int run_device_remove(const std::string& id)
 {
-    const OpenedDevices store;
+    const OpenedStore store(Store::devices, Use::writing);
     if (!store.is_open())
-        return report_closed(Store::devices);
+        return store.report_closed();
     return orv::devMgmt::remove_device(id) == 0 ? kSuccess : report_absence(id);
 }
 

@@ -8,11 +8,13 @@
 #include <orvbase/descriptor.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 namespace orvctl {
@@ -67,12 +69,23 @@ bool read_standard_input(std::string& text, std::size_t limit, std::string_view 
     return false;
 }
 
+bool is_regular_file(const std::string& file)
+{
+    struct stat status {};
+    return (file == "-" ? ::fstat(STDIN_FILENO, &status) : ::stat(file.c_str(), &status)) == 0 &&
+           S_ISREG(status.st_mode);
+}
+
 bool read_file(const std::string& file, std::string& text, std::size_t limit, std::string_view what)
 {
     if (file == "-")
         return read_standard_input(text, limit, what);
     const orv::base::Descriptor opened(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    const End end = opened.is_open() ? read_all(opened.get(), text, limit) : End::failed;
+    struct stat status {};
+    End end = End::failed;
+    if (opened.is_open() && ::fstat(opened.get(), &status) == 0)
+        end = static_cast<std::uintmax_t>(status.st_size) > limit ? End::too_long
+                                                                  : read_all(opened.get(), text, limit);
     if (end == End::failed)
         return fail("cannot read " + file);
     if (end == End::too_long)

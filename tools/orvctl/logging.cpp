@@ -9,31 +9,16 @@
 #include <cstdlib>
 
 namespace orvctl {
-namespace {
 
-constexpr int kNothing = orv::log::kError - 1;
-
-void log_up_to(int level)
+bool is_log_wanted()
 {
-    if (!orv::log::parse_level(std::getenv("ORV_LOG_LEVEL")))
-        orv::log::set_threshold(level);
+    return orv::log::parse_level(std::getenv("ORV_LOG_LEVEL")).has_value();
 }
-
-} // namespace
 
 void log_failures_only()
 {
-    log_up_to(orv::log::kError);
-}
-
-LogSilence::LogSilence()
-{
-    log_up_to(kNothing);
-}
-
-LogSilence::~LogSilence()
-{
-    log_failures_only();
+    if (!is_log_wanted())
+        orv::log::set_threshold(orv::log::kError);
 }
 
 } // namespace orvctl

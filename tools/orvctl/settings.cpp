@@ -174,9 +174,9 @@ int follow(store::MonitoredKey& watch, const unsigned long& seen, unsigned long 
 
 int run_settings_get(const std::string& key, Output& output)
 {
-    const OpenedStore opened(Store::settings);
+    const OpenedStore opened(Store::settings, Use::reading);
     if (!opened.is_open())
-        return report_closed(Store::settings);
+        return opened.report_closed();
     std::string value;
     const int result = store::getKey(key, value);
     if (result < 0)
@@ -190,27 +190,27 @@ int run_settings_get(const std::string& key, Output& output)
 
 int run_settings_set(const std::string& key, const std::string& value)
 {
-    const OpenedStore opened(Store::settings);
+    const OpenedStore opened(Store::settings, Use::writing);
     if (!opened.is_open())
-        return report_closed(Store::settings);
+        return opened.report_closed();
     const int result = store::setKey(key, value);
     return result < 0 ? report(key, result) : kSuccess;
 }
 
 int run_settings_delete(const std::string& key)
 {
-    const OpenedStore opened(Store::settings);
+    const OpenedStore opened(Store::settings, Use::writing);
     if (!opened.is_open())
-        return report_closed(Store::settings);
+        return opened.report_closed();
     const int result = store::deleteKey(key);
     return result < 0 ? report(key, result) : kSuccess;
 }
 
 int run_settings_list(const std::string& key, Output& output)
 {
-    const OpenedStore opened(Store::settings);
+    const OpenedStore opened(Store::settings, Use::reading);
     if (!opened.is_open())
-        return report_closed(Store::settings);
+        return opened.report_closed();
     if (const int status = check_presence(key); status != kSuccess)
         return status;
     std::vector<std::string> names;
@@ -224,9 +224,9 @@ int run_settings_list(const std::string& key, Output& output)
 
 int run_settings_tree(const std::string& key, Output& output)
 {
-    const OpenedStore opened(Store::settings);
+    const OpenedStore opened(Store::settings, Use::reading);
     if (!opened.is_open())
-        return report_closed(Store::settings);
+        return opened.report_closed();
     if (const int status = check_presence(key); status != kSuccess)
         return status;
     return print_tree(key, 0, output);
@@ -234,9 +234,9 @@ int run_settings_tree(const std::string& key, Output& output)
 
 int run_settings_watch(const std::string& key, unsigned long count, const Options& options, Output& output)
 {
-    const OpenedStore opened(Store::settings);
+    const OpenedStore opened(Store::settings, Use::reading);
     if (!opened.is_open())
-        return report_closed(Store::settings);
+        return opened.report_closed();
     const int unusable = -static_cast<int>(orv::Error::invalid_argument);
     if (std::string value; is_root(key) || store::getKey(key, value) == unusable)
         return report(key, unusable);
@@ -255,9 +255,9 @@ int run_settings_watch(const std::string& key, unsigned long count, const Option
 
 int run_settings_backup(const std::string& file)
 {
-    const OpenedStore settings(Store::settings);
+    const OpenedStore settings(Store::settings, Use::reading);
     if (!settings.is_open())
-        return report_closed(Store::settings);
+        return settings.report_closed();
     std::string text;
     if (const int result = store::backup(text); result < 0)
         return report("/", result);
@@ -269,9 +269,9 @@ int run_settings_restore(const std::string& file)
     std::string text;
     if (!read_file(file, text, kMaxBackupSize, "a backup of the settings"))
         return kFailed;
-    const OpenedStore settings(Store::settings);
+    const OpenedStore settings(Store::settings, Use::writing);
     if (!settings.is_open())
-        return report_closed(Store::settings);
+        return settings.report_closed();
     const int result = store::restore(text);
     if (result == -static_cast<int>(orv::Error::invalid_argument)) {
         complain(file + " is no backup of the settings, or not a whole one; nothing was changed");

@@ -68,9 +68,9 @@ Error ask(const char* command, const Options& options, orv::JsonPtr& data)
 
 json_t* telemetry_waiting()
 {
-    const OpenedStore outbox(Store::telemetry);
+    const OpenedStore outbox(Store::telemetry, Use::reading);
     if (!outbox.is_open()) {
-        (void)report_closed(Store::telemetry);
+        (void)outbox.report_closed();
         return json_null();
     }
     std::vector<orv::karma::outbox::Entry> entries;
@@ -93,7 +93,7 @@ json_t* stores()
     orv::store::Usage below_tmp;
     orv::store::Usage devices;
     orv::store::Usage telemetry;
-    const OpenedStore outbox(Store::telemetry);
+    const OpenedStore outbox(Store::telemetry, Use::reading);
     const orv::Error settings_error = orv::setMgmt::measure(durable, below_tmp);
     const orv::Error devices_error = orv::devMgmt::measure(devices);
     const orv::Error telemetry_error = orv::karma::outbox::measure(telemetry);
@@ -105,12 +105,13 @@ json_t* stores()
 /// What can be seen without the daemon.
 orv::JsonPtr look()
 {
-    const OpenedStore settings(Store::settings); // what a closed one holds is null in what follows
+    const OpenedStore settings(Store::settings,
+                               Use::reading); // what a closed one holds is null in what follows
     if (!settings.is_open())
-        (void)report_closed(Store::settings);
-    const OpenedStore devices(Store::devices);
+        (void)settings.report_closed();
+    const OpenedStore devices(Store::devices, Use::reading);
     if (!devices.is_open())
-        (void)report_closed(Store::devices);
+        (void)devices.report_closed();
     orv::diagnosis::Manager manager;
     manager.add(orv::diagnosis::get_defaults({{"exchange", "address"},
                                               {"exchange", "reachable"},

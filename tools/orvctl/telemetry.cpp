@@ -8,7 +8,6 @@
 
 #include <orvkarma/outbox.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -17,14 +16,8 @@ namespace {
 
 namespace outbox = orv::karma::outbox;
 
-/// Does some work on the open outbox.
-int with_outbox(const std::function<orv::Error()>& work)
+int report(orv::Error error)
 {
-    const OpenedStore settings(Store::settings); // how large the outbox may become
-    const OpenedStore opened(Store::telemetry);
-    if (!opened.is_open())
-        return report_closed(Store::telemetry);
-    const orv::Error error = work();
     if (error == orv::Error::none)
         return kSuccess;
     complain("the telemetry outbox failed (error " + std::to_string(static_cast<int>(error)) + ")");
@@ -49,8 +42,11 @@ void print(const std::vector<outbox::Entry>& entries, Output& output)
 
 int run_telemetry_list(Output& output)
 {
+    const OpenedStore opened(Store::telemetry, Use::reading);
+    if (!opened.is_open())
+        return opened.report_closed();
     std::vector<outbox::Entry> entries;
-    const int status = with_outbox([&entries] { return outbox::read(entries); });
+    const int status = report(outbox::read(entries));
     if (status == kSuccess)
         print(entries, output);
     return status;
@@ -58,7 +54,9 @@ int run_telemetry_list(Output& output)
 
 int run_telemetry_clear()
 {
-    return with_outbox(outbox::clear);
+    // How large the outbox may become does not matter to who empties it.
+    const OpenedStore opened(Store::telemetry, Use::writing);
+    return opened.is_open() ? report(outbox::clear()) : opened.report_closed();
 }
 
 } // namespace orvctl

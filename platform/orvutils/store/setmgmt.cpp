@@ -303,19 +303,33 @@ namespace orv::setMgmt {
 
 using detail::SettingsKey;
 
-int init()
+namespace {
+
+int open_both(Error (store::Environment::*open)())
 {
     detail::Environments& settings = detail::environments();
     if (settings.durable.is_wanted())
         return 0;
-    if (const Error error = settings.durable.open(); error != Error::none)
+    if (const Error error = (settings.durable.*open)(); error != Error::none)
         return base::fail(error);
-    if (const Error error = settings.volatile_keys.open(); error != Error::none) {
+    if (const Error error = (settings.volatile_keys.*open)(); error != Error::none) {
         settings.durable.close();
         return base::fail(error);
     }
     detail::settings_opened();
     return 0;
+}
+
+} // namespace
+
+int init()
+{
+    return open_both(&store::Environment::open);
+}
+
+int try_to_init()
+{
+    return open_both(&store::Environment::try_to_open);
 }
 
 void uninit()

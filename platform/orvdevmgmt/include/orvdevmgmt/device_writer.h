@@ -18,7 +18,10 @@ namespace orv::devMgmt {
 constexpr std::size_t kMaxDeviceIdSize = 255;
 constexpr std::size_t kMaxRecordSize = 8192; ///< of a whole device, as it is stored, without its history
 
-/// Why init() has failed; Kind::none when the store itself could be opened.
+/// As init(), but why it fails is not logged: for those who tell it themselves. What is repaired is.
+[[nodiscard]] int try_to_init();
+
+/// Why either has failed; Kind::none when the store itself could be opened.
 [[nodiscard]] const store::Failure& failure();
 /// How full the store is.
 [[nodiscard]] Error measure(store::Usage& usage);

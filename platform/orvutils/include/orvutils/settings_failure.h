@@ -6,7 +6,10 @@
 
 namespace orv::setMgmt {
 
-/// Why init() has failed, of whichever of the store's two parts that was; Kind::none when it has not.
+/// As init(), but why it fails is not logged: for those who tell it themselves. What is repaired is.
+[[nodiscard]] int try_to_init();
+
+/// Why either has failed, of whichever of the store's two parts that was; Kind::none when it has not.
 [[nodiscard]] const store::Failure& failure();
 
 /// How full the two parts are: the durable settings, and those below /tmp.
