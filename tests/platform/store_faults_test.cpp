@@ -6,6 +6,7 @@
 
 #include <orvkarma/outbox.h>
 #include <orvstore/notify.h>
+#include <orvutils/error.h>
 #include <orvutils/log_control.h>
 #include <orvutils/settings_backup.h>
 
@@ -14,8 +15,11 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <filesystem>
 #include <functional>
+#include <iterator>
 #include <list>
+#include <map>
 #include <ostream>
 #include <set>
 #include <string>
@@ -29,6 +33,7 @@ unsigned g_failing = 0; ///< which call fails, from 1; 0: none
 bool g_from_then_on = false;
 int g_code = 0;
 bool g_has_failed = false;
+std::string g_failed_call; ///< the first one
 
 /// While one of these lives, a call of the database fails, and with `from_then_on` all after it.
 class FailingDatabase {
@@ -46,12 +51,14 @@ public:
     ~FailingDatabase() { g_failing = 0; }
 };
 
-bool is_failing()
+bool is_failing(const char* call)
 {
     if (g_failing == 0)
         return false;
     ++g_calls;
     const bool fails = g_from_then_on ? g_calls >= g_failing : g_calls == g_failing;
+    if (fails && !g_has_failed)
+        g_failed_call = call;
     g_has_failed = g_has_failed || fails;
     return fails;
 }
@@ -62,7 +69,7 @@ bool is_failing()
     int __real_##name parameters;                                                                            \
     int __wrap_##name parameters                                                                             \
     {                                                                                                        \
-        return is_failing() ? g_code : __real_##name arguments;                                              \
+        return is_failing(#name) ? g_code : __real_##name arguments;                                         \
     }
 
 extern "C" {
@@ -79,6 +86,15 @@ FAILING(mdb_cursor_get, (MDB_cursor * cursor, MDB_val* key, MDB_val* value, MDB_
 FAILING(mdb_cursor_del, (MDB_cursor * cursor, unsigned flags), (cursor, flags))
 FAILING(mdb_stat, (MDB_txn * txn, MDB_dbi tree, MDB_stat* status), (txn, tree, status))
 FAILING(mdb_env_info, (MDB_env * env, MDB_envinfo* info), (env, info))
+FAILING(mdb_env_create, (MDB_env * *env), (env))
+FAILING(mdb_env_set_maxdbs, (MDB_env * env, MDB_dbi count), (env, count))
+FAILING(mdb_env_open, (MDB_env * env, const char* path, unsigned flags, mdb_mode_t mode),
+        (env, path, flags, mode))
+FAILING(mdb_env_get_fd, (MDB_env * env, mdb_filehandle_t* fd), (env, fd))
+FAILING(mdb_env_stat, (MDB_env * env, MDB_stat* status), (env, status))
+FAILING(mdb_env_sync, (MDB_env * env, int force), (env, force))
+FAILING(mdb_dbi_open, (MDB_txn * txn, const char* name, unsigned flags, MDB_dbi* tree),
+        (txn, name, flags, tree))
 FAILING(mdb_env_set_mapsize, (MDB_env * env, std::size_t size), (env, size))
 
 // Waiting for the disk is no part of this.
@@ -86,11 +102,15 @@ int __wrap_fdatasync(int)
 {
     return 0;
 }
+int __wrap_fsync(int)
+{
+    return 0;
+}
 
 int __real_mdb_txn_commit(MDB_txn* transaction);
 int __wrap_mdb_txn_commit(MDB_txn* transaction)
 {
-    if (!is_failing())
+    if (!is_failing("mdb_txn_commit"))
         return __real_mdb_txn_commit(transaction);
     mdb_txn_abort(transaction);
     return g_code;
@@ -280,11 +300,32 @@ std::set<std::string> take_told()
     return std::exchange(g_told, {});
 }
 
+/// What a failing call is called in the log.
+const std::map<std::string, std::string> kDoing = {
+    {"mdb_cursor_del", "remove"},
+    {"mdb_cursor_get", "move a cursor"},
+    {"mdb_cursor_open", "open a cursor"},
+    {"mdb_del", "remove"},
+    {"mdb_env_info", "begin to write"},
+    {"mdb_env_set_mapsize", "begin to write"},
+    {"mdb_get", "read"},
+    {"mdb_put", "write"},
+    {"mdb_stat", "count entries"},
+    {"mdb_txn_begin", "begin to write"},
+    {"mdb_txn_commit", "commit"},
+    {"mdb_txn_renew", "begin to read"},
+};
+
+std::size_t count_descriptors()
+{
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+}
+
 class StoreFaults : public testing::TestWithParam<Deed> {
 protected:
     void SetUp() override
     {
-        log::set_threshold(4);
         ASSERT_EQ(setMgmt::init(), 0);
         for (const char* key : {"/a", "/a/b", "/a/b/c", "/a/d", "/e", "/tmp/v", "/tmp/w"})
             m_watches.emplace_back(
@@ -306,19 +347,30 @@ protected:
     }
 
     /// Does it with the database failing at this call. Whether there was such a call.
-    bool attempt(const Deed& deed, const std::string& wanted, unsigned number, int code, bool from_then_on)
+    void attempt(const Deed& deed, const std::string& wanted, unsigned number, int code, bool from_then_on)
     {
         SCOPED_TRACE(deed.name + std::string(": call ") + std::to_string(number) + " fails with " +
                      mdb_strerror(code) + (from_then_on ? ", and all after it" : ""));
         begin(deed);
         const std::string before = deed.outcome();
         bool done = false;
+        log::begin_anew();
+        testing::internal::CaptureStderr();
         {
             const FailingDatabase failing(number, code, from_then_on);
             done = deed.act();
         }
+        const std::vector<std::string> lines = logged(testing::internal::GetCapturedStderr());
         const bool has_failed = g_has_failed;
         EXPECT_TRUE(done || has_failed);
+        if (!done && code == EIO && !from_then_on) {
+            const auto known = kDoing.find(g_failed_call);
+            ASSERT_NE(known, kDoing.end()) << g_failed_call;
+            ASSERT_EQ(lines.size(), 1U) << g_failed_call;
+            EXPECT_EQ(lines[0].find("0 store "), 0U) << lines[0];
+            EXPECT_EQ(lines[0].substr(lines[0].find(": ")),
+                      ": cannot " + known->second + ": Input/output error");
+        }
         EXPECT_EQ(deed.outcome(), done ? wanted : before);
         const std::set<std::string> told = take_told();
         if (done) { // else a watch may tell too much: it cannot know
@@ -327,7 +379,7 @@ protected:
         begin(deed);
         EXPECT_TRUE(deed.act()) << "afterwards";
         EXPECT_EQ(deed.outcome(), wanted) << "afterwards";
-        return has_failed;
+        m_is_there_more = has_failed;
     }
 
     static void begin(const Deed& deed)
@@ -340,6 +392,7 @@ protected:
     TemporaryRoot m_root;
     std::list<setMgmt::MonitoredKey> m_watches;
     std::set<std::string> m_wanted_told;
+    bool m_is_there_more = false; ///< calls that can fail
 };
 
 } // namespace
@@ -355,11 +408,57 @@ TEST_P(StoreFaults, A_failing_call_fails_what_is_done_whole_and_the_next_attempt
     for (const auto& [code, from_then_on] :
          {std::pair(EIO, false), std::pair(EIO, true), std::pair(MDB_MAP_FULL, false),
           std::pair(MDB_BAD_RSLOT, false)}) {
-        unsigned number = 1;
-        while (attempt(deed, wanted, number, code, from_then_on) && !HasFailure())
-            ++number;
+        unsigned number = 0;
+        do
+            attempt(deed, wanted, ++number, code, from_then_on);
+        while (m_is_there_more && !HasFailure());
         EXPECT_GT(number, 1U);
     }
+}
+
+TEST(StoreFaultsAtTheStart, AreToldInALineEachAndLeaveNothingAndTheNextStartSucceeds)
+{
+    std::set<std::string> told;
+    for (const bool is_new : {true, false}) {
+        bool has_failed = true;
+        for (unsigned number = 1; has_failed; ++number) {
+            const TemporaryRoot root;
+            if (!is_new) {
+                ASSERT_EQ(setMgmt::init(), 0);
+                ASSERT_EQ(setMgmt::setKey("/a", "x"), 0);
+                ASSERT_EQ(setMgmt::setKey("/tmp/a", "x"), 0);
+                setMgmt::uninit();
+            }
+            const auto descriptors = count_descriptors();
+            int started = 0;
+            log::begin_anew();
+            testing::internal::CaptureStderr();
+            {
+                const FailingDatabase failing(number, EIO, /*from_then_on=*/false);
+                started = setMgmt::init();
+                has_failed = g_has_failed;
+            }
+            const std::vector<std::string> lines = logged(testing::internal::GetCapturedStderr());
+            told.insert(lines.begin(), lines.end());
+            EXPECT_EQ(lines.size(), started == 0 ? 0U : 1U) << g_failed_call;
+            EXPECT_TRUE(started == 0 || has_failed);
+            if (started != 0) {
+                EXPECT_EQ(orv::_get_orverrno(), 2);
+                EXPECT_EQ(count_descriptors(), descriptors) << g_failed_call;
+            }
+            ASSERT_EQ(setMgmt::init(), 0);
+            EXPECT_EQ(value_of("/a"), is_new ? "error 4" : "x");
+            EXPECT_EQ(value_of("/tmp/a"), is_new ? "error 4" : "x");
+            EXPECT_EQ(setMgmt::setKey("/a", "y"), 0);
+            setMgmt::uninit();
+        }
+    }
+    const std::string error = ": Input/output error";
+    EXPECT_EQ(told, (std::set<std::string>{"0 store tmp/settings: cannot open the store" + error,
+                                           "0 store tmp/settings: cannot open the trees" + error,
+                                           "0 store var/settings: cannot open the store" + error,
+                                           "0 store var/settings: cannot open the trees" + error,
+                                           "0 store var/settings: cannot sync the data file" + error}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Deeds, StoreFaults, testing::ValuesIn(kDeeds), [](const auto& deed) {
