@@ -2,6 +2,7 @@
 
 #include "base_support.h"
 #include "memory_support.h"
+#include "process_support.h"
 
 #include <orvutils/log_control.h>
 #include <orvutils/log_format.h>
@@ -18,6 +19,23 @@
 #include <ctime>
 #include <regex>
 #include <string>
+
+namespace {
+int g_interrupted_writes = 0; ///< of the next ones
+} // namespace
+
+// The linker sends every call of write() here.
+extern "C" {
+ssize_t __real_write(int fd, const void* data, std::size_t size);
+ssize_t __wrap_write(int fd, const void* data, std::size_t size)
+{
+    if (g_interrupted_writes == 0)
+        return __real_write(fd, data, size);
+    --g_interrupted_writes;
+    errno = EINTR;
+    return -1;
+}
+}
 
 namespace {
 
@@ -283,6 +301,34 @@ TEST(LogLine, ThatCannotBeWrittenIsLostWithoutAWordAndLeavesErrno)
         return errno == ENOTTY ? 0 : 1;
     });
     EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(LogLine, IsNotWrittenToWhatStandardErrorWasBeforeItWasClosed)
+{
+    const Ends pipe = make_pipe();
+    const Outcome outcome = in_child([&] {
+        dup2(pipe.second, STDERR_FILENO);
+        log_plain(kError, "before");
+        close(STDERR_FILENO);
+        log_plain(kError, "after");
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 0);
+    char text[1000] = "";
+    const ssize_t size = read(pipe.first, text, sizeof text - 1);
+    ASSERT_GT(size, 0);
+    EXPECT_EQ(logged(text), std::vector<std::string>{"0 before"});
+}
+
+TEST(LogLine, WhoseWritingASignalInterruptsIsWrittenAllTheSame)
+{
+    const Outcome outcome = in_child([] {
+        g_interrupted_writes = 2;
+        log_plain(kError, "x");
+        return g_interrupted_writes;
+    });
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(logged(outcome.err), std::vector<std::string>{"0 x"});
 }
 
 TEST(LogLine, WithAMessageThatCannotBeFormattedTellsItsFormat)

@@ -98,6 +98,36 @@ protected:
     }
 };
 
+/// Which request of the JSON library for memory fails, from 1; 0: none.
+unsigned g_failing = 0;
+unsigned g_requests = 0;
+
+void* allocate_for_json(std::size_t size)
+{
+    return ++g_requests == g_failing ? nullptr : std::malloc(size); // NOLINT(cppcoreguidelines-no-malloc)
+}
+
+TEST_F(DiagnosisTest, IsWholeOrNoneWhenTheJSONLibraryHasNoMemory)
+{
+    set("/network/interfaces/lo", "lan");
+    diagnosis::Manager manager;
+    manager.add(
+        diagnosis::get_defaults({{"network", "interfaces"}, {"system", "load"}, {"agent", "version"}}));
+    json_set_alloc_funcs(allocate_for_json, std::free);
+    unsigned failures = 0;
+    for (g_failing = 1, g_requests = 1; g_requests >= g_failing; ++g_failing) {
+        g_requests = 0;
+        const JsonPtr report{manager.report()};
+        EXPECT_TRUE(report || g_requests >= g_failing) << g_failing;
+        failures += report ? 0 : 1;
+        for (const char* member : {"network", "system", "agent", "generated_at", "agent_version"})
+            EXPECT_TRUE(!report || json_object_get(report.get(), member)) << g_failing << ", " << member;
+    }
+    g_failing = 0;
+    EXPECT_GT(failures, 5U);
+    EXPECT_TRUE(json_is_string(json_object_get(JsonPtr{manager.report()}.get(), "agent_version")));
+}
+
 // ---- which records there are
 
 TEST_F(DiagnosisTest, HasARecordForEachThingWorthKnowing)

@@ -8,9 +8,11 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -749,6 +751,24 @@ TEST_F(ExchangeAway, WhatTheKernelRefusesMeanwhileIsALineAndNothingElse)
     EXPECT_EQ(logged(outcome.err),
               (std::vector<std::string>{"0 cannot watch the exchange's socket: Invalid argument",
                                         "0 cannot set the exchange's timer: Invalid argument"}));
+}
+
+TEST_F(ExchangeAway, AChildThatKeepsTheSocketDoesNotKeepTheLoopBusy)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        pause();
+        _exit(0);
+    }
+    m_bus.kill();
+    ASSERT_TRUE(serve_until_away());
+    int passes = 0;
+    for (const auto end = steady_clock::now() + milliseconds{500}; steady_clock::now() < end; ++passes)
+        if (is_readable(orvex_get_fd(m_broker.get()), milliseconds{50}))
+            EXPECT_EQ(orvex_read_fd(m_broker.get()), 0);
+    EXPECT_LT(passes, 30);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
 }
 
 TEST_F(ExchangeAway, ReconnectingToABusThatHangsDoesNotBlock)

@@ -421,6 +421,25 @@ TEST_F(ExchangeRequests, MessagesToUsHaveNothingToAnswer)
     EXPECT_EQ(reply_serial_of(peer.receive()), polite);
 }
 
+TEST_F(ExchangeRequests, WhatToolsAskEverybodyOnABusIsAnswered)
+{
+    RawPeer peer(m_bus.address());
+    capture_log();
+    const auto ask = [&](const char* interface, const char* member) {
+        const std::uint32_t serial = peer.send(raw_call("broker", member, interface));
+        RawMessage reply;
+        EXPECT_TRUE(serve_until([&] { return (reply = peer.receive(milliseconds{1})) != nullptr; }));
+        EXPECT_EQ(reply_serial_of(reply), serial);
+        EXPECT_EQ(error_of(reply), "");
+        return text_of(reply);
+    };
+    EXPECT_EQ(ask("org.freedesktop.DBus.Peer", "Ping"), "");
+    EXPECT_NE(ask("org.freedesktop.DBus.Introspectable", "Introspect")
+                  .find("<interface name=\"net.orvane.Exchange1\">"),
+              std::string::npos);
+    EXPECT_EQ(captured_log(), "");
+}
+
 TEST_F(ExchangeRequests, MalformedCallsGetAnErrorAndALogLine)
 {
     RawPeer peer(m_bus.address());

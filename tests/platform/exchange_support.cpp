@@ -267,10 +267,18 @@ RawMessage RawPeer::receive(milliseconds within)
     return nullptr;
 }
 
-RawMessage raw_call(const std::string& participant, const char* member)
+std::string text_of(const RawMessage& message)
+{
+    const char* text = "";
+    if (!dbus_message_get_args(message.get(), nullptr, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID))
+        return {};
+    return text;
+}
+
+RawMessage raw_call(const std::string& participant, const char* member, const char* interface)
 {
     return RawMessage{
-        dbus_message_new_method_call(bus_name(participant).c_str(), kObject, kInterface, member)};
+        dbus_message_new_method_call(bus_name(participant).c_str(), kObject, interface, member)};
 }
 
 RawMessage raw_signal(const char* member)

@@ -93,7 +93,8 @@ private:
 
 /// Messages for send().
 /// @{
-RawMessage raw_call(const std::string& participant, const char* member);
+RawMessage raw_call(const std::string& participant, const char* member,
+                    const char* interface = "net.orvane.Exchange1");
 RawMessage raw_signal(const char* member);
 RawMessage raw_reply(DBusMessage& request);
 RawMessage raw_reply(std::uint32_t serial);
@@ -113,6 +114,7 @@ std::string member_of(const RawMessage& message);
 bool wants_reply(const RawMessage& message);
 std::uint32_t reply_serial_of(const RawMessage& message);
 std::string error_of(const RawMessage& message); ///< its name, empty for anything but an error
+std::string text_of(const RawMessage& message);  ///< its only argument, empty when it has another
 struct RawContent {
     std::string text;
     std::uint64_t number = 0;

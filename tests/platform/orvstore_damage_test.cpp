@@ -398,6 +398,22 @@ TEST_F(DamageTest, One_process_at_a_time_renews_the_copy)
     renew_copy(environment);
 }
 
+TEST_F(DamageTest, Who_has_renewed_the_copy_lets_others_do_it_the_next_time)
+{
+    Environment environment(layout_with(WhenDamaged::restore));
+    ASSERT_EQ(environment.open(), Error::none);
+    ASSERT_EQ(write(environment, "first", "x"), Error::none);
+    renew_copy(environment);
+    const Outcome other = in_child([&]() -> int {
+        Environment own(layout_with(WhenDamaged::restore));
+        REQUIRE(own.open() == Error::none);
+        REQUIRE(write(own, "second", "x") == Error::none);
+        renew_copy(own);
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(other.status, 0) << other.out;
+}
+
 TEST_F(DamageTest, Without_room_for_a_copy_there_is_one_line_and_the_last_one_stays)
 {
     fs::create_directory(directory());

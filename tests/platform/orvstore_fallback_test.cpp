@@ -4,6 +4,7 @@
 #include "process_support.h"
 #include "refusal_support.h"
 
+#include <orvstore/notify.h>
 #include <orvstore/transaction.h>
 
 #include <gtest/gtest.h>
@@ -139,5 +140,37 @@ TEST_F(FallbackTest, Without_shared_mappings_of_either_file_the_line_names_the_c
         environment.close();
         fs::remove_all(directory());
         EXPECT_EQ(told(), Lines{});
+    }
+}
+
+TEST_F(FallbackTest, Without_the_kernels_notices_there_is_a_line_and_no_watch)
+{
+    struct Case {
+        long call;
+        int error;
+        std::string line;
+    };
+    const Case cases[] = {
+        {SYS_inotify_init1, EMFILE, "0 cannot open the notification descriptor: Too many open files"},
+        {SYS_inotify_add_watch, ENOSPC,
+         "0 cannot watch " + directory() + "/data.mdb" + ": No space left on device"},
+    };
+    for (const Case& one : cases) {
+        const Outcome outcome = in_child([&]() -> int {
+            REQUIRE(refuse_calls({{one.call, one.error}}));
+            Environment environment(layout());
+            REQUIRE(environment.open() == Error::none);
+            notify::watch(environment);
+            for (int i = 0; i < 3; ++i) // it is told once
+                REQUIRE((notify::descriptor() >= 0) == (one.call == SYS_inotify_add_watch));
+            REQUIRE(told() == Lines{one.line});
+            if (one.call == SYS_inotify_add_watch)
+                notify::wake();
+            notify::unwatch(environment);
+            REQUIRE(one.call == SYS_inotify_init1 ||
+                    told().back() == "0 cannot wake up the notification descriptor: No space left on device");
+            return 0;
+        });
+        EXPECT_EQ(outcome.status, 0) << outcome.err;
     }
 }

@@ -6,12 +6,14 @@
 #include <orvutils/error.h>
 #include <orvutils/log_control.h>
 
+#include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <filesystem>
 
 using namespace orv::setMgmt;
@@ -190,6 +192,24 @@ TEST_F(KeyLockTest, A_file_system_without_locks_is_an_error_and_a_line)
     });
     EXPECT_EQ(other.status, 2);
     EXPECT_EQ(logged(other.err), std::vector<std::string>{"0 cannot take a lock: No locks available"});
+}
+
+TEST_F(KeyLockTest, The_place_of_a_lock_is_that_of_other_versions)
+{
+    ASSERT_EQ(lockKey("/a"), 0);
+    // FNV-1a of the key, without its two highest bits
+    std::uint64_t hash = 14695981039346656037U;
+    hash = (hash ^ 'a') * 1099511628211U;
+    const Fd file(open((m_root.path() + "/tmp/locks/settings").c_str(), O_RDWR | O_CLOEXEC));
+    struct flock range {};
+    range.l_type = F_WRLCK;
+    range.l_whence = SEEK_SET;
+    range.l_start = static_cast<off_t>(hash / 4);
+    range.l_len = 1;
+    EXPECT_EQ(fcntl(file, F_OFD_SETLK, &range), -1) << "it is taken";
+    ++range.l_start;
+    EXPECT_EQ(fcntl(file, F_OFD_SETLK, &range), 0);
+    EXPECT_EQ(unlockKey("/a"), 0);
 }
 
 TEST_F(KeyLockTest, A_link_in_the_place_of_the_lock_file_is_not_followed)

@@ -305,6 +305,27 @@ TEST_F(MonitorTest, What_cannot_be_watched_has_no_descriptor)
     EXPECT_EQ(calls, 0);
 }
 
+TEST_F(MonitorTest, Reading_from_a_callback_does_nothing)
+{
+    int calls = 0;
+    MonitoredKey* self = nullptr;
+    MonitoredKey watch(
+        kKey,
+        [&](const orv::path&, void*) {
+            if (++calls < 10) {
+                EXPECT_EQ(setKey(kKey, std::to_string(calls)), 0);
+                self->read_notifications();
+            }
+            return false;
+        },
+        false, nullptr, false);
+    self = &watch;
+    ASSERT_EQ(setKey(kKey, "x"), 0);
+    ASSERT_TRUE(is_readable(watch.get_fd(), kPatienceMs));
+    watch.read_notifications();
+    EXPECT_EQ(calls, 1);
+}
+
 TEST_F(MonitorTest, A_loop_may_add_and_remove_the_descriptor_on_every_pass)
 {
     int calls = 0;
