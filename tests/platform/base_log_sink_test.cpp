@@ -3,7 +3,9 @@
 
 #include "base_support.h"
 #include "probe_support.h"
+#include "refusal_support.h"
 
+#include <orvutils/daemon.h>
 #include <orvutils/log_control.h>
 #include <orvutils/log_format.h>
 #include <orvutils/time.h>
@@ -15,10 +17,12 @@
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -429,6 +433,28 @@ TEST(LogBackground, LinesGoToTheSystemLogByTheirPriorityWithItsOwnStamp)
         EXPECT_EQ(match.str(4), texts[i]);
     }
     EXPECT_EQ(system_log.next(), "(none)");
+}
+
+TEST(LogBackground, ThatNobodyWaitsForTheDaemonToBeUpIsALineForDebugging)
+{
+    SystemLog system_log;
+    const Outcome outcome = in_child([&] {
+        char program[] = "probe";
+        char background[] = "-d";
+        char level[] = "-l4";
+        char* arguments[] = {program, background, level, nullptr};
+        const auto instance = orv::daemon::instance(3, arguments);
+        instance->init_hook = [&] {
+            use_syslog("probe", system_log.path());
+            return refuse_calls({{SYS_write, EPIPE}});
+        };
+        return instance->run();
+    });
+    EXPECT_EQ(outcome.status, 1) << "it is not told";
+    const std::string message = system_log.next();
+    EXPECT_EQ(message.find("<31>"), 0U) << message;
+    EXPECT_NE(message.find("]: nobody waits for the daemon to be up, ignoring"), std::string::npos)
+        << message;
 }
 
 TEST(LogBackground, TheStampIsTheLocalTime)

@@ -734,6 +734,17 @@ TEST_F(ExchangeAway, JoiningWithoutTheDescriptorsItTakesFailsWithALine)
     }
 }
 
+TEST_F(ExchangeAway, JoiningWithoutASocketFailsWithALine)
+{
+    const Outcome outcome = in_child([]() -> int {
+        REQUIRE(refuse_calls({{SYS_socket, EMFILE}}));
+        return join("other", /*auto_reconnect=*/0) == nullptr ? 0 : 1;
+    });
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(logged(outcome.err),
+              std::vector<std::string>{"1 cannot reach the exchange: Too many open files"});
+}
+
 TEST_F(ExchangeAway, WhatTheKernelRefusesMeanwhileIsALineAndNothingElse)
 {
     const Outcome outcome = in_child([this]() -> int {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <new>
 #include <string>
 
 using std::chrono::milliseconds;
@@ -166,6 +167,22 @@ TEST_F(ExchangeRequests, AReceiverThatDiesIsAnAnswerOfType2)
     EXPECT_EQ(m_answers.all[0].type, "2");
     EXPECT_EQ(m_answers.all[0].from, "orvagent");
     EXPECT_NE(m_answers.all[0].data, "");
+}
+
+TEST_F(ExchangeRequests, AnAnswerForWhichItsCallbackHasNoMemoryIsALogLine)
+{
+    RawPeer agent(m_bus.address(), "orvagent");
+    m_answers.also = [](const Message&) { throw std::bad_alloc(); };
+    capture_log();
+    ASSERT_EQ(request("x"), 0);
+    agent.answer(*agent.receive(), "0", "");
+    ASSERT_TRUE(serve_until_answered(1));
+    EXPECT_EQ(logged(captured_log()),
+              std::vector<std::string>{"1 an answer from orvagent is lost: out of memory"});
+    m_answers.also = nullptr;
+    ASSERT_EQ(request("y"), 0);
+    agent.answer(*agent.receive(), "0", "");
+    ASSERT_TRUE(serve_until_answered(2));
 }
 
 TEST_F(ExchangeRequests, AMalformedAnswerIsOneOfType2AndALogLine)
