@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -227,6 +228,70 @@ TEST_F(Json, OfADeepOrWideTextIsGivenBackAtOnce)
     EXPECT_EQ(json_array_size(value.get()), 130001U);
     EXPECT_LT(g_blocks, 100) << "few and large pieces";
     EXPECT_EQ(orv::parse_json(std::string(100000, '[')), nullptr);
+}
+
+/// That all writers give the text that the library gives.
+void expect_the_librarys_text(const json_t* value)
+{
+    const std::unique_ptr<char, void (*)(void*)> wanted(json_dumps(value, JSON_ENCODE_ANY), release);
+    const orv::TextPtr text = orv::dump(value, JSON_ENCODE_ANY);
+    ASSERT_TRUE(wanted && text);
+    EXPECT_STREQ(text.get(), wanted.get());
+}
+
+TEST_F(Json, IsWrittenWithTheBytesOfTheLibrary)
+{
+    for (const char* text :
+         {R"([])", R"({})", R"([[], {}, [{}], {"": []}])", R"({"b": 1, "a": {"d": [], "c": null}})",
+          R"(["\u0001\u001f\u007f \b\f\n\r\t\"\\/\/", "é€😀\ufffd", ""])",
+          R"({"\"key\"\n": "\u001b[0m", "é": true, "\\": false})",
+          R"([0, -1, 1234567890123456789, 9223372036854775807, -9223372036854775808])",
+          R"([0.1, -0.0, 1.0, 1e300, 1e-7, 123456789.125, 2.2250738585072014e-308])"}) {
+        const orv::JsonPtr value = orv::parse_json(text);
+        ASSERT_TRUE(value) << text;
+        expect_the_librarys_text(value.get());
+    }
+    for (json_t* scalar :
+         {json_null(), json_true(), json_false(), json_integer(7), json_real(0.5), json_string("\x7f")})
+        expect_the_librarys_text(orv::JsonPtr(scalar).get());
+}
+
+TEST_F(Json, IsWrittenWithTheBytesOfTheLibraryWhateverCharacterAStringHolds)
+{
+    for (char c = 0; static_cast<unsigned char>(c) < 0x80; ++c) {
+        const char text[] = {'a', c, c, 'b'};
+        expect_the_librarys_text(orv::JsonPtr(json_stringn(text, sizeof text)).get());
+    }
+}
+
+TEST_F(Json, IsWrittenAsDeepAsItIsParsed)
+{
+    for (const char* pair : {"[]", "{}"}) {
+        const std::string opening = *pair == '[' ? "[" : R"({"a": )";
+        std::string text;
+        for (int depth = 1; depth < JSON_PARSER_MAX_DEPTH; ++depth)
+            text += opening;
+        text += pair;
+        text.append(JSON_PARSER_MAX_DEPTH - 1, pair[1]);
+        EXPECT_EQ(text_of(orv::parse_json(text)), text);
+    }
+}
+
+TEST_F(Json, ThatContainsItselfIsNotWritten)
+{
+    const orv::JsonPtr outer = orv::parse_json(R"([{"a": []}])");
+    json_t* inner = json_object_get(json_array_get(outer.get(), 0), "a");
+    ASSERT_EQ(json_array_append(inner, outer.get()), 0);
+    EXPECT_EQ(text_of(outer), "none");
+    EXPECT_EQ(json_array_clear(inner), 0);
+}
+
+TEST_F(Json, NeedsNoMemoryOfTheLibraryToBeWritten)
+{
+    const orv::JsonPtr value = orv::parse_json(R"({"a": [1, "b", {"c": null}]})");
+    fail(Failing::from_then_on, 1);
+    EXPECT_EQ(text_of(value), R"({"a": [1, "b", {"c": null}]})");
+    EXPECT_EQ(g_requests, 0U);
 }
 
 TEST_F(Json, IsWrittenWholeOrNotAtAll)

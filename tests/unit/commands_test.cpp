@@ -536,9 +536,11 @@ TEST(ErrorObject, HasACodeAndADescription)
 TEST_F(Commands, WhoseEnvelopeCannotBeBuiltGetNoAnswerAndStayOpen)
 {
     platform->fail_json_allocation(1, true);
-    EXPECT_EQ(build_response(0, json_null()), nullptr);
     EXPECT_EQ(build_error_response(3, "text"), nullptr);
     platform->fail_json_allocation(0);
+    platform->fail_memory("malloc");
+    EXPECT_EQ(build_response(0, json_null()), nullptr);
+    EXPECT_TRUE(platform->memory_failed("malloc"));
 
     const JsonPtr object(json_pack("{s:s}", "a", std::string(100000, 'x').c_str()));
     json_t* list = repetitive(object.get(), 2);
@@ -554,10 +556,10 @@ TEST_F(Commands, HaveAWholeEnvelopeOrNoneWhenMemoryIsShort)
     bool failed = true;
     for (unsigned n = 1; failed; ++n) {
         json_t* data = json_pack("{s:s}", "a", member.c_str());
-        platform->fail_json_allocation(n);
+        platform->fail_memory("malloc", n);
         const TextPtr text(build_response(0, data));
-        failed = platform->json_allocation_failed();
-        platform->fail_json_allocation(0);
+        failed = platform->memory_failed("malloc");
+        platform->fail_memory("malloc", 0);
         EXPECT_TRUE(failed ? text == nullptr : text.get() == whole) << n;
     }
 }

@@ -1,10 +1,8 @@
-// JSON without surprises when memory is short.
+// Parsing JSON without surprises when memory is short.
 //
 // The JSON library does not notice every failed allocation: while parsing, a token that cannot grow is
-// written to behind its end; while writing, a key that finds no room is left out. So while it parses, its
-// memory comes from an arena, and when that cannot grow the parser is left by longjmp(), over nothing but its
-// own frames, and the arena is given back as a whole. What it writes is collected here, and a failure is
-// remembered whether or not the library heeds it.
+// written to behind its end. So while it parses, its memory comes from an arena, and when that cannot grow the
+// parser is left by longjmp(), over nothing but its own frames, and the arena is given back as a whole.
 //
 // An arena lives until the last of its blocks is freed. Freeing finds out by address whether a block is an
 // arena's, so there should never be more than a few: whoever parses many texts has them share one. The first
@@ -221,69 +219,6 @@ JsonPtr parse_json(std::string_view text, bool* lacks_memory, const json_t* besi
     if (arena->blocks() == 0)
         destroy(arena);
     return value;
-}
-
-// ---- writing
-
-namespace {
-
-struct Pieces {
-    bool (*take)(std::string_view piece, void* user);
-    void* user;
-    bool failed;
-};
-
-int take_piece(const char* data, std::size_t size, void* user)
-{
-    auto& pieces = *static_cast<Pieces*>(user);
-    if (!pieces.failed && !pieces.take({data, size}, pieces.user))
-        pieces.failed = true;
-    return pieces.failed ? -1 : 0;
-}
-
-constexpr std::size_t kSmallestText = 128; ///< bytes
-
-/// A text that grows by doubling.
-struct Text {
-    char* data = nullptr;
-    std::size_t size = 0;
-    std::size_t capacity = 0;
-};
-
-bool append(std::string_view piece, void* user)
-{
-    auto& text = *static_cast<Text*>(user);
-    const std::size_t wanted = text.size + piece.size() + 1;
-    if (wanted > text.capacity) {
-        const std::size_t capacity = std::max(2 * text.capacity, std::max(wanted, kSmallestText));
-        auto* data =
-            static_cast<char*>(std::realloc(text.data, capacity)); // NOLINT(cppcoreguidelines-no-malloc)
-        if (!data)
-            return false;
-        text.data = data;
-        text.capacity = capacity;
-    }
-    std::memcpy(text.data + text.size, piece.data(), piece.size());
-    text.size += piece.size();
-    text.data[text.size] = '\0';
-    return true;
-}
-
-} // namespace
-
-bool dump_to(const json_t* value, std::size_t flags, bool (*take)(std::string_view piece, void* user),
-             void* user)
-{
-    Pieces pieces{take, user, false};
-    return json_dump_callback(value, take_piece, &pieces, flags) == 0 && !pieces.failed;
-}
-
-TextPtr dump(const json_t* value, std::size_t flags)
-{
-    Text text;
-    const bool is_whole = dump_to(value, flags, append, &text);
-    TextPtr owned(text.data);
-    return is_whole ? std::move(owned) : nullptr;
 }
 
 } // namespace orv

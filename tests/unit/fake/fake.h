@@ -162,8 +162,8 @@ public:
     void fail_all_memory(const std::string& kind) { m_memory[kind] = kAll; }
     /// Whether that has happened.
     [[nodiscard]] bool memory_failed(const std::string& kind) const { return m_memory.at(kind) == 0; }
-    /// The n-th memory request of jansson (from 1) from now on gets none; 0 for never. `onwards`: all later
-    /// ones too.
+    /// The n-th request for memory of jansson or for a growing text (from 1) from now on gets none; 0 for never.
+    /// `onwards`: all later ones too.
     void fail_json_allocation(unsigned n, bool onwards = false);
     /// Whether that has happened.
     [[nodiscard]] bool json_allocation_failed() const { return m_json_failed; }

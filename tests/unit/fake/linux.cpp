@@ -54,6 +54,13 @@ bool no_memory(const char* what)
     return fake && fake->memory_fails(what);
 }
 
+/// What a text of JSON grows by is as good as the JSON library's.
+bool no_memory_for_json()
+{
+    Fake* fake = Fake::current();
+    return fake && fake->json_allocation_fails();
+}
+
 } // namespace
 
 extern "C" {
@@ -244,7 +251,9 @@ void* __wrap_malloc(std::size_t size)
 
 void* __wrap_realloc(void* memory, std::size_t size)
 {
-    return no_memory("realloc") ? nullptr : __real_realloc(memory, size);
+    if (no_memory("realloc") || no_memory_for_json())
+        return nullptr;
+    return __real_realloc(memory, size);
 }
 
 char* __wrap_strdup(const char* text)
