@@ -174,6 +174,18 @@ TEST_F(SettingsTest, Only_decimal_integers_are_numbers)
     EXPECT_EQ(getKeyValue("/absent", std::string("fallback")), "fallback");
 }
 
+TEST_F(SettingsTest, What_has_a_fallback_does_not_ask_whether_an_absent_key_has_children)
+{
+    ASSERT_EQ(setKey("/parent/child", "x"), 0);
+    for (const char* absent : {"/parent", "/nothing"}) {
+        EXPECT_EQ(getKeyValue(absent, std::string("fallback")), "fallback");
+        EXPECT_EQ(orv::_get_orverrno(), 4);
+        EXPECT_EQ(getKeyValue(absent, 5), 5);
+        EXPECT_EQ(orv::_get_orverrno(), 4);
+    }
+    EXPECT_EQ(getKeyValue("/parent/child", std::string("fallback")), "x");
+}
+
 TEST_F(SettingsTest, Keys_below_tmp_and_only_they_go_with_the_volatile_directory)
 {
     ASSERT_EQ(setKey("/tmp/x", "volatile"), 0);

@@ -31,7 +31,8 @@ void uninit();
 /// is not there is error 4, one that has only children error 5.
 [[nodiscard]] int getKey(const std::string& key, std::string& value);
 
-/// A key's value as a decimal integer; `fallback` when it cannot be read or is no such number.
+/// A key's value as a decimal integer; `fallback` when it cannot be read or is no such number. A key without a
+/// value is error 4 here, and below, whether or not it has children: that is not looked for.
 [[nodiscard]] int getKeyValue(const std::string& key, int fallback);
 /// A key's value; `fallback` when it cannot be read.
 [[nodiscard]] std::string getKeyValue(const std::string& key, const std::string& fallback);

@@ -111,17 +111,25 @@ Error read_value_in(Transaction& transaction, const SettingsKey& key, std::strin
 {
     SettingsRecord record;
     const Error error = key.is_root() ? Error::no_such_key : read_record(transaction, key, record);
-    if (error == Error::no_such_key)
-        return tell_absence(transaction, key);
     if (error == Error::none)
         value = record.value;
     return error;
 }
 
+/// A key without a value is no_such_key, whether or not it has children.
 Error read_value(const SettingsKey& key, std::string& value)
 {
     return read_in(settings_environment(key),
                    [&](Transaction& transaction) { return read_value_in(transaction, key, value); });
+}
+
+/// The same, but looks for children when there is no value.
+Error read_value_or_tell(const SettingsKey& key, std::string& value)
+{
+    return read_in(settings_environment(key), [&](Transaction& transaction) {
+        const Error error = read_value_in(transaction, key, value);
+        return error == Error::no_such_key ? tell_absence(transaction, key) : error;
+    });
 }
 
 /// Whether the key has this value already, in the store that a write would go to.
@@ -353,20 +361,35 @@ Error measure(store::Usage& durable, store::Usage& below_tmp)
     return error == Error::none ? detail::environments().volatile_keys.measure(below_tmp) : error;
 }
 
-int getKey(const std::string& key, std::string& value)
+namespace {
+
+int read_key(const std::string& key, std::string& value, Error (*read)(const SettingsKey&, std::string&))
 {
     SettingsKey parsed;
     if (!parsed.parse(key))
         return base::fail(Error::invalid_argument);
-    if (const Error error = detail::read_value(parsed, value); error != Error::none)
+    if (const Error error = read(parsed, value); error != Error::none)
         return base::fail(error);
     return static_cast<int>(value.size());
+}
+
+/// For a caller who has a fallback: most settings are never set, so that this is what reading mostly is.
+int read_key_or_none(const std::string& key, std::string& value)
+{
+    return read_key(key, value, detail::read_value);
+}
+
+} // namespace
+
+int getKey(const std::string& key, std::string& value)
+{
+    return read_key(key, value, detail::read_value_or_tell);
 }
 
 int getKeyValue(const std::string& key, int fallback)
 {
     std::string text;
-    if (getKey(key, text) < 0)
+    if (read_key_or_none(key, text) < 0)
         return fallback;
     int number = 0;
     const char* end = text.data() + text.size();
@@ -377,7 +400,7 @@ int getKeyValue(const std::string& key, int fallback)
 std::string getKeyValue(const std::string& key, const std::string& fallback)
 {
     std::string value;
-    return getKey(key, value) < 0 ? fallback : value;
+    return read_key_or_none(key, value) < 0 ? fallback : value;
 }
 
 int setKey(const std::string& key, const std::string& value)
