@@ -524,6 +524,7 @@ class Publisher(Worker):
         try:
             if self._participant is None:
                 self._participant = world.Participant(self.of.home, "soak")
+                self._participant.data_path = self.of.path("data")  # where the disk is never full
             self.number += 1
             self._participant.emit(SCAN_EVENT, '{"number": %d}' % self.number)
             if self.number % 10 == 0:

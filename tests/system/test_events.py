@@ -57,9 +57,12 @@ class FromTheAgent(WithAgent):
     def test_user_agents_of_the_simulated_home_arrive(self):
         self.agent("--churn", "0.02")
         sightings = self.subscriber("device_discovery")
-        sighting = {}
-        while "user_agent" not in sighting:
+
+        def sighted():
             sighting = json.loads(sightings.frame())
+            return sighting if "user_agent" in sighting else None
+
+        sighting = wait_until(sighted, "a user agent", meanwhile=lambda: None)
         self.assertEqual(sorted(sighting), ["ip", "mac", "user_agent"])
 
 
@@ -154,9 +157,11 @@ class Devices(world.ServedTestCase):
             self.assertEqual(json.loads(changes.frame()), {"mac": MAC1, "display_name": name})
 
     def pending(self):
-        """What the next list holds, by device."""
-        updates = self.subscriber("devices_list_updated")
-        events = json.loads(updates.frame())
+        """What the next list holds, by device. Nobody takes those after it."""
+        with Client() as updates:
+            updates.subscribe("devices_list_updated")
+            events = json.loads(updates.frame())
+        self.served.descriptors()  # the daemon has seen it leave
         states = {event["device_id"]: event["status"] for event in events}
         self.assertEqual(len(states), len(events))
         self.assertTrue(all(list(event) == ["device_id", "status"] for event in events))

@@ -14,9 +14,10 @@ class Monitor:
 
     def __init__(self, served):
         self.process = subprocess.Popen([world.program("orvctl"), "exchange", "monitor"], env=served.environment(),
-                                        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
-        while not select.select([self.process.stdout], [], [], 0.01)[0]:
-            served.orvctl("exchange", "publish", "test_probe")
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+        self._lines = world.Lines(self.process.stdout)
+        world.wait_until(lambda: self._lines.has_input(0.01), "the monitor sees something",
+                         meanwhile=lambda: served.orvctl("exchange", "publish", "test_probe"))
 
     def __enter__(self):
         return self
@@ -27,13 +28,14 @@ class Monitor:
 
     def find(self, **members):
         """The next thing on the exchange that has these members."""
-        while True:
-            line = self.process.stdout.readline()
-            if not line:
-                raise AssertionError("not seen on the exchange: %r" % members)
+        def is_seen():
+            line = self._lines.next()
+            if line is None:
+                raise AssertionError("the monitor has ended")
             seen = json.loads(line)
-            if all(seen[name] == value for name, value in members.items()):
-                return seen
+            return seen if all(seen[name] == value for name, value in members.items()) else None
+
+        return world.wait_until(is_seen, "seen on the exchange: %r" % members, meanwhile=lambda: None)
 
 
 class Events(world.ServedTestCase):
@@ -156,8 +158,7 @@ class Events(world.ServedTestCase):
             self.served.kill_bus()
             self.served.start_bus()
             # The daemon comes back by itself; until then events pass it by.
-            while not client.has_input():
-                self.publish("va_status_changed", "after")
+            world.wait_until(client.has_input, "an event", meanwhile=lambda: self.publish("va_status_changed", "after"))
             self.assertEqual(client.frame(), "after")
 
     def test_an_event_without_subscribers_is_not_even_received(self):
@@ -196,8 +197,8 @@ class Orvctl(world.ServedTestCase):
         process = subprocess.Popen([world.program("orvctl"), "exchange", "monitor", "wanted", "there:one", "--count",
                                     "3"], env=self.served.environment(), stdin=subprocess.DEVNULL,
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        while not select.select([process.stdout], [], [], 0.01)[0]:
-            self.orvctl("publish", "wanted", "[1]")
+        world.wait_until(lambda: select.select([process.stdout], [], [], 0.01)[0], "the monitor sees something",
+                         meanwhile=lambda: self.orvctl("publish", "wanted", "[1]"))
         self.orvctl("publish", "unwanted")
         self.orvctl("message", "there:another", "1")
         self.orvctl("message", "there:one", "no JSON")

@@ -89,7 +89,20 @@ class End(unittest.TestCase):
 
 
 class Test(world.TestCase):
-    """Such an end is a failure of the test."""
+    """Such an end is a failure of the test, and so is none at all."""
+
+    def test_one_that_goes_on_for_ever_is_ended(self):
+        class Inner(world.TestCase):
+            def runTest(self):
+                while True:
+                    pass
+
+        result = unittest.TestResult()
+        self.addCleanup(signal.alarm, 0)
+        with unittest.mock.patch("world.TEST_LIMIT", 1), unittest.mock.patch("sys.stderr"):
+            Inner().run(result)
+        ((_, told),) = result.failures + result.errors
+        self.assertIn("the test takes longer than 1 s", told)
 
     def test_its_worlds_end_with_it(self):
         class Inner(world.TestCase):

@@ -26,7 +26,9 @@ SOCKET_NAME = "\0orvbrokerd-1.3.skt"
 # The program that starts dbus-broker in place of dbus-daemon, and its configuration.
 BROKER = os.environ.get("ORV_TEST_BROKER")
 BROKER_CONFIGURATION = os.environ.get("ORV_TEST_BROKER_CONFIGURATION")
-DEADLINE = 30  # seconds; generous, since machines that test are busy
+PATIENCE = int(os.environ.get("ORV_TEST_PATIENCE", "1"))  # more than 1 on a slow machine
+DEADLINE = 30 * PATIENCE  # seconds; generous, since machines that test are busy
+TEST_LIMIT = int(os.environ.get("ORV_TEST_LIMIT", "150"))  # seconds; what goes on for longer waits for what never comes, and its log tells for what
 _IN_NAMESPACE = "ORV_TEST_IN_NAMESPACE"
 _NOT_EMULATED = os.environ.get("ORV_TEST_NOT_EMULATED")  # the list of tests that an emulator cannot run, where there is one
 
@@ -72,8 +74,9 @@ def program(name):
     return os.path.join(BIN, name)
 
 
-def wait_until(condition, what, deadline=DEADLINE):
-    """Calls condition until it gives something true, and returns that."""
+def wait_until(condition, what, deadline=DEADLINE, meanwhile=lambda: time.sleep(0.005)):
+    """Calls condition until it gives something true, and returns that. What it waits for may need to be caused again and
+    again, meanwhile."""
     end = time.monotonic() + deadline
     while True:
         value = condition()
@@ -81,7 +84,31 @@ def wait_until(condition, what, deadline=DEADLINE):
             return value
         if time.monotonic() > end:
             raise AssertionError("not within %d s: %s" % (deadline, what))
-        time.sleep(0.005)
+        meanwhile()
+
+
+class Lines:
+    """The lines that a program writes to a pipe, each within the deadline."""
+
+    def __init__(self, stream):
+        self._stream = stream
+        self._rest = b""
+
+    def has_input(self, seconds=0.0):
+        return b"\n" in self._rest or bool(select.select([self._stream], [], [], seconds)[0])
+
+    def next(self):
+        """Without its line feed; None at the end."""
+        end = time.monotonic() + DEADLINE
+        while b"\n" not in self._rest:
+            if not select.select([self._stream], [], [], max(0, end - time.monotonic()))[0]:
+                raise AssertionError("no line within %d s" % DEADLINE)
+            piece = os.read(self._stream.fileno(), 65536)
+            if not piece:
+                return None
+            self._rest += piece
+        line, _, self._rest = self._rest.partition(b"\n")
+        return line.decode(errors="replace")
 
 
 class CrowdedListener:
@@ -454,6 +481,7 @@ class Helper:
     def __init__(self, world, *command):
         self.process = subprocess.Popen(command, env=world.environment(), stdin=subprocess.PIPE,
                                         stdout=subprocess.PIPE)
+        self._lines = Lines(self.process.stdout)
         self._expect("ready")
 
     def close(self):
@@ -479,10 +507,10 @@ class Helper:
         self.process.stdin.flush()
 
     def result(self):
-        line = self.process.stdout.readline()
-        if not line:
+        line = self._lines.next()
+        if line is None:
             raise AssertionError("%s has ended" % self.process.args[0])
-        return line.decode(errors="replace").rstrip("\n")
+        return line
 
     def _expect(self, text):
         result = self.result()
@@ -502,7 +530,7 @@ class Participant(Helper):
     """A participant of the exchange that says what it is told, be it ever so wrong."""
 
     def __init__(self, world, name):
-        self.world = world
+        self.data_path = os.path.join(world.root, "data")
         self.received = 0  # how many things so far
         super().__init__(world, program("participant"), "unix:path=%s/run/exchange.skt" % world.root, name)
 
@@ -543,10 +571,9 @@ class Participant(Helper):
         self.do("sync")
 
     def _file(self, data):
-        path = os.path.join(self.world.root, "data")
-        with open(path, "wb") as file:
+        with open(self.data_path, "wb") as file:
             file.write(data.encode() if isinstance(data, str) else data)
-        return path
+        return self.data_path
 
 
 class DeviceWriter(Helper):
@@ -562,6 +589,10 @@ class DeviceWriter(Helper):
         """The stored device, None without one."""
         text = self.ask("show " + did)
         return None if text.startswith("failed") else json.loads(text)
+
+
+def _out_of_time(*_):
+    raise AssertionError("the test takes longer than %d s" % TEST_LIMIT)
 
 
 def not_emulated():
@@ -596,9 +627,12 @@ class TestCase(unittest.TestCase):
 
     def run(self, result=None):
         problems = _problems(result)
+        signal.signal(signal.SIGALRM, _out_of_time)
+        signal.alarm(TEST_LIMIT)
         try:
             return super().run(result)
         finally:
+            signal.alarm(0)
             if _problems(result) > problems:
                 for world in self.worlds:
                     sys.stderr.write("--- log of %s in %s\n%s---\n" % (self.id(), world.root, world.log()[-20000:]))
