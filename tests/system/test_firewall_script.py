@@ -23,9 +23,10 @@ class Script(world.ServedTestCase):
         with Client() as client:
             return client.call("reapply_firewall_rules")
 
-    def check_error_is_logged(self):
+    def check_errors_are_logged(self, count=1):
+        """One line for each failure, and no other."""
         prefix = "Error running reapply_firewall_rules script "
-        self.assertTrue([text for text in self.served.messages(level=0) if text.startswith(prefix)])
+        self.assertEqual(len([text for text in self.served.messages(level=0) if text.startswith(prefix)]), count)
 
     def test_a_script_that_works_is_run_each_time(self):
         self.write('echo run >>"%s"\n' % self.path("runs"))
@@ -42,15 +43,16 @@ class Script(world.ServedTestCase):
 
     def test_a_missing_script_fails(self):
         self.assertEqual(self.call(), FAILED)
-        self.check_error_is_logged()
+        self.check_errors_are_logged()
 
     def test_a_script_that_fails_or_dies_fails(self):
         for text in ("exit 1\n", "exit 127\n", "kill -9 $$\n", "if\n"):
             self.write(text)
             self.assertEqual(self.call(), FAILED)
-        self.check_error_is_logged()
+        self.check_errors_are_logged(4)
         self.write("exit 0\n")
         self.assertEqual(self.call(), DONE)
+        self.check_errors_are_logged(4)
 
     def test_a_script_that_writes_much_does_not_hang(self):
         self.write("i=0; while [ $i -lt 20000 ]; do echo 0123456789; i=$((i+1)); done\n")
@@ -70,7 +72,7 @@ class Script(world.ServedTestCase):
                 self.assertGreaterEqual(time.monotonic() - start, SCRIPT_LIMIT)
                 self.assertEqual(end.read(), b"")
             self.assertEqual(other.frame(), '{"data": {"status": 1}, "status": 0}')
-        self.check_error_is_logged()
+        self.check_errors_are_logged()
         self.write("exit 0\n")
         self.assertEqual(self.call(), DONE)
 

@@ -453,7 +453,10 @@ TEST_F(Shutdown, WithSubscribersLeavesNothingBehind)
 
     const Logs logs = platform->take_logs();
     EXPECT_EQ(logs.back(), (LogLine{2, "stop orv broker daemon", {}, {}}));
-    EXPECT_TRUE(discovery.is_closed() || discovery.frame());
+    EXPECT_EQ(discovery.frame(), R"({"data": null, "status": 0})");
+    EXPECT_EQ(other.frame(), R"({"data": null, "status": 0})");
+    EXPECT_TRUE(discovery.is_closed());
+    EXPECT_TRUE(other.is_closed());
     EXPECT_THAT(platform->subscribed, ElementsAre("guster_user_agent", "registration_status_changed"));
     EXPECT_TRUE(brokerd::g_client_subscriptions.empty());
     EXPECT_TRUE(brokerd::g_exchange_subscriptions.empty());
