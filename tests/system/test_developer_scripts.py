@@ -6,6 +6,7 @@ import os
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
@@ -228,6 +229,75 @@ class Setup(Tree):
 
     def test_it_does_nothing_when_all_is_there(self):
         self.assertEqual(self.calls(1000, is_installed=True), [])
+
+
+class Test(Tree):
+    def setUp(self):
+        super().setUp()
+        self.take("test")
+        self.put("scripts/setup")
+        for name in ("scripts/build", "scripts/slowly", "stubs/ctest"):
+            self.put(name, 'echo "%s $*" >>"%s"\n' % (name, self.path("calls")))
+        self.put("stubs/nproc", "echo 4\n")
+
+    def calls(self, *arguments):
+        with open(self.path("calls"), "w+") as calls:
+            result = self.execute("test", *arguments)
+            self.assertEqual(result.returncode, 0, result.stderr)
+            return calls.read().splitlines()
+
+    def test_it_tests_what_is_shipped_and_what_has_sanitizers(self):
+        self.assertEqual(self.calls("-R", "Buffer"), [
+            "scripts/build release", "scripts/build asan",
+            "stubs/ctest --preset release --parallel 4 -R Buffer", "stubs/ctest --preset asan --parallel 4 -R Buffer"])
+
+    def test_repeated_tests_are_so_until_one_fails(self):
+        self.assertEqual(self.calls("--repeat", "20", "-R", "Buffer")[2:], [
+            "stubs/ctest --preset %s --parallel 4 --repeat until-fail:20 -R Buffer" % preset for preset in ("release", "asan")])
+
+    def test_slow_tests_are_those_of_what_is_shipped_with_more_patience(self):
+        self.assertEqual(self.calls("--slow", "--repeat", "2", "-R", "Buffer"), [
+            "scripts/build slow",
+            "scripts/slowly ctest --preset slow --parallel 1 --repeat until-fail:2 -R Buffer"])
+
+    def test_a_wrong_count_is_told(self):
+        for arguments in (("--repeat",), ("--repeat", "0"), ("--repeat", "x")):
+            result = self.execute("test", *arguments)
+            self.assertEqual((result.returncode, result.stdout), (2, ""))
+            self.assertIn("how often?", result.stderr)
+
+
+class Slowly(Tree):
+    # Uses so much of a processor, and tells how long that took.
+    WORK = """
+import time
+begin = time.monotonic()
+while time.process_time() < 0.05:
+    pass
+print(time.monotonic() - begin)
+"""
+
+    def setUp(self):
+        super().setUp()
+        self.take("slowly")
+
+    def check_slow(self):
+        result = self.execute("slowly", sys.executable, "-S", "-E", "-c", self.WORK)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertGreater(float(result.stdout), 0.05 * 5)
+        return result.stderr
+
+    def test_a_command_has_a_small_share_of_a_processor(self):
+        self.check_slow()
+
+    def test_so_it_has_where_no_control_group_can_be_made(self):
+        self.put("stubs/mkdir", "exit 1\n")
+        self.assertEqual(self.check_slow(), "scripts/slowly: no control group can be made, so a busy loop takes the time\n")
+
+    def test_it_ends_as_the_command_does_and_leaves_no_group_behind(self):
+        self.assertEqual(self.execute("slowly", "sh", "-c", "exit 3").returncode, 3)
+        self.assertEqual([name for _, names, _ in os.walk("/sys/fs/cgroup") for name in names if name.startswith("orv-slowly-")],
+                         [])
 
 
 class Build(Tree):
