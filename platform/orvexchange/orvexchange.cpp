@@ -6,6 +6,7 @@
 #include <orvexchange/publisher.h>
 #include <orvutils/log_format.h>
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -97,13 +98,10 @@ int orvex_subscribe(Orvex* orvex, const char** names, int count)
     return guarded(-1, [&] {
         if (!orvex || count < 0 || (!names && count > 0))
             return -1;
-        std::set<std::string, std::less<>> events;
-        for (int i = 0; i < count; ++i) {
-            if (!is_name(names[i]))
-                return -1;
-            events.insert(names[i]);
-        }
-        return orvex->subscribe(std::move(events));
+        const auto size = static_cast<std::size_t>(count);
+        if (!std::all_of(names, names + size, is_name))
+            return -1;
+        return orvex->subscribe(names, size);
     });
 }
 

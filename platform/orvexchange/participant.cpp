@@ -491,7 +491,7 @@ void Orvex::on_signal(DBusMessage& signal)
         ORV_LOG(orv::log::kWarning, "malformed event from {}", sender_of(signal));
         return;
     }
-    if (m_events.find(content->name) == m_events.end())
+    if (!m_events.contains(content->name))
         return; // on its way when it was unsubscribed
     const std::uint64_t identifier = remember({Origin::Kind::event, sender_of(signal), content->identifier});
     hand_over(OrvexKind::event, *content, content->from, identifier);
@@ -622,11 +622,11 @@ std::uint64_t Orvex::remember(Origin origin)
 // ---- what is sent
 
 /// The list counts from now on whatever becomes of it: what is missing is asked for again.
-int Orvex::subscribe(std::set<std::string, std::less<>> events)
+int Orvex::subscribe(const char* const* events, std::size_t count)
 {
     if (m_observer)
         return -1;
-    m_events = std::move(events);
+    m_events.assign(events, count);
     const bool is_changed = m_link && change_matches(/*is_retry=*/false);
     settle();
     return m_state == State::joined && is_changed ? 0 : -1;
@@ -716,16 +716,16 @@ bool Orvex::change_matches(bool is_retry)
 bool Orvex::add_matches(bool is_retry)
 {
     bool are_all_sent = true;
-    for (const std::string& event : m_events)
-        are_all_sent &= m_matches.find(event) != m_matches.end() || add_match(event, is_retry);
+    for (const EventNames::Name& event : m_events)
+        are_all_sent &= m_matches.find(event.text) != m_matches.end() || add_match(event.text, is_retry);
     return are_all_sent;
 }
 
-bool Orvex::add_match(const std::string& event, bool is_retry)
+bool Orvex::add_match(const char* event, bool is_retry)
 {
     try {
         const auto match = m_matches.emplace(event, Match{0, is_retry}).first;
-        match->second.serial = change_match("AddMatch", event);
+        match->second.serial = change_match("AddMatch", match->first);
         if (match->second.serial != 0)
             return true;
         m_matches.erase(match);
@@ -739,7 +739,7 @@ bool Orvex::remove_matches()
 {
     bool are_all_sent = true;
     for (auto match = m_matches.begin(); match != m_matches.end();) {
-        const bool is_wanted = m_events.find(match->first) != m_events.end();
+        const bool is_wanted = m_events.contains(match->first.c_str());
         const bool is_removed = !is_wanted && change_match("RemoveMatch", match->first) != 0;
         are_all_sent &= is_wanted || is_removed;
         match = is_removed ? m_matches.erase(match) : std::next(match);

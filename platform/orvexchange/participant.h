@@ -1,6 +1,7 @@
 #pragma once
 
 #include "alarm.h"
+#include "event_names.h"
 #include "link.h"
 #include "origins.h"
 #include "requests.h"
@@ -13,7 +14,6 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 
 namespace orv::exchange {
@@ -36,7 +36,7 @@ public:
     [[nodiscard]] int fd() const { return m_epoll.get(); }
     [[nodiscard]] int process();
 
-    [[nodiscard]] int subscribe(std::set<std::string, std::less<>> events);
+    [[nodiscard]] int subscribe(const char* const* events, std::size_t count);
     [[nodiscard]] int send_request(const orv::exchange::Target& target, orv::exchange::Bytes data,
                                    void (*callback)(void*, const Message*), void* arg);
     [[nodiscard]] int send_one_way(const orv::exchange::Target& target, orv::exchange::Bytes data);
@@ -108,7 +108,7 @@ private:
     int send(const orv::exchange::MessagePtr& message);
     [[nodiscard]] bool change_matches(bool is_retry);
     [[nodiscard]] bool add_matches(bool is_retry);
-    [[nodiscard]] bool add_match(const std::string& event, bool is_retry);
+    [[nodiscard]] bool add_match(const char* event, bool is_retry);
     [[nodiscard]] bool remove_matches();
     [[nodiscard]] std::uint32_t change_match(const char* member, const std::string& event);
 
@@ -135,7 +135,7 @@ private:
     std::optional<orv::exchange::TimePoint> m_join_by; ///< set while joining
     orv::exchange::ShortText m_complaint;              ///< the last one logged, so that an outage is one line
 
-    std::set<std::string, std::less<>> m_events;            ///< the caller's subscriptions
+    orv::exchange::EventNames m_events;                     ///< the caller's subscriptions
     std::map<std::string, Match, std::less<>> m_matches;    ///< those that the bus has not refused
     std::optional<orv::exchange::TimePoint> m_subscribe_at; ///< set while the two differ
     orv::exchange::Requests m_requests;

@@ -239,24 +239,49 @@ TEST_P(ExchangeMemory, AListThatCouldNotBeAskedForIsAskedForAfterAWhile)
 {
     RawPeer peer(m_bus.address());
     const char* name = "an-event-whose-name-needs-memory";
-    int last = 0; // by then the list itself is kept
+    int last = 0;
     at_each_allocation([&](int number) {
         EXPECT_EQ(orvex_subscribe(m_broker.get(), nullptr, 0), 0);
         const Shortage shortage(number, GetParam());
         if (orvex_subscribe(m_broker.get(), &name, 1) != 0)
             last = number;
     });
-    EXPECT_EQ(orvex_subscribe(m_broker.get(), nullptr, 0), 0);
+    for (const int number : {0, last}) { // be it the very first
+        EXPECT_EQ(orvex_subscribe(m_broker.get(), nullptr, 0), 0);
+        serve_all();
+        s_received.clear();
+        {
+            const Shortage shortage(number, GetParam());
+            EXPECT_EQ(orvex_subscribe(m_broker.get(), &name, 1), -1);
+        }
+        EXPECT_TRUE(serve_until([&] {
+            peer.emit(name, "");
+            return !s_received.empty();
+        })) << number;
+    }
+}
+
+TEST_P(ExchangeMemory, ALongListNeedsMemoryAndTheFormerOneStaysWithout)
+{
+    RawPeer peer(m_bus.address());
+    const char* former = "former";
+    EXPECT_EQ(orvex_subscribe(m_broker.get(), &former, 1), 0);
+    std::vector<const char*> names(17, "of-many");
+    {
+        const Shortage shortage(0, GetParam());
+        EXPECT_EQ(orvex_subscribe(m_broker.get(), names.data(), static_cast<int>(names.size())), -1);
+    }
     serve_all();
     s_received.clear();
-    {
-        const Shortage shortage(last, GetParam());
-        EXPECT_EQ(orvex_subscribe(m_broker.get(), &name, 1), -1);
-    }
-    EXPECT_TRUE(serve_until([&] {
-        peer.emit(name, "");
-        return !s_received.empty();
-    }));
+    peer.emit(former, "");
+    EXPECT_TRUE(serve_until([&] { return !s_received.empty(); }));
+    EXPECT_EQ(orvex_subscribe(m_broker.get(), names.data(), static_cast<int>(names.size())), 0);
+    serve_all();
+    s_received.clear();
+    peer.emit(former, "");
+    peer.emit("of-many", "");
+    ASSERT_TRUE(serve_until([&] { return !s_received.empty(); }));
+    EXPECT_EQ(s_received.front().type, "of-many");
 }
 
 TEST_P(ExchangeMemory, AnAnswerThatCouldNotBeSentCanBeSentAgain)
