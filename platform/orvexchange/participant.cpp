@@ -205,7 +205,7 @@ bool Orvex::send_join_calls()
         return false;
     if (has_claim)
         m_claim = post(m_observer ? make_monitor_call() : make_name_claim(bus_name(m_name)));
-    return m_claim != 0 && add_matches(/*is_retry=*/false);
+    return m_claim != 0 && add_matches();
 }
 
 bool Orvex::wait_until_joined(TimePoint end)
@@ -280,6 +280,7 @@ void Orvex::leave(const ShortText& reason)
     m_origins.clear();
     m_owed_count = 0;
     m_matches.clear();
+    m_refused.clear();
     m_subscribe_at.reset();
     if (m_auto_reconnect) {
         m_retry_at = Clock::now() + m_retry_delay;
@@ -364,7 +365,7 @@ void Orvex::expire()
     }
     if (m_subscribe_at && *m_subscribe_at <= now) {
         m_subscribe_at.reset();
-        (void)change_matches(/*is_retry=*/true); // else it is tried once more
+        (void)change_matches(); // else it is tried once more
     }
     if (m_join_by && *m_join_by <= now)
         leave(ShortText{"the exchange does not answer"});
@@ -449,16 +450,16 @@ void Orvex::on_reply(DBusMessage& reply)
     answer(*request, kTypeNoAnswer, bytes_of("malformed answer"));
 }
 
-/// An event whose match rule the bus refuses is not subscribed to: the next list asks for it again.
+/// An event whose match rule the bus refuses is not subscribed to. It is asked for again, by the next list and
+/// once a second; that it is refused is told the first time since the list was given.
 void Orvex::on_refused_match(std::uint32_t serial, const char* why)
 {
     const auto found = std::find_if(m_matches.begin(), m_matches.end(),
-                                    [serial](const auto& match) { return match.second.serial == serial; });
+                                    [serial](const auto& match) { return match.second == serial; });
     if (found == m_matches.end())
-        return;                  // the answer to something that nobody waits for any more
-    if (!found->second.is_retry) // else it was told
+        return; // the answer to something that nobody waits for any more
+    if (m_refused.insert(m_matches.extract(found)).inserted)
         ORV_LOG(orv::log::kWarning, "the exchange refuses a subscription: {}", why);
-    m_matches.erase(found);
     m_subscribe_at = Clock::now() + kSubscribeDelay;
 }
 
@@ -627,7 +628,8 @@ int Orvex::subscribe(const char* const* events, std::size_t count)
     if (m_observer)
         return -1;
     m_events.assign(events, count);
-    const bool is_changed = m_link && change_matches(/*is_retry=*/false);
+    m_refused.clear();
+    const bool is_changed = m_link && change_matches();
     settle();
     return m_state == State::joined && is_changed ? 0 : -1;
 }
@@ -703,30 +705,30 @@ int Orvex::send(const MessagePtr& message)
 }
 
 /// Asks the bus for what makes its subscriptions those of the list.
-bool Orvex::change_matches(bool is_retry)
+bool Orvex::change_matches()
 {
     const bool is_removed = remove_matches(); // first: the bus may have no more room otherwise
-    const bool is_changed = add_matches(is_retry) && is_removed;
+    const bool is_changed = add_matches() && is_removed;
     if (!is_changed)
         m_subscribe_at = Clock::now() + kSubscribeDelay;
     return is_changed;
 }
 
 /// Asks the bus for all subscriptions that it has not been asked for.
-bool Orvex::add_matches(bool is_retry)
+bool Orvex::add_matches()
 {
     bool are_all_sent = true;
     for (const EventNames::Name& event : m_events)
-        are_all_sent &= m_matches.find(event.text) != m_matches.end() || add_match(event.text, is_retry);
+        are_all_sent &= m_matches.find(event.text) != m_matches.end() || add_match(event.text);
     return are_all_sent;
 }
 
-bool Orvex::add_match(const char* event, bool is_retry)
+bool Orvex::add_match(const char* event)
 {
     try {
-        const auto match = m_matches.emplace(event, Match{0, is_retry}).first;
-        match->second.serial = change_match("AddMatch", match->first);
-        if (match->second.serial != 0)
+        const auto match = m_matches.emplace(event, 0).first;
+        match->second = change_match("AddMatch", match->first);
+        if (match->second != 0)
             return true;
         m_matches.erase(match);
     } catch (const std::exception&) { // no memory for the table: nothing was sent

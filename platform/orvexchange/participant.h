@@ -57,11 +57,8 @@ private:
     };
     static constexpr std::size_t kMaxOwed = 16;
 
-    /// A subscription that the bus was asked for.
-    struct Match {
-        std::uint32_t serial = 0; ///< of the call
-        bool is_retry = false;    ///< that it was not to be had is told already
-    };
+    /// Subscriptions that the bus was asked for, each with the serial of that call.
+    using Matches = std::map<std::string, std::uint32_t, std::less<>>;
 
     // Coming and going.
     void join();
@@ -106,9 +103,9 @@ private:
     [[nodiscard]] bool may_send(std::size_t length) const;
     [[nodiscard]] std::uint32_t post(const orv::exchange::MessagePtr& message);
     int send(const orv::exchange::MessagePtr& message);
-    [[nodiscard]] bool change_matches(bool is_retry);
-    [[nodiscard]] bool add_matches(bool is_retry);
-    [[nodiscard]] bool add_match(const char* event, bool is_retry);
+    [[nodiscard]] bool change_matches();
+    [[nodiscard]] bool add_matches();
+    [[nodiscard]] bool add_match(const char* event);
     [[nodiscard]] bool remove_matches();
     [[nodiscard]] std::uint32_t change_match(const char* member, const std::string& event);
 
@@ -135,8 +132,9 @@ private:
     std::optional<orv::exchange::TimePoint> m_join_by; ///< set while joining
     orv::exchange::ShortText m_complaint;              ///< the last one logged, so that an outage is one line
 
-    orv::exchange::EventNames m_events;                     ///< the caller's subscriptions
-    std::map<std::string, Match, std::less<>> m_matches;    ///< those that the bus has not refused
+    orv::exchange::EventNames m_events; ///< the caller's subscriptions
+    Matches m_matches;                  ///< those that the bus has not refused
+    Matches m_refused; ///< those that it has refused, which was told since the list was given
     std::optional<orv::exchange::TimePoint> m_subscribe_at; ///< set while the two differ
     orv::exchange::Requests m_requests;
     std::list<orv::exchange::Request> m_given_up; ///< their callers are still to be told

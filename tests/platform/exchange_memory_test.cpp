@@ -6,6 +6,8 @@
 
 #include <dbus/dbus.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdarg>
 #include <cstdlib>
 #include <new>
@@ -259,6 +261,30 @@ TEST_P(ExchangeMemory, AListThatCouldNotBeAskedForIsAskedForAfterAWhile)
             return !s_received.empty();
         })) << number;
     }
+}
+
+TEST_P(ExchangeMemory, ASubscriptionThatIsRefusedOnceThereWasMemoryToAskForItIsTold)
+{
+    m_broker.reset();
+    m_bus.kill();
+    m_bus.change_limit("max_match_rules_per_connection", "1");
+    ASSERT_TRUE(m_bus.start());
+    m_broker = join("broker");
+    ASSERT_NE(m_broker, nullptr);
+    std::vector<const char*> names{"end"};
+    ASSERT_EQ(orvex_subscribe(m_broker.get(), names.data(), 1), 0);
+    names.push_back("refused");
+    testing::internal::CaptureStderr();
+    {
+        const Shortage shortage(0, GetParam());
+        EXPECT_EQ(orvex_subscribe(m_broker.get(), names.data(), 2), -1);
+    }
+    const auto end =
+        std::chrono::steady_clock::now() + milliseconds{2500}; // it has been refused twice by then
+    EXPECT_TRUE(serve_until([&] { return std::chrono::steady_clock::now() > end; }));
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("the exchange refuses a subscription: "), std::string::npos);
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
 }
 
 TEST_P(ExchangeMemory, ALongListNeedsMemoryAndTheFormerOneStaysWithout)
