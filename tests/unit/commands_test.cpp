@@ -533,7 +533,35 @@ TEST(ErrorObject, HasACodeAndADescription)
     EXPECT_EQ(error->refcount, 1U);
 }
 
-TEST_F(Commands, WhoseEnvelopeCannotBeBuiltGetNoAnswerAndStayOpen)
+TEST_F(Commands, WhoseAnswerCannotBeBuiltGetNoneAndTheNextOneIsAnswered)
+{
+    const std::string line = command("get_services_status");
+    int unanswered = 0;
+    bool failed = true;
+    for (unsigned n = 1; failed; ++n) {
+        Peer peer = connect();
+        forget_records();
+        platform->fail_json_allocation(n);
+        const bool stays = receive(peer, line + "\n");
+        failed = platform->json_allocation_failed();
+        platform->fail_json_allocation(0);
+        const Logs logs = platform->take_logs();
+        if (!failed || logs.back().text != "last operation status is 0")
+            continue; // it was answered, or failed before
+        SCOPED_TRACE(n);
+        ASSERT_TRUE(stays);
+        ASSERT_TRUE(drain(peer));
+        EXPECT_EQ(peer.client.bytes(), "");
+        EXPECT_FALSE(peer.client.is_closed());
+        const Outcome next = run(peer, line);
+        EXPECT_EQ(next.answer, R"({"data": {"status": 1}, "status": 0})");
+        EXPECT_TRUE(next.stays_open);
+        ++unanswered;
+    }
+    EXPECT_GT(unanswered, 0);
+}
+
+TEST_F(Commands, WhoseEnvelopeCannotBeBuiltHaveNone)
 {
     platform->fail_json_allocation(1, true);
     EXPECT_EQ(build_error_response(3, "text"), nullptr);
