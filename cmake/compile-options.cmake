@@ -29,9 +29,10 @@ else()
   string(APPEND CMAKE_CXX_FLAGS_RELEASE " -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2")
   target_compile_options(orv_options INTERFACE -fstack-protector-strong)
 
-  # Who finds a mistake in a program finds no address that he knows, no table of functions that he can write to, no stack
-  # that he can run, and no jump to where no function begins: docs/security.md. These are flags of CMake's since they are
-  # for all that is linked: one object that is compiled without takes what guards jumps from a whole program.
+  # Who finds a mistake in a program finds no address that he knows, no table of functions that he can write
+  # to, no stack that he can run, and no jump to where no function begins: docs/security.md. These are flags
+  # of CMake's since they are for all that is linked: one object that is compiled without takes what guards
+  # jumps from a whole program.
   include(CheckCXXCompilerFlag)
   set(hardening "-fPIE")
   set(CMAKE_REQUIRED_FLAGS -Werror) # a compiler that only warns of a flag of another processor's does not have it
@@ -56,8 +57,8 @@ else()
   endif()
 endif()
 
-# orv_build_for_speed(TARGET_OR_SOURCE...): the program as shipped is built for size (-Os); what every request goes
-# through, whole targets or sources of the calling folder, is built for speed instead.
+# orv_build_for_speed(TARGET_OR_SOURCE...): the program as shipped is built for size (-Os); what every request
+# goes through, whole targets or sources of the calling folder, is built for speed instead.
 function(orv_build_for_speed)
   foreach(name IN LISTS ARGN)
     if(TARGET ${name})
@@ -77,7 +78,8 @@ function(orv_harden)
   endif()
 endfunction()
 
-# orv_make_small(PROGRAM...): leaves out of programs that go into a router's image what only ever tells of a mistake of their own.
+# orv_make_small(PROGRAM...): leaves out of programs that go into a router's image what only ever tells of a
+# mistake of their own.
 function(orv_make_small)
   if(ORV_STATIC_LIBRARIES AND NOT ORV_SANITIZE)
     foreach(name IN LISTS ARGN)

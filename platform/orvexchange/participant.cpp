@@ -450,8 +450,8 @@ void Orvex::on_reply(DBusMessage& reply)
     answer(*request, kTypeNoAnswer, bytes_of("malformed answer"));
 }
 
-/// An event whose match rule the bus refuses is not subscribed to. It is asked for again, by the next list and
-/// once a second; that it is refused is told the first time since the list was given.
+/// An event whose match rule the bus refuses is not subscribed to. It is asked for again, by the next list
+/// and once a second; that it is refused is told the first time since the list was given.
 void Orvex::on_refused_match(std::uint32_t serial, const char* why)
 {
     const auto found = std::find_if(m_matches.begin(), m_matches.end(),

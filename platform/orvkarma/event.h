@@ -16,8 +16,8 @@ namespace orv::karma {
 /// The event as JSON text in one line; empty on failure.
 [[nodiscard]] std::string event_text(const json_t* event);
 
-/// The event that a text holds, null when it holds none or memory is short. Its memory is that of `beside`, an
-/// event that was parsed before, unless there is none.
+/// The event that a text holds, null when it holds none or memory is short. Its memory is that of `beside`,
+/// an event that was parsed before, unless there is none.
 [[nodiscard]] JsonPtr parse_event(const std::string& text, const json_t* beside, bool& lacks_memory);
 
 } // namespace orv::karma

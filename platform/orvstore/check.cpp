@@ -9,9 +9,10 @@
 // damaged for a moment, and a meta page that is being written may be read half and half. A bad verdict
 // therefore counts only when the meta page is the same after the walk.
 //
-// The structures are those of LMDB's data format version 1, in the machine's own word size and byte order. Another
-// line of LMDB has another one: it must be looked up and understood before this is built with it. A file of another
-// word size, byte order or version shows by where its first page has the magic number, how, and what follows it.
+// The structures are those of LMDB's data format version 1, in the machine's own word size and byte order.
+// Another line of LMDB has another one: it must be looked up and understood before this is built with it. A
+// file of another word size, byte order or version shows by where its first page has the magic number, how,
+// and what follows it.
 
 #include "check.h"
 
@@ -53,7 +54,8 @@ constexpr int kAttempts = 8;
 
 enum PageFlags : std::uint16_t { kBranch = 0x01, kLeaf = 0x02, kOverflow = 0x04, kMeta = 0x08 };
 enum NodeFlags : std::uint16_t { kBigData = 0x01, kSubTree = 0x02 };
-/// In the free list's there are also some of the environment's: that the file was no directory's when it was made.
+/// In the free list's there are also some of the environment's: that the file was no directory's when it was
+/// made.
 enum TreeFlags : std::uint16_t { kIntegerKey = 0x08, kNoDirectory = 0x4000 };
 
 struct PageHeader {
@@ -486,8 +488,8 @@ bool set_last_commit(int fd, std::uint64_t number)
     if (number == 0 || !read_newest_meta(fd, meta))
         return false;
     meta.free_list.flags = kIntegerKey;
-    // Both pages become the same but for their numbers, which tell which of them is the newer one: even numbers
-    // are on the first page.
+    // Both pages become the same but for their numbers, which tell which of them is the newer one: even
+    // numbers are on the first page.
     const std::uint64_t page_size = meta.free_list.pad;
     for (const std::uint64_t page : {number & 1U, (number - 1) & 1U}) {
         meta.transaction = static_cast<std::size_t>(page == (number & 1U) ? number : number - 1);

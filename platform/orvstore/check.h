@@ -25,14 +25,15 @@ struct StoreVerdict {
 /// Other processes may go on writing meanwhile.
 [[nodiscard]] StoreVerdict check_store_file(int fd);
 
-/// Why a data file is another kind of program's: "it was written by a 32-bit program ..."; empty when it is not.
+/// Why a data file is another kind of program's: "it was written by a 32-bit program ..."; empty when it is
+/// not.
 [[nodiscard]] const char* foreign_origin(int fd);
 
 /// The number of the last commit to a data file; 0 when it is none, or a new one.
 [[nodiscard]] std::uint64_t last_commit_in(int fd);
 
-/// Gives a sound data file that nobody has open another number of its last commit, which must not be lower than
-/// the one that it has. False when that fails.
+/// Gives a sound data file that nobody has open another number of its last commit, which must not be lower
+/// than the one that it has. False when that fails.
 [[nodiscard]] bool set_last_commit(int fd, std::uint64_t number);
 
 } // namespace orv::store

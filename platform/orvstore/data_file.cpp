@@ -1,12 +1,12 @@
-// Whether other processes have the store open is told by a lock on the data file itself, of which each of them
-// has a part: the lock file may have been lost with the rest of tmp/.
+// Whether other processes have the store open is told by a lock on the data file itself, of which each of
+// them has a part: the lock file may have been lost with the rest of tmp/.
 //
 // A file that is damaged has been damaged by a crash of the system, by the medium, or by somebody else. What
 // is done about it depends on what it is worth: the volatile store is made anew; a store that others can fill
 // again is set aside, and made anew; for the settings their last copy takes its place.
 //
-// A file of another kind of machine is not damaged: it is left alone, whatever it is worth, for the programs that can
-// read it.
+// A file of another kind of machine is not damaged: it is left alone, whatever it is worth, for the programs
+// that can read it.
 
 #include "data_file.h"
 

@@ -1,5 +1,6 @@
 // LMDB locks the first byte of the lock file: a process that has the store open has a part in that lock; one
-// that is the first to open it, or in newer versions perhaps the last to close it, has it to itself for a while.
+// that is the first to open it, or in newer versions perhaps the last to close it, has it to itself for a
+// while.
 
 #include "lock_file.h"
 
@@ -108,8 +109,8 @@ void LockFile::move_to_memory(bool is_in_use) const
         return;
     if (!is_in_use)
         (void)unlink(m_name.c_str()); // what cannot be removed is used
-    // A relative link holds wherever the root is. But it is followed from where the directory really is, which
-    // is not below the root when var/, say, is a link to another partition.
+    // A relative link holds wherever the root is. But it is followed from where the directory really is,
+    // which is not below the root when var/, say, is a link to another partition.
     const std::string way = way_to_locks(m_layout.directory);
     const std::string target = (is_same_directory(m_directory + "/" + way, locks) ? way : locks) + "/" + name;
     const int linked = symlink(target.c_str(), m_name.c_str());

@@ -1,4 +1,5 @@
-// What is made of the time of day: before 2000, beyond 2038, beyond what fits into numbers, and after it was set.
+// What is made of the time of day: before 2000, beyond 2038, beyond what fits into numbers, and after it was
+// set.
 
 #include "fake_clock.h"
 #include "files.h"

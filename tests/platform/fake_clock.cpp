@@ -1,4 +1,5 @@
-// The linker leads the calls here. Their names depend on the size of long: with 32 bits they were others once.
+// The linker leads the calls here. Their names depend on the size of long: with 32 bits they were others
+// once.
 
 #include "fake_clock.h"
 

@@ -2,7 +2,8 @@
 
 #include <cstdint>
 
-/// The time of day as a test sets it, for all that is linked with this; the clocks that timers run by stay the machine's.
+/// The time of day as a test sets it, for all that is linked with this; the clocks that timers run by stay
+/// the machine's.
 class FakeClock {
 public:
     explicit FakeClock(std::int64_t seconds, long nanoseconds = 0) { set(seconds, nanoseconds); }

@@ -1,4 +1,5 @@
-// Stores on kernels and file systems that lack something: they do without, or say in one line what is missing.
+// Stores on kernels and file systems that lack something: they do without, or say in one line what is
+// missing.
 
 #include "orvstore_support.h"
 #include "process_support.h"

@@ -1,4 +1,5 @@
-// Data files of another kind of machine, or of another version of LMDB: refused by name, and left as they are.
+// Data files of another kind of machine, or of another version of LMDB: refused by name, and left as they
+// are.
 
 #include "check.h"
 #include "orvstore_support.h"
@@ -50,8 +51,8 @@ void tell(Severity severity, const std::string& text)
     told().push_back(std::to_string(static_cast<int>(severity)) + " " + text);
 }
 
-/// What LMDB 0.9 writes where pointers have the size of a word: a store whose tree "a" has one entry. Numbers can be
-/// written in the machine's byte order or in the other one.
+/// What LMDB 0.9 writes where pointers have the size of a word: a store whose tree "a" has one entry. Numbers
+/// can be written in the machine's byte order or in the other one.
 template <typename Word>
 class StoreFile {
 public:

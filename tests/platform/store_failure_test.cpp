@@ -530,7 +530,8 @@ TEST_F(StoreFailureTest, On_a_full_disk_there_is_a_place_for_each_of_a_hundred_r
         uninit();
         fs::remove(tmp() + "/settings/lock.mdb"); // it is made anew, by the first of them
         fill_disk(tmp() + "/filler");
-        // Room for what the store writes itself, and for the smallest lock file that would do for few readers.
+        // Room for what the store writes itself, and for the smallest lock file that would do for few
+        // readers.
         fs::resize_file(tmp() + "/filler", fs::file_size(tmp() + "/filler") - std::size_t{8} * 1024);
         std::list<Companion> readers;
         for (int i = 0; i < 100; ++i) {

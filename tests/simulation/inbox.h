@@ -17,8 +17,8 @@ struct Expected {
     bool is_certain = true; ///< false: may be left out, or fit only roughly
 };
 
-/// All that one client has to receive, in its order, and how far what it has received agrees. Where frames may have
-/// been left out there can be several ways to read what has come; it remembers all.
+/// All that one client has to receive, in its order, and how far what it has received agrees. Where frames
+/// may have been left out there can be several ways to read what has come; it remembers all.
 class Inbox {
 public:
     void expect(Expected frame) { m_expected.push_back(std::move(frame)); }

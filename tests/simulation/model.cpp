@@ -1,5 +1,5 @@
-// Payloads are made by the simulation itself, in the form in which they are written again: so most of what a client
-// has to receive is known as text. Of commands that may do anything only the envelope is.
+// Payloads are made by the simulation itself, in the form in which they are written again: so most of what a
+// client has to receive is known as text. Of commands that may do anything only the envelope is.
 
 #include "model.h"
 

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-// What every client must receive, said a second time: told what happens in its order, this keeps what each client
-// has to see of it.
+// What every client must receive, said a second time: told what happens in its order, this keeps what each
+// client has to see of it.
 
 namespace orv::simulation {
 

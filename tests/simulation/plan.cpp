@@ -1,5 +1,5 @@
-// How often what happens. Each seed has a temper of its own: some have no faults at all, so that nothing is excused
-// there, and some clients that hang.
+// How often what happens. Each seed has a temper of its own: some have no faults at all, so that nothing is
+// excused there, and some clients that hang.
 
 #include "plan.h"
 

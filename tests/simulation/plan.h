@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-// What happens to the daemon in one simulation: all of it is known before it begins, so that any part can be left
-// out and the rest still means the same.
+// What happens to the daemon in one simulation: all of it is known before it begins, so that any part can be
+// left out and the rest still means the same.
 
 namespace orv::simulation {
 

@@ -1,4 +1,5 @@
-// The simulation itself: it does the same for the same seed, it finds out what is wrong, and it tells so in few steps.
+// The simulation itself: it does the same for the same seed, it finds out what is wrong, and it tells so in
+// few steps.
 
 #include "campaign.h"
 

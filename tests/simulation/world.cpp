@@ -1,10 +1,10 @@
-// At each of the daemon's waits, what has happened since the last one is told to the model, in its order, and both are
-// compared; then the next step of the plan is taken, and the daemon goes on. The order is read from the daemon's log: a
-// request's line and its status, a subscription that ends, a request of its own. Everything else is done by the
-// simulation itself and known to it.
+// At each of the daemon's waits, what has happened since the last one is told to the model, in its order, and
+// both are compared; then the next step of the plan is taken, and the daemon goes on. The order is read from
+// the daemon's log: a request's line and its status, a subscription that ends, a request of its own.
+// Everything else is done by the simulation itself and known to it.
 //
-// A pass in which something failed on purpose excuses what was to be sent in it, and lets the model take over what
-// the daemon then holds; a pass in which nothing failed excuses nothing.
+// A pass in which something failed on purpose excuses what was to be sent in it, and lets the model take over
+// what the daemon then holds; a pass in which nothing failed excuses nothing.
 
 #include "world.h"
 

@@ -18,9 +18,9 @@
 
 namespace orv::simulation {
 
-/// The whole daemon, from its start to its end, in the world of one plan. To be run in a process of its own, which ends
-/// with status 1 at the first rule that does not hold: the daemon's state is the process's, and a daemon that
-/// crashes is one of the findings.
+/// The whole daemon, from its start to its end, in the world of one plan. To be run in a process of its own,
+/// which ends with status 1 at the first rule that does not hold: the daemon's state is the process's, and a
+/// daemon that crashes is one of the findings.
 class World {
 public:
     /// `root` is the directory of the common paths.
@@ -29,8 +29,8 @@ public:
     World& operator=(const World&) = delete;
     ~World();
 
-    /// Runs it. What happened is written to standard output: all of it when verbose, and a number that stands for
-    /// all of it as the last line.
+    /// Runs it. What happened is written to standard output: all of it when verbose, and a number that stands
+    /// for all of it as the last line.
     void run();
 
 private:

@@ -9,8 +9,8 @@ struct Instant {
     const char* text;     ///< in UTC
 };
 
-/// Where clocks begin, and where numbers of 31, 32 and, in nanoseconds, 63 bits end; not in order, so that whoever goes
-/// through them sees the time jump both ways.
+/// Where clocks begin, and where numbers of 31, 32 and, in nanoseconds, 63 bits end; not in order, so that
+/// whoever goes through them sees the time jump both ways.
 constexpr std::array<Instant, 6> kInstants = {{
     {16725225600, "2500-01-01 00:00:00"},
     {0, "1970-01-01 00:00:00"},

@@ -5,8 +5,8 @@ import errno
 import platform
 import struct
 
-# Of each kind of program that a machine runs: the kernel's number for it, and numbers of its system calls. A pair is a call
-# that does several things, and the first argument that tells this one.
+# Of each kind of program that a machine runs: the kernel's number for it, and numbers of its system calls. A
+# pair is a call that does several things, and the first argument that tells this one.
 _X86_64 = (0xc000003e, {"connect": (42,), "fallocate": (285,), "getrandom": (318,)})
 _I386 = (0x40000003, {"connect": (362, (102, 3)), "fallocate": (324,), "getrandom": (355,)})
 _AARCH64 = (0xc00000b7, {"connect": (203,), "fallocate": (47,), "getrandom": (278,)})

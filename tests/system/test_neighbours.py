@@ -221,7 +221,8 @@ class OtherUsers(world.ServedTestCase):
             self.assertIn("cannot trust the directory %s: %s" % (path, reason), one.messages(level=0))
 
 
-# A sanitizer's shadow needs more address space than there may be, and it keeps what is freed. An emulator is no smaller.
+# A sanitizer's shadow needs more address space than there may be, and it keeps what is freed. An emulator is
+# no smaller.
 if not services.bounds_memory():
     del LackOfMemory, MemoryOfARequest
     del Rows.test_a_bystander_beside_no_memory_left

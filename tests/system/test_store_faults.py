@@ -197,7 +197,8 @@ class StoresOfAnotherMachine(world.TestCase):
         super().setUp()
         with open(world.program("orvbrokerd"), "rb") as program:
             self.bits = 64 if program.read(5)[4] == 2 else 32
-        # The first page of such a file, as far as it tells what it is: a page's header, the magic number, the version.
+        # The first page of such a file, as far as it tells what it is: a page's header, the magic number, the
+        # version.
         header = 12 if self.bits == 64 else 16
         first_page = bytes(header) + struct.pack("=II", 0xBEEFC0DE, 1)
         self.bytes = first_page.ljust(8192, b"\0")

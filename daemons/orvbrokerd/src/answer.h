@@ -23,8 +23,8 @@ constexpr Result kFailed = -1;
 constexpr Result kPending = 1; ///< the answer comes later, from a response callback
 
 /// The response envelope {"data": data, "status": status} as text; takes ownership of `data`. Null when it
-/// cannot be built: without memory, for null data, and for a text whose length finds no room in 32 bits. Freed
-/// by the caller with free().
+/// cannot be built: without memory, for null data, and for a text whose length finds no room in 32 bits.
+/// Freed by the caller with free().
 [[nodiscard]] char* build_response(int status, json_t* data);
 
 /// Queues the same envelope on a connection, as a frame, and takes ownership of `data`. However large it is,

@@ -37,8 +37,8 @@ struct Connection {
     ConnectionBuffer tx;
 };
 
-/// Ends a connection whose send buffer holds less than `wanted` bytes for lack of memory: what would follow makes no
-/// sense to the client. What does not fit below the buffer's maximum is dropped, as ever.
+/// Ends a connection whose send buffer holds less than `wanted` bytes for lack of memory: what would follow
+/// makes no sense to the client. What does not fit below the buffer's maximum is dropped, as ever.
 void end_if_cut(const Connection* conn, std::uint64_t wanted);
 
 /// Appends one frame to a connection's send buffer: a 4-byte length in native byte order and the text.

@@ -160,8 +160,8 @@ bool connect_to_exchange()
 
 bool subscribe_to_exchange()
 {
-    // The library keeps the list and goes on trying by itself. Without memory to hand it over, which is told to
-    // nobody, it comes with the next subscriber.
+    // The library keeps the list and goes on trying by itself. Without memory to hand it over, which is told
+    // to nobody, it comes with the next subscriber.
     (void)orvex_subscribe();
     return true;
 }

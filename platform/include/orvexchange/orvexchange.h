@@ -52,9 +52,9 @@ constexpr std::size_t kOrvexMaxRequests = 4096;
 [[nodiscard]] int orvex_read_fd(Orvex* orvex);
 
 /// Replaces the events that this participant receives. -1 as well while the exchange is away, or when not all
-/// of it could be asked for; the list is kept even so (one of more than 16 as long as there is memory for it).
-/// What is missing, be it that the exchange has refused it, is asked for again by the next call and once a
-/// second, and all of it when the exchange is back after it was away. A bad name changes nothing.
+/// of it could be asked for; the list is kept even so (one of more than 16 as long as there is memory for
+/// it). What is missing, be it that the exchange has refused it, is asked for again by the next call and once
+/// a second, and all of it when the exchange is back after it was away. A bad name changes nothing.
 [[nodiscard]] int orvex_subscribe(Orvex* orvex, const char** names, int count);
 
 /// Sends a request to "participant:request", or with a bare request name to "orvagent". After 0,

@@ -21,8 +21,8 @@ public:
     ConnectionBuffer& operator=(const ConnectionBuffer&) = delete;
     ~ConnectionBuffer();
 
-    /// Allocates `initial` bytes, or a little less, so that with the C library's own note they are no more; the
-    /// buffer never holds more than `maximum`. False when the sizes make no sense or memory is short.
+    /// Allocates `initial` bytes, or a little less, so that with the C library's own note they are no more;
+    /// the buffer never holds more than `maximum`. False when the sizes make no sense or memory is short.
     [[nodiscard]] bool init(unsigned initial, unsigned maximum);
 
     /// Frees the storage and whatever is still in it. May be called in any state.

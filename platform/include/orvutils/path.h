@@ -40,8 +40,8 @@ enum class common_path : int {
 
 namespace detail {
 
-/// Prints the same, without a slash at its end; without memory the stream fails. A program that uses no streams takes the function above: they
-/// would make it larger by some ten kilobytes.
+/// Prints the same, without a slash at its end; without memory the stream fails. A program that uses no
+/// streams takes the function above: they would make it larger by some ten kilobytes.
 void print_common_path(std::ostream& out, common_path which);
 
 } // namespace detail

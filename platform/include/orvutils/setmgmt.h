@@ -49,9 +49,10 @@ void uninit();
 [[nodiscard]] int enumSubkeys(const std::string& key, std::vector<std::string>& names);
 
 /// Writes that belong together: one durable commit for all of them. From its making to its commit or its end,
-/// what setKey() and deleteKey() do in this process goes into it, and getKey() and enumSubkeys() see it; nobody
-/// else does, and other processes cannot write. Each call succeeds or fails as it would alone, and one that
-/// fails leaves the batch as it was before (but for an input/output error, after which all else fails, too).
+/// what setKey() and deleteKey() do in this process goes into it, and getKey() and enumSubkeys() see it;
+/// nobody else does, and other processes cannot write. Each call succeeds or fails as it would alone, and one
+/// that fails leaves the batch as it was before (but for an input/output error, after which all else fails,
+/// too).
 ///
 /// A batch in another one belongs to that one. The end of the store is that of its batch.
 class Batch {
@@ -68,8 +69,8 @@ public:
 };
 
 /// Takes the lock named by a key (which need not exist) against other processes, waiting at most one second
-/// (then error 3), and not again for one that was waited for in vain until it could be had. Within this process
-/// locks are counted. The lock falls with its holder.
+/// (then error 3), and not again for one that was waited for in vain until it could be had. Within this
+/// process locks are counted. The lock falls with its holder.
 [[nodiscard]] int lockKey(const std::string& key);
 /// Gives one lockKey() back. Error 1 when this process does not hold the lock.
 [[nodiscard]] int unlockKey(const std::string& key);
@@ -93,8 +94,8 @@ public:
 
     /// The descriptor to watch for input, or below 0 when the watch could not be set up or was cancelled. To
     /// be fetched anew for each wait, and at least once a second: only this notices that the store itself was
-    /// replaced, or is there again, and then makes the descriptor readable. In a daemon it also renews the copy
-    /// of the settings that takes their place when they are damaged, whatever key is watched.
+    /// replaced, or is there again, and then makes the descriptor readable. In a daemon it also renews the
+    /// copy of the settings that takes their place when they are damaged, whatever key is watched.
     [[nodiscard]] int get_fd() const;
 
     /// Consumes what is pending and calls the callback of every key that has changed. Never blocks.

@@ -86,8 +86,8 @@ void close_on_exec_below(int end)
 
 // ---- in the parent
 
-/// A number above those of all open descriptors. The limit says little of that: it may be in the millions, and
-/// those that were open before it was lowered are above it.
+/// A number above those of all open descriptors. The limit says little of that: it may be in the millions,
+/// and those that were open before it was lowered are above it.
 int end_of_descriptors()
 {
     struct CloseDirectory {

@@ -253,7 +253,8 @@ bool tell(int level, fmt::format_string<Arguments...> format, Arguments... argum
 
 void tell_all();
 
-/// Tells the last counts at the end of the process, and writes the rest of a line; not without memory for that.
+/// Tells the last counts at the end of the process, and writes the rest of a line; not without memory for
+/// that.
 void tell_at_end()
 {
     static bool s_registered = false;

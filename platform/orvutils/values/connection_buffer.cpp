@@ -32,8 +32,8 @@ namespace {
 /// A buffer that has grown beyond this held an answer that took much memory to make.
 constexpr unsigned kLarge = 64 * 1024;
 
-/// What C libraries note beside a block. With it, one of a power of two would be of the next larger class: musl
-/// takes 4656 bytes for 4096, and there are two for each connection.
+/// What C libraries note beside a block. With it, one of a power of two would be of the next larger class:
+/// musl takes 4656 bytes for 4096, and there are two for each connection.
 constexpr unsigned kNote = 32;
 
 /// What made a large answer is freed by now, in many small pieces. glibc keeps such memory for itself unless
