@@ -102,7 +102,8 @@ locking::result take(std::optional<plock>& lock, locking::type how = locking::ty
 TEST_F(AgentContract, A_file_that_is_not_there_can_be_made_for_locking)
 {
     const std::string file = ground->directory() + "/lock";
-    EXPECT_EQ(result_of([&] { return plock::make(file, flags::none).has_value() ? 0 : -1; }), (Result{-1, 2}));
+    EXPECT_EQ(result_of([&] { return plock::make(file, flags::none).has_value() ? 0 : -1; }),
+              (Result{-1, 2}));
     EXPECT_EQ(result_of([&] { return plock::make(file, flags::create).has_value() ? 0 : -1; }), kDone);
     EXPECT_EQ(result_of([&] { return plock::make(file, flags::none).has_value() ? 0 : -1; }), kDone);
     EXPECT_EQ(result_of([] { return plock::make("", flags::create).has_value() ? 0 : -1; }), (Result{-1, 1}));
@@ -191,8 +192,8 @@ TEST_F(AgentContract, Channels_have_numbers_from_0_on)
 
 // ---- devices
 
-using devMgmt::DevInfoChangeType;
 using devMgmt::Device;
+using devMgmt::DevInfoChangeType;
 using sockutl::macaddr;
 
 class DeviceContract : public ContractTest {
@@ -382,7 +383,8 @@ TEST_F(AgentContract, What_is_collected_is_named_and_null_without_a_value)
 {
     diagnosis::Manager manager;
     manager.add({{{"a", "one"}, [] { return json_integer(1); }}, {{"b", "none"}, nullptr}});
-    manager.add({{{"a", "none"}, []() -> json_t* { return nullptr; }}, {{"a", "one"}, [] { return json_true(); }}});
+    manager.add(
+        {{{"a", "none"}, []() -> json_t* { return nullptr; }}, {{"a", "one"}, [] { return json_true(); }}});
     const JsonPtr all(manager.collect());
     EXPECT_STREQ(dump(all.get()).get(), R"({"a": {"one": true, "none": null}, "b": {"none": null}})");
 }

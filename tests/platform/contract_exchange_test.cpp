@@ -105,8 +105,8 @@ TEST_F(ExchangeContract, A_name_or_payload_that_is_none_is_refused)
     const std::string longest(kOrvexMaxName, 'n');
     const std::string too_long = longest + "n";
     const std::string too_much(kOrvexMaxPayload + 1, 'x');
-    for (const char* name : {"", ":a", "orvagent:", "p p:a", "1p:a", "\xff", "orvagent:\xff", too_long.c_str(),
-                             static_cast<const char*>(nullptr)}) {
+    for (const char* name : {"", ":a", "orvagent:", "p p:a", "1p:a", "\xff", "orvagent:\xff",
+                             too_long.c_str(), static_cast<const char*>(nullptr)}) {
         SCOPED_TRACE(name ? name : "(null)");
         EXPECT_EQ(request(name), -1);
         EXPECT_EQ(orvex_send_message(orvex.get(), name, "", 0), -1);
@@ -125,8 +125,7 @@ TEST_F(ExchangeContract, A_name_or_payload_that_is_none_is_refused)
 TEST_F(ExchangeContract, Only_names_can_be_subscribed)
 {
     const std::string too_long(kOrvexMaxName + 1, 'n');
-    for (const char* name :
-         {"", "\xff", too_long.c_str(), static_cast<const char*>(nullptr)}) {
+    for (const char* name : {"", "\xff", too_long.c_str(), static_cast<const char*>(nullptr)}) {
         const char* names[] = {"event", name};
         EXPECT_EQ(orvex_subscribe(orvex.get(), names, 2), -1);
     }
@@ -295,7 +294,8 @@ TEST_F(TelemetryContract, An_event_that_cannot_be_sent_is_kept_once)
 TEST_F(TelemetryContract, What_is_no_event_is_refused)
 {
     const JsonPtr without_id(json_pack("{s:s}", "type", "test"));
-    EXPECT_EQ(result_of([&] { return karma::submit_karma_event(without_id.get(), orvex.get()); }), (Result{-1, 1}));
+    EXPECT_EQ(result_of([&] { return karma::submit_karma_event(without_id.get(), orvex.get()); }),
+              (Result{-1, 1}));
     EXPECT_EQ(result_of([&] { return karma::submit_karma_event(nullptr, orvex.get()); }), (Result{-1, 1}));
     EXPECT_EQ(kept(), Lines{});
 }

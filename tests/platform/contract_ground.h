@@ -10,13 +10,14 @@
 #include <ostream>
 #include <string>
 
-// What the platform's declarations promise, and the daemon builds on, is one suite of tests that is compiled twice:
-// over the platform libraries, and over the fake that the unit tests put in their place. So the unit tests show
-// nothing that cannot happen, and miss nothing for the fake's kindness.
+// What the platform's declarations promise, and the daemon builds on, is one suite of tests that is compiled
+// twice: over the platform libraries, and over the fake that the unit tests put in their place. So the unit
+// tests show nothing that cannot happen, and miss nothing for the fake's kindness.
 
 namespace orv::contract {
 
-/// What the test does in the place of others: of those who have made the platform, of other processes, of time.
+/// What the test does in the place of others: of those who have made the platform, of other processes, of
+/// time.
 class Ground {
 public:
     Ground() = default;
@@ -45,7 +46,8 @@ public:
     virtual void publish(const std::string& name, const std::string& data) = 0;
     /// A request to the participant; the agent does not wait for its answer.
     virtual void ask(const std::string& participant, const std::string& name, const std::string& data) = 0;
-    /// Takes the oldest request or message to the agent that it has not taken yet: its name, a blank and its data.
+    /// Takes the oldest request or message to the agent that it has not taken yet: its name, a blank and its
+    /// data.
     virtual std::string take() = 0;
     /// Answers the request that was taken last.
     virtual void answer(const std::string& type, const std::string& data) = 0;
@@ -58,7 +60,10 @@ struct Result {
     int value = 0;
     int error = 0;
 
-    friend bool operator==(const Result& a, const Result& b) { return a.value == b.value && a.error == b.error; }
+    friend bool operator==(const Result& a, const Result& b)
+    {
+        return a.value == b.value && a.error == b.error;
+    }
     friend std::ostream& operator<<(std::ostream& out, const Result& result)
     {
         return out << result.value << ", error " << result.error;

@@ -54,10 +54,7 @@ public:
         return true;
     }
 
-    void publish(const std::string& name, const std::string& data) override
-    {
-        m_agent->emit(name, data);
-    }
+    void publish(const std::string& name, const std::string& data) override { m_agent->emit(name, data); }
 
     void ask(const std::string& participant, const std::string& name, const std::string& data) override
     {
@@ -90,7 +87,8 @@ private:
     /// What the daemon does when the descriptor of its watch says so.
     void notice()
     {
-        setMgmt::MonitoredKey any("/contract", [](const path&, void*) { return true; }, false, nullptr, false);
+        setMgmt::MonitoredKey any(
+            "/contract", [](const path&, void*) { return true; }, false, nullptr, false);
         pollfd entry{any.get_fd(), POLLIN, 0};
         while (poll(&entry, 1, 0) == 1)
             any.read_notifications();

@@ -127,8 +127,8 @@ TEST_F(SettingsContract, A_key_or_value_that_is_none_is_refused)
 TEST_F(SettingsContract, A_number_is_all_of_the_text_and_fits)
 {
     const std::map<std::string, int> numbers{
-        {"5", 5},  {"007", 7}, {"-5", -5}, {"2147483647", 2147483647}, {"", -1},          {" 5", -1},
-        {"5 ", -1}, {"+5", -1}, {"5x", -1}, {"0x10", -1},               {"2147483648", -1}, {"1.5", -1},
+        {"5", 5},   {"007", 7}, {"-5", -5},   {"2147483647", 2147483647}, {"", -1},    {" 5", -1}, {"5 ", -1},
+        {"+5", -1}, {"5x", -1}, {"0x10", -1}, {"2147483648", -1},         {"1.5", -1},
     };
     for (const auto& [text, number] : numbers) {
         ASSERT_EQ(set("/number", text), kDone);
@@ -190,8 +190,7 @@ TEST_F(SettingsContract, A_closed_store_fails_and_an_opened_one_is_as_it_was)
     EXPECT_EQ(getKeyValue("/a", 7), 7);
     EXPECT_FALSE(featureutl::init());
     EXPECT_EQ(featureutl::get_feature(featureutl::Feature::va_scan), featureutl::FeatureStatus::unknown);
-    EXPECT_EQ(
-        featureutl::set_feature(featureutl::Feature::va_scan, featureutl::FeatureStatus::disabled), 0);
+    EXPECT_EQ(featureutl::set_feature(featureutl::Feature::va_scan, featureutl::FeatureStatus::disabled), 0);
     subs::MultiSubscription subscriptions;
     EXPECT_FALSE(subscriptions.load());
     EXPECT_EQ(get_orvleases_mode(), OrvleasesMode::orv);
@@ -504,10 +503,14 @@ TEST_F(AgentSettingsContract, A_leases_mode_that_is_none_is_unknown)
     EXPECT_EQ(get_orvleases_mode(), OrvleasesMode::orv);
     ASSERT_EQ(set("/leases/mode/below", "x"), kDone);
     EXPECT_EQ(get_orvleases_mode(), OrvleasesMode::orv);
-    const std::map<std::string, std::string> modes{
-        {"orvleases-orv", "orvleases-orv"}, {"orvleases-ng", "orvleases-ng"}, {"", "(unknown)"},
-        {"0", "(unknown)"},                 {"1", "(unknown)"},               {"2", "(unknown)"},
-        {"orvleases-ng ", "(unknown)"},     {"Orvleases-ng", "(unknown)"}};
+    const std::map<std::string, std::string> modes{{"orvleases-orv", "orvleases-orv"},
+                                                   {"orvleases-ng", "orvleases-ng"},
+                                                   {"", "(unknown)"},
+                                                   {"0", "(unknown)"},
+                                                   {"1", "(unknown)"},
+                                                   {"2", "(unknown)"},
+                                                   {"orvleases-ng ", "(unknown)"},
+                                                   {"Orvleases-ng", "(unknown)"}};
     for (const auto& [text, mode] : modes) {
         ASSERT_EQ(set("/leases/mode", text), kDone);
         EXPECT_EQ(orvleases_mode_to_str(get_orvleases_mode()), mode) << text;

@@ -801,7 +801,7 @@ void World::fail_something(const Step& step)
         return m_platform->fail_memory(pick(kMemory, step.what),
                                        1 + step.amount % (pick(kMemory, step.what) == kOften ? 16 : 4));
     case Act::fail_all_memory:
-        return m_platform->fail_all_memory(pick(kMemory, step.what));
+        return m_platform->fail_memory(pick(kMemory, step.what), 1, /*onwards=*/true);
     default:
         return m_platform->fail_json_allocation(1 + step.amount % 24, step.what % 4 == 0);
     }

@@ -592,31 +592,5 @@ TEST_F(Commands, HaveAWholeEnvelopeOrNoneWhenMemoryIsShort)
     }
 }
 
-TEST_F(Commands, SurviveShortMemoryWithOneFrameAtMost)
-{
-    for (const std::string& line :
-         {command("get_services_status"), command("enable_services"), command("set_va_cloud_trigger", "true"),
-          command("start_cloud_registration", R"({"a":{"b":[1,2,3]}})"),
-          std::string(R"({"type":"subscribe","name":"x"})")})
-        for (const bool onwards : {false, true}) {
-            bool failed = true;
-            for (unsigned n = 1; failed; ++n) {
-                SCOPED_TRACE(line + ", " + std::to_string(n) + (onwards ? " and all later ones" : ""));
-                Peer peer = connect();
-                platform->fail_json_allocation(n, onwards);
-                const bool is_request = receive(peer, line + "\n");
-                failed = platform->json_allocation_failed();
-                platform->fail_json_allocation(0);
-                const bool is_open = is_request && drain(peer);
-                const auto frame = peer.client.frame();
-                EXPECT_EQ(peer.client.bytes(), "");
-                EXPECT_TRUE(failed || frame);
-                EXPECT_EQ(peer.client.is_closed(), !is_open);
-                if (is_open)
-                    destroy(peer);
-            }
-        }
-}
-
 } // namespace
 } // namespace orv::test

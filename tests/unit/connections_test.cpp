@@ -339,7 +339,7 @@ TEST_F(ClientConnection, CutsAFrameShortWhenItsSendBufferIsFull)
 TEST_F(ClientConnection, EndsWhenThereIsNoMemoryForAllOfAFrame)
 {
     Peer peer = connect();
-    platform->fail_all_memory("realloc");
+    platform->fail_memory("realloc", 1, /*onwards=*/true);
     queue(peer, std::string(100000, 'x'));
     platform->fail_memory("realloc", 0);
     EXPECT_FALSE(handle(peer, EPOLLIN)) << "as if the client had gone";

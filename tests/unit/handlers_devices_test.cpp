@@ -757,19 +757,5 @@ TEST_F(Devices, OnlineStatusNeedsSomethingThatHasAText)
                   .fails());
 }
 
-TEST_F(Devices, AreAnsweredOnceWhateverFails)
-{
-    platform->devices["d1"].macs[macaddr("aa:bb:cc:00:00:01")] = {address("10.0.0.1")};
-    torture(Scenario("get_devices").with(kRouter));
-    torture(Scenario("get_devices", R"(["d1","d3"])").with(kRouter));
-    torture(renaming().then("0"));
-    torture(renaming().then("1"));
-    torture(renaming().then("x"));
-    torture(blocking().then("0"));
-    torture(blocking().then("no number"));
-    torture(online());
-    torture(online().with({{key("count"), "100"}}));
-}
-
 } // namespace
 } // namespace orv::test

@@ -154,12 +154,5 @@ TEST_F(Features, ThatCannotBeListedForLackOfMemoryFail)
     }
 }
 
-TEST_F(Features, AreAnsweredOnceWhateverFails)
-{
-    torture(Scenario("get_feature", R"(["va_scan","protection"])").with(kStates));
-    torture(Scenario("set_feature", R"({"va_scan":"enabled","protection":"disabled"})"));
-    torture(Scenario("list_all_features"));
-}
-
 } // namespace
 } // namespace orv::test

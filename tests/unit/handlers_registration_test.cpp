@@ -144,13 +144,5 @@ TEST_F(Registration, InTheCloudNeedsSomethingThatHasAText)
     check(Scenario(kStartCloud).fails());
 }
 
-TEST_F(Registration, AnswersOnceWhateverFails)
-{
-    torture(Scenario(kStart, R"({"router_id":"r1"})").then("0"));
-    torture(Scenario(kStart, R"({"token":"t","mac":"m","redeem":"r"})").then("0", R"({"result":"ok"})"));
-    torture(Scenario(kStart, R"({"no":"schema"})"));
-    torture(Scenario(kStartCloud, R"({"a":[1]})").then("0"));
-}
-
 } // namespace
 } // namespace orv::test

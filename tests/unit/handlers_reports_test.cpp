@@ -272,15 +272,5 @@ TEST_F(Reports, TellTheStatusByFiveRecords)
     check(Scenario("get_status_report").failing("diagnosis::Manager::collect()").calls(calls).fails());
 }
 
-TEST_F(Reports, AreAnsweredOnceWhateverFails)
-{
-    torture(Scenario("get_version_info"));
-    torture(Scenario("get_subscription_status").with({{kStatusKey, "valid"}, {kExpiryKey, "5"}}));
-    torture(update(updated("1700", "0")).then("0"));
-    torture(update(updated("x", "0")).then("0"));
-    torture(Scenario("get_diagnosis_report"));
-    torture(Scenario("get_status_report"));
-}
-
 } // namespace
 } // namespace orv::test

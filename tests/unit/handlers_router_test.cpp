@@ -706,22 +706,5 @@ TEST_F(FirewallScript, ThatFailsFailsTheCommand)
 
 // ---- whatever fails
 
-TEST_F(Router, AnswersOnceWhateverFails)
-{
-    for (const Getter& getter : kGetters)
-        torture(Scenario(getter.command).with({{getter.key, "Home"}}));
-    torture(Scenario("set_router_name", R"("New")"));
-    torture(renaming().then("0"));
-    torture(renaming().then("1"));
-    for (const Setter& setter : {kModel, kLevel}) {
-        torture(registering(setter).then("0", R"({"result":"ok"})"));
-        torture(registering(setter).then("0", "no JSON"));
-    }
-    torture(Scenario("get_router_interfaces").with({{child("eth0"), "wan"}, {child("br0"), "lan"}}));
-    torture(interfaces(R"([{"name":"eth0","type":"wan"},{"name":"wl1","type":"bad"},{}])", 3,
-                       {{child("wl1"), "lan"}, {child("old"), "lan"}}));
-    torture(Scenario("reapply_firewall_rules"));
-}
-
 } // namespace
 } // namespace orv::test

@@ -246,14 +246,6 @@ TEST_F(Satellites, AreSentWhateverBecomesOfTheLists)
                .logs({{3, entries(kScans)}, {0, "setKey('" + key + "'): 2"}}));
 }
 
-TEST_F(Satellites, AnswerOnceWhateverFails)
-{
-    torture(removed().then("0"), {kScans, kDiscovery});
-    torture(removed().then("1"), {kScans, kDiscovery});
-    torture(removed().then("x"), {kScans, kDiscovery});
-    torture(Scenario("remove_satellite", R"({"mac":"aa:bb:cc:00:00:99"})").with(kRouter));
-}
-
 // ---- keys that hold a list
 
 const path kListKey{"/list"};

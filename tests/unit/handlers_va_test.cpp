@@ -368,21 +368,5 @@ TEST_F(Scanner, TriggerIsReadAsItWasSet)
 
 // ---- whatever fails
 
-TEST_F(Scanner, AnswersOnceWhateverFails)
-{
-    torture(state().then("0", R"({"state":"idle"})"));
-    torture(state().then("0", "no JSON").hangs_up());
-    torture(schedule().then("0"));
-    torture(schedule().then("2", "busy"));
-    torture(schedule().then("x").hangs_up());
-    torture(exclude(R"(["aa:bb:cc:dd:ee:ff","aa:bb:cc:dd:ee:f[0-9]"])"));
-    torture(exclude(R"(["invalid"])"));
-    torture(Scenario("va_get_exclusions").with({{kKey, "aa:bb:cc:dd:ee:ff,aa:bb:cc:dd:ee:00"}}));
-    torture(Scenario("get_va_cloud_trigger").with({{"/va/cloud_trigger", "1"}}));
-    torture(Scenario("set_va_cloud_trigger", "true"));
-    for (const char* name : {"va_start", "va_stop", "va_self_scan_start"})
-        torture(Scenario(name));
-}
-
 } // namespace
 } // namespace orv::test

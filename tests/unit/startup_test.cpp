@@ -1,6 +1,6 @@
 // Start-up and shutdown: which calls are made, in which order, and what is given back when one of them fails.
 
-#include "support/fixture.h"
+#include "support/faults.h"
 
 #include "orvbrokerd.h"
 #include "orvexproc.h"
@@ -231,50 +231,100 @@ TEST_F(StartUp, GoesOnWhenACallFailsWhoseResultDoesNotMatter)
 
 TEST_F(StartUp, GoesOnWithoutMemoryForTheListOfSubscriptions)
 {
-    for (unsigned n = 1; n < 5; ++n) {
-        renew_platform();
-        platform->fail_memory("malloc", n);
-        EXPECT_EQ(run_daemon(), 0);
-        EXPECT_TRUE(has_started(platform->take_calls()));
-    }
+    platform->fail_memory("malloc");
+    EXPECT_EQ(run_daemon(), 0);
+    EXPECT_TRUE(platform->memory_failed("malloc"));
+    EXPECT_TRUE(has_started(platform->take_calls()));
 }
 
-TEST_F(StartUp, WithoutMemoryAnywhereFailsOrTheDaemonServesOrStopsInOrder)
-{
-    platform.reset();
-    const std::set<int> descriptors = open_descriptors();
-    for (const char* kind : {"throwing new", "watch"}) {
-        for (unsigned n = 1, failed = 1; failed != 0; ++n) {
-            SCOPED_TRACE(kind + std::to_string(n));
+/// What is open, of the platform and of the system.
+class Lives : public StartUp {
+protected:
+    Lives()
+    {
+        platform.reset();
+        m_descriptors = open_descriptors();
+    }
+
+    /// Lives once with each fault: `life` runs the daemon, and says whether the fault was met.
+    void live_with_each_fault(const std::function<bool(const Fault&)>& life)
+    {
+        Fault fault{"none"};
+        for (bool has_failed = false; choose_next(fault, has_failed);) {
+            SCOPED_TRACE(fault.text());
             renew_platform();
-            platform->fail_memory(kind, n);
-            Client client;
-            bool is_served = false;
-            platform->on_wait([&] {
-                failed = platform->memory_failed(kind) ? 1 : 0;
-                platform->fail_memory(kind, 0);
-                client.connect();
-            });
-            platform->on_wait(
-                [&] { client.send("{\"type\":\"command\",\"name\":\"get_services_status\"}\n"); });
-            platform->on_wait([] {});
-            platform->on_wait(
-                [&] { is_served = client.frame() == R"({"data": {"status": 1}, "status": 0})"; });
-            const int status = run_daemon();
-            const Logs logs = platform->take_logs();
-            ASSERT_FALSE(logs.empty());
-            EXPECT_EQ(logs.back(), (LogLine{2, "stop orv broker daemon", {}, {}}));
-            if (!is_served) {
-                failed = 1;
-                EXPECT_THAT(logs, Contains(error("out of memory")));
-            }
-            EXPECT_EQ(status, is_served || logs.back().function == "run" ? 0 : 1);
-            client.close();
+            has_failed = life(fault);
+            EXPECT_FALSE(platform->settings_are_open || platform->devices_are_open ||
+                         platform->outbox_is_open);
+            EXPECT_TRUE(platform->change_callbacks.empty());
+            EXPECT_TRUE(platform->locked.empty());
             platform.reset();
-            ASSERT_EQ(open_descriptors(), descriptors);
+            ASSERT_EQ(open_descriptors(), m_descriptors);
             ASSERT_FALSE(HasFailure());
         }
     }
+
+private:
+    std::set<int> m_descriptors;
+};
+
+TEST_F(Lives, EndInOrderOrServeWhateverFailsAtTheirStart)
+{
+    live_with_each_fault([this](const Fault& fault) {
+        arm(*platform, fault);
+        Client client;
+        bool is_served = false;
+        bool has_failed = false;
+        platform->on_wait([&] {
+            has_failed = platform->failed() != 0;
+            disarm(*platform);
+            client.connect();
+        });
+        platform->on_wait([&] { client.send(command("get_services_status") + "\n"); });
+        platform->on_wait([] {});
+        platform->on_wait([&] { is_served = client.frame() == R"({"data": {"status": 1}, "status": 0})"; });
+        const int status = run_daemon();
+        has_failed = has_failed || platform->failed() != 0;
+        const Logs logs = platform->take_logs();
+        if (status == 1 && logs.empty()) {
+            EXPECT_EQ(platform->take_failed().front(), "Instance::on_stop_pipe()");
+            return true;
+        }
+        EXPECT_FALSE(logs.empty());
+        EXPECT_EQ(logs.back(), (LogLine{2, "stop orv broker daemon", {}, {}}));
+        EXPECT_TRUE(is_served || has_failed);
+        EXPECT_EQ(status, is_served || logs.back().function == "run" ? 0 : 1);
+        if (!is_served && fault.is_memory() && fault.kind != "new" && fault.kind != "malloc") {
+            EXPECT_THAT(logs, Contains(error("out of memory")));
+        }
+        return has_failed;
+    });
+}
+
+TEST_F(Lives, EndInOrderWhateverFailsAtTheirEnd)
+{
+    live_with_each_fault([this](const Fault& fault) {
+        std::array<Client, 3> clients;
+        for (Client& client : clients)
+            platform->on_wait([&] { client.connect(); });
+        platform->on_wait([&] { clients[0].send(subscription("device_discovery") + "\n"); });
+        platform->on_wait([&] { clients[1].send(command("va_status") + "\n"); });
+        platform->on_wait([&] { clients[2].send("half a line"); });
+        platform->on_wait([&] {
+            EXPECT_EQ(platform->requests.size(), 1U);
+            arm(*platform, fault);
+            platform->raise_stop();
+        });
+        EXPECT_EQ(run_daemon(), 0);
+        const bool has_failed = platform->failed() != 0;
+        disarm(*platform);
+        EXPECT_EQ(platform->take_logs().back(), (LogLine{2, "stop orv broker daemon", {}, {}}));
+        for (Client& client : clients) {
+            client.bytes();
+            EXPECT_TRUE(client.is_closed());
+        }
+        return has_failed;
+    });
 }
 
 TEST_F(StartUp, WithoutAStopDescriptorEndsAtOnceWithStatus1)

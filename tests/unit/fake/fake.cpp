@@ -27,7 +27,7 @@ bool g_inside = false;
 void* json_allocate(std::size_t size)
 {
     Fake* fake = Fake::current();
-    if (fake && fake->json_allocation_fails())
+    if (fake && fake->memory_fails("JSON", size))
         return nullptr;
     const Fake::Paused paused;
     return std::malloc(size);
@@ -117,6 +117,11 @@ bool operator==(const LogLine& a, const LogLine& b)
     if (a.cut != 0 && b.cut == 0)
         return is_beginning(a, b);
     return a.cut == 0 && b.cut != 0 ? is_beginning(b, a) : a.text == b.text && a.cut == b.cut;
+}
+
+Calls Fake::take_failed()
+{
+    return std::exchange(m_failed_texts, {});
 }
 
 Logs Fake::take_logs()
@@ -231,10 +236,12 @@ bool Fake::fails(std::string text)
     m_error = 0;
     const bool planned = is_planned(text);
     m_fallible_texts.push_back(text);
-    note(std::move(text));
-    if (++m_fallible != m_fail_nth && !planned)
+    note(text);
+    const bool is_due = ++m_fallible == m_fail_nth || (m_fail_onwards && m_fallible > m_fail_nth);
+    if (!is_due && !planned)
         return false;
     ++m_failed;
+    m_failed_texts.push_back(std::move(text));
     errno = m_error != 0 ? m_error : EIO;
     if (m_error == 0)
         m_error = static_cast<int>(Error::input_output);
@@ -242,27 +249,33 @@ bool Fake::fails(std::string text)
     return true;
 }
 
-void Fake::fail_json_allocation(unsigned n, bool onwards)
+void Fake::fail_nth(std::size_t n, bool onwards)
 {
-    m_json_countdown = n;
-    m_json_onwards = onwards;
-    m_json_failed = false;
+    m_fail_nth = n;
+    m_fail_onwards = onwards && n != 0;
 }
 
-bool Fake::json_allocation_fails()
+void Fake::fail_memory(const std::string& kind, unsigned n, bool onwards)
 {
-    const bool fails = m_json_countdown == 0 ? m_json_failed && m_json_onwards : --m_json_countdown == 0;
-    m_json_failed = m_json_failed || fails;
-    m_failed += fails ? 1 : 0;
-    return fails;
+    m_memory[kind] = {n, onwards, false};
 }
 
-bool Fake::memory_fails(const char* kind)
+bool Fake::memory_failed(const std::string& kind) const
+{
+    const auto found = m_memory.find(kind);
+    return found != m_memory.end() && found->second.has_failed;
+}
+
+bool Fake::memory_fails(const char* kind, std::size_t size)
 {
     const auto found = m_memory.find(std::string_view(kind));
-    if (found == m_memory.end() || found->second == 0)
-        return false;
-    const bool fails = found->second == kAll || --found->second == 0;
+    bool fails = size > m_most_memory;
+    if (found != m_memory.end()) {
+        Shortage& shortage = found->second;
+        const bool is_due = shortage.countdown != 0 && --shortage.countdown == 0;
+        shortage.has_failed = shortage.has_failed || is_due;
+        fails = fails || is_due || (shortage.has_failed && shortage.onwards);
+    }
     m_failed += fails ? 1 : 0;
     return fails;
 }
@@ -303,6 +316,13 @@ void Fake::on_wait_fail(int error)
     });
 }
 
+void Fake::on_idle(std::function<bool()> action, int patience, std::function<void()> out_of_patience)
+{
+    m_idle = std::move(action);
+    m_patience = patience;
+    m_out_of_patience = std::move(out_of_patience);
+}
+
 int Fake::wait(int epfd, epoll_event* events, int capacity, int timeout)
 {
     note("epoll_wait(" + std::to_string(capacity) + ", " + std::to_string(timeout) + ")");
@@ -311,6 +331,17 @@ int Fake::wait(int epfd, epoll_event* events, int capacity, int timeout)
         const Step step = std::move(m_script.front());
         m_script.pop_front();
         return step(epfd, events, capacity);
+    }
+    if (m_idle) {
+        if (++m_busy % m_patience == 0)
+            m_out_of_patience();
+        const int count = epoll_wait(epfd, events, capacity, 0);
+        if (count != 0)
+            return count;
+        m_busy = 0;
+        if (m_idle())
+            return epoll_wait(epfd, events, capacity, 0);
+        m_idle = nullptr;
     }
     if (m_waits_after_stop++ >
         16) { // with many ready descriptors the stop descriptor can be in a later batch
@@ -337,6 +368,26 @@ void Fake::notify_watch()
 {
     Paused paused;
     eventfd_write(fd("watch"), 1);
+}
+
+void Fake::notify_watch(std::function<void()> action)
+{
+    {
+        const Paused paused;
+        m_notices.push_back(std::move(action));
+    }
+    notify_watch();
+}
+
+std::size_t Fake::read_watch()
+{
+    std::size_t count = 0;
+    for (; !m_notices.empty(); ++count) {
+        const auto action = std::move(m_notices.front());
+        m_notices.pop_front();
+        action();
+    }
+    return count;
 }
 
 } // namespace orv::fake

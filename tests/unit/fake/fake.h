@@ -137,6 +137,8 @@ public:
     [[nodiscard]] std::size_t failed() const { return m_failed; }
     /// The texts of these calls.
     [[nodiscard]] const Calls& fallible() const { return m_fallible_texts; }
+    /// The texts of the calls that were made to fail since the last time.
+    Calls take_failed();
 
     /// The descriptor of that name, also when it is closed by now; -1 for a name that was never given.
     [[nodiscard]] int fd(const std::string& name) const;
@@ -151,22 +153,21 @@ public:
     void fail_from(std::string call, int occurrence = 1, int error = 0);
     /// Nothing fails any more by its text. False when something that was to fail never came.
     [[nodiscard]] bool forget_failures();
-    /// The n-th call (from 1, since the beginning) fails of those that can.
-    void fail_nth(std::size_t n) { m_fail_nth = n; }
-    /// The n-th request for memory of a kind from now on gets none, 0 for never: "malloc", "realloc", "strdup", "new"
-    /// (that without exceptions) or "throwing new" (of any kind). Only the code of the daemon and of
-    /// the platform's values is meant, not that of libraries; "watch" is what the library throws from making the
-    /// settings watch and from asking it for its descriptor.
-    void fail_memory(const std::string& kind, unsigned n = 1) { m_memory[kind] = n; }
-    /// Each request for memory of a kind from now on gets none.
-    void fail_all_memory(const std::string& kind) { m_memory[kind] = kAll; }
-    /// Whether that has happened.
-    [[nodiscard]] bool memory_failed(const std::string& kind) const { return m_memory.at(kind) == 0; }
-    /// The n-th request for memory of jansson or for a growing text (from 1) from now on gets none; 0 for never.
+    /// The n-th call (from 1, since the beginning) fails of those that can; 0 for none. `onwards`: all later
+    /// ones too.
+    void fail_nth(std::size_t n, bool onwards = false);
+    /// The n-th request for memory of a kind from now on gets none, 0 for never: "malloc", "realloc",
+    /// "strdup", "new" (that without exceptions), "throwing new" (of any kind) or "JSON" (jansson's, and that of a growing text). Only
+    /// the code of the daemon and of the platform's values is meant, not that of other libraries; "watch" is
+    /// what the library throws from making the settings watch and from asking it for its descriptor.
     /// `onwards`: all later ones too.
-    void fail_json_allocation(unsigned n, bool onwards = false);
+    void fail_memory(const std::string& kind, unsigned n = 1, bool onwards = false);
     /// Whether that has happened.
-    [[nodiscard]] bool json_allocation_failed() const { return m_json_failed; }
+    [[nodiscard]] bool memory_failed(const std::string& kind) const;
+    /// Requests for more bytes than that, of all these kinds, get none.
+    void fail_memory_above(std::size_t size) { m_most_memory = size; }
+    void fail_json_allocation(unsigned n, bool onwards = false) { fail_memory("JSON", n, onwards); }
+    [[nodiscard]] bool json_allocation_failed() const { return memory_failed("JSON"); }
 
     // ---- the script of waiting; entries run with the fake paused
 
@@ -176,6 +177,11 @@ public:
     void on_wait_give(std::vector<Ready> batch, std::function<void()> action = nullptr);
     /// At the next wait: fails with that errno.
     void on_wait_fail(int error);
+
+    /// At each wait for which there is no entry, when nothing is ready: does that, and stops the daemon when
+    /// it is false. `patience` is how often something may be ready in a row; then the second function is
+    /// called.
+    void on_idle(std::function<bool()> action, int patience, std::function<void()> out_of_patience);
 
     // ---- descriptors that become readable
 
@@ -206,6 +212,8 @@ public:
     std::time_t now = 1700000000;  ///< what time() gives
     std::optional<uid_t> peer_uid; ///< who connects; none for this process's own user
 
+    /// Something that happens during the next reading of the settings watch, which is readable at once.
+    void notify_watch(std::function<void()> action);
     /// Tells the registered callbacks of a change, as the device library would.
     void change_device(devMgmt::DevInfoChangeType type, const devMgmt::Device& device,
                        const std::string& field);
@@ -217,8 +225,8 @@ public:
 
     /// A handle without start-up.
     Orvex* connect(void (*callback)(const Message*));
-    /// An event, which arrives with the next reading of the exchange. It has an identifier in any case: 0 for one
-    /// that is made up.
+    /// An event, which arrives with the next reading of the exchange. It has an identifier in any case: 0 for
+    /// one that is made up.
     void deliver(const std::string& type, const std::string& data, std::uint64_t id = 0,
                  const std::string& from = "orvagent");
     /// As after a reconnection: the exchange's descriptor is another one, under the same name.
@@ -241,8 +249,8 @@ public:
     std::string next_name(const std::string& kind);
     void forget_fd(int fd);
     void read_exchange();
-    [[nodiscard]] bool json_allocation_fails();
-    [[nodiscard]] bool memory_fails(const char* kind);
+    [[nodiscard]] bool memory_fails(const char* kind, std::size_t size = 0);
+    std::size_t read_watch(); ///< how many notices there were
 
     unsigned last_request = 0;
     unsigned last_event = 0;                   ///< of telemetry
@@ -280,6 +288,7 @@ private:
 
     Calls m_calls;
     Calls m_fallible_texts;
+    Calls m_failed_texts;
     Logs m_logs;
     std::map<int, std::string> m_names;
     std::map<std::string, int> m_fds;
@@ -288,13 +297,21 @@ private:
     std::size_t m_fallible = 0;
     std::size_t m_failed = 0;
     std::size_t m_fail_nth = 0;
+    bool m_fail_onwards = false;
     int m_error = 0;
-    static constexpr unsigned kAll = std::numeric_limits<unsigned>::max();
-    std::map<std::string, unsigned, std::less<>> m_memory;
-    unsigned m_json_countdown = 0;
-    bool m_json_onwards = false;
-    bool m_json_failed = false;
+    struct Shortage {
+        unsigned countdown = 0;
+        bool onwards = false;
+        bool has_failed = false;
+    };
+    std::map<std::string, Shortage, std::less<>> m_memory;
+    std::size_t m_most_memory = std::numeric_limits<std::size_t>::max();
     std::deque<Step> m_script;
+    std::function<bool()> m_idle;
+    std::function<void()> m_out_of_patience;
+    int m_patience = 0;
+    int m_busy = 0; ///< waits since nothing was ready
+    std::deque<std::function<void()>> m_notices;
     std::deque<std::function<void()>> m_incoming;
     int m_waits_after_stop = 0;
     Fake* m_previous;

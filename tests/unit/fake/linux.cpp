@@ -48,17 +48,10 @@ std::string file_name(const char* path)
 }
 
 /// Memory is asked for by everybody, so requests are no calls of the record: they only can be made to fail.
-bool no_memory(const char* what)
+bool no_memory(const char* what, std::size_t size)
 {
     Fake* fake = Fake::current();
-    return fake && fake->memory_fails(what);
-}
-
-/// What a text of JSON grows by is as good as the JSON library's.
-bool no_memory_for_json()
-{
-    Fake* fake = Fake::current();
-    return fake && fake->json_allocation_fails();
+    return fake && fake->memory_fails(what, size);
 }
 
 } // namespace
@@ -246,19 +239,18 @@ int __wrap_fclose(FILE* file)
 
 void* __wrap_malloc(std::size_t size)
 {
-    return no_memory("malloc") ? nullptr : __real_malloc(size);
+    return no_memory("malloc", size) ? nullptr : __real_malloc(size);
 }
 
 void* __wrap_realloc(void* memory, std::size_t size)
 {
-    if (no_memory("realloc") || no_memory_for_json())
-        return nullptr;
-    return __real_realloc(memory, size);
+    // What a text of JSON grows by is as good as the JSON library's.
+    return no_memory("realloc", size) || no_memory("JSON", size) ? nullptr : __real_realloc(memory, size);
 }
 
 char* __wrap_strdup(const char* text)
 {
-    if (no_memory("strdup"))
+    if (no_memory("strdup", std::strlen(text) + 1))
         return nullptr;
     const Fake::Paused paused;
     return __real_strdup(text);
@@ -280,7 +272,7 @@ void* THROWING_NEW(__real_)(std::size_t size);
 
 void* THROWING_NEW(__wrap_)(std::size_t size)
 {
-    if (Fake::is_inside() && no_memory("throwing new"))
+    if (Fake::is_inside() && no_memory("throwing new", size))
         throw std::bad_alloc();
     const Fake::Paused paused;
     return THROWING_NEW(__real_)(size);
@@ -290,7 +282,7 @@ void* THROWING_NEW_ARRAY(__real_)(std::size_t size);
 
 void* THROWING_NEW_ARRAY(__wrap_)(std::size_t size)
 {
-    if (Fake::is_inside() && no_memory("throwing new"))
+    if (Fake::is_inside() && no_memory("throwing new", size))
         throw std::bad_alloc();
     const Fake::Paused paused;
     return THROWING_NEW_ARRAY(__real_)(size);
@@ -300,7 +292,10 @@ void* NEW_OBJECT(__real_)(std::size_t size, const std::nothrow_t& tag);
 
 void* NEW_OBJECT(__wrap_)(std::size_t size, const std::nothrow_t& tag)
 {
-    return no_memory("new") ? nullptr : NEW_OBJECT(__real_)(size, tag);
+    if (no_memory("new", size))
+        return nullptr;
+    const Fake::Paused paused; // the original may call the one that throws
+    return NEW_OBJECT(__real_)(size, tag);
 }
 
 // time(), whose name depends on the size of time_t.

@@ -308,7 +308,9 @@ void MonitoredKey::read_notifications()
     const Fake::Calm calm;
     platform().note("MonitoredKey::read_notifications()");
     eventfd_t pending = 0;
-    if (eventfd_read(platform().fd("watch"), &pending) != 0 || !platform().watch_callback)
+    if (eventfd_read(platform().fd("watch"), &pending) != 0)
+        return;
+    if (platform().read_watch() == pending || !platform().watch_callback)
         return;
     const auto callback = platform().watch_callback;
     const bool goes_on = callback(m_watch->m_key, m_watch->m_user);

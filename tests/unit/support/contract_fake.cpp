@@ -15,8 +15,8 @@ namespace orv::contract {
 
 namespace {
 
-using devMgmt::DevInfoChangeType;
 using devMgmt::Device;
+using devMgmt::DevInfoChangeType;
 using fake::Fake;
 
 constexpr std::string Device::*kTexts[] = {&Device::friendly_name, &Device::device_os, &Device::device_type};

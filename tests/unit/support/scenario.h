@@ -2,11 +2,8 @@
 
 #include "fixture.h"
 
-#include <jansson.h>
-
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -74,18 +71,10 @@ protected:
     void check(const Scenario& scenario);
     void check(const Scenarios& scenarios);
 
-    /// Runs the scenario with each call failing that can fail, then with memory running out at each place:
-    /// the client gets one whole answer at most, its connection ends when it must, and each lock is given
-    /// back but those of `kept_locks`.
-    void torture(const Scenario& scenario, const std::set<std::string>& kept_locks = {});
-
 private:
     void check_request(const Scenario& scenario, Peer& peer);
     void check_answer(const Scenario& scenario, Peer& peer);
     void expect_stage(const Scenario::Stage& stage, Peer& peer, bool is_over);
-    void starve(const Scenario& scenario, const std::set<std::string>& kept_locks);
-    std::optional<json_int_t> run_anyhow(const Scenario& scenario, const std::set<std::string>& kept_locks);
-    static std::optional<json_int_t> take_status(Peer& peer, bool is_open, bool is_starving);
     fake::Calls own_calls();
 };
 
