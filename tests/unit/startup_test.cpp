@@ -474,6 +474,7 @@ TEST_F(Shutdown, GivesEverythingBackInTheFixedOrder)
 {
     EXPECT_EQ(run_daemon(), 0);
     EXPECT_EQ(calls_after_last_wait(), joined({{"epoll_ctl(DEL, watch)"}, kGivenBackFirst, kGivenBackLast}));
+    EXPECT_EQ(brokerd::epollfd, -1);
 }
 
 TEST_F(Shutdown, DestroysConnectionsBetweenTheStoresAndTheListeningSocket)

@@ -6,9 +6,54 @@
 #include "orvbrokerd.h"
 #include "subevhandlers.h"
 
+#include <pthread.h>
+
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <unordered_map>
+
+namespace {
+
+using Table = std::unordered_map<std::string, std::string>;
+
+/// What becomes of the list of changed devices while its mutex is held, and while it is not.
+struct Watched {
+    int locks = 0;
+    bool is_changed_without = false;
+    Table last;
+};
+Watched* g_watched = nullptr;
+
+bool is_mutex_of_the_list(const pthread_mutex_t* mutex)
+{
+    return g_watched && mutex == orv::brokerd::g_events_cache_mutex.native_handle();
+}
+
+} // namespace
+
+// The linker sends every call of these functions here.
+extern "C" {
+int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex)
+{
+    const int result = __real_pthread_mutex_lock(mutex);
+    if (is_mutex_of_the_list(mutex)) {
+        ++g_watched->locks;
+        g_watched->is_changed_without =
+            g_watched->is_changed_without || g_watched->last != orv::brokerd::g_events_cache;
+    }
+    return result;
+}
+
+int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex)
+{
+    if (is_mutex_of_the_list(mutex))
+        g_watched->last = orv::brokerd::g_events_cache;
+    return __real_pthread_mutex_unlock(mutex);
+}
+}
 
 namespace orv::test {
 namespace {
@@ -290,6 +335,28 @@ TEST_F(DeviceChanges, CollectedAreSentAsOneList)
     EXPECT_EQ(process_cached_events(brokerd::epollfd), -1);
 }
 
+TEST_F(DeviceChanges, AreCollectedAndTakenUnderTheListsMutexOnly)
+{
+    const Peer peer = subscribe("devices_list_updated");
+    const auto locks_of = [](const std::function<void()>& action) {
+        Watched watched;
+        watched.last = g_events_cache;
+        g_watched = &watched;
+        action();
+        g_watched = nullptr;
+        EXPECT_FALSE(watched.is_changed_without);
+        EXPECT_EQ(watched.last, g_events_cache) << "changed without it";
+        return watched.locks;
+    };
+    EXPECT_EQ(locks_of([] { on_device_info_change_cb(DevInfoChangeType::added, device(), ""); }), 1);
+    EXPECT_EQ(
+        locks_of([] { on_device_info_change_cb(DevInfoChangeType::updated, device(), "friendly_name"); }), 1);
+    EXPECT_EQ(locks_of([] { EXPECT_EQ(process_cached_events(brokerd::epollfd), 0); }), 2)
+        << "to look and to take";
+    EXPECT_THAT(g_events_cache, IsEmpty());
+    EXPECT_EQ(locks_of([] { EXPECT_EQ(process_cached_events(brokerd::epollfd), -1); }), 1);
+}
+
 TEST_F(DeviceChanges, CollectedHaveTheirSubscribersWatchedOnTheDescriptorGiven)
 {
     const Peer peer = subscribe("devices_list_updated");
@@ -398,9 +465,8 @@ TEST_F(SubscriptionChange, IsToldToItsSubscribers)
     const fake::Logs logs = platform->take_logs();
     ASSERT_EQ(logs.size(), 3U);
     EXPECT_EQ(logs[0], (fake::LogLine{2, "processing subscription changed", {}, {}}));
-    EXPECT_EQ(logs[1].level, 2);
-    EXPECT_THAT(logs[1].text, testing::StartsWith("subscription status="));
-    EXPECT_THAT(logs[1].text, testing::EndsWith(" expiry=" + std::to_string(expiry)));
+    EXPECT_EQ(logs[1],
+              (fake::LogLine{2, "subscription status=valid expiry=" + std::to_string(expiry), {}, {}}));
     EXPECT_EQ(logs[2], (fake::LogLine{2, "subscription changed JSON: " + event, {}, {}}));
     EXPECT_THAT(platform->take_calls(), ElementsAre("subs::load()", "epoll_ctl(MOD, client1, IN|OUT)",
                                                     "epoll_ctl(MOD, client2, IN|OUT)"));
