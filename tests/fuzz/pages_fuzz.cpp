@@ -76,18 +76,24 @@ std::string read_file(const std::string& name)
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
+std::size_t place_in(Input& input)
+{
+    const std::size_t page = input.byte();
+    return page * kPageSize + static_cast<std::size_t>(input.number(2)) % kPageSize;
+}
+
 std::string damaged(Input& input)
 {
     std::string bytes = g_sound;
     for (std::size_t i = 0; i < kMostChanges && !input.is_empty(); ++i) {
         const std::uint8_t kind = input.byte();
-        const std::size_t place = input.byte() * kPageSize + input.number(2) % kPageSize;
+        const std::size_t place = place_in(input);
         if (kind == 'c') { // what a full disk leaves
             bytes.resize(std::min(bytes.size(), place));
             continue;
         }
         if (kind == 'm') { // pointers are what pages have most of: a place gets another one's eight bytes
-            const std::size_t from = input.byte() * kPageSize + input.number(2) % kPageSize;
+            const std::size_t from = place_in(input);
             const std::string copied = bytes.substr(std::min(from, bytes.size()), sizeof(std::uint64_t));
             if (place + copied.size() <= bytes.size())
                 bytes.replace(place, copied.size(), copied);
