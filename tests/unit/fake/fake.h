@@ -157,10 +157,10 @@ public:
     /// ones too.
     void fail_nth(std::size_t n, bool onwards = false);
     /// The n-th request for memory of a kind from now on gets none, 0 for never: "malloc", "realloc",
-    /// "strdup", "new" (that without exceptions), "throwing new" (of any kind) or "JSON" (jansson's, and that of a growing text). Only
-    /// the code of the daemon and of the platform's values is meant, not that of other libraries; "watch" is
-    /// what the library throws from making the settings watch and from asking it for its descriptor.
-    /// `onwards`: all later ones too.
+    /// "strdup", "new" (that without exceptions), "throwing new" (of any kind) or "JSON" (jansson's, and that
+    /// of a text that grows). Only the code of the daemon and of the platform's values is meant, not that of
+    /// other libraries; "watch" is what the library throws from making the settings watch and from asking it
+    /// for its descriptor. `onwards`: all later ones too.
     void fail_memory(const std::string& kind, unsigned n = 1, bool onwards = false);
     /// Whether that has happened.
     [[nodiscard]] bool memory_failed(const std::string& kind) const;
