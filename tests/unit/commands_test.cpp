@@ -577,6 +577,17 @@ TEST_F(Commands, WhoseEnvelopeCannotBeBuiltHaveNone)
     EXPECT_EQ(build_response(0, list), nullptr);
 }
 
+TEST_F(Commands, HaveTheSameEnvelopeAroundDataOfAnySize)
+{
+    constexpr std::size_t kKept = std::size_t{64} * 1024; // what is longer is written twice
+    for (std::size_t size = kKept - 40; size < kKept + 4; ++size) {
+        const std::string member(size, 'x');
+        const TextPtr text(build_response(0, json_pack("{s:s}", "a", member.c_str())));
+        ASSERT_TRUE(text);
+        EXPECT_TRUE(text.get() == R"({"data": {"a": ")" + member + R"("}, "status": 0})") << size;
+    }
+}
+
 TEST_F(Commands, HaveAWholeEnvelopeOrNoneWhenMemoryIsShort)
 {
     const std::string member(100000, 'x'); // too long to be kept: it is written twice

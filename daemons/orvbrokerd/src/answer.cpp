@@ -35,14 +35,15 @@ struct BoundedText {
 /// As much as a frame's length can tell, and memory that is addressed by 32 bits hold with a NUL.
 constexpr std::uint64_t kLongest = UINT32_MAX - 1;
 
-/// One for all, since nothing here calls itself; only what was ever used of it takes memory.
-BoundedText g_data;
+/// The envelope: one for all, since nothing here calls itself; only what was ever used of it takes memory.
+BoundedText g_envelope;
 
 bool keep(std::string_view piece, void* /*user*/)
 {
-    if (g_data.size + piece.size() <= BoundedText::kCapacity)
-        std::copy(piece.begin(), piece.end(), g_data.data.begin() + static_cast<std::ptrdiff_t>(g_data.size));
-    g_data.size += piece.size();
+    if (g_envelope.size + piece.size() <= BoundedText::kCapacity)
+        std::copy(piece.begin(), piece.end(),
+                  g_envelope.data.begin() + static_cast<std::ptrdiff_t>(g_envelope.size));
+    g_envelope.size += piece.size();
     return true;
 }
 
@@ -75,16 +76,16 @@ bool keep_list(const json_t* list)
 try {
     std::unordered_map<const json_t*, std::uint64_t> sizes;
     const auto keep_element = [&](const json_t* element) {
-        if (g_data.is_whole() || !is_shared(element))
+        if (g_envelope.is_whole() || !is_shared(element))
             return keep_text(element);
         const auto [known, is_new] = sizes.emplace(element, 0);
-        const std::uint64_t before = g_data.size;
+        const std::uint64_t before = g_envelope.size;
         if (is_new && !keep_text(element))
             return false;
         if (is_new)
-            known->second = g_data.size - before;
+            known->second = g_envelope.size - before;
         else
-            g_data.size += known->second;
+            g_envelope.size += known->second;
         return true;
     };
     std::size_t index = 0;
@@ -102,31 +103,31 @@ try {
     return false;
 }
 
-/// The size of the envelope, 0 when its data have no text or it is too long. To be asked for before its
-/// pieces are.
-std::size_t measure(const fmt::format_int& status, const json_t* data)
+bool keep_data(const json_t* data)
 {
-    g_data.size = 0;
-    if (!(is_repetitive(data) ? keep_list(data) : keep_text(data)))
-        return 0;
-    const std::uint64_t size = kBegin.size() + g_data.size + kMiddle.size() + status.size() + kEnd.size();
-    return size <= kLongest ? static_cast<std::size_t>(size) : 0;
+    return is_repetitive(data) ? keep_list(data) : keep_text(data);
+}
+
+/// Keeps the envelope, as much as there is room for. Its size, 0 when its data have no text or it is too long.
+std::size_t keep_envelope(const fmt::format_int& status, const json_t* data)
+{
+    g_envelope.size = 0;
+    const bool is_whole =
+        keep(kBegin, /*user=*/nullptr) && keep_data(data) && keep(kMiddle, /*user=*/nullptr) &&
+        keep({status.data(), status.size()}, /*user=*/nullptr) && keep(kEnd, /*user=*/nullptr);
+    return is_whole && g_envelope.size <= kLongest ? static_cast<std::size_t>(g_envelope.size) : 0;
 }
 
 /// Takes a piece of a text; false ends it.
 using Take = bool (*)(std::string_view piece, void* user);
 
-/// The data as they were kept, or, when that is not all of them, written once more.
-bool give_data(const json_t* data, Take take, void* user)
-{
-    return g_data.is_whole() ? take({g_data.data.data(), static_cast<std::size_t>(g_data.size)}, user)
-                             : dump_to(data, JSON_ENCODE_ANY, take, user);
-}
-
-/// Gives the envelope that was measured, piece by piece, as long as they are taken. True when all were.
+/// Gives the envelope as it was kept or, when that is not all of it, written once more, piece by piece, as long
+/// as they are taken. True when all were.
 bool give_envelope(const fmt::format_int& status, const json_t* data, Take take, void* user)
 {
-    return take(kBegin, user) && give_data(data, take, user) && take(kMiddle, user) &&
+    if (g_envelope.is_whole())
+        return take({g_envelope.data.data(), static_cast<std::size_t>(g_envelope.size)}, user);
+    return take(kBegin, user) && dump_to(data, JSON_ENCODE_ANY, take, user) && take(kMiddle, user) &&
            take({status.data(), status.size()}, user) && take(kEnd, user);
 }
 
@@ -152,7 +153,7 @@ char* build_response(int status, json_t* data)
 {
     const JsonPtr owned(data);
     const fmt::format_int number(status);
-    const std::size_t size = measure(number, data);
+    const std::size_t size = keep_envelope(number, data);
     TextPtr response(size == 0 ? nullptr : static_cast<char*>(std::malloc(size + 1)));
     char* end = response.get();
     if (!response || !give_envelope(number, data, copy, &end))
@@ -165,7 +166,7 @@ bool queue_response(Connection* conn, int status, json_t* data, int epfd)
 {
     const JsonPtr owned(data);
     const fmt::format_int number(status);
-    const std::size_t size = measure(number, data);
+    const std::size_t size = keep_envelope(number, data);
     if (size == 0)
         return false;
     const auto length = static_cast<std::uint32_t>(size);
