@@ -27,8 +27,8 @@ using orv::devMgmt::Device;
 constexpr std::size_t kMebibyte = std::size_t{1024} * 1024;
 /// What is typed or piped is kept until its end, which may never come.
 constexpr std::size_t kMaxPipedSize = 64 * kMebibyte;
-/// Of a backup, whose size is known before: the largest store, each device's text as long as it can be.
-constexpr std::size_t kMaxBackupSize = 8 * 90 * kMebibyte;
+/// Of a backup, whose size is known before: eight times the largest store, as a text may be that much longer.
+constexpr std::size_t kMaxBackupSize = 720 * kMebibyte;
 
 constexpr const char* kBlanks = " \t\r\n"; ///< what JSON has between its values
 
