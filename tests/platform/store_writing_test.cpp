@@ -217,6 +217,36 @@ TEST_F(BatchTest, Keeps_other_writers_out_for_no_longer_than_they_wait)
     EXPECT_EQ(other.status, 0) << other.err;
 }
 
+TEST_F(BatchTest, Whose_store_cannot_be_written_at_first_has_nothing_written_later)
+{
+    ASSERT_EQ(setKey("/a", "before"), 0);
+    Companion other([](Companion::Ends ends) -> int {
+        uninit();
+        REQUIRE(init() == 0);
+        char byte = 0;
+        {
+            const Batch its_own;
+            REQUIRE(setKey("/other", "x") == 0);
+            REQUIRE(write(ends.out, "w", 1) == 1 && read(ends.in, &byte, 1) == 1);
+        }
+        REQUIRE(write(ends.out, "d", 1) == 1);
+        return static_cast<int>(read(ends.in, &byte, 1));
+    });
+    ASSERT_EQ(other.hear(), 'w');
+    {
+        Batch batch;
+        EXPECT_EQ(setKey("/a", "x"), -3);
+        other.say('e');
+        ASSERT_EQ(other.hear(), 'd');
+        EXPECT_EQ(setKey("/b", "y"), -3);
+        EXPECT_EQ(deleteKey("/a"), -3);
+        EXPECT_EQ(batch.commit(), 0);
+    }
+    EXPECT_EQ(value_of("/a"), "before");
+    EXPECT_EQ(value_of("/b"), "error 4");
+    EXPECT_EQ(setKey("/b", "y"), 0);
+}
+
 TEST_F(BatchTest, Its_changes_are_told_once_it_is_committed)
 {
     ASSERT_EQ(setKey("/gone", "x"), 0);

@@ -47,15 +47,17 @@ store::Write* OpenBatch::to_write(store::Environment& environment, Error& error)
         return nullptr;
     }
     Part& part = &environment == &volatile_settings() ? m_volatile : m_durable;
-    if (!part.transaction) {
+    if (!part.transaction && part.refusal == Error::none) {
         part.transaction.emplace(environment, store::Write::Kind::removing);
-        error = part.transaction->error();
-        if (error != Error::none) {
+        part.refusal = part.transaction->error();
+        if (part.refusal == Error::none)
+            part.environment = &environment;
+        else
             part.transaction.reset();
-            return nullptr;
-        }
-        part.environment = &environment;
     }
+    error = part.refusal;
+    if (error != Error::none)
+        return nullptr;
     return &*part.transaction;
 }
 
