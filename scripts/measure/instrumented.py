@@ -18,7 +18,9 @@ import sys
 import tempfile
 import time
 
-FLAGS = "-O0 -fprofile-instr-generate -fcoverage-mapping -mllvm -runtime-counter-relocation"
+# Processes that run at a time count in the same memory.
+FLAGS = ("-O0 -fprofile-instr-generate -fcoverage-mapping -fprofile-update=atomic "
+         "-mllvm -runtime-counter-relocation")
 DISCARD = "/dev/null"
 
 
