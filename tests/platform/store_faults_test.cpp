@@ -461,6 +461,70 @@ TEST(StoreFaultsAtTheStart, AreToldInALineEachAndLeaveNothingAndTheNextStartSucc
                                            "0 store var/settings: cannot sync the data file" + error}));
 }
 
+TEST(StoreFaultsOfAWatch, LoseNoChange)
+{
+    const TemporaryRoot root;
+    ASSERT_EQ(setMgmt::init(), 0);
+    std::list<setMgmt::MonitoredKey> watches;
+    for (const char* key : {"/a", "/tmp/a"})
+        watches.emplace_back(
+            key,
+            [](const orv::path& changed, void*) {
+                g_told.insert(changed);
+                return true;
+            },
+            /*notify_now=*/false, nullptr, /*keep=*/false);
+    testing::internal::CaptureStderr();
+    for (const bool is_removed : {false, true}) {
+        bool has_failed = true;
+        unsigned number = 1;
+        for (; has_failed; ++number) {
+            for (const char* key : {"/a", "/tmp/a"})
+                (void)setMgmt::deleteKey(key); // it need not be there
+            (void)take_told();
+            for (const char* key : {"/a", "/tmp/a"}) {
+                EXPECT_EQ(setMgmt::setKey(key, "x"), 0);
+                EXPECT_EQ(is_removed ? setMgmt::deleteKey(key) : 0, 0);
+            }
+            {
+                const FailingDatabase failing(number, EIO, /*from_then_on=*/false);
+                store::notify::read();
+                has_failed = g_has_failed;
+            }
+            // Those that were not told the first time are the second time.
+            EXPECT_EQ(take_told(), (std::set<std::string>{"/a", "/tmp/a"})) << number << is_removed;
+        }
+        EXPECT_GT(number, 10U);
+    }
+    (void)testing::internal::GetCapturedStderr();
+    watches.clear();
+    setMgmt::uninit();
+}
+
+TEST(StoreFaultsOfABatch, FailAllThatComesAfterThem)
+{
+    const TemporaryRoot root;
+    ASSERT_EQ(setMgmt::init(), 0);
+    ASSERT_EQ(setMgmt::setKey("/a", "x"), 0);
+    testing::internal::CaptureStderr();
+    {
+        setMgmt::Batch batch;
+        EXPECT_EQ(setMgmt::setKey("/a", "y"), 0);
+        for (unsigned number = 1; number < 20; ++number) {
+            const FailingDatabase failing(number, EIO, /*from_then_on=*/false);
+            if (setMgmt::deleteKey("/a") != 0)
+                break;
+            EXPECT_EQ(setMgmt::setKey("/a", "y"), 0);
+        }
+        EXPECT_EQ(setMgmt::setKey("/b", "z"), -2);
+        EXPECT_EQ(batch.commit(), -2);
+    }
+    (void)testing::internal::GetCapturedStderr();
+    EXPECT_EQ(value_of("/a"), "x");
+    EXPECT_EQ(value_of("/b"), "error 4");
+    setMgmt::uninit();
+}
+
 INSTANTIATE_TEST_SUITE_P(Deeds, StoreFaults, testing::ValuesIn(kDeeds), [](const auto& deed) {
     std::string name = deed.param.name;
     for (char& letter : name)

@@ -194,6 +194,15 @@ TEST_F(KeyLockTest, A_file_system_without_locks_is_an_error_and_a_line)
     EXPECT_EQ(logged(other.err), std::vector<std::string>{"0 cannot take a lock: No locks available"});
 }
 
+TEST_F(KeyLockTest, What_is_no_key_cannot_be_locked)
+{
+    for (const std::string& key : {std::string(), std::string("/a\0b", 4), std::string(600, 'x')}) {
+        EXPECT_EQ(lockKey(key), -1);
+        EXPECT_EQ(unlockKey(key), -1);
+        EXPECT_EQ(orv::_get_orverrno(), 1);
+    }
+}
+
 TEST_F(KeyLockTest, The_place_of_a_lock_is_that_of_other_versions)
 {
     ASSERT_EQ(lockKey("/a"), 0);
