@@ -600,6 +600,22 @@ TEST_F(Router, NeedsAListOfInterfacesThatIsNotEmpty)
     check(Scenario("set_router_interfaces").with({{child("eth0"), "wan"}}).fails());
 }
 
+TEST_F(Router, ListsAllInterfacesOrNoneWhenJsonLacksMemory)
+{
+    platform->settings = {{child("eth0"), "wan"}, {child("eth1"), "lan"}};
+    bool failed = true;
+    for (unsigned n = 1; failed; ++n) {
+        json_t* out = json_null();
+        platform->fail_json_allocation(n);
+        const brokerd::Result result = brokerd::process_get_router_interfaces(out);
+        failed = platform->json_allocation_failed();
+        platform->fail_json_allocation(0);
+        const JsonPtr owned(out);
+        EXPECT_EQ(result, failed ? brokerd::kFailed : brokerd::kDone) << n;
+        EXPECT_EQ(json_array_size(out), failed ? 0U : 2U) << n;
+    }
+}
+
 TEST_F(Router, SkipsTheListOfInterfacesWhenThereIsNone)
 {
     EXPECT_EQ(brokerd::process_set_router_interfaces(nullptr), 0);
