@@ -3,6 +3,7 @@
 #include "base_support.h"
 #include "memory_support.h"
 #include "process_support.h"
+#include "refusal_support.h"
 
 #include <orvutils/error.h>
 #include <orvutils/locking.h>
@@ -11,8 +12,10 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <string>
@@ -21,6 +24,12 @@
 namespace {
 
 using namespace orv::locking;
+
+#ifdef SYS_fcntl64
+constexpr long kLockCall = SYS_fcntl64;
+#else
+constexpr long kLockCall = SYS_fcntl;
+#endif
 
 constexpr int kNotMade = 9;
 
@@ -183,6 +192,20 @@ TEST(Lock, FollowsNoLinkAndTrustsNoDirectoryOfOthersBelowTheRoot)
     ASSERT_EQ(chmod(directory.c_str(), 0777), 0);
     EXPECT_FALSE(plock::make(directory + "/other", flags::create));
     EXPECT_EQ(orv::_get_orverrno(), static_cast<int>(orv::Error::input_output));
+}
+
+TEST(Lock, OnAFileSystemWithoutLocksFailsWithTheErrorNumber)
+{
+    const TemporaryRoot root;
+    const Outcome outcome = in_child([&]() -> int {
+        auto lock = plock::make(root.path() + "/lock", flags::create);
+        REQUIRE(lock);
+        REQUIRE(!plock::make(orv::path(""), flags::none)); // leaves another error
+        REQUIRE(refuse_calls({{kLockCall, ENOLCK}}));
+        REQUIRE(lock->lock(type::exclusive) == result::failed);
+        return orv::_get_orverrno();
+    });
+    EXPECT_EQ(outcome.status, 2) << outcome.err;
 }
 
 TEST(Lock, OfAFileInADirectoryOfOthersTellsWhy)

@@ -490,6 +490,22 @@ TEST_F(Shutdown, DestroysConnectionsBetweenTheStoresAndTheListeningSocket)
     EXPECT_TRUE(client.is_closed());
 }
 
+TEST_F(Shutdown, AcceptsNobodyAnyMoreThoughAConnectionsEndMakesRoom)
+{
+    Client served;
+    Client waiting;
+    platform->on_wait([&] { served.connect(); });
+    platform->on_wait_give({{"server", EPOLLIN}}, [&] {
+        platform->fail("accept(server)", 1, EMFILE);
+        waiting.connect();
+    });
+    EXPECT_EQ(run_daemon(), 0);
+    EXPECT_EQ(calls_after_last_wait(), joined({{"epoll_ctl(DEL, watch)"},
+                                               kGivenBackFirst,
+                                               {"epoll_ctl(DEL, client1)", "close(client1)"},
+                                               kGivenBackLast}));
+}
+
 TEST_F(Shutdown, WithSubscribersLeavesNothingBehind)
 {
     Client discovery;
