@@ -57,9 +57,8 @@ public:
     bool value(const json_t* value, int depth)
     {
         switch (json_typeof(value)) {
-        case JSON_OBJECT:
-            return object(const_cast<json_t*>(value),
-                          depth + 1); // only iterated over
+        case JSON_OBJECT: // which is only iterated over
+            return object(const_cast<json_t*>(value), depth + 1);
         case JSON_ARRAY:
             return array(value, depth + 1);
         case JSON_STRING:
@@ -169,7 +168,7 @@ bool append(std::string_view piece, void* user)
 {
     auto& text = *static_cast<Text*>(user);
     const std::size_t wanted = text.size + piece.size() + 1;
-    if (wanted > text.capacity) {
+    if (!text.data || wanted > text.capacity) {
         const std::size_t capacity = std::max(2 * text.capacity, std::max(wanted, kSmallestText));
         auto* data =
             static_cast<char*>(std::realloc(text.data, capacity)); // NOLINT(cppcoreguidelines-no-malloc)
