@@ -16,6 +16,8 @@
 
 #include "check.h"
 
+#include "files.h"
+
 #include <orvbase/io.h>
 
 #include <lmdb.h>
@@ -25,6 +27,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -36,7 +39,6 @@ namespace orv::store {
 
 namespace {
 
-using base::read_fully;
 using PageNumber = std::size_t;
 
 static_assert(MDB_VERSION_MAJOR == 0 && MDB_VERSION_MINOR == 9,
@@ -51,6 +53,25 @@ constexpr std::size_t kMaxPageSize = 32768;
 constexpr int kMaxDepth = 32; ///< of LMDB's cursors
 constexpr std::size_t kMaxKeySize = 511;
 constexpr int kAttempts = 8;
+
+/// Of the last shortage that reading has met since a check began; 0 for none. A page that the medium has lost is
+/// damage, one that there is no memory for is not.
+int g_shortage = 0;
+
+void note_shortage()
+{
+    if (is_shortage(errno))
+        g_shortage = errno;
+}
+
+bool read_fully(int fd, void* data, std::size_t size, std::uint64_t offset)
+{
+    errno = 0; // the end of the file is no error
+    if (base::read_fully(fd, data, size, offset))
+        return true;
+    note_shortage();
+    return false;
+}
 
 enum PageFlags : std::uint16_t { kBranch = 0x01, kLeaf = 0x02, kOverflow = 0x04, kMeta = 0x08 };
 enum NodeFlags : std::uint16_t { kBigData = 0x01, kSubTree = 0x02 };
@@ -423,7 +444,11 @@ private:
 bool file_size(int fd, std::uint64_t& size)
 {
     struct stat status {};
-    if (fstat(fd, &status) < 0 || !S_ISREG(status.st_mode))
+    if (fstat(fd, &status) < 0) {
+        note_shortage();
+        return false;
+    }
+    if (!S_ISREG(status.st_mode))
         return false;
     size = static_cast<std::uint64_t>(status.st_size);
     return true;
@@ -515,7 +540,9 @@ const char* foreign_origin(int fd)
     return other == kMagic ? kOtherWord : "";
 }
 
-StoreVerdict check_store_file(int fd)
+namespace {
+
+StoreVerdict look_at(int fd)
 {
     std::uint64_t size = 0;
     if (!file_size(fd, size))
@@ -538,6 +565,18 @@ StoreVerdict check_store_file(int fd)
             return {StoreState::damaged, *reason != '\0' ? reason : "broken page structure"};
     }
     return {StoreState::sound, ""}; // whoever commits that quickly has the store open and finds it sound
+}
+
+} // namespace
+
+StoreVerdict check_store_file(int fd)
+{
+    g_shortage = 0;
+    const StoreVerdict verdict = look_at(fd);
+    if (g_shortage == 0)
+        return verdict;
+    errno = g_shortage;
+    return {StoreState::unreadable, ""};
 }
 
 } // namespace orv::store

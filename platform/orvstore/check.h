@@ -12,7 +12,8 @@ enum class StoreState {
     unfinished, ///< its very creation was interrupted; nothing has ever been stored in it
     sound,
     damaged,
-    foreign, ///< whole perhaps, but of another kind of machine or another version of the format
+    foreign,    ///< whole perhaps, but of another kind of machine or another version of the format
+    unreadable, ///< the kernel lacks what it takes to read it: errno tells, and nothing is known of it
 };
 
 struct StoreVerdict {

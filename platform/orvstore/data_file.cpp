@@ -20,6 +20,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -40,13 +41,19 @@ Descriptor open_to_read(const std::string& file)
     return Descriptor(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
 }
 
-std::string first_line(const std::string& file)
+/// The first line of a file, empty when it has none. False, with errno set, when that cannot be told now.
+bool read_line(const std::string& file, std::string& line)
 {
     const Descriptor source = open_to_read(file);
+    if (!source.is_open())
+        return !is_shortage(errno);
     std::array<char, kMaxBootIdSize> buffer{};
     const ssize_t size = base::read_some(source.get(), buffer.data(), buffer.size());
-    const std::string text(buffer.data(), size < 0 ? 0 : static_cast<std::size_t>(size));
-    return text.substr(0, text.find('\n'));
+    if (size < 0)
+        return !is_shortage(errno);
+    line.assign(buffer.data(), static_cast<std::size_t>(size));
+    line.resize(std::min(line.find('\n'), line.size()));
+    return true;
 }
 
 bool write_line(const std::string& file, const std::string& line)
@@ -108,6 +115,8 @@ bool DataFile::prepare()
     if (m_is_in_use || m_is_new)
         return true;
     const StoreVerdict verdict = check_store_file(m_file.get());
+    if (verdict.state == StoreState::unreadable)
+        return fail("read the data file", errno);
     if (verdict.state == StoreState::foreign)
         return refuse(verdict.reason);
     m_is_new = verdict.state != StoreState::sound;
@@ -132,9 +141,12 @@ bool DataFile::refuse(const char* origin)
 /// A file system that outlives a restart of the machine must not make what is volatile do so.
 bool DataFile::forget_last_boot()
 {
-    const std::string boot = first_line("/proc/sys/kernel/random/boot_id");
     const std::string file = m_directory + "/boot_id";
-    if (boot.empty() || first_line(file) == boot)
+    std::string boot;
+    std::string last;
+    if (!read_line("/proc/sys/kernel/random/boot_id", boot) || !read_line(file, last))
+        return fail("tell whether the data file is of the last boot", errno);
+    if (boot.empty() || last == boot)
         return true;
     if (!m_is_new && unlink(m_name.c_str()) < 0 && errno != ENOENT)
         return errno == EROFS || fail("remove the data file of the last boot", errno);

@@ -89,6 +89,11 @@ std::string damaged_file_in(const std::string& directory)
     return directory + "/data.mdb.damaged";
 }
 
+bool is_shortage(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOMEM;
+}
+
 int allocate(int fd, off_t size)
 {
     if (fallocate(fd, 0, 0, size) == 0)

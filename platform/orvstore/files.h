@@ -24,6 +24,9 @@ constexpr mode_t kFileMode = 0600;
 [[nodiscard]] std::string new_file_in(const std::string& directory);
 [[nodiscard]] std::string damaged_file_in(const std::string& directory);
 
+/// Whether an error says nothing of a file: the system lacks descriptors or memory, and will have them again.
+[[nodiscard]] bool is_shortage(int error);
+
 /// Gives the file its blocks, so that a mapping of it can be written to. Existing content stays.
 [[nodiscard]] int allocate(int fd, off_t size);
 
