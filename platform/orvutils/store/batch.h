@@ -30,7 +30,8 @@ private:
     struct Part {
         const store::Environment* environment = nullptr;
         std::optional<store::Write> transaction;
-        /// Why it could not be begun. What comes later is refused as well: it is only the rest of what belongs together.
+        /// Why it could not be begun. What comes later is refused as well: it is only the rest of what
+        /// belongs together.
         Error refusal = Error::none;
     };
 

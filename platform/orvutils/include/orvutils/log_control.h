@@ -19,8 +19,8 @@ constexpr char kSyslogAddress[] = "/dev/log";
 /// Lines up to this level are written from now on.
 void set_threshold(int level);
 
-/// From now on lines go to syslog under this name, cut to 47 bytes: to the datagram socket at this path, which
-/// the caller keeps alive until the process ends.
+/// From now on lines go to syslog under this name, cut to 47 bytes: to the datagram socket at this path,
+/// which the caller keeps alive until the process ends.
 void use_syslog(const char* program, const char* address = kSyslogAddress);
 
 /// Writes what is held back: how often the last line was repeated, when that began at least a second ago,
