@@ -100,7 +100,7 @@ class OfSamples(WithLedger):
         self.assertEqual(self.broken(), broken)
 
     def test_the_first_fifth_is_left_out(self):
-        self.assertEqual(soak.Samples.fifths([9, 9, 1, 3, 5, 5, 5, 5, 4, 6]), (2, 5))
+        self.assertEqual(soak.Samples(self.ledger).fifths([9, 9, 1, 3, 5, 5, 5, 5, 4, 6]), (2, 5))
 
     def test_two_percent_are_flat(self):
         self.check([0] * 4 + [1000] * 12 + [1019] * 4, 12, [])
