@@ -332,6 +332,24 @@ TEST_F(Router, AsksForNothingWhenModelOrLevelAreTheStoredOnes)
                   .succeeds());
 }
 
+TEST_F(Router, SendsModelOrLevelWithAnEmptyNameOrMacToo)
+{
+    for (const Setter& setter : {kModel, kLevel})
+        for (const char* key : {kNameKey, kMacKey}) {
+            std::string payload = setter.payload;
+            const std::string value = '"' + kIdentity.at(key) + '"';
+            ASSERT_NE(payload.find(value), std::string::npos) << payload;
+            payload.replace(payload.find(value), value.size(), "\"\"");
+            check(Scenario(setter.command, "\"" + std::string(setter.value) + "\"")
+                      .with(plus(kIdentity, key, ""))
+                      .calls(reads(setter))
+                      .calls({get(kNameKey), get(kMacKey)})
+                      .asks(kRegister, payload)
+                      .then("0", "{}")
+                      .fails());
+        }
+}
+
 TEST_F(Router, NeedsANameAndAMacToSendModelOrLevel)
 {
     for (const Setter& setter : {kModel, kLevel}) {
