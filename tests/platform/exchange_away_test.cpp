@@ -779,9 +779,11 @@ TEST_F(ExchangeAway, AChildThatKeepsTheSocketDoesNotKeepTheLoopBusy)
     m_bus.kill();
     ASSERT_TRUE(serve_until_away());
     int passes = 0;
-    for (const auto end = steady_clock::now() + milliseconds{500}; steady_clock::now() < end; ++passes)
-        if (is_readable(orvex_get_fd(m_broker.get()), milliseconds{50}))
+    for (const auto end = steady_clock::now() + milliseconds{500}; steady_clock::now() < end; ++passes) {
+        if (is_readable(orvex_get_fd(m_broker.get()), milliseconds{50})) {
             EXPECT_EQ(orvex_read_fd(m_broker.get()), 0);
+        }
+    }
     EXPECT_LT(passes, 30);
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);

@@ -4,6 +4,7 @@
 #include "support/fixture.h"
 
 #include "answer.h"
+#include "make_device.h"
 #include "orvbrokerd.h"
 
 #include <algorithm>
@@ -535,16 +536,20 @@ TEST(ErrorObject, HasACodeAndADescription)
 
 TEST_F(Commands, WhoseAnswerCannotBeBuiltGetNoneAndTheNextOneIsAnswered)
 {
-    const std::string line = command("get_services_status");
+    // Only a list needs memory to be written: one whose text is beyond 64 KiB, and that holds a device twice.
+    platform->settings["/registration/device_id"] = "router-1";
+    platform->devices["d1"] = make_device("d1", "router-1");
+    platform->devices["d1"].display_name.assign(70000, 'x');
+    const std::string line = command("get_devices", R"(["d1", "d1"])");
     int unanswered = 0;
     bool failed = true;
     for (unsigned n = 1; failed; ++n) {
         Peer peer = connect();
         forget_records();
-        platform->fail_json_allocation(n);
+        platform->fail_memory("throwing new", n);
         const bool stays = receive(peer, line + "\n");
-        failed = platform->json_allocation_failed();
-        platform->fail_json_allocation(0);
+        failed = platform->memory_failed("throwing new");
+        platform->fail_memory("throwing new", 0);
         const Logs logs = platform->take_logs();
         if (!failed || logs.back().text != "last operation status is 0")
             continue; // it was answered, or failed before
@@ -553,7 +558,7 @@ TEST_F(Commands, WhoseAnswerCannotBeBuiltGetNoneAndTheNextOneIsAnswered)
         ASSERT_TRUE(drain(peer));
         EXPECT_EQ(peer.client.bytes(), "");
         EXPECT_FALSE(peer.client.is_closed());
-        const Outcome next = run(peer, line);
+        const Outcome next = run(peer, command("get_services_status"));
         EXPECT_EQ(next.answer, R"({"data": {"status": 1}, "status": 0})");
         EXPECT_TRUE(next.stays_open);
         ++unanswered;
