@@ -41,8 +41,11 @@ class Unfit(Exception):
 
 def call(command, **options):
     """What it prints; Unfit with its last words when it fails."""
-    result = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False,
-                            errors="replace", stdin=subprocess.DEVNULL, **options)
+    try:
+        result = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False,
+                                errors="replace", stdin=subprocess.DEVNULL, **options)
+    except OSError as error:
+        raise Unfit("cannot run %s: %s" % (command[0], error.strerror)) from error
     if result.returncode != 0:
         words = result.stdout.strip().splitlines()
         telling = [line for line in words if re.search(r"\berror:|FAILED|fatal", line)] or words

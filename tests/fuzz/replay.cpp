@@ -90,13 +90,13 @@ int main(int argc, char** argv)
         (void)LLVMFuzzerInitialize(&argc, &argv); // ends the process itself when it cannot go on
 
     Random random(1); // NOLINT(cert-msc51-cpp): the same variations each time
-    const std::size_t variations = std::strtoul(argv[2], nullptr, 10) / names.size();
+    const std::size_t variations = std::strtoul(argv[2], nullptr, 10);
     run({});
-    for (const auto& name : names) {
-        const Input seed = read_file(name);
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        const Input seed = read_file(names[i]);
         run(seed);
-        run_variations(seed, variations, random);
+        run_variations(seed, (variations + names.size() - 1 - i) / names.size(), random); // whoever is first has more
     }
-    std::printf("%zu inputs, %zu variations each\n", names.size(), variations);
+    std::printf("%zu inputs, %zu variations\n", names.size(), variations);
     return 0;
 }

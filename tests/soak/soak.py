@@ -402,15 +402,21 @@ def parse_options():
 
 def main():
     options = parse_options()
+    if not options.minutes > 0:
+        sys.exit("soak.py: for how many minutes?")
     world.enter_namespaces()
     seed = options.seed if options.seed is not None else int.from_bytes(os.urandom(3), "big")
     print("seed %d" % seed, flush=True)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     directory = tempfile.mkdtemp(prefix="orv-soak-")
+    try:
+        run = Run(options.minutes * 60, seed, directory)
+    except Exception:
+        shutil.rmtree(directory, ignore_errors=True)
+        raise
     # What helpers complain about when they are disturbed is nobody's concern.
     with open(os.path.join(directory, "stderr.log"), "ab") as complaints:
         os.dup2(complaints.fileno(), 2)
-    run = Run(options.minutes * 60, seed, directory)
     try:
         run.prepare()
         run.go(lambda seconds: print(told(run, seconds), flush=True))

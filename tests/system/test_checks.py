@@ -252,17 +252,17 @@ class Ci(Tree):
         for name in (*self.NAMES, "cross"):
             self.put("scripts/" + name, 'echo "%s $*"\n' % name)
 
-    NAMES = ("setup", "format", "check-includes", "test", "footprint", "instructions", "lint")
+    NAMES = ("setup", "setup-cross", "format", "check-includes", "test", "footprint", "instructions", "lint")
     LAST = "== sizes\nfootprint --check release armmusl\n== instructions\ninstructions --check\n== static checks\nlint \nall passed\n"
 
     def test_it_passes_when_all_do(self):
-        self.assertEqual(self.execute(".ci/run"), (0, "setup \nformat --check\ncheck-includes \ntest \n"
+        self.assertEqual(self.execute(".ci/run"), (0, "setup \nsetup-cross i686\nformat --check\ncheck-includes \ntest \n"
                                                       "== 32-bit x86\ncross --prepare i686\ncross --test i686\n"
                                                       "== the router\ncross --is-prepared armmusl\ncross armmusl\n" + self.LAST, ""))
 
     def test_what_cannot_be_had_for_32_bits_is_told_loudly_and_no_failure(self):
         self.put("scripts/cross", '[ "$1" = armmusl ] || exit 3\n')
-        self.assertEqual(self.execute(".ci/run"), (0, "setup \nformat --check\ncheck-includes \ntest \n== 32-bit x86\n"
+        self.assertEqual(self.execute(".ci/run"), (0, "setup \nsetup-cross i686\nformat --check\ncheck-includes \ntest \n== 32-bit x86\n"
                                                       "*** NOT TESTED: the libraries for 32-bit x86 cannot be had today, so "
                                                       "nothing was built or tested for 32 bits ***\n== the router\n"
                                                       "not built: there is no tool chain for it here yet (scripts/cross "
@@ -274,7 +274,7 @@ class Ci(Tree):
             self.assertEqual(self.execute(".ci/run")[0], 1, failing)
 
     def test_it_fails_when_anything_does_and_tells_what_the_static_checks_found(self):
-        for name in self.NAMES:
+        for name in (name for name in self.NAMES if name != "setup-cross"):
             with self.subTest(name=name):
                 self.put("scripts/" + name, "echo bad >&2\nexit 1\n")
                 status, output, errors = self.execute(".ci/run")

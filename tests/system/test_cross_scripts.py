@@ -16,10 +16,9 @@ SOURCE = os.path.dirname(SCRIPTS)
 
 def is_running(pid):
     try:
-        os.kill(pid, 0)
-    except ProcessLookupError:
+        return world.state_of(pid) != "Z"
+    except (FileNotFoundError, ProcessLookupError):
         return False
-    return True
 
 
 class Cross(Tree):

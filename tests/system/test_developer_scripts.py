@@ -295,9 +295,23 @@ print(time.monotonic() - begin)
         self.assertEqual(self.check_slow(), "scripts/slowly: no control group can be made, so a busy loop takes the time\n")
 
     def test_it_ends_as_the_command_does_and_leaves_no_group_behind(self):
-        self.assertEqual(self.execute("slowly", "sh", "-c", "exit 3").returncode, 3)
-        self.assertEqual([name for _, names, _ in os.walk("/sys/fs/cgroup") for name in names if name.startswith("orv-slowly-")],
-                         [])
+        self.check_end(lambda script: None, "exit 3", 3)
+
+    def test_it_ends_at_once_when_told_to_and_leaves_nothing_behind(self):
+        for number, status in ((signal.SIGTERM, 143), (signal.SIGHUP, 129)):
+            self.check_end(lambda script, number=number: script.send_signal(number), "echo $$; exec sleep 100", status)
+
+    def check_end(self, act, text, status):
+        with subprocess.Popen([self.path("scripts", "slowly"), "sh", "-c", text], env=self.environment(),
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True) as script:
+            pid = script.stdout.readline().strip() if "echo" in text else None
+            act(script)
+            self.assertEqual(script.wait(world.DEADLINE), status)
+        if pid:
+            world.wait_until(lambda: not os.path.exists("/proc/" + pid) or world.state_of(int(pid)) == "Z", "the command has ended")
+        name = "orv-slowly-%d" % script.pid
+        if not pid:
+            self.assertFalse(any(name in names for _, names, _ in os.walk("/sys/fs/cgroup")))
 
 
 class Build(Tree):

@@ -219,7 +219,7 @@ int run_device_show(const std::string& id, Output& output)
 
 int run_device_put(const std::string& data)
 {
-    // Before the stores are opened: while they are, others wait for us.
+    // Before the stores are opened: who types it may take his time.
     std::string text = data;
     if (data == "-") {
         text.clear();

@@ -16,8 +16,8 @@ namespace orv::brokerd {
 
 namespace {
 
-// The envelope is always the same, so only what is in it goes through the JSON library: this is on the way of
-// every answer.
+// The envelope is always the same, so only what is in it is written as JSON: this is on the way of every
+// answer.
 constexpr std::string_view kBegin = R"({"data": )";
 constexpr std::string_view kMiddle = R"(, "status": )";
 constexpr std::string_view kEnd = "}";

@@ -52,7 +52,7 @@ void uninit();
 /// what setKey() and deleteKey() do in this process goes into it, and getKey() and enumSubkeys() see it;
 /// nobody else does, and other processes cannot write. Each call succeeds or fails as it would alone, and one
 /// that fails leaves the batch as it was before (but for an input/output error, and for a store that could not
-/// be written when it was first to be, after which all else fails, too).
+/// be written when it was first to be, after which nothing more of the batch is written to that store).
 ///
 /// A batch in another one belongs to that one. The end of the store is that of its batch.
 class Batch {

@@ -1,9 +1,10 @@
 // Writing JSON, byte for byte as the JSON library does. Its own writer keeps a table of the objects and arrays
 // around the present one, for fear that one contains itself, which costs several times what writing costs; and
-// a key that finds no memory is left out without a word. Here nothing needs memory but what takes the text.
+// a key that finds no memory is left out without a word. Here nothing needs memory but what takes the text and
+// a number with a fraction, which the library writes.
 //
 // A value that contains itself is found out by its depth, which is beyond what any text that is parsed leads to.
-// Strings hold nothing but UTF-8: the library has seen to that when they were made.
+// Strings hold nothing but UTF-8, and keys no NUL: the library has seen to that when they were made.
 
 #include <orvutils/json.h>
 

@@ -49,7 +49,7 @@ public:
 
     /// Does, at most ten times a second, what every use does first: opens it again if something else lies
     /// under its name by now, or if it could not be opened so far. Renews the copy of a store that has one,
-    /// a piece at a time.
+    /// a piece at a time; a small one, and one that was interrupted for long, at once.
     void look_after();
     /// The same, at once.
     void refresh();
