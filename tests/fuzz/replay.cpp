@@ -95,7 +95,8 @@ int main(int argc, char** argv)
     for (std::size_t i = 0; i < names.size(); ++i) {
         const Input seed = read_file(names[i]);
         run(seed);
-        run_variations(seed, (variations + names.size() - 1 - i) / names.size(), random); // whoever is first has more
+        // What does not come out even goes to the first ones.
+        run_variations(seed, (variations + names.size() - 1 - i) / names.size(), random);
     }
     std::printf("%zu inputs, %zu variations\n", names.size(), variations);
     return 0;
