@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <iterator>
@@ -369,7 +370,7 @@ protected:
             ASSERT_EQ(lines.size(), 1U) << g_failed_call;
             EXPECT_EQ(lines[0].find("0 store "), 0U) << lines[0];
             EXPECT_EQ(lines[0].substr(lines[0].find(": ")),
-                      ": cannot " + known->second + ": Input/output error");
+                      ": cannot " + known->second + ": " + std::strerror(EIO));
         }
         EXPECT_EQ(deed.outcome(), done ? wanted : before);
         const std::set<std::string> told = take_told();
@@ -453,7 +454,7 @@ TEST(StoreFaultsAtTheStart, AreToldInALineEachAndLeaveNothingAndTheNextStartSucc
             setMgmt::uninit();
         }
     }
-    const std::string error = ": Input/output error";
+    const std::string error = std::string(": ") + std::strerror(EIO);
     EXPECT_EQ(told, (std::set<std::string>{"0 store tmp/settings: cannot open the store" + error,
                                            "0 store tmp/settings: cannot open the trees" + error,
                                            "0 store var/settings: cannot open the store" + error,
