@@ -4,6 +4,7 @@ import os
 import re
 import shutil
 import subprocess
+import sys
 import unittest
 
 import world
@@ -86,7 +87,8 @@ class Check(Tree):
         os.rename(self.path("stubs", "strip"), self.path("stubs", "other"))
         environment = self.environment(PATH=self.path("only"))
         os.mkdir(self.path("only"))
-        for name in ("env", "python3", "dirname", "sh"):
+        os.symlink(sys.executable, self.path("only", "python3"))  # by its name there may be a script that needs more
+        for name in ("env", "dirname", "sh"):
             os.symlink(shutil.which(name), self.path("only", name))
         result = subprocess.run([self.path("scripts", "footprint"), "--check"], env=environment, stdout=subprocess.PIPE,
                                 stderr=subprocess.PIPE, text=True, timeout=world.DEADLINE, check=False)
